@@ -1,0 +1,16 @@
+// airtext.h - a decoded datagram as a line for people and as a JSON object for programs.
+//
+// Pure functions, used by watch. Texts from the network are made safe here.
+#ifndef PCCAST_CLI_AIRTEXT_H
+#define PCCAST_CLI_AIRTEXT_H
+
+#include "airdecode.h"
+
+// One line without its newline. ulNow: when it was heard, seconds; sSender: its address.
+std::string airLine(const AIR_RECORD &record, unsigned long ulNow, const std::string &sSender);
+std::string airJSON(const AIR_RECORD &record, unsigned long ulNow, const std::string &sSender);
+
+// The destination "address:port", or "the station file's group", or empty.
+std::string airDestination(const AIR_RECORD &record);
+
+#endif

@@ -1,0 +1,47 @@
+// pccast cancel - takes a message back.
+#include "commands.h"
+#include "request.h"
+
+#include <CLI/CLI.hpp>
+
+#include <ctime>
+#include <memory>
+
+namespace {
+
+struct CANCEL_OPTIONS {
+    std::string sIdentity;
+    bool bPriority = false;
+    std::string sPlugin;
+};
+
+int cancel(const CANCEL_OPTIONS &options) {
+    MESSAGE_IDENTITY identity{};
+    const int iExit = checkArgument("IDENTITY", readMessageIdentity(options.sIdentity, &identity));
+    if (iExit != EXIT_DONE) {
+        return iExit;
+    }
+    if (identity.ulET <= static_cast<unsigned long>(time(nullptr))) {
+        return sayAndReturn(EXIT_BAD_DATA, "that message ended by itself at " + writeTime(identity.ulET) +
+                                               "; there is nothing left to cancel");
+    }
+    // A cancel reaches only the list that the message was filed in; it must have a text, whatever it says.
+    identity.bPriority = identity.bPriority || options.bPriority;
+    const int iSent = sendMessage(options.sPlugin, PCMBC_CMD_CANCEL, identity, 1, "cancel");
+    return iSent == EXIT_DONE ? sayAndReturn(EXIT_DONE, "cancel requested") : iSent;
+}
+
+} // namespace
+
+void addCancelCommand(CLI::App &app, int &iExitCode) {
+    auto *const pCommand = app.add_subcommand("cancel", "take a message back");
+    auto options = std::make_shared<CANCEL_OPTIONS>();
+    pCommand->add_option("IDENTITY", options->sIdentity, "the line that message printed")
+        ->type_name("")
+        ->required();
+    pCommand->add_flag("--priority", options->bPriority,
+                       "it was a priority message (where IDENTITY does not end in :priority)");
+    addPluginOption(pCommand, options->sPlugin);
+    pCommand->footer(helpExample("pccast cancel 1:1790000000:1790000000:1790000600:priority"));
+    pCommand->callback([options, &iExitCode] { iExitCode = cancel(*options); });
+}

@@ -1,0 +1,43 @@
+// commands.h - the subcommands of pccast, a file each, and the exit codes that scripts may rely on.
+//
+// Every command adds itself to the app; its callback runs in the main thread and leaves the program's exit
+// code in iExitCode. What a script may want to read goes to standard output; the words for people go to
+// standard error.
+#ifndef PCCAST_CLI_COMMANDS_H
+#define PCCAST_CLI_COMMANDS_H
+
+#include <string>
+
+namespace CLI {
+class App;
+}
+
+enum PCCAST_EXIT {
+    EXIT_DONE = 0,         // done
+    EXIT_USAGE = 64,       // the command line cannot be understood
+    EXIT_BAD_DATA = 65,    // understood, but it cannot be cast or sent so
+    EXIT_NO_INPUT = 66,    // a file cannot be read
+    EXIT_UNAVAILABLE = 69, // no service listens, or it cannot be started
+    EXIT_INTERNAL = 70,    // the program or the system failed
+    EXIT_SWITCHED_OFF = 78 // the registry switches the service off
+};
+
+void addServeCommand(CLI::App &app, int &iExitCode);
+void addRelayCommand(CLI::App &app, int &iExitCode);
+void addFileCommand(CLI::App &app, int &iExitCode);
+void addStopCommand(CLI::App &app, int &iExitCode);
+void addMessageCommand(CLI::App &app, int &iExitCode);
+void addCancelCommand(CLI::App &app, int &iExitCode);
+void addWatchCommand(CLI::App &app, int &iExitCode);
+void addStationCommand(CLI::App &app, int &iExitCode);
+
+// Says sText on standard error under the program's name and returns iExitCode.
+int sayAndReturn(int iExitCode, const std::string &sText);
+
+// Returns EXIT_DONE when sProblem is empty, else says it of the argument and returns EXIT_USAGE.
+int checkArgument(const char *pszArgument, const std::string &sProblem);
+
+// What is printed below an example's heading at the end of a command's help.
+std::string helpExample(const std::string &sExample);
+
+#endif

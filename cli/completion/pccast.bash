@@ -1,0 +1,67 @@
+# Completion of pccast for bash: source this file, or install it as
+# /usr/share/bash-completion/completions/pccast
+
+_pccast() {
+    local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} command= i
+    COMPREPLY=()
+    for ((i = 1; i < COMP_CWORD; i++)); do
+        case ${COMP_WORDS[i]} in
+            serve | relay | file | stop | message | cancel | watch | station)
+                command=${COMP_WORDS[i]}
+                break
+                ;;
+        esac
+    done
+
+    # What follows an option that takes a value.
+    case $before in
+        --interface)
+            COMPREPLY=($(compgen -W "$(ls /sys/class/net 2>/dev/null)" -- "$word"))
+            return
+            ;;
+        --format)
+            COMPREPLY=($(compgen -W "ts asf" -- "$word"))
+            return
+            ;;
+        --type)
+            COMPREPLY=($(compgen -W "$([ "$command" = stop ] && echo 1) 2 3" -- "$word"))
+            return
+            ;;
+        --start | --end)
+            COMPREPLY=($(compgen -W "now +30s +5m +1h" -- "$word"))
+            return
+            ;;
+        --for)
+            COMPREPLY=($(compgen -W "30s 5m 1h 1d" -- "$word"))
+            return
+            ;;
+        --plugin | --show | -o)
+            COMPREPLY=($(compgen -f -- "$word"))
+            return
+            ;;
+    esac
+
+    local request="--epg --start --end --for --plugin --help"
+    case $command in
+        "") COMPREPLY=($(compgen -W "serve relay file stop message cancel watch station --help --version" -- "$word")) ;;
+        serve) COMPREPLY=($(compgen -W "--interface --plugin --help" -- "$word")) ;;
+        relay) COMPREPLY=($(compgen -W "$request --format --type --key --seed --fast-seed --chunks" -- "$word")) ;;
+        file)
+            case $word in
+                -*) COMPREPLY=($(compgen -W "$request --to --format --stream-id" -- "$word")) ;;
+                *) COMPREPLY=($(compgen -f -- "$word")) ;;
+            esac
+            ;;
+        stop) COMPREPLY=($(compgen -W "--epg --type --start --end --port --format --plugin --help" -- "$word")) ;;
+        message) COMPREPLY=($(compgen -W "$request --priority --repeat" -- "$word")) ;;
+        cancel) COMPREPLY=($(compgen -W "--priority --plugin --help" -- "$word")) ;;
+        watch) COMPREPLY=($(compgen -W "--json --plain --for --count --interface --help" -- "$word")) ;;
+        station)
+            case $word in
+                -*) COMPREPLY=($(compgen -W "--group --port --ttl --name --show -o --help" -- "$word")) ;;
+                *) COMPREPLY=($(compgen -f -- "$word")) ;;
+            esac
+            ;;
+    esac
+}
+complete -o filenames -F _pccast pccast

@@ -1,0 +1,70 @@
+// pccast - the service's host and its command line, a subcommand a file.
+#include "commands.h"
+
+#include <CLI/CLI.hpp>
+
+#include <csignal>
+#include <cstdio>
+
+namespace {
+
+constexpr void (*COMMANDS[])(CLI::App &, int &) = {
+    addServeCommand,   addRelayCommand,  addFileCommand,  addStopCommand,
+    addMessageCommand, addCancelCommand, addWatchCommand, addStationCommand,
+};
+
+constexpr const char *FOOTER =
+    R"(Times: now, +30s, +5m, +1h, 18:00, 2026-11-24T18:00:00 (local time), 2026-11-24T18:00:00Z, @SECONDS.
+Addresses: ADDRESS:PORT, for example 239.1.2.3:5000. Numbers: decimal, or hexadecimal behind 0x.
+
+Exit codes: 0 done; 64 the command line cannot be understood; 65 it cannot be cast or sent so; 66 a file
+cannot be read; 69 no service listens, or it cannot be started; 70 the program or the system failed; 78 the
+registry switches the service off.
+
+Each command has more: pccast COMMAND --help
+Example:
+  pccast serve & pccast relay 239.0.0.1:4000 239.1.2.3:5000 --for 1h; pccast watch)";
+
+} // namespace
+
+int sayAndReturn(int iExitCode, const std::string &sText) {
+    fflush(stdout);
+    fprintf(stderr, "pccast: %s\n", sText.c_str());
+    return iExitCode;
+}
+
+int checkArgument(const char *pszArgument, const std::string &sProblem) {
+    return sProblem.empty() ? EXIT_DONE
+                            : sayAndReturn(EXIT_USAGE, std::string(pszArgument) + ": " + sProblem);
+}
+
+std::string helpExample(const std::string &sExample) {
+    return "Example:\n  " + sExample;
+}
+
+int main(int iArguments, char **ppArguments) {
+    signal(SIGPIPE, SIG_IGN); // a peer that hangs up is an error to report, not the end
+
+    CLI::App app("Casts live streams and stored files onto multicast groups and shows messages.", "pccast");
+    app.set_version_flag("--version", "pccast " PCCAST_VERSION);
+    app.require_subcommand(1);
+    app.footer(FOOTER);
+    int iExitCode = EXIT_DONE;
+    for (const auto pAddCommand : COMMANDS) {
+        pAddCommand(app, iExitCode);
+    }
+    app.failure_message([](const CLI::App *, const CLI::Error &error) {
+        return std::string("pccast: ") + error.what() + "; see pccast --help, or --help after a command\n";
+    });
+    const auto isFirst = [&](const CLI::App *pCommand) { return pCommand->get_name() == ppArguments[1]; };
+    if (iArguments > 1 && ppArguments[1][0] != '-' && app.get_subcommands(isFirst).empty()) {
+        return sayAndReturn(EXIT_USAGE, std::string("there is no command '") + ppArguments[1] +
+                                            "'; pccast --help lists them");
+    }
+    try {
+        app.parse(iArguments, ppArguments);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
+    }
+    return iExitCode;
+}

@@ -1,0 +1,73 @@
+// pccast message - submits a text for every receiver.
+#include "commands.h"
+#include "request.h"
+
+#include <CLI/CLI.hpp>
+#include <qxapi_ktn.h>
+#include <qxapi_ktn_frame.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+
+namespace {
+
+constexpr unsigned long REPEAT_MAX = 65535;
+// Around the text: the frame's header, six number items and the text item's own header.
+constexpr unsigned long TEXT_MAX = KTNET_UDP_FRAME_MAX - KTNET_FRAME_HEADER_SIZE - 5 * 8 - 6 - 4;
+constexpr unsigned long SHORTEST_DEFAULT = 600;
+
+struct MESSAGE_OPTIONS {
+    REQUEST_OPTIONS request;
+    std::string sText;
+    std::string sRepeat = "1";
+    bool bPriority = false;
+};
+
+// Long enough for every broadcast: after each the service pauses 7 s and 1 s more for 5 bytes of text.
+unsigned long defaultFor(unsigned long ulRepeat, size_t uLength) {
+    return std::max(SHORTEST_DEFAULT, ulRepeat * (7 + uLength / 5) + 60);
+}
+
+int message(const MESSAGE_OPTIONS &options) {
+    unsigned long ulRepeat = 0;
+    REQUEST_TIMES times{};
+    int iExit = checkArgument("--repeat", readNumber(options.sRepeat, REPEAT_MAX, &ulRepeat));
+    if (iExit == EXIT_DONE && options.sText.empty()) {
+        iExit = sayAndReturn(EXIT_BAD_DATA, "TEXT is empty; the service would drop the message");
+    }
+    if (iExit == EXIT_DONE && options.sText.size() > TEXT_MAX) {
+        iExit =
+            sayAndReturn(EXIT_BAD_DATA, "TEXT has " + std::to_string(options.sText.size()) +
+                                            " bytes; one datagram holds at most " + std::to_string(TEXT_MAX));
+    }
+    if (iExit == EXIT_DONE) {
+        iExit = readRequestOptions(options.request, defaultFor(ulRepeat, options.sText.size()), &times);
+    }
+    if (iExit != EXIT_DONE) {
+        return iExit;
+    }
+    const MESSAGE_IDENTITY identity{times.ulEPGID, times.ulCT, times.ulST, times.ulET, options.bPriority};
+    iExit = sendMessage(options.request.sPlugin, PCMBC_CMD_MSG, identity, ulRepeat, options.sText);
+    if (iExit == EXIT_DONE) {
+        printf("%s\n", writeMessageIdentity(identity).c_str());
+        sayAndReturn(EXIT_DONE, "message requested from " + writeTime(times.ulST) + " to " +
+                                    writeTime(times.ulET) + "; pccast cancel takes the line above");
+    }
+    return iExit;
+}
+
+} // namespace
+
+void addMessageCommand(CLI::App &app, int &iExitCode) {
+    auto *const pCommand = app.add_subcommand("message", "show a text on every receiver");
+    auto options = std::make_shared<MESSAGE_OPTIONS>();
+    pCommand->add_option("TEXT", options->sText, "the text")->type_name("")->required();
+    pCommand->add_flag("--priority", options->bPriority, "ahead of all ordinary messages");
+    pCommand->add_option("--repeat", options->sRepeat, "how often it is sent; 0: until its end (default 1)")
+        ->type_name("N");
+    addRequestOptions(pCommand, options->request, "10m, longer for many repeats");
+    pCommand->footer("Prints the message's identity, which pccast cancel takes back.\n\n" +
+                     helpExample("pccast message \"Fire drill at noon\" --priority --repeat 3"));
+    pCommand->callback([options, &iExitCode] { iExitCode = message(*options); });
+}

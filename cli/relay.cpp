@@ -1,0 +1,110 @@
+// pccast relay - submits the cast of a live stream.
+#include "commands.h"
+#include "request.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <memory>
+
+namespace {
+
+constexpr unsigned long DEFAULT_FOR = 3600;
+
+struct RELAY_OPTIONS {
+    REQUEST_OPTIONS request;
+    std::string sSource;
+    std::string sDestination;
+    std::string sFormat = "ts";
+    std::string sType = "2";
+    std::string sKey;
+    bool bSeed = false;
+    bool bFastSeed = false;
+    bool bChunks = false;
+};
+
+int relay(const RELAY_OPTIONS &options) {
+    CAST_REQUEST request{};
+    REQUEST_TIMES times{};
+    CAST_IDENTITY &identity = request.identity;
+    int iExit =
+        checkArgument("SOURCE", readEndpoint(options.sSource, &request.sSource, &request.usSourcePort));
+    if (iExit == EXIT_DONE) {
+        iExit = checkArgument("DESTINATION",
+                              readEndpoint(options.sDestination, &request.sDestination, &identity.usPort));
+    }
+    if (iExit == EXIT_DONE) {
+        iExit = checkArgument("--format", readFormat(options.sFormat, &identity.ulFormat));
+    }
+    if (iExit == EXIT_DONE && !options.sKey.empty()) {
+        iExit = checkArgument("--key", readKey(options.sKey, &request.key));
+        request.iEncryptionType = options.bFastSeed ? CAST_ENCRYPTION_FAST_SEED : CAST_ENCRYPTION_SEED;
+    }
+    if (iExit == EXIT_DONE) {
+        iExit = readRequestOptions(options.request, DEFAULT_FOR, &times);
+    }
+    if (iExit != EXIT_DONE) {
+        return iExit;
+    }
+    if (request.sSource == request.sDestination && request.usSourcePort == identity.usPort) {
+        return sayAndReturn(EXIT_BAD_DATA, "source and destination are both " + options.sSource +
+                                               ": the relay would feed itself; give two different ones");
+    }
+
+    identity.ulEPGID = times.ulEPGID;
+    identity.ulType = options.sType == "3" ? CAST_TYPE_STREAM_2 : CAST_TYPE_STREAM;
+    identity.ulST = times.ulST;
+    identity.ulET = times.ulET;
+    request.ulCT = times.ulCT;
+    request.iASFSplit = options.bChunks ? CAST_SPLIT_CHUNKS : CAST_SPLIT_NONE;
+    warnWithoutStationFile(identity.ulFormat);
+    iExit = sendCast(options.request.sPlugin, CAST_CMD_START, request);
+    if (iExit == EXIT_DONE) {
+        printf("%s\n", writeCastIdentity(identity).c_str());
+        sayAndReturn(EXIT_DONE, "relay of " + options.sSource + " to " + options.sDestination +
+                                    " requested from " + writeTime(times.ulST) + " to " +
+                                    writeTime(times.ulET) + "; pccast stop takes the line above");
+    }
+    return iExit;
+}
+
+} // namespace
+
+void addRelayCommand(CLI::App &app, int &iExitCode) {
+    auto *const pCommand = app.add_subcommand("relay", "cast the live stream that arrives at SOURCE");
+    auto options = std::make_shared<RELAY_OPTIONS>();
+    pCommand
+        ->add_option(
+            "SOURCE", options->sSource,
+            "where the stream arrives: a group (joined on the loopback interface) or an address of this "
+            "machine")
+        ->type_name("ADDRESS:PORT")
+        ->required();
+    pCommand->add_option("DESTINATION", options->sDestination, "the group that it is sent to")
+        ->type_name("ADDRESS:PORT")
+        ->required();
+    addRequestOptions(pCommand, options->request, "1h");
+    pCommand->add_option("--format", options->sFormat, "what it carries (default ts)")
+        ->type_name("ts|asf|NUMBER");
+    pCommand
+        ->add_option("--type", options->sType,
+                     "the cast type, 2 or 3; the service treats both alike (default 2)")
+        ->check(CLI::IsMember({"2", "3"}))
+        ->type_name("");
+    auto *const pKey = pCommand
+                           ->add_option("--key", options->sKey,
+                                        "decrypt with this key, up to 16 bytes (shorter: "
+                                        "zeros follow)")
+                           ->type_name("HEX");
+    auto *const pSeed =
+        pCommand->add_flag("--seed", options->bSeed, "the key is for SEED (the default)")->needs(pKey);
+    pCommand->add_flag("--fast-seed", options->bFastSeed, "the key is for SEED in its fast variant")
+        ->needs(pKey)
+        ->excludes(pSeed);
+    pCommand->add_flag("--chunks", options->bChunks,
+                       "each datagram holds chunks behind 16-bit little-endian lengths; send each alone");
+    pCommand->footer(
+        "Prints the cast's identity, which pccast stop takes back.\n\n" +
+        helpExample("pccast relay 239.0.0.1:4000 239.1.2.3:5000 --epg 7 --start 18:00 --for 2h"));
+    pCommand->callback([options, &iExitCode] { iExitCode = relay(*options); });
+}

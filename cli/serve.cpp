@@ -1,0 +1,171 @@
+// pccast serve - the host process: loads the plug-in, opens it, runs until it is told to end, closes it.
+#include "commands.h"
+#include "service.h"
+
+#include <CLI/CLI.hpp>
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <thread>
+
+namespace {
+
+struct SERVE_OPTIONS {
+    std::string sInterface;
+    std::string sPlugin;
+};
+
+constexpr std::array<const char *, 2> SOCKETS{PCCAST_CAST_SOCKET, PCCAST_MESSAGE_SOCKET};
+constexpr std::chrono::milliseconds LOOK_INTERVAL{20};
+constexpr int LISTEN_LOOKS = 250; // 5 s for both sockets to be served
+
+bool isInterface(const std::string &sInterface) {
+    if (if_nametoindex(sInterface.c_str()) != 0) {
+        return true;
+    }
+    struct in_addr wanted {};
+    struct ifaddrs *pFirst = nullptr;
+    if (inet_pton(AF_INET, sInterface.c_str(), &wanted) != 1 || getifaddrs(&pFirst) != 0) {
+        return false;
+    }
+    const std::unique_ptr<struct ifaddrs, decltype(&freeifaddrs)> guard(pFirst, freeifaddrs);
+    for (const struct ifaddrs *p = pFirst; p != nullptr; p = p->ifa_next) {
+        if (p->ifa_addr != nullptr && p->ifa_addr->sa_family == AF_INET &&
+            reinterpret_cast<const struct sockaddr_in *>(p->ifa_addr)->sin_addr.s_addr == wanted.s_addr) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Says why the sockets cannot be had when another service serves one of them, or something is in the way.
+int checkSocketsFree() {
+    for (const char *pszSocket : SOCKETS) {
+        const int iError = probeSocket(pszSocket);
+        if (iError == 0 || iError == EACCES || iError == EAGAIN) {
+            return sayAndReturn(EXIT_UNAVAILABLE, std::string("another service already listens on ") +
+                                                      pszSocket + "; end that one first");
+        }
+        // A refused connection is a stale file, which the service replaces; no file is the usual case.
+        if (iError != ENOENT && iError != ECONNREFUSED) {
+            return sayAndReturn(EXIT_UNAVAILABLE,
+                                std::string(pszSocket) + " cannot be used: " + strerror(iError));
+        }
+    }
+    return EXIT_DONE;
+}
+
+// The open call succeeds also when a socket cannot be had, so look. Returns the socket that nobody serves in
+// time, null when both are served.
+const char *waitUntilServed() {
+    const char *pszMissing = nullptr;
+    for (int i = 0; i < LISTEN_LOOKS; ++i) {
+        pszMissing = nullptr;
+        for (const char *pszSocket : SOCKETS) {
+            if (probeSocket(pszSocket) != 0) {
+                pszMissing = pszSocket;
+            }
+        }
+        if (pszMissing == nullptr) {
+            return nullptr;
+        }
+        std::this_thread::sleep_for(LOOK_INTERVAL);
+    }
+    return pszMissing;
+}
+
+// Closes on a thread of its own, so that a further signal gets an answer meanwhile.
+int closePlugin(const PLUGIN &plugin, const sigset_t &signals) {
+    std::atomic<bool> bClosed{false};
+    int iResult = 0;
+    std::thread closer([&] {
+        iResult = plugin.pClose(nullptr);
+        bClosed.store(true);
+    });
+    const struct timespec interval { 0, 20'000'000 };
+    while (!bClosed.load()) {
+        const int iSignal = sigtimedwait(&signals, nullptr, &interval);
+        if (iSignal > 0) {
+            printf("pccast: %s: already closing, one moment\n", strsignal(iSignal));
+        }
+    }
+    closer.join();
+    return iResult;
+}
+
+int serve(const SERVE_OPTIONS &options) {
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    if (!options.sInterface.empty()) {
+        if (!isInterface(options.sInterface)) {
+            return sayAndReturn(EXIT_USAGE,
+                                "--interface: '" + options.sInterface +
+                                    "' is no interface of this machine; give a name such as eth0 or "
+                                    "one of its addresses (ip -brief address lists them)");
+        }
+        setenv("KTNET_MULTICAST_IF", options.sInterface.c_str(), 1);
+    }
+
+    PLUGIN plugin{};
+    int iExit = loadPlugin(options.sPlugin, &plugin);
+    if (iExit == EXIT_DONE) {
+        iExit = checkSocketsFree();
+    }
+    if (iExit != EXIT_DONE) {
+        return iExit;
+    }
+
+    // Blocked before any thread starts: only the wait below takes them.
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (int iSignal : {SIGINT, SIGTERM, SIGHUP}) {
+        sigaddset(&signals, iSignal);
+    }
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+    if (plugin.pOpen() != 1) {
+        return sayAndReturn(EXIT_UNAVAILABLE, "the plug-in did not open; its reason is above");
+    }
+    const char *const pszMissing = waitUntilServed();
+    if (pszMissing != nullptr) {
+        closePlugin(plugin, signals);
+        return sayAndReturn(EXIT_UNAVAILABLE, std::string("the service did not start to listen on ") +
+                                                  pszMissing + "; its reason is above");
+    }
+    printf("pccast: %s %u.%u.%u.%u serves casts on %s and messages on %s, sending by %s; Ctrl-C or SIGTERM "
+           "ends it\n",
+           plugin.pName(), plugin.pVersion() >> 24, plugin.pVersion() >> 16 & 0xFF,
+           plugin.pVersion() >> 8 & 0xFF, plugin.pVersion() & 0xFF, SOCKETS[0], SOCKETS[1],
+           options.sInterface.empty() ? "the interface that the routing table names"
+                                      : options.sInterface.c_str());
+
+    int iSignal = 0;
+    sigwait(&signals, &iSignal);
+    printf("pccast: %s: closing the service\n", strsignal(iSignal));
+    if (closePlugin(plugin, signals) != 1) {
+        return sayAndReturn(EXIT_INTERNAL, "the plug-in did not close cleanly");
+    }
+    printf("pccast: closed\n");
+    return EXIT_DONE;
+}
+
+} // namespace
+
+void addServeCommand(CLI::App &app, int &iExitCode) {
+    auto *const pCommand =
+        app.add_subcommand("serve", "run the service in this process until Ctrl-C or SIGTERM");
+    auto options = std::make_shared<SERVE_OPTIONS>();
+    pCommand->add_option("--interface", options->sInterface, "send multicast by this interface")
+        ->type_name("NAME|ADDRESS");
+    addPluginOption(pCommand, options->sPlugin);
+    pCommand->footer(helpExample("pccast serve --interface eth0"));
+    pCommand->callback([options, &iExitCode] { iExitCode = serve(*options); });
+}

@@ -1,0 +1,157 @@
+// pccast station - writes the station file that goes with an ASF file, or shows one.
+#include "commands.h"
+#include "safetext.h"
+
+#include "asffile.h"
+#include "casttarget.h"
+#include "nsc.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <unistd.h>
+
+namespace {
+
+struct STATION_OPTIONS {
+    std::string sFile;
+    std::string sGroup;
+    unsigned int uiPort = 0;
+    int iHops = -1;
+    std::string sName;
+    std::string sOutput;
+    bool bShow = false;
+};
+
+// Reads the head of an ASF file, up to its first data packet, as the station's one format.
+// Returns an exit code; what is wrong has been said.
+int readFormatOf(const std::string &sFile, NSCFORMAT &format) {
+    std::string sReason;
+    const int iFile = fileOpenRegular(sFile.c_str(), sReason);
+    if (iFile < 0) {
+        return sayAndReturn(EXIT_NO_INPUT, sFile + ": " + sReason);
+    }
+    FILEWINDOW window;
+    windowOpen(window, iFile, ASF_HEADER_MAX);
+    ASFHEADER header;
+    const bool bRead = asfReadHeader(window, header, sReason);
+    if (bRead) {
+        // The header object and the data object's own head, which may lie further back.
+        const std::pair<unsigned long long, std::size_t> aPart[] = {{0, header.ullHeaderSize},
+                                                                    {header.ullDataOffset, ASF_DATA_HEADER}};
+        for (const auto &[ullOffset, ulSize] : aPart) {
+            std::size_t ulHave = 0;
+            const unsigned char *p = windowBytes(window, ullOffset, ulSize, ulHave);
+            format.Header.insert(format.Header.end(), p, p + std::min(ulHave, ulSize));
+        }
+    }
+    close(iFile);
+    if (!bRead) {
+        return sayAndReturn(EXIT_BAD_DATA, sFile + " cannot be sent as a station: " + sReason);
+    }
+    format.uiIndex = 1;
+    format.uiFormatID = 1;
+    return EXIT_DONE;
+}
+
+// Puts the text into sFile as a whole or not at all: the service may be reading the old one.
+int replaceFile(const std::string &sFile, const std::string &sText) {
+    const std::string sNew = sFile + ".new";
+    const int iFile = open(sNew.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    bool bWritten = iFile >= 0;
+    for (std::size_t ulAt = 0; bWritten && ulAt < sText.size();) {
+        const ssize_t lWritten = write(iFile, sText.data() + ulAt, sText.size() - ulAt);
+        bWritten = lWritten > 0;
+        ulAt += bWritten ? static_cast<std::size_t>(lWritten) : 0;
+    }
+    if (bWritten && close(iFile) == 0 && rename(sNew.c_str(), sFile.c_str()) == 0) {
+        return EXIT_DONE;
+    }
+    const std::string sReason = strerror(errno);
+    if (iFile >= 0) {
+        unlink(sNew.c_str());
+    }
+    return sayAndReturn(EXIT_BAD_DATA, sFile + " cannot be written: " + sReason);
+}
+
+int writeStation(const STATION_OPTIONS &options) {
+    NSCSTATION station;
+    std::string sReason;
+    if (options.sGroup.empty() || options.uiPort == 0) {
+        return sayAndReturn(EXIT_USAGE, "a station needs --group ADDRESS and --port N");
+    }
+    if (!castTargetCheckAddress(options.sGroup, sReason)) {
+        return sayAndReturn(EXIT_USAGE, "--group: " + sReason);
+    }
+    NSCFORMAT format;
+    const int iExit = readFormatOf(options.sFile, format);
+    if (iExit != EXIT_DONE) {
+        return iExit;
+    }
+    station.sName = options.sName;
+    station.sAddress = options.sGroup;
+    station.usPort = static_cast<unsigned short>(options.uiPort);
+    station.iHops = options.iHops;
+    station.Formats.push_back(std::move(format));
+    const std::string sText = nscWrite(station);
+    if (!options.sOutput.empty() && options.sOutput != "-") {
+        return replaceFile(options.sOutput, sText);
+    }
+    const bool bWritten =
+        fwrite(sText.data(), 1, sText.size(), stdout) == sText.size() && fflush(stdout) == 0;
+    return bWritten ? EXIT_DONE : sayAndReturn(EXIT_BAD_DATA, "the station file cannot be written");
+}
+
+int showStation(const STATION_OPTIONS &options) {
+    NSCSTATION station;
+    std::string sReason;
+    if (!nscRead(options.sFile.c_str(), station, sReason)) {
+        const bool bThere = access(options.sFile.c_str(), R_OK) == 0;
+        return sayAndReturn(bThere ? EXIT_BAD_DATA : EXIT_NO_INPUT, options.sFile + ": " + sReason);
+    }
+    printf("name        %s\n", textForTerminal(station.sName).c_str());
+    printf("version     %s\n", textForTerminal(station.sVersion).c_str());
+    printf("target      %s:%u\n", station.sAddress.c_str(), station.usPort);
+    printf("hop limit   %s\n", station.iHops < 0 ? "not named" : std::to_string(station.iHops).c_str());
+    for (const NSCFORMAT &format : station.Formats) {
+        printf("format %-4u Format ID %u, header of %zu bytes%s%s\n", format.uiIndex, format.uiFormatID,
+               format.Header.size(), format.sDescription.empty() ? "" : ", ",
+               textForTerminal(format.sDescription).c_str());
+    }
+    return EXIT_DONE;
+}
+
+} // namespace
+
+void addStationCommand(CLI::App &app, int &iExitCode) {
+    auto *const pCommand =
+        app.add_subcommand("station", "write the station file that an ASF file is cast with, or show one");
+    auto options = std::make_shared<STATION_OPTIONS>();
+    pCommand->add_option("FILE", options->sFile, "the ASF file; with --show the station file")->required();
+    auto *const pShow = pCommand->add_flag("--show", options->bShow, "print what the station file says");
+    pCommand->add_option("--group", options->sGroup, "where its packets go")
+        ->type_name("ADDRESS")
+        ->excludes(pShow);
+    pCommand->add_option("--port", options->uiPort, "and to which UDP port")
+        ->type_name("N")
+        ->check(CLI::Range(1, 65535))
+        ->excludes(pShow);
+    pCommand->add_option("--ttl", options->iHops, "multicast hop limit; without it the caster's own, 16")
+        ->type_name("N")
+        ->check(CLI::Range(0, 255))
+        ->excludes(pShow);
+    pCommand->add_option("--name", options->sName, "the station's name")->type_name("TEXT")->excludes(pShow);
+    pCommand->add_option("-o,--output", options->sOutput, "write to this file instead of standard output")
+        ->type_name("FILE")
+        ->excludes(pShow);
+    pCommand->footer(helpExample(
+        "pccast station film.asf --group 239.192.48.179 --port 8080 --ttl 16 -o /fixdata/bypass.nsc"));
+    pCommand->callback([options, &iExitCode] {
+        iExitCode = options->bShow ? showStation(*options) : writeStation(*options);
+    });
+}

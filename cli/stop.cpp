@@ -1,0 +1,102 @@
+// pccast stop - takes a cast request back: the equal one that still waits, else the cast on air.
+#include "commands.h"
+#include "request.h"
+
+#include <CLI/CLI.hpp>
+
+#include <ctime>
+#include <memory>
+
+namespace {
+
+struct STOP_OPTIONS {
+    std::string sIdentity;
+    std::string sEPG;
+    std::string sType = "2";
+    std::string sStart;
+    std::string sEnd;
+    std::string sPort;
+    std::string sFormat = "ts";
+    std::string sPlugin;
+};
+
+int readParts(const STOP_OPTIONS &options, unsigned long ulNow, CAST_IDENTITY *pIdentity) {
+    unsigned long ulPort = 0;
+    int iExit = checkArgument("--epg", readNumber(options.sEPG, CLI_WIRE_MAX, &pIdentity->ulEPGID));
+    if (iExit == EXIT_DONE) {
+        iExit = checkArgument("--type", readNumber(options.sType, CAST_TYPE_STREAM_2, &pIdentity->ulType));
+    }
+    if (iExit == EXIT_DONE) {
+        iExit = checkArgument("--start", readTime(options.sStart, ulNow, &pIdentity->ulST));
+    }
+    if (iExit == EXIT_DONE) {
+        iExit = checkArgument("--end", readTime(options.sEnd, ulNow, &pIdentity->ulET));
+    }
+    if (iExit == EXIT_DONE) {
+        iExit = checkArgument("--port", readNumber(options.sPort, 65535, &ulPort));
+    }
+    if (iExit == EXIT_DONE) {
+        iExit = checkArgument("--format", readFormat(options.sFormat, &pIdentity->ulFormat));
+    }
+    pIdentity->usPort = static_cast<unsigned short>(ulPort);
+    if (iExit == EXIT_DONE && (pIdentity->ulType == 0 || pIdentity->usPort == 0)) {
+        iExit = sayAndReturn(EXIT_USAGE, "--type and --port may not be 0");
+    }
+    return iExit;
+}
+
+int stop(const STOP_OPTIONS &options) {
+    const unsigned long ulNow = static_cast<unsigned long>(time(nullptr));
+    CAST_REQUEST request{};
+    int iExit = EXIT_DONE;
+    if (!options.sIdentity.empty()) {
+        iExit = checkArgument("IDENTITY", readCastIdentity(options.sIdentity, &request.identity));
+    } else if (options.sEPG.empty() || options.sStart.empty() || options.sEnd.empty() ||
+               options.sPort.empty()) {
+        iExit =
+            sayAndReturn(EXIT_USAGE, "which cast? give the IDENTITY that relay or file printed, or all of "
+                                     "--epg, --start, --end and --port (and --type, --format)");
+    } else {
+        iExit = readParts(options, ulNow, &request.identity);
+    }
+    if (iExit != EXIT_DONE) {
+        return iExit;
+    }
+    if (request.identity.ulET <= ulNow) {
+        return sayAndReturn(EXIT_BAD_DATA, "that cast ended by itself at " +
+                                               writeTime(request.identity.ulET) +
+                                               "; there is nothing left to stop");
+    }
+
+    // The rest of a stop request takes part in nothing, but a record is complete only with it.
+    request.ulCT = ulNow;
+    request.sSource = "0.0.0.0";
+    request.usSourcePort = request.identity.usPort;
+    request.sDestination = "0.0.0.0";
+    request.sFile = "-";
+    iExit = sendCast(options.sPlugin, CAST_CMD_STOP, request);
+    return iExit == EXIT_DONE ? sayAndReturn(EXIT_DONE, "stop requested") : iExit;
+}
+
+} // namespace
+
+void addStopCommand(CLI::App &app, int &iExitCode) {
+    auto *const pCommand = app.add_subcommand("stop", "take a waiting cast back, or end the one on air");
+    auto options = std::make_shared<STOP_OPTIONS>();
+    pCommand->add_option("IDENTITY", options->sIdentity, "the line that relay or file printed")
+        ->type_name("");
+    pCommand->add_option("--epg", options->sEPG, "without IDENTITY: the cast's programme")->type_name("N");
+    pCommand->add_option("--type", options->sType, "1 a file, 2 or 3 a relay (default 2)")->type_name("N");
+    pCommand->add_option("--start", options->sStart, "its start")->type_name("TIME");
+    pCommand->add_option("--end", options->sEnd, "its end")->type_name("TIME");
+    pCommand->add_option("--port", options->sPort, "its destination port")->type_name("PORT");
+    pCommand->add_option("--format", options->sFormat, "what its end is announced as (default ts)")
+        ->type_name("ts|asf|NUMBER");
+    addPluginOption(pCommand, options->sPlugin);
+    pCommand->footer(
+        "Programme, type, start, end and port together name the cast. When no waiting request has "
+        "them, the cast\non air of that type is ended, whichever it is, once the given start is "
+        "reached.\n\n" +
+        helpExample("pccast stop 7:2:1790000000:1790003600:5000:0x2021"));
+    pCommand->callback([options, &iExitCode] { iExitCode = stop(*options); });
+}

@@ -1,0 +1,213 @@
+// pccast watch - joins the announcement and message groups and shows what it hears.
+//
+// One thread: both sockets, the signals and the clock in one poll. A bad datagram is shown as such, never the
+// end. On a terminal a live table, otherwise a line or a JSON object for each datagram.
+#include "airtext.h"
+#include "clitext.h"
+#include "commands.h"
+#include "watchtable.h"
+
+#include <CLI/CLI.hpp>
+#include <arpa/inet.h>
+#include <poll.h>
+#include <qxapi_ktn.h>
+#include <sys/ioctl.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <memory>
+
+namespace {
+
+struct WATCH_OPTIONS {
+    bool bJSON = false;
+    bool bPlain = false;
+    std::string sFor;
+    std::string sCount;
+    std::string sInterface;
+};
+
+constexpr const char *GROUP = "224.9.9.9";
+constexpr std::array<unsigned int, 2> PORTS{7890, 9367}; // announcements, messages
+
+constexpr const char *SCREEN_ON = "\033[?1049h\033[?25l";
+constexpr const char *SCREEN_OFF = "\033[?25h\033[?1049l";
+
+using ENDPOINT = std::unique_ptr<KTNET_ENDPOINT, void (*)(KTNET_ENDPOINT *)>;
+using CLOCK = std::chrono::steady_clock;
+
+struct WATCH {
+    WATCH_OPTIONS options;
+    bool bTable = false;
+    CLOCK::time_point end = CLOCK::time_point::max();
+    unsigned long ulCount = 0; // datagrams to hear; 0: no limit
+    WATCH_STATE state;
+};
+
+unsigned long now() {
+    return static_cast<unsigned long>(time(nullptr));
+}
+
+// Joins the group on a port. Null: the reason is on standard error.
+ENDPOINT join(unsigned int uiPort, const std::string &sInterface) {
+    KTNET_ENDPOINT *pDesc = nullptr;
+    ktn_xapi_ktnet_init_with_version(&pDesc, 0, 2);
+    ENDPOINT endpoint(pDesc, [](KTNET_ENDPOINT *pEndpoint) { ktn_xapi_ktnet_delete(&pEndpoint); });
+    if (pDesc == nullptr) {
+        return endpoint;
+    }
+    pDesc->uiKind = KTNET_KIND_UDP;
+    pDesc->uiListen = 1;
+    pDesc->uiPort = uiPort;
+    strncpy(pDesc->szPeer, GROUP, sizeof pDesc->szPeer - 1);
+    strncpy(pDesc->szLocal, sInterface.c_str(), sizeof pDesc->szLocal - 1);
+    if (ktn_xapi_ktnet_create(pDesc) <= 0) {
+        endpoint.reset();
+    }
+    return endpoint;
+}
+
+void drawTable(const WATCH &watch) {
+    struct winsize size {};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) {
+        size.ws_col = 80;
+        size.ws_row = 24;
+    }
+    std::string sScreen = "\033[H";
+    const std::vector<std::string> lines =
+        watchDraw(watch.state, now(), size.ws_col, static_cast<size_t>(size.ws_row) - 1, true);
+    for (const std::string &sLine : lines) {
+        sScreen += sLine + "\033[K\r\n";
+    }
+    sScreen += "\033[J";
+    fwrite(sScreen.data(), 1, sScreen.size(), stdout);
+    fflush(stdout);
+}
+
+// Takes one datagram off the socket and shows it.
+void hear(WATCH *pWatch, int iSocket) {
+    std::array<unsigned char, 65536> aBytes;
+    struct sockaddr_in sender {};
+    socklen_t uiSize = sizeof sender;
+    const ssize_t lLength = recvfrom(iSocket, aBytes.data(), aBytes.size(), MSG_DONTWAIT,
+                                     reinterpret_cast<struct sockaddr *>(&sender), &uiSize);
+    if (lLength < 0) {
+        return;
+    }
+    std::array<char, INET_ADDRSTRLEN> aSender{};
+    inet_ntop(AF_INET, &sender.sin_addr, aSender.data(), aSender.size());
+    const AIR_RECORD record = decodeAir(aBytes.data(), static_cast<unsigned long>(lLength));
+    watchNote(&pWatch->state, record, now(), aSender.data());
+    if (!pWatch->bTable) {
+        const auto pText = pWatch->options.bJSON ? airJSON : airLine;
+        printf("%s\n", pText(record, now(), aSender.data()).c_str());
+        fflush(stdout);
+    }
+}
+
+bool isOver(const WATCH &watch) {
+    return CLOCK::now() >= watch.end || (watch.ulCount != 0 && watch.state.ulDatagrams >= watch.ulCount) ||
+           ferror(stdout) != 0;
+}
+
+// Runs until the time, the count or a signal ends it.
+void run(WATCH *pWatch, const std::array<ENDPOINT, 2> &endpoints, int iSignals) {
+    std::array<struct pollfd, 3> aPoll{
+        {{endpoints[0]->iSocket, POLLIN, 0}, {endpoints[1]->iSocket, POLLIN, 0}, {iSignals, POLLIN, 0}}};
+    while (!isOver(*pWatch)) {
+        if (pWatch->bTable) {
+            drawTable(*pWatch);
+        }
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(pWatch->end - CLOCK::now()).count();
+        const int iWait = static_cast<int>(std::clamp<long>(left, 0, 1000));
+        if (poll(aPoll.data(), aPoll.size(), iWait) < 0 && errno != EINTR) {
+            return;
+        }
+        if (aPoll[2].revents != 0) {
+            return;
+        }
+        for (size_t i = 0; i < endpoints.size() && !isOver(*pWatch); ++i) {
+            if (aPoll[i].revents != 0) {
+                hear(pWatch, aPoll[i].fd);
+            }
+        }
+    }
+}
+
+int watchAir(const WATCH_OPTIONS &options) {
+    WATCH watch;
+    watch.options = options;
+    unsigned long ulSeconds = 0;
+    int iExit = EXIT_DONE;
+    if (!options.sFor.empty()) {
+        iExit = checkArgument("--for", readDuration(options.sFor, &ulSeconds));
+        watch.end = CLOCK::now() + std::chrono::seconds(ulSeconds);
+    }
+    if (iExit == EXIT_DONE && !options.sCount.empty()) {
+        iExit = checkArgument("--count", readNumber(options.sCount, CLI_WIRE_MAX, &watch.ulCount));
+    }
+    if (iExit != EXIT_DONE) {
+        return iExit;
+    }
+    watch.bTable = !options.bJSON && !options.bPlain && isatty(STDOUT_FILENO) == 1;
+
+    const std::array<ENDPOINT, 2> endpoints{join(PORTS[0], options.sInterface),
+                                            join(PORTS[1], options.sInterface)};
+    if (!endpoints[0] || !endpoints[1]) {
+        return sayAndReturn(EXIT_UNAVAILABLE,
+                            std::string(GROUP) +
+                                " cannot be joined (the reason is above); --interface names the "
+                                "interface to listen on");
+    }
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (int iSignal : {SIGINT, SIGTERM, SIGHUP}) {
+        sigaddset(&signals, iSignal);
+    }
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    const int iSignals = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (iSignals < 0) {
+        return sayAndReturn(EXIT_INTERNAL, std::string("signalfd: ") + strerror(errno));
+    }
+    if (watch.bTable) {
+        fputs(SCREEN_ON, stdout);
+    }
+    run(&watch, endpoints, iSignals);
+    if (watch.bTable) {
+        fputs(SCREEN_OFF, stdout);
+        for (const std::string &sLine : watchDraw(watch.state, now(), 200, 24, false)) {
+            printf("%s\n", sLine.c_str());
+        }
+    }
+    close(iSignals);
+    if (watch.ulCount != 0 && watch.state.ulDatagrams < watch.ulCount) {
+        return sayAndReturn(EXIT_UNAVAILABLE, "heard " + std::to_string(watch.state.ulDatagrams) + " of " +
+                                                  std::to_string(watch.ulCount) + " datagrams");
+    }
+    return EXIT_DONE;
+}
+
+} // namespace
+
+void addWatchCommand(CLI::App &app, int &iExitCode) {
+    auto *const pCommand = app.add_subcommand("watch", "show what is announced and what is said");
+    auto options = std::make_shared<WATCH_OPTIONS>();
+    auto *const pJSON = pCommand->add_flag("--json", options->bJSON, "one JSON object a line");
+    pCommand->add_flag("--plain", options->bPlain, "one line each, also on a terminal")->excludes(pJSON);
+    pCommand->add_option("--for", options->sFor, "end after this time")->type_name("DURATION");
+    pCommand
+        ->add_option("--count", options->sCount,
+                     "end after so many datagrams; exit code 69 when --for or a signal came first")
+        ->type_name("N");
+    pCommand->add_option("--interface", options->sInterface, "listen on this interface")
+        ->type_name("NAME|ADDRESS");
+    pCommand->footer(helpExample("pccast watch --json --for 1m | jq 'select(.kind == \"message\").text'"));
+    pCommand->callback([options, &iExitCode] { iExitCode = watchAir(*options); });
+}

@@ -1,0 +1,211 @@
+#include "watchtable.h"
+
+#include "airtext.h"
+#include "clitext.h"
+#include "safetext.h"
+
+#include <algorithm>
+#include <array>
+
+namespace {
+
+constexpr size_t KEPT = 50;
+// A cast is announced every 11 s; two missed ones in a row mean that its sender is silent.
+constexpr unsigned long SILENT_AFTER = 25;
+
+struct COLUMN {
+    const char *pszTitle;
+    size_t uWidth;
+};
+constexpr std::array<COLUMN, 8> CAST_COLUMNS{{{"EPG", 10},
+                                              {"KIND", 6},
+                                              {"FORMAT", 8},
+                                              {"DESTINATION", 21},
+                                              {"FROM", 8},
+                                              {"UNTIL", 8},
+                                              {"LEFT", 11},
+                                              {"STATE", 0}}};
+
+constexpr const char *GREEN = "\033[32m";
+constexpr const char *RED = "\033[31m";
+constexpr const char *DIM = "\033[2m";
+constexpr const char *BOLD = "\033[1m";
+
+// A line in the making: cut to the columns, then coloured as a whole.
+std::string coloured(const std::string &sLine, size_t uColumns, const char *pszColour, bool bColour) {
+    const std::string sCut = textCut(sLine, uColumns);
+    return bColour && pszColour != nullptr ? pszColour + sCut + "\033[0m" : sCut;
+}
+
+std::string padded(const std::string &sText, size_t uWidth) {
+    if (uWidth == 0) {
+        return sText;
+    }
+    const std::string sCut = textCut(sText, uWidth);
+    return sCut + std::string(uWidth - textColumns(sCut) + 2, ' ');
+}
+
+std::string ago(unsigned long ulThen, unsigned long ulNow) {
+    return ulNow <= ulThen ? "now" : std::to_string(ulNow - ulThen) + " s ago";
+}
+
+std::string castState(const WATCH_CAST &cast, unsigned long ulNow, const char **ppszColour) {
+    *ppszColour = DIM;
+    if (cast.ulEnded != 0) {
+        return "ended " + writeTimeOfDay(cast.ulEnded);
+    }
+    if (cast.record.uiET && *cast.record.uiET <= ulNow) {
+        return "over";
+    }
+    *ppszColour = RED;
+    if (cast.record.eCheck == AIR_CHECK_WRONG) {
+        return "on air, CRC wrong";
+    }
+    if (ulNow > cast.ulHeard + SILENT_AFTER) {
+        return "silent, heard " + ago(cast.ulHeard, ulNow);
+    }
+    *ppszColour = GREEN;
+    return "on air, heard " + ago(cast.ulHeard, ulNow);
+}
+
+std::string castLine(const WATCH_CAST &cast, unsigned long ulNow, const char **ppszColour) {
+    const AIR_RECORD &record = cast.record;
+    const bool bLeft = cast.ulEnded == 0 && record.uiET && *record.uiET > ulNow;
+    const std::array<std::string, 8> aCell{std::to_string(*record.uiEPGID),
+                                           airTypeText(record),
+                                           airFormatText(record),
+                                           airDestination(record),
+                                           record.uiST ? writeTimeOfDay(*record.uiST) : "",
+                                           record.uiET ? writeTimeOfDay(*record.uiET) : "",
+                                           bLeft ? writeTimeLeft(*record.uiET - ulNow) : "",
+                                           castState(cast, ulNow, ppszColour) + " by " + cast.sSender};
+    std::string sLine = "  ";
+    for (size_t i = 0; i < aCell.size(); ++i) {
+        sLine += padded(aCell[i], CAST_COLUMNS[i].uWidth);
+    }
+    return sLine;
+}
+
+void noteCast(WATCH_STATE *pState, const AIR_RECORD &record, unsigned long ulNow,
+              const std::string &sSender) {
+    const auto found = std::find_if(pState->casts.begin(), pState->casts.end(), [&](const WATCH_CAST &cast) {
+        return cast.sSender == sSender && cast.ulEnded == 0;
+    });
+    const bool bSame =
+        found != pState->casts.end() && found->record.uiEPGID == record.uiEPGID &&
+        (record.eKind == AIR_END || (found->record.uiST == record.uiST && found->record.uiET == record.uiET));
+    if (record.eKind == AIR_END) {
+        if (bSame) {
+            found->ulEnded = ulNow;
+            found->ulHeard = ulNow;
+        }
+        return; // the end of a cast that was never heard of is no news for the table
+    }
+    if (bSame) {
+        found->record = record;
+        found->ulHeard = ulNow;
+        return;
+    }
+    if (found != pState->casts.end()) {
+        found->ulEnded = ulNow;
+    }
+    pState->casts.push_front({sSender, record, ulNow, 0});
+}
+
+void noteMessage(WATCH_STATE *pState, const AIR_RECORD &record, unsigned long ulNow,
+                 const std::string &sSender) {
+    WATCH_MESSAGE message{sSender, record, ulNow, 1};
+    const auto found =
+        std::find_if(pState->messages.begin(), pState->messages.end(), [&](const WATCH_MESSAGE &known) {
+            return known.sSender == sSender && known.record.sText == record.sText &&
+                   known.record.uiST == record.uiST && known.record.uiET == record.uiET;
+        });
+    if (found != pState->messages.end()) {
+        message.ulTimes += found->ulTimes;
+        pState->messages.erase(found);
+    }
+    pState->messages.push_front(message);
+}
+
+// A heading and as many of the lines as there is room for, the rest counted.
+void addSection(std::vector<std::string> *pLines, const std::string &sHeading,
+                const std::vector<std::string> &lines, size_t uColumns, size_t uRoom, bool bColour) {
+    pLines->emplace_back();
+    pLines->push_back(coloured(sHeading, uColumns, BOLD, bColour));
+    for (size_t i = 0; i < lines.size(); ++i) {
+        if (i + 1 == uRoom && lines.size() > uRoom) {
+            pLines->push_back(
+                coloured("  and " + std::to_string(lines.size() - i) + " more", uColumns, DIM, bColour));
+            return;
+        }
+        pLines->push_back(lines[i]);
+    }
+}
+
+} // namespace
+
+void watchNote(WATCH_STATE *pState, const AIR_RECORD &record, unsigned long ulNow,
+               const std::string &sSender) {
+    ++pState->ulDatagrams;
+    for (const std::string &sProblem : record.sProblems) {
+        pState->problems.push_front({sSender, sProblem, ulNow});
+    }
+    if (record.eKind == AIR_ANNOUNCEMENT || record.eKind == AIR_END) {
+        noteCast(pState, record, ulNow, sSender);
+    } else if (record.eKind == AIR_MESSAGE) {
+        noteMessage(pState, record, ulNow, sSender);
+    }
+    pState->casts.resize(std::min(pState->casts.size(), KEPT));
+    pState->messages.resize(std::min(pState->messages.size(), KEPT));
+    pState->problems.resize(std::min(pState->problems.size(), KEPT));
+}
+
+std::vector<std::string> watchDraw(const WATCH_STATE &state, unsigned long ulNow, size_t uColumns,
+                                   size_t uRows, bool bColour) {
+    std::vector<std::string> casts;
+    std::vector<std::string> messages;
+    std::vector<std::string> problems;
+    for (const WATCH_CAST &cast : state.casts) {
+        const char *pszColour = nullptr;
+        const std::string sLine = castLine(cast, ulNow, &pszColour);
+        casts.push_back(coloured(sLine, uColumns, pszColour, bColour));
+    }
+    for (const WATCH_MESSAGE &message : state.messages) {
+        const bool bOver = message.record.uiET && *message.record.uiET <= ulNow;
+        messages.push_back(coloured("  " + writeTimeOfDay(message.ulHeard) + "  " +
+                                        padded(std::to_string(message.ulTimes) + "x", 4) +
+                                        textForTerminal(*message.record.sText),
+                                    uColumns, bOver ? DIM : nullptr, bColour));
+    }
+    for (const WATCH_PROBLEM &problem : state.problems) {
+        problems.push_back(coloured("  " + writeTimeOfDay(problem.ulHeard) + "  " + problem.sText + ", by " +
+                                        problem.sSender,
+                                    uColumns, RED, bColour));
+    }
+    if (casts.empty()) {
+        casts.push_back(
+            coloured("  nothing heard yet (a cast is announced every 11 s)", uColumns, DIM, bColour));
+    }
+    if (messages.empty()) {
+        messages.push_back(coloured("  none", uColumns, DIM, bColour));
+    }
+
+    std::string sTitles = "  ";
+    for (const COLUMN &column : CAST_COLUMNS) {
+        sTitles += padded(column.pszTitle, column.uWidth);
+    }
+    std::vector<std::string> lines;
+    lines.push_back(coloured("pccast watch   " + writeTime(ulNow) + "   " +
+                                 std::to_string(state.ulDatagrams) + " datagrams heard   Ctrl-C ends",
+                             uColumns, nullptr, bColour));
+    // Half of the room is for the casts, a quarter each for messages and problems.
+    const size_t uRoom = uRows > 8 ? uRows - 8 : 4;
+    casts.insert(casts.begin(), coloured(sTitles, uColumns, DIM, bColour));
+    addSection(&lines, "ON AIR", casts, uColumns, std::max<size_t>(uRoom / 2, 2), bColour);
+    addSection(&lines, "MESSAGES", messages, uColumns, std::max<size_t>(uRoom / 4, 1), bColour);
+    if (!problems.empty()) {
+        addSection(&lines, "PROBLEMS", problems, uColumns, std::max<size_t>(uRoom / 4, 1), bColour);
+    }
+    lines.resize(std::min(lines.size(), uRows));
+    return lines;
+}

@@ -1,0 +1,33 @@
+/* vexa_pgl.h - libvexa_pgl: the clock, the yield and the process-wide break flag.
+ *
+ * Every call is safe from any thread. */
+#ifndef VEXA_PGL_H
+#define VEXA_PGL_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+#if defined(__GNUC__)
+#pragma GCC visibility push(default)
+#endif
+
+/* Returns the wall clock in whole seconds since the epoch; stores it in *pTime too unless pTime is null. */
+unsigned long vexa_time(unsigned long *pTime);
+
+/* Gives up the processor for a few milliseconds: the one pause of a polling loop. Short enough that a loop
+ * of a few passes reacts within tens of milliseconds, long enough that idle loops cost next to nothing. */
+void vexa_load_balance(void);
+
+/* Returns non-zero once the process has been asked to break off. Does not clear it. */
+int vexa_get_global_break(void);
+
+/* Sets (non-zero) or clears (0) the process-wide break. Async-signal-safe. */
+void vexa_set_global_break(int iBreak);
+
+#if defined(__GNUC__)
+#pragma GCC visibility pop
+#endif
+#ifdef __cplusplus
+}
+#endif
+#endif

@@ -1,0 +1,269 @@
+// ktntransfer.cpp - libqxapi_ktn: what goes through an open endpoint, frames and plain datagrams.
+//
+// Called on the thread that owns the endpoint; the relay calls ktn_xapi_rx_poll_socket and
+// ktn_xapi_ktnet_tx_a_packet for every datagram, so these two allocate nothing and make one system call.
+#include "deadline.h"
+#include "ktnendpoint.h"
+#include "ktnframe.h"
+#include "report.h"
+#include "udpsocket.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <poll.h>
+#include <sys/socket.h>
+
+namespace {
+
+constexpr const char *WHO_RX = "ktn_xapi_ktnet_rx_data";
+constexpr const char *WHO_TX = "ktn_xapi_ktnet_tx_data";
+
+using HEADER = std::array<unsigned char, KTNET_FRAME_HEADER_SIZE>;
+using PAYLOAD = std::unique_ptr<unsigned char, void (*)(void *)>;
+
+// A frame on its way in.
+struct RECEIVED {
+    KTNET_FRAME Frame{};
+    PAYLOAD Payload{nullptr, free};
+};
+
+// Waits for sEvents on the socket until the deadline. Returns 0 or an errno (ETIMEDOUT).
+int waitFor(int iSocket, short sEvents, DEADLINE Deadline) {
+    for (;;) {
+        pollfd Poll{iSocket, sEvents, 0};
+        const int iLeft = deadlineLeft(Deadline);
+        const int iReady = poll(&Poll, 1, iLeft);
+        if (iReady > 0)
+            return 0;
+        if (iReady < 0 && errno != EINTR)
+            return errno;
+        if (iLeft == 0)
+            return ETIMEDOUT;
+    }
+}
+
+// Reads exactly ulLength bytes of a stream. ulRead tells how far it came. Returns 0 or an errno; EPIPE for a
+// peer that closed before.
+int readStream(int iSocket, unsigned char *pData, size_t ulLength, DEADLINE Deadline, size_t &ulRead) {
+    ulRead = 0;
+    while (ulRead < ulLength) {
+        const ssize_t lRead = recv(iSocket, pData + ulRead, ulLength - ulRead, MSG_DONTWAIT);
+        if (lRead == 0)
+            return EPIPE;
+        if (lRead > 0) {
+            ulRead += static_cast<size_t>(lRead);
+        } else if (errno == EAGAIN) {
+            if (const int iErrno = waitFor(iSocket, POLLIN, Deadline))
+                return iErrno;
+        } else if (errno != EINTR) {
+            return errno;
+        }
+        // A client that drips a byte at a time is always readable.
+        if (ulRead < ulLength && deadlineLeft(Deadline) == 0)
+            return ETIMEDOUT;
+    }
+    return 0;
+}
+
+// Makes room for the payload that a checked header announces. Returns 0 or an errno.
+int makePayload(RECEIVED &Received) {
+    if (Received.Frame.uiPayloadLen == 0)
+        return 0;
+    Received.Payload.reset(static_cast<unsigned char *>(malloc(Received.Frame.uiPayloadLen)));
+    return Received.Payload ? 0 : ENOMEM;
+}
+
+// Receives one frame of a local connection. Returns 0 or an errno (reported); bClosed: the peer closed before
+// it sent a byte.
+int receiveLocal(int iSocket, unsigned int uiTimeoutMs, RECEIVED &Received, bool &bClosed) {
+    const DEADLINE Deadline = deadlineIn(uiTimeoutMs);
+    HEADER Header;
+    size_t ulRead = 0;
+    int iErrno = readStream(iSocket, Header.data(), Header.size(), Deadline, ulRead);
+    if (iErrno == EPIPE && ulRead == 0) {
+        bClosed = true;
+        return 0;
+    }
+    if (iErrno == 0) {
+        const int iResult = ktn_xapi_frame_decode_header(Header.data(), Header.size(), &Received.Frame);
+        if (iResult != KTNET_FRAME_GOOD) {
+            frameworkReport(WHO_RX, "a client sent no frame: %s", ktn_xapi_frame_text(iResult));
+            return EPROTO;
+        }
+        if (Received.Frame.uiPayloadLen > KTNET_LOCAL_FRAME_MAX - KTNET_FRAME_HEADER_SIZE) {
+            frameworkReport(WHO_RX, "a client announced a frame of more than %u bytes",
+                            KTNET_LOCAL_FRAME_MAX);
+            return EMSGSIZE;
+        }
+        iErrno = makePayload(Received);
+    }
+    if (iErrno == 0)
+        iErrno = readStream(iSocket, Received.Payload.get(), Received.Frame.uiPayloadLen, Deadline, ulRead);
+    if (iErrno == EPIPE) {
+        frameworkReport(WHO_RX, "a client closed in the middle of a frame");
+        return EPROTO;
+    }
+    if (iErrno == ETIMEDOUT)
+        frameworkReport(WHO_RX, "a client sent no whole frame within %u ms", uiTimeoutMs);
+    else if (iErrno != 0)
+        frameworkReport(WHO_RX, "frame not received: %s", strerror(iErrno));
+    return iErrno;
+}
+
+// Receives one frame of a UDP socket: one datagram, looked at before it is taken. Returns 0 or an errno
+// (reported).
+int receiveDatagram(int iSocket, unsigned int uiTimeoutMs, RECEIVED &Received) {
+    const DEADLINE Deadline = deadlineIn(uiTimeoutMs);
+    HEADER Header;
+    ssize_t lLength;
+    while ((lLength = recv(iSocket, Header.data(), Header.size(), MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT)) < 0) {
+        int iErrno = errno == EAGAIN ? waitFor(iSocket, POLLIN, Deadline) : errno == EINTR ? 0 : errno;
+        if (iErrno == ETIMEDOUT)
+            return iErrno; // silence on a group is no fault
+        if (iErrno != 0) {
+            frameworkReport(WHO_RX, "datagram not received: %s", strerror(iErrno));
+            return iErrno;
+        }
+    }
+    const auto ulLength = static_cast<size_t>(lLength);
+    int iResult = ktn_xapi_frame_decode_header(Header.data(), ulLength, &Received.Frame);
+    if (iResult == KTNET_FRAME_GOOD && Received.Frame.uiPayloadLen != ulLength - Header.size())
+        iResult = KTNET_FRAME_BAD_LENGTH;
+    int iErrno = iResult == KTNET_FRAME_GOOD ? makePayload(Received) : EPROTO;
+    if (iResult != KTNET_FRAME_GOOD)
+        frameworkReport(WHO_RX, "a datagram is no frame: %s", ktn_xapi_frame_text(iResult));
+    else if (iErrno != 0)
+        frameworkReport(WHO_RX, "datagram lost: %s", strerror(iErrno));
+
+    // Taken in any case, so that a bad one does not stay in front of the good ones.
+    iovec Pieces[2] = {{Header.data(), Header.size()},
+                       {Received.Payload.get(), iErrno == 0 ? Received.Frame.uiPayloadLen : 0}};
+    msghdr Message{};
+    Message.msg_iov = Pieces;
+    Message.msg_iovlen = 2;
+    ssize_t lTaken;
+    while ((lTaken = recvmsg(iSocket, &Message, MSG_DONTWAIT)) < 0 && errno == EINTR) {
+    }
+    return iErrno != 0 ? iErrno : lTaken == lLength ? 0 : EPROTO;
+}
+
+// Sends a frame's pieces on a stream. Returns 0 or an errno.
+int writeStream(int iSocket, msghdr &Message, DEADLINE Deadline) {
+    while (Message.msg_iovlen > 0) {
+        const ssize_t lSent = sendmsg(iSocket, &Message, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (lSent < 0 && errno == EAGAIN) {
+            if (const int iErrno = waitFor(iSocket, POLLOUT, Deadline))
+                return iErrno;
+            continue;
+        }
+        if (lSent < 0 && errno != EINTR)
+            return errno;
+        auto ulSent = static_cast<size_t>(std::max<ssize_t>(0, lSent));
+        while (Message.msg_iovlen > 0 && ulSent >= Message.msg_iov->iov_len) {
+            ulSent -= Message.msg_iov->iov_len;
+            Message.msg_iov++;
+            Message.msg_iovlen--;
+        }
+        if (Message.msg_iovlen > 0) {
+            Message.msg_iov->iov_base = static_cast<unsigned char *>(Message.msg_iov->iov_base) + ulSent;
+            Message.msg_iov->iov_len -= ulSent;
+            if (deadlineLeft(Deadline) == 0)
+                return ETIMEDOUT;
+        }
+    }
+    return 0;
+}
+
+} // namespace
+
+int ktn_xapi_rx_poll_socket(int iSocket, unsigned int uiTimeoutMs) {
+    if (iSocket < 0)
+        return -EBADF;
+    pollfd Poll{iSocket, POLLIN, 0};
+    const int iReady = poll(&Poll, 1, static_cast<int>(std::min<unsigned int>(uiTimeoutMs, INT_MAX)));
+    if (iReady < 0)
+        return errno == EINTR ? 0 : -errno;
+    if (iReady > 0 && (Poll.revents & POLLNVAL) != 0)
+        return -EBADF;
+    return iReady > 0 ? 1 : 0;
+}
+
+int ktn_xapi_ktnet_rx_data(KTNET_ENDPOINT *pConn, KTNET_PACKET *pPacket) {
+    if (ktnEndpoint(pConn) == nullptr || pPacket == nullptr)
+        return -EINVAL;
+    pPacket->pPayload = nullptr;
+    pPacket->ulPayloadLen = 0;
+    pPacket->ulPayloadSize = 0;
+    RECEIVED Received;
+    bool bClosed = false;
+    int iErrno = ENOTCONN;
+    if (pConn->iSocket >= 0)
+        iErrno = pConn->uiKind == KTNET_KIND_UDP
+                     ? receiveDatagram(pConn->iSocket, pConn->uiTimeoutMs, Received)
+                     : receiveLocal(pConn->iSocket, pConn->uiTimeoutMs, Received, bClosed);
+    if (iErrno != 0) {
+        pPacket->uiStatus = static_cast<unsigned int>(iErrno);
+        return ktnFailed(pConn, iErrno);
+    }
+    if (bClosed)
+        return 0;
+    pPacket->uiIdent = Received.Frame.uiIdent;
+    pPacket->uiService = Received.Frame.uiService;
+    pPacket->uiCommand = Received.Frame.uiCommand;
+    pPacket->uiParam = Received.Frame.uiParam;
+    pPacket->ulPayloadLen = Received.Frame.uiPayloadLen;
+    pPacket->ulPayloadSize = Received.Frame.uiPayloadLen;
+    pPacket->pPayload = Received.Payload.release();
+    return 1;
+}
+
+int ktn_xapi_ktnet_tx_data(KTNET_ENDPOINT *pDesc, KTNET_PACKET *pPacket) {
+    if (ktnEndpoint(pDesc) == nullptr || pPacket == nullptr)
+        return -EINVAL;
+    const bool bUdp = pDesc->uiKind == KTNET_KIND_UDP;
+    int iErrno = 0;
+    if (pPacket->pPayload == nullptr && pPacket->ulPayloadLen > 0)
+        iErrno = EINVAL;
+    else if (pPacket->ulPayloadLen >
+             (bUdp ? KTNET_UDP_FRAME_MAX : KTNET_LOCAL_FRAME_MAX) - KTNET_FRAME_HEADER_SIZE)
+        iErrno = EMSGSIZE;
+    else if (pDesc->iSocket < 0)
+        iErrno = ENOTCONN;
+    if (iErrno == 0) {
+        HEADER Header;
+        ktnFrameEncodeHeader(Header.data(),
+                             {pPacket->uiIdent, pPacket->uiService, pPacket->uiCommand, pPacket->uiParam,
+                              static_cast<unsigned int>(pPacket->ulPayloadLen), nullptr});
+        iovec Pieces[2] = {{Header.data(), Header.size()}, {pPacket->pPayload, pPacket->ulPayloadLen}};
+        msghdr Message{};
+        Message.msg_iov = Pieces;
+        Message.msg_iovlen = pPacket->ulPayloadLen > 0 ? 2 : 1;
+        iErrno = bUdp ? -std::min(0, udpSendMessage(pDesc->iSocket, Message))
+                      : writeStream(pDesc->iSocket, Message, deadlineIn(pDesc->uiTimeoutMs));
+    }
+    if (iErrno == 0)
+        return 1;
+    pPacket->uiStatus = static_cast<unsigned int>(iErrno);
+    if (bUdp)
+        frameworkReport(WHO_TX, "frame not sent to %s:%u: %s", pDesc->szPeer, pDesc->uiPort,
+                        strerror(iErrno));
+    else
+        frameworkReport(WHO_TX, "frame not sent to %s: %s", pDesc->szPeer, strerror(iErrno));
+    return ktnFailed(pDesc, iErrno);
+}
+
+int ktn_xapi_ktnet_tx_a_packet(KTNET_ENDPOINT *pDesc, int iFlags, KTNET_BUFFER *pBuffer) {
+    if (ktnEndpoint(pDesc) == nullptr || pBuffer == nullptr)
+        return -EINVAL;
+    if (iFlags != 0 || pDesc->uiKind != KTNET_KIND_UDP)
+        return ktnFailed(pDesc, EOPNOTSUPP);
+    const int iSent = udpSend(pDesc->iSocket, pBuffer->pBuffer, pBuffer->ulBufferLen);
+    if (iSent >= 0)
+        return std::max(1, iSent);
+    frameworkReport("ktn_xapi_ktnet_tx_a_packet", "datagram not sent to %s:%u: %s", pDesc->szPeer,
+                    pDesc->uiPort, strerror(-iSent));
+    return ktnFailed(pDesc, -iSent);
+}

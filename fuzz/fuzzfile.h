@@ -1,0 +1,48 @@
+// fuzzfile.h - what the fuzz targets of file readers share: the input as a file, and the promises of a
+// reader.
+#ifndef FUZZ_FUZZFILE_H
+#define FUZZ_FUZZFILE_H
+
+#include "mediapacket.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <sys/mman.h>
+#include <unistd.h>
+
+// Ends the run where a promise is broken.
+inline void promise(bool bHolds) {
+    if (!bHolds)
+        std::abort();
+}
+
+// One file for all inputs of the process, set to the input's bytes.
+inline int fuzzFile(const std::uint8_t *pData, std::size_t ulSize) {
+    static const int iFile = memfd_create("fuzz", MFD_CLOEXEC);
+    promise(ftruncate(iFile, 0) == 0 && pwrite(iFile, pData, ulSize, 0) == static_cast<ssize_t>(ulSize));
+    return iFile;
+}
+
+// Takes everything out of a reader: it comes to its end in so many steps as the file has room for, no packet
+// is due before the one in front of it or more than llPauseMax behind it.
+template <typename READER>
+void fuzzDrain(READER &Reader, int (*pNext)(READER &, MEDIAPACKET &), std::size_t ulSize,
+               long long llPauseMax) {
+    MEDIAPACKET Packet{};
+    long long llDue = 0;
+    std::size_t ulBytes = 0;
+    std::size_t ulSteps = 0;
+    for (int iStep = MEDIA_BUSY; iStep != MEDIA_END; ulSteps++) {
+        promise(ulSteps <= ulSize + 10);
+        iStep = pNext(Reader, Packet);
+        if (iStep != MEDIA_PACKET)
+            continue;
+        promise(Packet.llDue >= llDue && Packet.llDue - llDue <= llPauseMax);
+        llDue = Packet.llDue;
+        ulBytes += Packet.uiLength;
+        promise(Packet.uiLength > 0 && ulBytes <= ulSize);
+        promise(Packet.pData[0] + Packet.pData[Packet.uiLength - 1] >= 0); // all of it can be read
+    }
+}
+
+#endif

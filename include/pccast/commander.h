@@ -1,0 +1,42 @@
+/* commander.h - the two calls by which a component hands requests to the running service.
+ *
+ * Both run in the caller's thread, may be called from several threads at once, and deliver over a local
+ * socket of their own: to this process or to another one of the same user. */
+#ifndef PCCAST_COMMANDER_H
+#define PCCAST_COMMANDER_H
+
+#include <pccast/castinfo.h>
+#include <pccast/msginfo.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Where the service listens for requests. */
+#define PCCAST_CAST_SOCKET "/tmp/PCSTREAM.uds"
+#define PCCAST_MESSAGE_SOCKET "/tmp/PCMBC.uds"
+
+/* Submits a cast request. ulCMD: CAST_CMD_START, _STOP or _END; it is written into pInfo->ulCMD, also when
+ * the request is then refused. The record stays the caller's. Returns 1 the request was handed to the sender,
+ * whether or not it then arrived; 0 refused: no record, an incomplete one (printed), or another command. */
+int QX_PCCASTSTREAMCommander(unsigned long ulCMD, CASTInfo *pInfo);
+
+/* Delivers pInfo as a cast request with command ulCMD. Returns a result that is not negative when it was
+ * sent; negative when not: -1 the service is switched off or there is no record, else the network's result.
+ */
+int TxCASTInfoToPlugIn(unsigned long ulCMD, const CASTInfo *pInfo);
+
+/* Submits a message request. ulCMD: PCMBC_CMD_MSG or PCMBC_CMD_CANCEL; pInfo->ulCMD is not used. A cancel
+ * request needs a text too, whatever it says. The record stays the caller's.
+ * Returns 1 the request was handed to the sender, whether or not it then arrived; 0 refused: no record, no
+ * text, or another command. */
+int QX_PCCASTMBCCommander(unsigned long ulCMD, MSGInfo *pInfo);
+
+/* Delivers pInfo as a message request with command ulCMD. Returns a positive result when it was sent; -1 when
+ * the service is switched off, else the network's result. */
+int TxPCMBCInfoToPlugIn(unsigned long ulCMD, const MSGInfo *pInfo);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

@@ -1,0 +1,49 @@
+/* plugin.h - the entry points by which a host loads, opens and closes the service.
+ *
+ * The host calls them one at a time; they take no lock. */
+#ifndef PCCAST_PLUGIN_H
+#define PCCAST_PLUGIN_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Twelve entries: the two command names, nine empty texts, null. */
+extern const char *const QX_PlugIn_Map[12];
+/* The names of the exported commanders, ended by null. */
+extern const char *const p_qxapi_name_table_pccast[3];
+
+/* "PCCAST Plugin" */
+const char *QX_PlugIn_Name(void);
+
+/* 0x03060502 */
+unsigned int QX_PlugIn_Version(void);
+
+/* Opens the service: starts its threads and returns when the supervisor runs. A failure is printed.
+ * Returns 1. */
+int QX_PlugIn_Open(void);
+
+/* Stops the service and returns when its supervisor has ended. Returns 1. */
+int QX_PlugIn_Close(void);
+
+/* Does nothing. */
+void QX_Dummy(void);
+
+/* As QX_PlugIn_Open. Returns 1 opened, else 0. */
+int p_qxapi_open_pccast(void);
+
+struct ts_qxapi_plugin_argument; /* the host's plug-in arguments, of the host framework */
+
+/* As QX_PlugIn_Close, after passing pArguments (may be null) to the framework. Returns 1 closed, else 0. */
+int p_qxapi_close_pccast(const struct ts_qxapi_plugin_argument *pArguments);
+
+/* iRequest 0: returns QX_PlugIn_Version(). Any other request: returns 1. pHandle is ignored. */
+int p_qxapi_control_pccast(void *pHandle, int iRequest);
+
+/* Prints the signal's number on standard output and returns. Async-signal-safe. */
+void pccastSignalHandler(int iSignal);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

@@ -1,0 +1,58 @@
+// bciengine.h - the announcement engine's record and packets, and the relay's endpoints.
+//
+// Used by the two engine threads of this module alone (and their tests).
+#ifndef PCCAST_BCIENGINE_H
+#define PCCAST_BCIENGINE_H
+
+#include <pccast/castinfo.h>
+
+#include <qxapi_ktn.h>
+
+#include <cstdint>
+
+extern "C" {
+
+constexpr uint32_t BCI_CMD_ONAIR = 0x40030; // a cast is on air
+constexpr uint32_t BCI_CMD_END = 0x40033;   // a cast has ended
+constexpr uint32_t BCI_TYPE_FILE = 16;      // stored-file cast
+constexpr uint32_t BCI_TYPE_STREAM = 1;     // relayed stream
+constexpr uint32_t BCI_FORMAT_ASF = 3;      // the station file is attached
+constexpr uint32_t BCI_FORMAT_H264 = 2;     // the destination address and port are attached
+
+// What is announced. Times in seconds.
+typedef struct BCIInfo {
+    uint32_t ulCMD; // BCI_CMD_...
+    unsigned long uliEPGID;
+    uint32_t ulType;   // BCI_TYPE_...
+    uint32_t ulFormat; // BCI_FORMAT_..., or the cast's own format value
+    unsigned long ulST;
+    unsigned long ulET; // the announcement is repeated until then
+    char *pDSTIP;       // owned; H.264 formats only
+    unsigned short usDSTPort;
+} BCIInfo;
+
+// Fills the record from a request; pDSTIP is copied only into an empty field. An unknown format is printed
+// and taken as it is. Returns 1; -1 when the command or the type is none that can be announced (that field is
+// then left as it was) or a pointer is null.
+int PCCASTtoBCIInfo(const CASTInfo *pInfo, BCIInfo *pBCI);
+
+// Releases pDSTIP and sets it to null. A null record is ignored.
+void ELIMINATEBCIInfo(BCIInfo *pBCI);
+
+// Opens the announcement endpoint into *ppDesc, after closing one that is there. Returns a positive result,
+// or the failing call's (0 or less; *ppDesc is then null).
+int initBCITxNet(KTNET_ENDPOINT **ppDesc);
+
+// Sets the command and builds the end announcement into pPacket; the caller releases pPayload with free.
+// Returns the payload's length; 0 when memory runs out (pPayload is then null).
+int makeBCIEndPacket(const BCIInfo *pBCI, KTNET_PACKET *pPacket);
+
+// Open the relay's endpoints into *ppDesc, after closing one that is there. *ppDesc receives what the library
+// left also after a failure; the caller closes it. pszPeer: group or address; pszLocal: receiving interface,
+// may be null. Return 1, or the failing call's result (0 or less), which goes to the debug log.
+int initMSTREAMRxNetEx(KTNET_ENDPOINT **ppDesc, const char *pszPeer, unsigned short usPort,
+                       const char *pszLocal);
+int initSTREAMTxNet(KTNET_ENDPOINT **ppDesc, const char *pszPeer, const char *pszLocal, int iPort);
+}
+
+#endif

@@ -1,0 +1,146 @@
+#include "debuglog.h"
+
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+
+extern "C" {
+char gszProcessName[100];
+char gszLogPath[100];
+char gszCurFileName[160];
+char gszOldFileName[160];
+FILE *gFD;
+std::atomic<int32_t> gPrintStdOut;
+std::atomic<int32_t> gFileLog;
+std::atomic<int32_t> gDebugLevel;
+constinit thread_local int32_t gUserLevel = 0;
+}
+
+namespace {
+
+// Guards the four texts and gFD, and keeps each line whole.
+std::mutex logMutex;
+
+tm localNow() {
+    const time_t now = time(nullptr);
+    tm result{};
+    localtime_r(&now, &result);
+    return result;
+}
+
+// The value of the variable that the format and the process name make; null when there is none.
+const char *variable(const char *pFormat) {
+    char name[100];
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    const int iLength = std::snprintf(name, sizeof name, pFormat, gszProcessName);
+#pragma GCC diagnostic pop
+    return iLength < static_cast<int>(sizeof name) ? std::getenv(name) : nullptr;
+}
+
+int32_t number(const char *pFormat) {
+    const char *pText = variable(pFormat);
+    return pText == nullptr ? 0 : std::atoi(pText);
+}
+
+// Copies what fits. Returns whether all of it did.
+template <size_t Size>
+bool copyText(char (&target)[Size], const char *pText) {
+    return std::snprintf(target, Size, "%s", pText) < static_cast<int>(Size);
+}
+
+// Forms the file name of a date. A name that does not fit is left empty, and so never opened.
+void nameFile(const tm &date) {
+    char day[16] = "";
+    std::strftime(day, sizeof day, "%Y-%m-%d.txt", &date);
+    const int iLength =
+        std::snprintf(gszCurFileName, sizeof gszCurFileName, "%s/%s@%s", gszLogPath, gszProcessName, day);
+    if (gszLogPath[0] == '\0' || iLength >= static_cast<int>(sizeof gszCurFileName)) {
+        gszCurFileName[0] = '\0';
+    }
+}
+
+void closeFile() {
+    if (gFD != nullptr) {
+        std::fflush(gFD);
+        std::fclose(gFD);
+        gFD = nullptr;
+    }
+}
+
+void openFile() {
+    if (gszCurFileName[0] != '\0') {
+        gFD = std::fopen(gszCurFileName, "a+e");
+    }
+    copyText(gszOldFileName, gszCurFileName);
+}
+
+// With the lock held.
+void switchFile() {
+    nameFile(localNow());
+    if (std::strcmp(gszCurFileName, gszOldFileName) == 0) {
+        return;
+    }
+    closeFile();
+    openFile();
+}
+
+void writeLine(FILE *pFile, const char *pStamp, int iLevel, const char *pText) {
+    std::fprintf(pFile, "%s [DEBUG_LEVEL_%d] %s", pStamp, iLevel, pText);
+    std::fflush(pFile);
+}
+
+} // namespace
+
+void initDebug(const char *processName, const char *logDirectory) {
+    const std::lock_guard lock(logMutex);
+    const tm date = localNow();
+    copyText(gszProcessName, processName == nullptr ? "DEFAULT" : processName);
+    gPrintStdOut = number("KTDEBUG_STDOUT_%s");
+    gFileLog = number("KTDEBUG_FILELOG_%s");
+    closeFile();
+    if (gFileLog != 0) {
+        const char *pDirectory = logDirectory != nullptr ? logDirectory : variable("KTDEBUG_PATH_%s");
+        if (!copyText(gszLogPath, pDirectory != nullptr ? pDirectory : "/tmp")) {
+            gszLogPath[0] = '\0'; // half a path would be another folder
+        }
+        nameFile(date);
+        openFile();
+    }
+    gDebugLevel = number("KTDEBUG_LEVEL_%s");
+}
+
+void initFile(void) {
+    const std::lock_guard lock(logMutex);
+    switchFile();
+}
+
+void DEBUG_LEVEL_COMMON(int level, const char *text) {
+    const tm now = localNow();
+    char stamp[22] = "";
+    if (std::strftime(stamp, sizeof stamp, "[%Y-%m-%d %X]", &now) == 0) {
+        stamp[0] = '\0';
+    }
+    const std::lock_guard lock(logMutex);
+    if (gPrintStdOut != 0) {
+        writeLine(stdout, stamp, level, text);
+    }
+    if (gFileLog != 0) {
+        switchFile();
+        if (gFD != nullptr) {
+            writeLine(gFD, stamp, level, text);
+        }
+    }
+}
+
+void INFO_DEBUG(const char *format, ...) {
+    const int iLevel = gUserLevel;
+    char text[2049] = "";
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    DEBUG_LEVEL_COMMON(iLevel, text);
+}

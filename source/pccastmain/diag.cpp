@@ -1,0 +1,132 @@
+#include "diag.h"
+
+#include <pccast/pccast.h>
+
+#include "debuglog.h"
+#include "pccastmain.h"
+
+#include <vexa_pgl.h>
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace {
+
+// SIGTERM is reported, not obeyed, so it must not shorten a pause either.
+void sleepThrough(unsigned int uiSeconds) {
+    while (uiSeconds > 0) {
+        uiSeconds = sleep(uiSeconds);
+    }
+}
+
+std::string sampleFile(const char *pName) {
+    const char *pFolder = std::getenv("PCCAST_SAMPLES");
+    return std::string(pFolder != nullptr ? pFolder : "/usr/share/pccast/samples") + "/" + pName;
+}
+
+void installSignalHandler() {
+    struct sigaction previous {};
+    if (sigaction(SIGTERM, nullptr, &previous) == 0 && previous.sa_handler == SIG_IGN) {
+        return;
+    }
+    struct sigaction action {};
+    action.sa_handler = pccastSignalHandler;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+// One step of the message sequence. A step without a text sends the record of an earlier one as it stands.
+struct MessageStep {
+    unsigned long ulCMD;
+    int iRecord;
+    unsigned long ulPriority;
+    unsigned long ulLifetime; // seconds from now until the end time
+    unsigned long ulRepeat;
+    const char *pText;
+    unsigned int uiPause; // seconds after the step
+};
+constexpr const char *kTextA = "H-------I--------G---------H----------A";
+constexpr const char *kTextB = "H-------I--------G---------H----------B";
+constexpr MessageStep kSteps[] = {
+    {PCMBC_CMD_MSG, 0, 1, 10, 200, kTextA, 5},
+    {PCMBC_CMD_MSG, 0, 1, 10, 2, kTextB, 10},
+    {PCMBC_CMD_CANCEL, 0, 0, 0, 0, nullptr, 0},
+    {PCMBC_CMD_MSG, 0, 0, 100, 200, "1234567890123456789012345678901234567890", 20},
+    {PCMBC_CMD_MSG, 1, 0, 300, 5, "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", 10},
+    {PCMBC_CMD_MSG, 0, 1, 20, 3, kTextA, 70},
+};
+constexpr unsigned long kEPGID[] = {1, 0}; // of the two records
+
+void sendMessages() {
+    MSGInfo *records[] = {nullptr, nullptr};
+    for (const MessageStep &step : kSteps) {
+        MSGInfo *&pInfo = records[step.iRecord];
+        if (step.pText != nullptr) {
+            ELIMINATEMSGInfo(&pInfo);
+            if (MAKEMSGInfo(&pInfo, step.pText) != 1) {
+                continue;
+            }
+            const unsigned long ulNow = vexa_time(nullptr);
+            pInfo->uliEPGID = kEPGID[step.iRecord];
+            pInfo->ulAttr3 = 33333;
+            pInfo->ulAttr1 = 32;
+            pInfo->ulPriority = step.ulPriority;
+            pInfo->ulCT = pInfo->ulST = ulNow;
+            pInfo->ulET = ulNow + step.ulLifetime;
+            pInfo->ulRepeat = step.ulRepeat;
+        }
+        QX_PCCASTMBCCommander(step.ulCMD, pInfo);
+        sleepThrough(step.uiPause);
+    }
+    for (MSGInfo *&pInfo : records) {
+        ELIMINATEMSGInfo(&pInfo);
+    }
+}
+
+void setTimes(CASTInfo *pInfo) {
+    pInfo->ulCMD = CAST_CMD_START;
+    pInfo->ulCT = 100;
+    pInfo->usDSTPort = 13133;
+    pInfo->ulST = vexa_time(nullptr);
+    pInfo->ulET = pInfo->ulST + 200;
+}
+
+} // namespace
+
+int diagPCCASTMain(void) {
+    initDebug("PCCAST", nullptr);
+    if (gDebugLevel > 0 && (gPrintStdOut != 0 || gFileLog != 0)) {
+        gUserLevel = 1;
+        INFO_DEBUG("%s[%d] : FileName = %s\n", "diagPCCASTMain", __LINE__, "aaaaaaaaaa");
+    }
+    installSignalHandler();
+    QX_PlugIn_Open();
+
+    CASTInfo *pCastA = nullptr;
+    if (MAKECASTInfo(&pCastA, "224.1.1.1", "224.13.13.13", sampleFile("CASTFILE.asf").c_str(),
+                     CAST_TYPE_FILE) == 1) {
+        setTimes(pCastA);
+        pCastA->ulMSID = 34742;
+    }
+    CASTInfo *pCastB = nullptr;
+    const int iResult = MAKECASTInfo(&pCastB, "224.1.1.1", "224.2.2.2", sampleFile("CASTFILE2.asf").c_str(),
+                                     CAST_TYPE_STREAM);
+    if (iResult == 1) {
+        setTimes(pCastB);
+        pCastB->usSRCPort = 9100;
+    }
+    QX_PCCASTSTREAMCommander(CAST_CMD_START, pCastA);
+    sleepThrough(15);
+    sleepThrough(200);
+
+    sendMessages();
+
+    ELIMINATECASTInfo(&pCastB);
+    ELIMINATECASTInfo(&pCastA);
+    QX_PlugIn_Close();
+    return iResult;
+}

@@ -1,0 +1,255 @@
+// The message broadcast engine: keeps one PC message on air, repeats it with a pause that grows with its
+// text, and changes it for a newer, a prioritised or a cancelling one. Runs on a thread of its own; owns the
+// current message and the multicast endpoint, shares the two lists with the message receiver.
+
+#include "engines.h"
+#include "ktnet.h"
+#include "ktpacket.h"
+#include "msglistmgr.h"
+
+#include <vexa_pgl.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr unsigned int kIdent = 14;
+constexpr unsigned int kService = 204;
+constexpr int kHops = 5;
+constexpr unsigned long kHorizon = 2;   // seconds by which a message is taken ahead of its start time
+constexpr unsigned long kPause = 7;     // seconds between two broadcasts of a message
+constexpr double kPausePerByte = 0.2;   // and what each byte of its text adds
+constexpr unsigned short kShowings = 1; // what each packet asks a receiver for: the engine itself repeats
+
+enum ItemTag : unsigned short {
+    TAG_SEND_TIME = 0x004B,
+    TAG_START_TIME = 0x000B,
+    TAG_END_TIME = 0x000C,
+    TAG_REPEAT = 0x500A,
+    TAG_ATTRIBUTE_3 = 0x5003,
+    TAG_ATTRIBUTE_1 = 0x5001,
+    TAG_TEXT = 0x500B
+};
+
+// What the thread keeps across passes.
+struct Broadcast {
+    MSGList *pPriority;
+    MSGList *pNormal;
+    MSGInfo *pCurrent; // owned; null: none on air
+    unsigned long ulNextSend;
+    int iEndpoint; // last result of setting up or using the endpoint; negative: set it up; 0: no more
+                   // broadcasts
+    KTNET_ENDPOINT *pEndpoint;
+    unsigned long ulNow; // the time last read
+};
+
+unsigned long readClock(Broadcast *pState) {
+    return pState->ulNow = vexa_time(nullptr);
+}
+
+void releaseCurrent(Broadcast *pState) {
+    if (pState->pCurrent != nullptr) {
+        ELIMINATEMSGInfo(&pState->pCurrent);
+    }
+}
+
+// Files the current message back; one that the list does not take is lost. There is no current message then.
+void fileCurrent(Broadcast *pState, MSGList *pList) {
+    if (INSERTMSGInfo(pList, pState->pCurrent) > 0) {
+        pState->pCurrent = nullptr; // the list's
+    }
+    releaseCurrent(pState);
+}
+
+bool isCancel(const MSGInfo *pInfo) {
+    return pInfo->ulCMD == PCMBC_CMD_CANCEL;
+}
+
+bool hasNodes(const MSGList *pList) {
+    return pList->pList != nullptr && pList->pList->iCount > 0;
+}
+
+void expireCurrent(Broadcast *pState) {
+    if (pState->pCurrent != nullptr && pState->pCurrent->ulET <= readClock(pState)) {
+        releaseCurrent(pState);
+        pState->ulNextSend = pState->ulNow; // the next message may go out at once
+    }
+}
+
+// Takes the next message of the priority list. Returns the one that is to become current, null for none.
+MSGInfo *takePriority(Broadcast *pState) {
+    if (!hasNodes(pState->pPriority)) {
+        return nullptr;
+    }
+    readClock(pState);
+    const bool bPrioritised = pState->pCurrent != nullptr && pState->pCurrent->ulPriority != 0;
+    MSGInfo *pTaken = nullptr;
+    if (PATCHaMSGNode(pState->pPriority, bPrioritised ? pState->pCurrent->ulCT : 0, pState->ulNow + kHorizon,
+                      &pTaken) < 1) {
+        return nullptr;
+    }
+    if (isCancel(pTaken)) {
+        // It concerns the prioritised message on air or nobody.
+        if (bPrioritised && COMPAREMSGInfo(pTaken, pState->pCurrent, 0) == 0) {
+            releaseCurrent(pState);
+        }
+        ELIMINATEMSGInfo(&pTaken);
+        return nullptr;
+    }
+    if (bPrioritised && pState->pCurrent->ulET > pState->ulNow) {
+        fileCurrent(pState, pState->pPriority);
+    } else if (pState->pCurrent != nullptr) {
+        fileCurrent(pState, pState->pNormal);
+    }
+    return pTaken;
+}
+
+// Takes the next message of the normal list, unless a prioritised one is on air. Returns the one that is to
+// become current, null for none.
+MSGInfo *takeNormal(Broadcast *pState) {
+    if (pState->pCurrent != nullptr && pState->pCurrent->ulPriority != 0) {
+        return nullptr;
+    }
+    readClock(pState);
+    if (!hasNodes(pState->pNormal)) {
+        return nullptr;
+    }
+    MSGInfo *pTaken = nullptr;
+    const unsigned long ulOnAirCT = pState->pCurrent != nullptr ? pState->pCurrent->ulCT : 0;
+    if (PATCHaMSGNode(pState->pNormal, ulOnAirCT, pState->ulNow + kHorizon, &pTaken) < 1) {
+        return nullptr;
+    }
+    if (isCancel(pTaken)) {
+        if (COMPAREMSGInfo(pTaken, pState->pCurrent, 0) == 0) {
+            releaseCurrent(pState);
+        }
+        ELIMINATEMSGInfo(&pTaken);
+        return nullptr;
+    }
+    if (pState->pCurrent != nullptr && pState->pCurrent->ulET > pState->ulNow) {
+        fileCurrent(pState, pState->pNormal);
+    }
+    releaseCurrent(pState);
+    return pTaken;
+}
+
+// Sets the endpoint up when its last result was negative. Returns whether it can be used.
+bool isEndpointUsable(Broadcast *pState) {
+    if (pState->iEndpoint < 0) {
+        KTNETClose(&pState->pEndpoint);
+        pState->iEndpoint =
+            KTNETOpenSender(&pState->pEndpoint, KTNET_BROADCAST, nullptr, 0, nullptr, nullptr);
+        if (pState->iEndpoint > 0) {
+            ktn_xapi_hops_socket(0, pState->pEndpoint->iSocket, kHops, 1);
+        } else {
+            KTNETClose(&pState->pEndpoint);
+        }
+    }
+    return pState->iEndpoint > 0;
+}
+
+// Lays the packet's items out. Returns their length; 0 (and null) when memory runs out.
+unsigned long buildPayload(const MSGInfo *pInfo, unsigned long ulSendTime, unsigned char **ppPayload) {
+    const struct {
+        unsigned short usTag;
+        unsigned long ulLength;
+        const void *pValue;
+    } items[] = {
+        {TAG_SEND_TIME, 4, &ulSendTime},
+        {TAG_START_TIME, 4, &pInfo->ulST},
+        {TAG_END_TIME, 4, &pInfo->ulET},
+        {TAG_REPEAT, 2, &kShowings},
+        {TAG_ATTRIBUTE_3, 4, &pInfo->ulAttr3},
+        {TAG_ATTRIBUTE_1, 4, &pInfo->ulAttr1},
+        {TAG_TEXT, std::strlen(pInfo->pMSGSTR), pInfo->pMSGSTR},
+    };
+    KTPacket packet;
+    KTPacketInit(&packet);
+    bool bComplete = true;
+    for (const auto &item : items) {
+        bComplete = bComplete && KTPacketInsertItem(&packet, 1, item.usTag, item.ulLength, item.pValue) > 0;
+    }
+    const int iLength = bComplete ? KTPacketBuild(&packet, ppPayload) : 0;
+    KTPacketCleanUp(&packet);
+    return static_cast<unsigned long>(iLength);
+}
+
+void transmit(Broadcast *pState) {
+    const unsigned long ulSendTime = readClock(pState);
+    unsigned char *pPayload = nullptr;
+    KTNET_PACKET packet{};
+    packet.uiIdent = kIdent;
+    packet.uiService = kService;
+    packet.uiCommand = static_cast<unsigned int>(PCMBC_CMD_MSG);
+    packet.uiParam = static_cast<unsigned int>(ulSendTime);
+    packet.ulPayloadLen = packet.ulPayloadSize = buildPayload(pState->pCurrent, ulSendTime, &pPayload);
+    packet.pPayload = pPayload;
+    if (pPayload == nullptr) {
+        std::fprintf(stderr, "pcmbc msg xmit fail\n"); // no memory; the endpoint is as good as before
+        return;
+    }
+    pState->iEndpoint = ktn_xapi_ktnet_tx_data(pState->pEndpoint, &packet);
+    if (pState->iEndpoint <= 0) {
+        std::fprintf(stderr, "pcmbc msg xmit fail\n");
+    }
+    std::free(pPayload);
+    if (pState->iEndpoint < 0) {
+        KTNETClose(&pState->pEndpoint);
+    }
+}
+
+// Broadcasts the current message when its pause is over. An attempt counts whether or not anything was sent.
+void broadcastCurrent(Broadcast *pState) {
+    if (pState->pCurrent == nullptr) {
+        return;
+    }
+    readClock(pState);
+    if (pState->pCurrent->ulET <= pState->ulNow || pState->ulNextSend > pState->ulNow) {
+        return;
+    }
+    if (isEndpointUsable(pState)) {
+        transmit(pState);
+    }
+    --pState->pCurrent->ulRepeat; // 0 wraps: such a message is repeated until its end time
+    const double dText = kPausePerByte * static_cast<double>(std::strlen(pState->pCurrent->pMSGSTR));
+    pState->ulNextSend = static_cast<unsigned long>(static_cast<double>(pState->ulNow + kPause) + dText);
+    if (pState->pCurrent->ulRepeat == 0) {
+        releaseCurrent(pState);
+    }
+}
+
+void pass(Broadcast *pState) {
+    expireCurrent(pState);
+    MSGInfo *pTaken = takePriority(pState);
+    if (pTaken == nullptr) {
+        pTaken = takeNormal(pState);
+    }
+    if (pTaken != nullptr) {
+        pState->pCurrent = pTaken;
+    }
+    broadcastCurrent(pState);
+}
+
+} // namespace
+
+int PCMBCEngine(KTPLUGIN_INFO_TAG *pBlock) {
+    auto *const *ppLists = pBlock == nullptr ? nullptr : static_cast<MSGList *const *>(pBlock->pWork.load());
+    if (ppLists == nullptr || ppLists[0] == nullptr || ppLists[1] == nullptr) {
+        std::printf("%s(): Invalid Parameter Set\n", "PCMBCEngine");
+        return 0;
+    }
+    ++pBlock->iThreadCount;
+    pBlock->eState = ENGINE_RUNNING;
+    Broadcast state{ppLists[0], ppLists[1], nullptr, 0, -1, nullptr, 0};
+    while (pBlock->eState <= ENGINE_FINISH) {
+        pass(&state);
+        vexa_load_balance();
+    }
+    releaseCurrent(&state);
+    KTNETClose(&state.pEndpoint);
+    --pBlock->iThreadCount;
+    pBlock->eState = ENGINE_STOPPED;
+    return 0;
+}

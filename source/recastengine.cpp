@@ -1,0 +1,117 @@
+// The recast engine: plays stored files onto the multicast network, one cast at a time, on a thread of its
+// own.
+
+#include "castformat.h"
+#include "engines.h"
+#include "filecast.h"
+#include "ktlist.h"
+
+#include <qxapi.h>
+#include <vexa_pgl.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+namespace {
+
+constexpr unsigned int kHops = 16; // hop limit of the transport stream caster
+constexpr int kNotPlayed = 0;      // what playing a request that cannot be played results in
+
+struct Free {
+    void operator()(char *pText) const { std::free(pText); }
+};
+using Text = std::unique_ptr<char, Free>;
+
+void reportArguments(const CASTInfo *pCast) {
+    constexpr const char *kName = "PCCASTRECASTEngine";
+    const auto uiMSID = static_cast<unsigned int>(pCast->ulMSID & 0xFFFF);
+    std::printf("%s[%d] check the recast arguments:\n", kName, __LINE__);
+    std::printf("%s[%d] : FileName = %s\n", kName, __LINE__, qxapi_check_string_ex(pCast->pCASTFile, "NULL"));
+    std::printf("%s[%d] : IP = %s, PORT = %u\n", kName, __LINE__,
+                qxapi_check_string_ex(pCast->pDSTIP, "NULL"), static_cast<unsigned int>(pCast->usDSTPort));
+    std::printf("%s[%d] : MSID = %u[%x]\n", kName, __LINE__, uiMSID, uiMSID);
+}
+
+int playASF(KTPLUGIN_INFO_TAG *pBlock, CASTInfo *pCast, const char *pszFile) {
+    ASFCASTARG argument{};
+    argument.pszFile = pszFile;
+    argument.pszNSC = kStationFile;
+    argument.pBlock = pBlock;
+    argument.pInfo = pCast;
+    return qxbox_asfcast(&argument);
+}
+
+int playTS(KTPLUGIN_INFO_TAG *pBlock, CASTInfo *pCast, const char *pszFile) {
+    char target[256];
+    const int iLength = std::snprintf(target, sizeof target, "%s:%d", pCast->pDSTIP, pCast->usDSTPort);
+    if (iLength >= static_cast<int>(sizeof target)) {
+        std::printf("%s():%d \e[1;41m[destination of %d characters is no address]\e[0m\n",
+                    "PCCASTRECASTEngine", __LINE__, iLength);
+        return kNotPlayed;
+    }
+    TSCASTARG argument{};
+    argument.pszFile = pszFile;
+    argument.pszTarget = target;
+    argument.uiCasterParam = kHops;
+    argument.pBlock = pBlock;
+    argument.pInfo = pCast;
+    return qxbox_tscast(&argument);
+}
+
+// Plays the cast with the driver of its format. Returns the driver's result, 1 for an unknown format.
+int play(KTPLUGIN_INFO_TAG *pBlock, CASTInfo *pCast, const char *pszFile) {
+    if (pszFile == nullptr) {
+        return kNotPlayed; // no memory for the copy of the name
+    }
+    if (isASFFormat(pCast->ulSTREAMFormat)) {
+        return playASF(pBlock, pCast, pszFile);
+    }
+    if (isH264Format(pCast->ulSTREAMFormat)) {
+        return playTS(pBlock, pCast, pszFile);
+    }
+    std::printf("%s():%d, ALARM, unknown content format[%#lx(%ld)] to re-cast: let it go\n",
+                "PCCASTRECASTEngine", __LINE__, pCast->ulSTREAMFormat,
+                static_cast<long>(pCast->ulSTREAMFormat));
+    return 1;
+}
+
+// Carries the cast in the slot. The slot is emptied once the state has left idle.
+void carryCast(KTPLUGIN_INFO_TAG *pBlock, CASTInfo *pCast) {
+    if (pCast->pCASTFile == nullptr || pCast->pDSTIP == nullptr) {
+        reportArguments(pCast);
+        engineReport(pBlock, ENGINE_FAILED);
+        engineAcknowledge(pBlock);
+        ELIMINATECASTInfo(&pCast);
+        return;
+    }
+    char *pCopy = nullptr;
+    KTCOPYString(pCast->pCASTFile, &pCopy);
+    const Text pszFile(pCopy);
+    engineReport(pBlock, ENGINE_RUNNING);
+    engineAcknowledge(pBlock);
+    if (play(pBlock, pCast, pszFile.get()) != 1) {
+        engineReport(pBlock, ENGINE_FAILED);
+    }
+    ELIMINATECASTInfo(&pCast);
+    engineReportIdle(pBlock);
+}
+
+} // namespace
+
+int PCCASTRECASTEngine(KTPLUGIN_INFO_TAG *pBlock) {
+    if (pBlock == nullptr) {
+        return 0;
+    }
+    ++pBlock->iThreadCount;
+    pBlock->eState = ENGINE_IDLE;
+    while (pBlock->eState <= ENGINE_FINISH) {
+        CASTInfo *pCast = enginePeek(pBlock);
+        if (pCast != nullptr) {
+            carryCast(pBlock, pCast);
+        }
+        vexa_load_balance();
+    }
+    engineEnd(pBlock);
+    return 0;
+}

@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Every long option that a command's help shows is offered by the completion, and nothing else is.
+#   completion_test.sh COMPLETION PROGRAM
+set -euo pipefail
+. "$1"
+program=$2
+
+offered() { # WORDS...: what the completion makes of them, the last one being completed
+    COMP_WORDS=(pccast "$@")
+    COMP_CWORD=$#
+    _pccast
+    printf '%s\n' "${COMPREPLY[@]}" | sort -u
+}
+
+helped() { # COMMAND...: the long options of its help
+    "$program" "$@" --help | grep -oE '^ +(-[a-z], *)?--?[a-z-]+(,--[a-z-]+)*' | grep -oE -- '--[a-z][a-z-]+' | sort -u
+}
+
+failed=0
+check() { # NAME EXPECTED FOUND
+    [ "$2" = "$3" ] || { printf '%s: expected\n%s\nfound\n%s\n' "$1" "$2" "$3"; failed=1; }
+}
+
+commands=$("$program" --help | sed -n '/^Subcommands:/,/^$/p' | grep -oE '^  [a-z]+' | tr -d ' ' | sort -u)
+check "commands" "$commands" "$(offered "" | grep -v '^-')"
+for command in $commands; do
+    check "$command" "$(helped "$command")" "$(offered "$command" -- | grep '^--')"
+done
+check "half a word" "relay" "$(offered re)"
+check "a file's format" $'asf\nts' "$(offered file film.ts --format "")"
+exit "$failed"

@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# What cannot be done is said, with the exit code that scripts go by, and harms nothing.
+. "$(dirname "$0")/service.sh"
+cast=239.77.0.2:5000
+
+refused 69 'no service listens on /tmp/PCSTREAM.uds; start one with: pccast serve' "$pccast" relay 239.77.0.1:1 $cast
+refused 69 'no service listens on /tmp/PCMBC.uds' "$pccast" message text
+refused 64 "there is no command 'rely'" "$pccast" rely
+refused 64 "SOURCE: '239.77.0.1' has no port" "$pccast" relay 239.77.0.1 $cast
+refused 64 "start: 'noon' is not a time" "$pccast" relay 239.77.0.1:1 $cast --start noon
+refused 64 'IDENTITY' "$pccast" stop 1:2:3
+refused 64 'which cast?' "$pccast" stop
+refused 64 'is no interface of this machine' "$pccast" serve --interface nosuch0
+refused 65 'has passed' "$pccast" relay 239.77.0.1:1 $cast --end 2020-01-01T00:00
+refused 65 'does not lie after the start' "$pccast" relay 239.77.0.1:1 $cast --start +1h --end +1h
+refused 65 'would feed itself' "$pccast" relay $cast $cast
+refused 65 'TEXT is empty' "$pccast" message ''
+refused 65 'at most 65429' "$pccast" message "$(head -c 65430 /dev/zero | tr '\0' x)"
+refused 65 'nothing left to stop' "$pccast" stop 1:2:1000:2000:5000:ts
+refused 66 'No such file' "$pccast" file nosuch.ts --to $cast
+refused 66 'not a regular file' "$pccast" file /tmp --to $cast
+head -c 5000 /dev/zero >zeros
+refused 65 'neither an ASF file nor a transport stream' "$pccast" file zeros --to $cast
+refused 69 'cannot be loaded' "$pccast" serve --plugin ./zeros
+refused 69 'has no QX_PlugIn_Name' "$pccast" serve --plugin "$bin/../lib/libvexa_pgl.so.1"
+refused 69 'heard 0 of 1' "$pccast" watch --count 1 --for 1s
+
+# Something else where a socket is to be: left alone, and the reason given.
+echo mine >/tmp/PCMBC.uds
+refused 69 'PCMBC.uds' "$pccast" serve
+grep -q mine /tmp/PCMBC.uds || fail "a file of someone else's was replaced"
+[ ! -e /tmp/PCSTREAM.uds ] || fail "a service that could not start left its socket"
+rm /tmp/PCMBC.uds
+
+start_service
+refused 69 'another service already listens on /tmp/PCSTREAM.uds' "$pccast" serve
+printf '/ORVEN/SERVICE/PCSTREAM=DISABLE\n' >/reg/reg0/master.reg
+refused 78 'switches the service off' "$pccast" relay 239.77.0.1:1 $cast
+refused 0 'message requested' "$pccast" message text
+printf '/ORVEN/SERVICE/PCMBC=disable\n' >/reg/reg1/slave.reg
+refused 78 'PCMBC=DISABLE' "$pccast" message text
+end_service TERM

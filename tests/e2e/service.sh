@@ -1,0 +1,93 @@
+# Sourced by the end-to-end tests: a real host with the real plug-in on real sockets and groups, in namespaces of
+# its own (script/in-namespace). Arguments of each test: the folder of the programs, the folder of the samples.
+set -euo pipefail
+bin=$1
+samples=$2
+pccast=$bin/pccast
+service=
+work=$(mktemp -d)
+cd "$work"
+
+fail() {
+    echo "FAILED: $*" >&2
+    exit 1
+}
+
+# On every way out: what was started ends; after a failure, what the service and the watcher said is shown.
+finish() {
+    local status=$? job
+    for job in $(jobs -p); do
+        kill "$job" 2>/dev/null || true
+    done
+    wait
+    if [ "$status" -ne 0 ]; then
+        tail -n 50 "$work"/*.log "$work"/heard* 2>/dev/null || true
+    fi
+    rm -rf "$work"
+    exit "$status"
+}
+trap finish EXIT
+
+# within SECONDS COMMAND...: the command succeeds before the time is over.
+within() {
+    local tries=$(($1 * 20))
+    shift
+    until "$@" >/dev/null 2>&1; do
+        ((tries-- > 0)) || fail "did not come: $*"
+        sleep 0.05
+    done
+}
+
+# counted NUMBER PATTERN FILE: the file has at least so many lines with the pattern.
+counted() {
+    [ "$(grep -c -e "$2" "$3")" -ge "$1" ]
+}
+
+# refused CODE PATTERN COMMAND...: the command ends with the exit code and says the pattern.
+refused() {
+    local code=$1 pattern=$2 status=0
+    shift 2
+    "$@" >refused.log 2>&1 </dev/null || status=$?
+    [ "$status" -eq "$code" ] || { cat refused.log >&2; fail "exit code $status, not $code: $*"; }
+    grep -q -e "$pattern" refused.log || { cat refused.log >&2; fail "does not say '$pattern': $*"; }
+}
+
+start_service() {
+    "$pccast" serve >serve.log 2>&1 &
+    service=$!
+    within 10 grep -q 'serves casts' serve.log
+}
+
+# Ends the service with a signal; it closes in good order and leaves no socket file.
+end_service() {
+    local status=0
+    kill "-$1" "$service"
+    wait "$service" || status=$?
+    [ "$status" -eq 0 ] || fail "the service ended with exit code $status"
+    grep -q '^pccast: closed$' serve.log || fail "the service did not say that it closed"
+    [ ! -e /tmp/PCSTREAM.uds ] && [ ! -e /tmp/PCMBC.uds ] || fail "a socket file is left"
+}
+
+# What is on air from here on goes to the file heard, an object a line.
+start_watch() {
+    "$pccast" watch --json >heard 2>watch.log &
+    within 5 grep -q '0909E0' /proc/net/igmp
+}
+
+# carries ADDRESS:PORT SOURCE: a piece of the sample fed to SOURCE arrives at ADDRESS:PORT byte for byte.
+carries() {
+    "$bin/pccast-receive" "$1" received --datagrams 40 --wait 5 >receive.log 2>&1 &
+    local receiver=$!
+    within 5 grep -q "$(group_in_hex "$1")" /proc/net/igmp
+    "$bin/pccast-feed" "$samples/sample.ts" "$2" 40 >feed.log 2>&1 || fail "the source could not be fed"
+    wait "$receiver" || fail "$1 did not get what was sent to $2"
+    head -c $((40 * 1316)) "$samples/sample.ts" | cmp - received || fail "$1 got other bytes than were sent"
+}
+
+# The group of ADDRESS:PORT as /proc/net/igmp writes it.
+group_in_hex() {
+    local IFS=. address=${1%:*}
+    # shellcheck disable=SC2086
+    set -- $address
+    printf '%02X%02X%02X%02X' "$4" "$3" "$2" "$1"
+}

@@ -1,0 +1,205 @@
+// The casters on real sockets: datagrams byte for byte, hop limits, targets and stations that are none.
+#include "media_files.h"
+#include "nsc.h"
+#include "udpsocket.h"
+
+#include <memory>
+#include <netinet/in.h>
+#include <poll.h>
+#include <qxapi.h>
+#include <sys/socket.h>
+
+namespace {
+
+using ASFCASTER = std::unique_ptr<ts_qxapi_asfcast, decltype(&qxapi_close_asfcast)>;
+using TSCASTER = std::unique_ptr<ts_qxapi_tscast, decltype(&qxapi_close_tscast)>;
+
+ASFCASTER openAsf(unsigned int uiHops = 16) {
+    ASFCASTER pCaster(qxapi_open_asfcast(), qxapi_close_asfcast);
+    pCaster->uiHops = uiHops;
+    return pCaster;
+}
+
+TSCASTER openTs() {
+    return {qxapi_open_tscast(), qxapi_close_tscast};
+}
+
+struct RECEIVER {
+    int iSocket;
+    int iHops = -1; // of the last datagram
+
+    RECEIVER(const char *pszAddress, unsigned short usPort)
+        : iSocket(udpOpenReceiver(pszAddress, usPort, nullptr)) {
+        const int iOn = 1;
+        EXPECT_EQ(setsockopt(iSocket, IPPROTO_IP, IP_RECVTTL, &iOn, sizeof iOn), 0);
+    }
+    RECEIVER(const RECEIVER &) = delete;
+    RECEIVER &operator=(const RECEIVER &) = delete;
+    ~RECEIVER() { close(iSocket); }
+
+    // The next datagram; "nothing" when none comes.
+    std::string next() {
+        static char aData[65536];
+        alignas(cmsghdr) char aControl[64];
+        pollfd Poll = {iSocket, POLLIN, 0};
+        if (poll(&Poll, 1, 1000) != 1)
+            return "nothing";
+        iovec Piece = {aData, sizeof aData};
+        msghdr Message{};
+        Message.msg_iov = &Piece;
+        Message.msg_iovlen = 1;
+        Message.msg_control = aControl;
+        Message.msg_controllen = sizeof aControl;
+        const ssize_t lLength = recvmsg(iSocket, &Message, 0);
+        const cmsghdr *pControl = CMSG_FIRSTHDR(&Message);
+        iHops = pControl ? *reinterpret_cast<const int *>(CMSG_DATA(pControl)) : -1;
+        return lLength < 0 ? "nothing" : std::string(aData, static_cast<std::size_t>(lLength));
+    }
+};
+
+// A station of two formats, Format1 with id 0x12 and Format4 with id 0x7FE.
+std::string stationText(const char *pszAddress, unsigned short usPort, int iHops) {
+    NSCSTATION Station;
+    Station.sAddress = pszAddress;
+    Station.usPort = usPort;
+    Station.iHops = iHops;
+    Station.Formats = {{1, 0x12, {'h'}, ""}, {4, 0x7FE, {'i'}, ""}};
+    return nscWrite(Station);
+}
+
+int send(ts_qxapi_asfcast &Caster, const std::string &sData) {
+    return Caster.pSend(&Caster, reinterpret_cast<const unsigned char *>(sData.data()),
+                        static_cast<unsigned int>(sData.size()));
+}
+
+int send(ts_qxapi_tscast &Caster, const std::string &sData) {
+    return Caster.pSend(&Caster, reinterpret_cast<const unsigned char *>(sData.data()),
+                        static_cast<unsigned int>(sData.size()));
+}
+
+} // namespace
+
+TEST(MediaCast, MsbPacketsAreTheStationsByteForByte) {
+    RECEIVER Receiver("239.1.2.3", 6001);
+    const MEMORYFILE Station(stationText("239.1.2.3", 6001, 5));
+
+    ASFCASTER pFirst = openAsf();
+    ASSERT_EQ(pFirst->pSetStation(pFirst.get(), Station.sPath.c_str(), 0), 1);
+    EXPECT_EQ(send(*pFirst, "packet"), 1);
+    EXPECT_EQ(send(*pFirst, "second packet"), 1);
+    const std::string sFirst = Receiver.next();
+    const char cToggle = sFirst.size() > 5 ? sFirst[5] : 'x'; // of which value the process has got to
+    EXPECT_EQ(sFirst, std::string("\x00\x00\x00\x00\x12", 5) + cToggle + std::string("\x0E\x00packet", 8));
+    EXPECT_EQ(Receiver.next(),
+              std::string("\x01\x00\x00\x00\x12", 5) + cToggle + std::string("\x15\x00second packet", 15));
+    EXPECT_TRUE(cToggle == '\0' || cToggle == '\x80');
+    EXPECT_EQ(Receiver.iHops, 5); // the station's, not the caster's 16
+
+    ASFCASTER pUnused = openAsf(); // a caster that sends nothing is no playout
+    ASFCASTER pNext = openAsf();
+    ASSERT_EQ(pNext->pSetStation(pNext.get(), Station.sPath.c_str(), 4), 1);
+    EXPECT_EQ(send(*pNext, "x"), 1);
+    EXPECT_EQ(Receiver.next(), std::string("\x00\x00\x00\x00\xFE", 5) +
+                                   static_cast<char>(0x07 | (cToggle ^ '\x80')) +
+                                   std::string("\x09\x00x", 3));
+}
+
+TEST(MediaCast, ExplicitTargetReplacesTheStations) {
+    RECEIVER Receiver("127.0.0.1", 6002);
+    const MEMORYFILE Station(stationText("239.1.2.4", 6003, -1));
+    ASFCASTER pCaster = openAsf();
+    ASSERT_EQ(pCaster->pSetStation(pCaster.get(), Station.sPath.c_str(), 1), 1);
+    ASSERT_EQ(pCaster->pSetTarget(pCaster.get(), "127.0.0.1", 6002), 1);
+    EXPECT_EQ(pCaster->pSetTarget(pCaster.get(), "127.0.0.1", 0), 0); // leaves the one before
+
+    EXPECT_EQ(send(*pCaster, std::string(65507 - 8, 'x')), 1);
+    const std::string sDatagram = Receiver.next();
+    ASSERT_EQ(sDatagram.size(), 65507U);
+    EXPECT_EQ(sDatagram[4], '\x12');
+    EXPECT_EQ(sDatagram.substr(6, 2), "\xE3\xFF");
+}
+
+TEST(MediaCast, HopLimitIsTheCastersWhereTheStationHasNone) {
+    RECEIVER Receiver("239.1.2.5", 6004);
+    const MEMORYFILE Station(stationText("239.1.2.5", 6004, -1));
+    ASFCASTER pCaster = openAsf(16);
+    ASSERT_EQ(pCaster->pSetStation(pCaster.get(), Station.sPath.c_str(), 0), 1);
+    EXPECT_EQ(send(*pCaster, "x"), 1);
+    Receiver.next();
+    EXPECT_EQ(Receiver.iHops, 16);
+}
+
+TEST(MediaCast, WhatIsNoStationIsRefusedAndNothingSent) {
+    const MEMORYFILE Good(stationText("239.1.2.6", 6005, -1));
+    const MEMORYFILE Bad("[Address]\r\nIP Port=0x1\r\n");
+    const MEMORYFILE Empty("");
+    const struct {
+        const char *pszFile;
+        unsigned int uiFormatIndex;
+    } aCase[] = {{nullptr, 0},           {"/nowhere/station.nsc", 0}, {"/tmp", 0},
+                 {"/dev/zero", 0},       {Bad.sPath.c_str(), 0},      {Empty.sPath.c_str(), 0},
+                 {Good.sPath.c_str(), 2}};
+    for (const auto &Case : aCase) {
+        ASFCASTER pCaster = openAsf();
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(pCaster->pSetStation(pCaster.get(), Case.pszFile, Case.uiFormatIndex), 0);
+        EXPECT_EQ(send(*pCaster, "x"), 0);
+        const std::string sReport = testing::internal::GetCapturedStderr();
+        EXPECT_NE(sReport.find(Case.pszFile ? Case.pszFile : "no file"), std::string::npos) << sReport;
+    }
+}
+
+TEST(MediaCast, OversizedPacketFails) {
+    RECEIVER Receiver("127.0.0.1", 6006);
+    ASFCASTER pAsf = openAsf();
+    ASSERT_EQ(pAsf->pSetTarget(pAsf.get(), "127.0.0.1:6006", 0), 1);
+    EXPECT_EQ(send(*pAsf, std::string(65500, 'x')), -1);
+    TSCASTER pTs = openTs();
+    ASSERT_EQ(pTs->pSetUp(pTs.get(), nullptr, -1, "127.0.0.1:6006", 2777, 16), 1);
+    EXPECT_EQ(send(*pTs, std::string(65508, 'x')), -1);
+    EXPECT_EQ(send(*pTs, "still usable"), 1);
+    EXPECT_EQ(Receiver.next(), "still usable");
+}
+
+TEST(MediaCast, TsTargetsAreReadStrictly) {
+    const struct {
+        const char *pszTarget;
+        unsigned int uiPort;
+        unsigned int uiHops;
+        int iResult;
+    } aCase[] = {
+        {"239.1.2.7:6007", 2777, 16, 1},
+        {"239.1.2.7", 6007, 16, 1},
+        {"239.1.2.7:6007", 0, 16, 1},
+        {nullptr, 2777, 16, 0},
+        {"", 2777, 16, 0},
+        {":6007", 2777, 16, 0},
+        {"239.1.2.7:", 2777, 16, 0},
+        {"239.1.2.7:0", 2777, 16, 0},
+        {"239.1.2.7:65536", 2777, 16, 0},
+        {"239.1.2.7:6007x", 2777, 16, 0},
+        {"239.1.2.7: 6007", 2777, 16, 0},
+        {"239.1.2.7:-1", 2777, 16, 0},
+        {"239.1.2.7:6007:6007", 2777, 16, 0},
+        {"239.1.2:6007", 2777, 16, 0},
+        {"239.1.2.256:6007", 2777, 16, 0},
+        {"0.0.0.0:6007", 2777, 16, 0},
+        {"localhost:6007", 2777, 16, 0},
+        {"239.1.2.7:4294973303", 2777, 16, 0},
+        {"239.1.2.7", 0, 16, 0},
+        {"239.1.2.7", 65536, 16, 0},
+        {"239.1.2.7:6007", 2777, 256, 0},
+    };
+    RECEIVER Receiver("239.1.2.7", 6007);
+    for (const auto &Case : aCase) {
+        TSCASTER pCaster = openTs();
+        EXPECT_EQ(pCaster->pSetUp(pCaster.get(), nullptr, -1, Case.pszTarget, Case.uiPort, Case.uiHops),
+                  Case.iResult)
+            << (Case.pszTarget ? Case.pszTarget : "null");
+        EXPECT_EQ(send(*pCaster, "G"), Case.iResult);
+        if (Case.iResult == 1) {
+            EXPECT_EQ(Receiver.next(), "G");
+            EXPECT_EQ(Receiver.iHops, 16);
+        }
+    }
+}

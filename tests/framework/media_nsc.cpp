@@ -1,0 +1,130 @@
+// Station files: the public encoding, what is read and written, and what is refused.
+#include "nsc.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+constexpr char ADDRESS[] = "020G000000000UCW0p03a0BW0n03a0CW0k03G0E00k0340Dm0v0000"; // 239.192.48.179
+constexpr char VERSION[] = "029G0000000008Cm0k0300000";                              // 3.0
+
+std::string format(unsigned int uiFormatID) {
+    return nscEncode({uiFormatID, {'A', 'S', 'F'}});
+}
+
+std::string station(const std::string &sAddress, const std::string &sPort, const std::string &sFormats) {
+    return "[Address]\r\nIP Address=" + sAddress + "\r\nIP Port=" + sPort + "\r\n[Formats]\r\n" + sFormats +
+           "\r\n";
+}
+
+} // namespace
+
+TEST(MediaNsc, EncodingIsThePublicOne) {
+    const std::vector<unsigned char> Address = {'2', 0, '3', 0, '9', 0, '.', 0, '1', 0,
+                                                '9', 0, '2', 0, '.', 0, '4', 0, '8', 0,
+                                                '.', 0, '1', 0, '7', 0, '9', 0, 0,   0};
+    const std::vector<unsigned char> Version = {'3', 0, '.', 0, '0', 0, 0, 0};
+    for (const auto &[pszText, Data] : {std::pair{ADDRESS, Address}, {VERSION, Version}}) {
+        NSCVALUE Value;
+        std::string sReason;
+        ASSERT_TRUE(nscDecode(pszText, Value, sReason)) << sReason;
+        EXPECT_EQ(Value.Data, Data);
+        EXPECT_EQ(Value.uiKey, 0U);
+        EXPECT_EQ(nscEncode({0, Data}), std::string(pszText));
+    }
+    // Key 0x123, three bytes, check byte 01^23^03^41^53^46 = 75: 75 00000123 00000003 415346.
+    EXPECT_EQ(nscEncode({0x123, {'A', 'S', 'F'}}), "02TG000IC00003GLD6");
+}
+
+TEST(MediaNsc, PlainAndEncodedTextsAndBothLineEndsAreRead) {
+    for (const std::string &sText :
+         {"[Address]\nName=News\nNSC Format Version=3.0\nIP Address=239.192.48.179\nIP Port=0x1f90\n"
+          "Time To Live=0x00000007\n[Formats]\nFormat3=" +
+              format(9) + "\nDescription3=low\n",
+          "[Address]\r\nName=029G000000000AJW1b07S0Sm0000\r\nNSC Format Version=" + std::string(VERSION) +
+              "\r\nIP Address=" + ADDRESS +
+              "\r\nIP Port=0x00001F90\r\nTime To Live=0x00000007\r\nUnknown=0\r\n\r\n[Formats]\r\nFormat3=" +
+              format(9) + "\r\nDescription3=low\r\n[Other]\r\nanything=1\r\n"}) {
+        NSCSTATION Station;
+        std::string sReason;
+        ASSERT_TRUE(nscParse(sText, Station, sReason)) << sReason;
+        EXPECT_EQ(Station.sName, "News");
+        EXPECT_EQ(Station.sVersion, "3.0");
+        EXPECT_EQ(Station.sAddress, "239.192.48.179");
+        EXPECT_EQ(Station.usPort, 8080);
+        EXPECT_EQ(Station.iHops, 7);
+        ASSERT_EQ(Station.Formats.size(), 1U);
+        EXPECT_EQ(Station.Formats[0].uiFormatID, 9U);
+        EXPECT_EQ(Station.Formats[0].sDescription, "low");
+        EXPECT_EQ(Station.Formats[0].Header, (std::vector<unsigned char>{'A', 'S', 'F'}));
+        EXPECT_EQ(nscFindFormat(Station, 0), &Station.Formats[0]);
+        EXPECT_EQ(nscFindFormat(Station, 3), &Station.Formats[0]);
+        EXPECT_EQ(nscFindFormat(Station, 1), nullptr);
+    }
+}
+
+TEST(MediaNsc, LiesAreRefusedWithTheirLine) {
+    const std::string sFormat = "Format1=" + format(1);
+    std::string sManyFormats;
+    for (int i = 1; i <= 65; i++)
+        sManyFormats += "Format" + std::to_string(i) + "=" + format(1) + "\n";
+    std::string sWrongCheck = sFormat;
+    sWrongCheck[10] = sWrongCheck[10] == '0' ? '1' : '0';
+    const struct {
+        const char *pszReason;
+        std::string sText;
+    } aCase[] = {
+        {"line 1 is not", "GIF89a"},
+        {"line 1 is not", "IP Address=239.1.1.1\n"},
+        {"names no IP Address", "[Address]\nIP Port=0x1\n[Formats]\n" + sFormat},
+        {"names no IP Port", station("239.1.1.1", "0x0", sFormat)},
+        {"holds no format", station("239.1.1.1", "0x1", "")},
+        {"holds no format", station("239.1.1.1", "0x1", "Description1=none")},
+        {"line 2, IP Address", station("news.example", "0x1", sFormat)},
+        {"line 2, IP Address", station("0.0.0.0", "0x1", sFormat)},
+        {"line 2, IP Address",
+         station("021G000000000UCW0p03a0BW0n03a0CW0k03G0E00k0340Dm0v0000", "0x1", sFormat)},
+        {"line 2, IP Address", station("020G000000000UCW0p03a0BW0n03", "0x1", sFormat)},
+        {"line 3, IP Port", station("239.1.1.1", "0x10000", sFormat)},
+        {"line 3, IP Port", station("239.1.1.1", "8080", sFormat)},
+        {"line 3, IP Port", station("239.1.1.1", "0x123456789", sFormat)},
+        {"check byte", station("239.1.1.1", "0x1", sWrongCheck)},
+        {"begins with 02", station("239.1.1.1", "0x1", "Format1=0123")},
+        {"cut short", station("239.1.1.1", "0x1", "Format1=02000000")},
+        {"not of its alphabet", station("239.1.1.1", "0x1", "Format1=02-0000000000000")},
+        {"says that it has", station("239.1.1.1", "0x1", "Format1=020000000zzzzz0000")},
+        {"is above 2047", station("239.1.1.1", "0x1", "Format1=" + format(2048))},
+        {"no number", station("239.1.1.1", "0x1", "Formatx=" + format(1))},
+        {"more than 64", station("239.1.1.1", "0x1", sManyFormats)},
+    };
+    for (const auto &Case : aCase) {
+        NSCSTATION Station;
+        std::string sReason;
+        EXPECT_FALSE(nscParse(Case.sText, Station, sReason)) << Case.pszReason;
+        EXPECT_NE(sReason.find(Case.pszReason), std::string::npos) << Case.pszReason << ": " << sReason;
+    }
+}
+
+TEST(MediaNsc, WrittenStationIsReadBack) {
+    NSCSTATION Station;
+    Station.sName = "02 \xEB\x89\xB4\xEC\x8A\xA4 \xF0\x9F\x93\xBA";
+    Station.sAddress = "239.192.48.179";
+    Station.usPort = 8080;
+    Station.iHops = 16;
+    Station.Formats.push_back({1, 0x7FF, {1, 2, 3, 4, 5}, "high"});
+
+    const std::string sText = nscWrite(Station);
+
+    EXPECT_NE(sText.find("IP Address=" + std::string(ADDRESS) +
+                         "\r\nIP Port=0x00001F90\r\n"
+                         "Time To Live=0x00000010\r\n[Formats]\r\nFormat1=02"),
+              std::string::npos)
+        << sText;
+    NSCSTATION Read;
+    std::string sReason;
+    ASSERT_TRUE(nscParse(sText, Read, sReason)) << sReason;
+    EXPECT_EQ(Read.sName, Station.sName);
+    EXPECT_EQ(Read.Formats[0].Header, Station.Formats[0].Header);
+    EXPECT_EQ(Read.Formats[0].uiFormatID, 0x7FFU);
+    EXPECT_EQ(Read.Formats[0].sDescription, "high");
+}

@@ -1,0 +1,239 @@
+// The message broadcast engine: what goes on air, when, and in which order.
+#include "plugintest.h"
+
+namespace {
+
+using script::START;
+
+const char *const AIR = "tx 224.9.9.9:9367";
+const char *const FAILED_LINE = "pcmbc msg xmit fail\n";
+
+struct MessageFields {
+    const char *pszText = "aaaa";                                                    // a pause of 7 s
+    unsigned long ulCT = 100, ulPriority = 0, ulRepeat = 200, ulET = 1000, ulST = 0; // times from START
+    unsigned long ulCMD = PCMBC_CMD_MSG, ulEPGID = 1;
+};
+
+class MessageTest : public PluginTest {
+protected:
+    MessageTest() {
+        CREATEMSGList(&priority);
+        CREATEMSGList(&normal);
+    }
+    ~MessageTest() override {
+        EXPECT_TRUE(script::threadsEnd());
+        DESTROYMSGList(&priority);
+        DESTROYMSGList(&normal);
+    }
+    void file(MSGList *pList, const MessageFields &fields) {
+        MSGInfo *pInfo = nullptr;
+        ASSERT_EQ(MAKEMSGInfo(&pInfo, fields.pszText), 1);
+        *pInfo = {fields.ulCMD,
+                  fields.ulEPGID,
+                  fields.ulPriority,
+                  fields.ulCT,
+                  START + fields.ulST,
+                  START + fields.ulET,
+                  fields.ulRepeat,
+                  33333,
+                  32,
+                  pInfo->pMSGSTR};
+        ASSERT_EQ(INSERTMSGInfo(pList, pInfo), 1);
+        EXPECT_TRUE(script::settle(4));
+    }
+    static void runTo(unsigned long ulSeconds) {
+        EXPECT_TRUE(script::settle(4));
+        while (script::now() < START + ulSeconds) {
+            script::advance(1);
+            EXPECT_TRUE(script::settle(4));
+        }
+    }
+    // "TIME TEXT" of each broadcast.
+    static std::vector<std::string> aired() {
+        std::vector<std::string> texts;
+        for (const script::Frame &frame : script::frames(AIR)) {
+            texts.push_back(std::to_string(frame.ulTime - START) + " " +
+                            std::string(frame.payload.begin() + 50, frame.payload.end()));
+        }
+        return texts;
+    }
+    MSGList priority{}, normal{};
+    MSGList *lists[2] = {&priority, &normal};
+};
+
+TEST_F(MessageTest, PacketIsAsTheReceiversReadIt) {
+    Engine engine(PCMBCEngine, lists);
+    file(&normal, {.pszText = "hello", .ulPriority = 2, .ulRepeat = 1, .ulET = 100});
+    ASSERT_EQ(script::frames(AIR).size(), 1u);
+    const script::Frame frame = script::frames(AIR).front();
+    KTNET_PACKET expected{};
+    expected.uiIdent = 14;
+    expected.uiService = 204;
+    expected.uiCommand = 0x40020;
+    expected.uiParam = 1000000000;
+    expected.ulPayloadLen = expected.ulPayloadSize = 55;
+    EXPECT_EQ(memcmp(&frame.header, &expected, sizeof expected), 0);
+    EXPECT_EQ(
+        frame.payload,
+        bytes("4B 00 04 00 00 CA 9A 3B 0B 00 04 00 00 CA 9A 3B 0C 00 04 00 64 CA 9A 3B 0A 50 02 00 01 00"
+              "03 50 04 00 35 82 00 00 01 50 04 00 20 00 00 00 0B 50 05 00 'hello'"));
+    EXPECT_THAT(script::calls(),
+                ElementsAre("init 1 2", std::string("create ") + AIR, std::string("hops 0 5 1 ") + AIR));
+    const KTNET_ENDPOINT settings = script::endpoints().at(0).settings;
+    EXPECT_EQ(settings.uiKind, 0x10400u);
+    EXPECT_EQ(settings.uiListen, 0u);
+    EXPECT_EQ(settings.uiAux, 70003u);
+    EXPECT_EQ(settings.uiTimeoutMs, 70004u);
+    EXPECT_EQ(settings.uiError, 70005u); // the one endpoint whose error word is left alone
+    engine.stop();
+    EXPECT_EQ(engine.block.eState, ENGINE_STOPPED);
+    EXPECT_EQ(engine.block.iThreadCount, 0);
+}
+
+TEST_F(MessageTest, PauseGrowsWithTheTextAndRepeatsRunOut) {
+    struct Case {
+        size_t ulBytes;
+        unsigned long ulPause;
+    };
+    for (const Case &row : {Case{0, 7}, Case{4, 7}, Case{5, 8}, Case{39, 14}, Case{40, 15}}) {
+        script::reset();
+        const std::string text(row.ulBytes, 'x');
+        Engine engine(PCMBCEngine, lists);
+        file(&priority, {.pszText = text.c_str(), .ulPriority = 1, .ulRepeat = 2});
+        runTo(3 * row.ulPause);
+        EXPECT_THAT(aired(), ElementsAre("0 " + text, std::to_string(row.ulPause) + " " + text));
+    }
+}
+
+TEST_F(MessageTest, NewerAndPrioritisedMessagesTakeTheAir) {
+    Engine engine(PCMBCEngine, lists);
+    file(&normal, {.pszText = "old", .ulCT = 100, .ulRepeat = 3});
+    file(&normal, {.pszText = "low", .ulCT = 99}); // older than the one on air: it waits
+    file(&normal, {.pszText = "new", .ulCT = 101, .ulRepeat = 1});
+    runTo(7); // the new one waits for the pause of the last broadcast, then the old one has two left
+    file(&priority, {.pszText = "pri", .ulCT = 50, .ulPriority = 1, .ulRepeat = 2});
+    file(&priority,
+         {.pszText = "p90", .ulCT = 40, .ulPriority = 1, .ulRepeat = 1}); // waits for the first one
+    runTo(56);
+    EXPECT_THAT(aired(), ElementsAre("0 old", "7 new", "14 pri", "21 pri", "28 p90", "35 old", "42 old",
+                                     "49 low", "56 low"));
+}
+
+TEST_F(MessageTest, PriorityTwoOfTheNormalListHoldsTheAirAndMovesToThePriorityList) {
+    Engine engine(PCMBCEngine, lists);
+    file(&normal, {.pszText = "two", .ulCT = 100, .ulPriority = 2});
+    file(&normal, {.pszText = "new", .ulCT = 200});                   // the normal list cannot replace it
+    file(&priority, {.pszText = "low", .ulCT = 99, .ulPriority = 1}); // nor an older one of the priority list
+    runTo(7);
+    file(&priority,
+         {.pszText = "pri", .ulCT = 100, .ulPriority = 1, .ulRepeat = 1}); // an equally old one does
+    EXPECT_EQ(priority.pList->iCount + normal.pList->iCount, 3);
+    EXPECT_EQ(normal.pList->iCount, 1);
+    EXPECT_THAT(aired(), ElementsAre("0 two", "7 two"));
+}
+
+TEST_F(MessageTest, CancelStopsItsOwnMessageOfItsOwnList) {
+    Engine engine(PCMBCEngine, lists);
+    file(&normal, {.pszText = "nor"});
+    file(&priority, {.ulCMD = PCMBC_CMD_CANCEL});             // the other list
+    file(&normal, {.ulCMD = PCMBC_CMD_CANCEL, .ulEPGID = 2}); // another message
+    file(&normal, {.ulCT = 99, .ulCMD = PCMBC_CMD_CANCEL}); // older than the one on air: it stays in the list
+    runTo(7);
+    EXPECT_THAT(aired(), ElementsAre("0 nor", "7 nor"));
+    file(&normal, {.pszText = "any", .ulCMD = PCMBC_CMD_CANCEL});
+    runTo(20);
+    file(&priority, {.pszText = "pri", .ulPriority = 1, .ulEPGID = 3});
+    file(&priority, {.ulCMD = PCMBC_CMD_CANCEL, .ulEPGID = 3});
+    runTo(40);
+    EXPECT_THAT(aired(), ElementsAre("0 nor", "7 nor", "20 pri"));
+    EXPECT_EQ(priority.pList->iCount + normal.pList->iCount, 0);
+}
+
+TEST_F(MessageTest, EquallyOldMessagesTakeTurns) {
+    Engine engine(PCMBCEngine, lists);
+    file(&normal, {.pszText = "a", .ulEPGID = 1});
+    file(&normal, {.pszText = "b", .ulEPGID = 2});
+    bool bSeen[2] = {false, false};
+    EXPECT_TRUE(script::eventually([&] {
+        MSGInfo *pWaiting = nullptr;
+        GETCOPYaMSGInfo(&normal, &pWaiting);
+        if (pWaiting != nullptr) {
+            bSeen[pWaiting->uliEPGID - 1] = true;
+        }
+        ELIMINATEMSGInfo(&pWaiting);
+        return bSeen[0] && bSeen[1];
+    }));
+}
+
+TEST_F(MessageTest, TimesOfStartAndEnd) {
+    Engine engine(PCMBCEngine, lists);
+    file(&normal, {.pszText = "late", .ulST = 3});
+    EXPECT_THAT(aired(), IsEmpty());
+    runTo(1); // two seconds ahead it is taken, and goes out at once
+    EXPECT_THAT(aired(), ElementsAre("1 late"));
+    file(&priority, {.pszText = "ends",
+                     .ulCT = 300,
+                     .ulPriority = 1,
+                     .ulRepeat = 0,
+                     .ulET = 20}); // repeat 0: until the end
+    file(&priority, {.pszText = "over", .ulCT = 400, .ulPriority = 1, .ulET = 1});
+    file(&normal, {.pszText = "next", .ulCT = 500});
+    runTo(27);
+    // The end of one pulls the next one in, whatever the pause.
+    EXPECT_THAT(aired(), ElementsAre("1 late", "8 ends", "15 ends", "20 next", "27 next"));
+}
+
+TEST_F(MessageTest, FailingSenderUsesUpRepeats) {
+    struct Case {
+        Step step;
+        int iResult;
+        std::vector<std::string> aired;
+        size_t ulLines, ulSetUps;
+    };
+    const Case cases[] = {
+        {Step::TX, -1, {"7 m"}, 1, 2}, // set up again for the second
+        {Step::CREATE, -1, {"7 m"}, 0, 2}, {Step::INIT, -1, {"7 m"}, 0, 1},
+        {Step::TX, 0, {"0 m"}, 1, 1}, // recorded as sent by the script; nothing goes out any more
+        {Step::CREATE, 0, {}, 0, 1},       {Step::INIT, 0, {}, 0, 0}};
+    size_t ulLines = 0;
+    for (const Case &row : cases) {
+        script::reset();
+        Engine engine(PCMBCEngine, lists);
+        script::fail(row.step, "", row.iResult);
+        file(&normal, {.pszText = "m", .ulRepeat = 2});
+        runTo(30);
+        EXPECT_EQ(aired(), row.aired);
+        EXPECT_EQ(count(err(), FAILED_LINE) - ulLines, row.ulLines);
+        EXPECT_EQ(script::endpoints().size(), row.ulSetUps);
+        ulLines = count(err(), FAILED_LINE);
+        file(&normal, {.pszText = "n", .ulRepeat = 1, .ulET = 31}); // it is taken and counted in either case
+        EXPECT_EQ(normal.pList->iCount, 0);
+    }
+}
+
+TEST_F(MessageTest, LostLockTakesNothingAndALostRefilingReleases) {
+    Engine engine(PCMBCEngine, lists);
+    file(&normal, {.pszText = "on"});
+    file(&normal, {.pszText = "wait", .ulCT = 1});
+    pthread_mutex_lock(normal.pMutex);
+    EXPECT_TRUE(
+        script::eventually([this] { return count(out(), "[msglistmgr:#] \033[2;31m can NOT LOCK") >= 2; }));
+    pthread_mutex_unlock(normal.pMutex);
+    runTo(7);
+    EXPECT_THAT(aired(), ElementsAre("0 on", "7 on"));
+}
+
+TEST_F(MessageTest, MemoryThatRunsOutCostsOneBroadcastAtMost) {
+    for (long lNth = 1; lNth <= 20; ++lNth) {
+        script::reset();
+        file(&normal, {.pszText = "m", .ulRepeat = 3});
+        Engine engine(PCMBCEngine, lists, lNth);
+        runTo(21);
+        EXPECT_GE(aired().size(), 2u) << lNth;
+        for (const script::Frame &frame : script::frames(AIR)) {
+            EXPECT_EQ(frame.payload.size(), 51u);
+        }
+    }
+}
+
+} // namespace

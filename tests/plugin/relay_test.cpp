@@ -1,0 +1,258 @@
+// The bypass relay engine: what goes out for what comes in, and how a cast on the relay ends.
+#include "plugintest.h"
+
+#include "pccastmain/debuglog.h"
+
+namespace {
+
+using script::START;
+
+const char *const IN = "224.1.1.1:9100", *const OUT = "tx 224.2.2.2:5000";
+const char *const WAITING = "PCCASTBYPASSEngine() waiting for bypass stream source\n";
+
+class RelayTest : public PluginTest {
+protected:
+    void onAir(const CastFields &fields) {
+        engine.handOver(cast(fields));
+        EXPECT_TRUE(engine.becomes(ENGINE_RUNNING));
+    }
+    void finish() {
+        engineMove(&engine.block, ENGINE_RUNNING, ENGINE_FINISH);
+        EXPECT_TRUE(engine.becomes(ENGINE_IDLE));
+    }
+    static std::vector<Bytes> sent() {
+        std::vector<Bytes> all;
+        for (const script::Datagram &datagram : script::datagrams(OUT)) {
+            all.push_back(datagram.bytes);
+        }
+        return all;
+    }
+    Engine engine{PCCASTBYPASSEngine};
+};
+
+TEST_F(RelayTest, DatagramsAreDecryptedThenCut) {
+    struct Case {
+        int iEncryption;
+        const char *pszKey;
+        int iSplit;
+        const char *pszReceived;
+        std::vector<const char *> sent;
+    };
+    const Case cases[] = {
+        {0, "", 0, "01 02 03", {"01 02 03"}},
+        {7, "01", 0, "01 02 03", {"01 02 03"}},
+        {0, "", 1, "03 00 41 42 43 00 00 02 00 44 45", {"41 42 43", "44 45"}},
+        {0, "", 1, "02 00 41 42 05 00 43", {"41 42"}}, // a chunk that runs past the end
+        {0, "", 1, "02 00 41 42 01", {"41 42"}},       // half a length
+        {0, "", 1, "FF FF 41", {}},
+        {0, "", 1, "00 00", {}},
+        {0, "", 9, "01 02 03", {}},
+        // The marker decryption: every byte with the key's 16 bytes, filled up with zeros, and 10 or 20.
+        {2,
+         "01 02",
+         0,
+         "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00",
+         {"11 12 10 10 10 10 10 10 10 10 10 10 10 10 10 10 11 12"}},
+        {5,
+         "0F 0E 0D 0C 0B 0A 09 08 07 06 05 04 03 02 01 00 FF FF",
+         0,
+         "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00",
+         {"2F 2E 2D 2C 2B 2A 29 28 27 26 25 24 23 22 21 20 2F"}},
+        {2, "01", 1, "13 10 51 52", {"41 42"}}};
+    for (const Case &row : cases) {
+        CastFields fields{.iEncryption = row.iEncryption, .iSplit = row.iSplit};
+        fields.key = bytes(row.pszKey);
+        onAir(fields);
+        const size_t ulBefore = sent().size();
+        std::vector<Bytes> expected;
+        for (const char *pszPacket : row.sent) {
+            expected.push_back(bytes(pszPacket));
+        }
+        ASSERT_TRUE(script::datagram(IN, bytes(row.pszReceived)));
+        EXPECT_TRUE(script::eventually([&] { return sent().size() >= ulBefore + expected.size(); }));
+        EXPECT_TRUE(script::settle(3));
+        const std::vector<Bytes> all = sent();
+        EXPECT_EQ(std::vector<Bytes>(all.begin() + static_cast<long>(ulBefore), all.end()), expected)
+            << row.pszReceived;
+        EXPECT_EQ(engine.block.eState, ENGINE_RUNNING);
+        finish();
+        EXPECT_EQ(script::liveEndpoints(), 0);
+    }
+    EXPECT_EQ(count(err(), "PCCASTBYPASSEngine() iASFSplit unknown iASFSplit type[9] \n"), 1u);
+    EXPECT_EQ(count(err(), "\033[2;42m\t\t\t\t[PC BYPASS OnAir]\033[0m\n"), std::size(cases));
+    EXPECT_EQ(out(), "");
+}
+
+TEST_F(RelayTest, EndpointsAreSetUpForSourceAndDestination) {
+    onAir({});
+    EXPECT_TRUE(script::settle(3));
+    EXPECT_EQ(script::pollTimeout(std::string("rx ") + IN), 1000u);
+    finish();
+    const std::string rx = std::string("rx ") + IN;
+    EXPECT_THAT(script::calls(), ElementsAre("init 0 2", "create " + rx, "init 0 2",
+                                             std::string("create ") + OUT, std::string("close ") + OUT,
+                                             std::string("delete ") + OUT, "close " + rx, "delete " + rx));
+    const KTNET_ENDPOINT receiver = script::endpoints().at(0).settings,
+                         sender = script::endpoints().at(1).settings;
+    EXPECT_EQ(receiver.uiKind, 0x10400u);
+    EXPECT_STREQ(receiver.szPeer, "224.1.1.1");
+    EXPECT_STREQ(receiver.szLocal, "127.0.0.1");
+    EXPECT_EQ(receiver.uiPort, 9100u);
+    EXPECT_EQ(receiver.uiAux, 70003u);
+    EXPECT_EQ(receiver.uiTimeoutMs, 1000u);
+    EXPECT_EQ(receiver.uiError, 0u);
+    EXPECT_EQ(sender.uiKind, 0x10400u);
+    EXPECT_STREQ(sender.szPeer, "224.2.2.2");
+    EXPECT_STREQ(sender.szLocal, "");
+    EXPECT_EQ(sender.uiListen, 0u);
+    EXPECT_EQ(sender.uiAux, 0u);
+    EXPECT_EQ(sender.uiTimeoutMs, 1000u);
+    EXPECT_EQ(sender.uiError, 0u);
+}
+
+TEST_F(RelayTest, NothingIsAllocatedPerDatagram) {
+    CastFields fields{.iEncryption = 2, .iSplit = 1};
+    fields.key = {1};
+    onAir(fields);
+    const Bytes datagram = bytes("10 10 51 11 10 52");
+    const auto relay = [&](size_t ulTotal) {
+        for (size_t ul = sent().size() / 2; ul < ulTotal; ++ul) {
+            ASSERT_TRUE(script::eventually([&] { return script::datagram(IN, datagram); }));
+        }
+        ASSERT_TRUE(script::eventually([=] { return sent().size() == 2 * ulTotal; }));
+    };
+    relay(1);
+    const long lAllocations = script::threadAllocations();
+    relay(300);
+    EXPECT_EQ(script::threadAllocations(), lAllocations);
+}
+
+TEST_F(RelayTest, LargestDatagramPassesWhole) {
+    onAir({});
+    Bytes large(65507, 0x5A);
+    large.back() = 1;
+    ASSERT_TRUE(script::datagram(IN, large));
+    ASSERT_TRUE(script::eventually([] { return sent().size() == 1; }));
+    EXPECT_EQ(sent().front(), large);
+}
+
+TEST_F(RelayTest, SilentSourceIsReportedEachSecondUntilTheEnd) {
+    script::pollsTakeTime();
+    engine.handOver(cast({.ulET = START + 5}));
+    ASSERT_TRUE(engine.becomes(ENGINE_IDLE));
+    EXPECT_EQ(script::now(), START + 5);
+    EXPECT_EQ(count(err(), WAITING), 5u);
+    engine.handOver(cast({.ulET = START + 5})); // over already: opened, on air, closed
+    ASSERT_TRUE(engine.becomes(ENGINE_IDLE));
+    EXPECT_EQ(count(err(), "OnAir"), 2u);
+    EXPECT_EQ(count(err(), WAITING), 5u);
+    EXPECT_EQ(script::endpoints().size(), 4u);
+}
+
+TEST_F(RelayTest, CastThatCannotStartStaysFailedUntilAcknowledged) {
+    const std::string print = "PCCASTBYPASSEngine():# \033[1;41m[Initialize FAILURE]\033[0m\n"
+                              "PRINTCASTInfo: Caller[PCCASTBYPASSEngine]\n";
+    CastFields keyless{.iEncryption = 2};
+    struct Case {
+        Step step;
+        const char *pszKey;
+        int iResult, iSkip;
+        const CastFields fields;
+        bool bPrinted;
+    };
+    for (const Case &row :
+         {Case{Step::INIT, "mode 0", -1, 0, {}, false}, Case{Step::INIT, "mode 0", 0, 0, {}, false},
+          Case{Step::CREATE, "rx ", 0, 0, {}, false}, Case{Step::CREATE, "rx ", -9, 0, {}, false},
+          Case{Step::INIT, "mode 0", -1, 1, {}, true}, Case{Step::CREATE, "tx ", 0, 0, {}, true},
+          Case{Step::CREATE, "none", 0, 0, keyless, false}}) {
+        const size_t ulPrinted = count(out(), print);
+        script::fail(row.step, row.pszKey, row.iResult, 1, row.iSkip);
+        engine.handOver(cast(row.fields));
+        ASSERT_TRUE(engine.becomes(ENGINE_FAILED)) << row.pszKey;
+        EXPECT_EQ(script::liveEndpoints(), 0);
+        EXPECT_EQ(count(out(), print) - ulPrinted, row.bPrinted ? 1u : 0u);
+        engine.block.pWork = cast({});
+        EXPECT_TRUE(script::settle(5));
+        EXPECT_NE(engine.block.pWork, nullptr);
+        EXPECT_EQ(engine.block.eState, ENGINE_FAILED);
+        engineMove(&engine.block, ENGINE_FAILED, ENGINE_IDLE);
+        ASSERT_TRUE(engine.becomes(ENGINE_RUNNING));
+        EXPECT_EQ(engine.block.pWork, nullptr);
+        finish();
+    }
+    EXPECT_EQ(count(err(), "OnAir"), 7u);
+}
+
+TEST_F(RelayTest, CastEndsWithItsSourceOrAFailedChunkOnly) {
+    script::fail(Step::TX_DATAGRAM, OUT, -1);
+    onAir({.iSplit = 0});
+    ASSERT_TRUE(script::datagram(IN, {1}));
+    ASSERT_TRUE(script::datagram(IN, {2}));
+    ASSERT_TRUE(script::eventually([] { return sent().size() == 1; })); // a failed whole send is not noticed
+    EXPECT_EQ(engine.block.eState, ENGINE_RUNNING);
+    ASSERT_TRUE(script::datagram(IN, {})); // the source says goodbye
+    ASSERT_TRUE(engine.becomes(ENGINE_IDLE));
+    for (const int iResult : {0, -1}) {
+        onAir({.iSplit = 1});
+        script::fail(Step::TX_DATAGRAM, OUT, iResult); // the first of two: the second one's success counts
+        ASSERT_TRUE(script::datagram(IN, bytes("01 00 41 01 00 42")));
+        EXPECT_TRUE(script::settle(3));
+        EXPECT_EQ(engine.block.eState, ENGINE_RUNNING);
+        script::fail(Step::TX_DATAGRAM, OUT, iResult, 1, 1);
+        ASSERT_TRUE(script::datagram(IN, bytes("01 00 41 01 00 42")));
+        ASSERT_TRUE(engine.becomes(ENGINE_IDLE));
+    }
+    onAir({});
+    script::fail(Step::POLL, "rx ", -5, 3); // an error of the poll is a silent source
+    EXPECT_TRUE(script::eventually([this] { return count(err(), WAITING) >= 3; }));
+    EXPECT_EQ(engine.block.eState, ENGINE_RUNNING);
+}
+
+TEST_F(RelayTest, StopEndsTheRelayAndReleasesTheNextCast) {
+    onAir({});
+    engine.block.pWork = cast({.ulEPGID = 2});
+    engine.stop();
+    EXPECT_EQ(engine.block.eState, ENGINE_STOPPED);
+    EXPECT_EQ(engine.block.iThreadCount, 0);
+    EXPECT_EQ(engine.block.pWork, nullptr);
+    EXPECT_EQ(count(err(), "OnAir"), 1u);
+}
+
+TEST_F(RelayTest, OpenersWriteTheDebugLogByLevel) {
+    struct Case {
+        int iLevel;
+        bool bFail;
+        std::vector<const char *> lines;
+    };
+    const char *const reinit = "[DEBUG_LEVEL_4] initMSTREAMRxNetEx():# rx. network reinitializing\n";
+    gPrintStdOut = 1;
+    for (const Case &row :
+         {Case{0,
+               false,
+               {"[DEBUG_LEVEL_0] -------------initSTREAMTxNet():#, MESSAGE, KTNetCreate(p(224.2.2.2), l("}},
+          Case{4, false, {reinit, "), p(5000)) ok\n"}},
+          Case{4,
+               true,
+               {reinit,
+                "[DEBUG_LEVEL_0] initMSTREAMRxNetEx():#, ERROR, KTNetCreate() return 0xfffffff7(-9)\n"}}}) {
+        const size_t ulBefore = out().size();
+        gDebugLevel = row.iLevel;
+        if (row.bFail) {
+            script::fail(Step::CREATE, "rx ", -9);
+            engine.handOver(cast({}));
+            ASSERT_TRUE(engine.becomes(ENGINE_FAILED));
+        } else {
+            onAir({});
+            finish();
+        }
+        const std::string text = out().substr(ulBefore);
+        for (const char *pszLine : row.lines) {
+            EXPECT_EQ(count(text, pszLine), 1u) << pszLine;
+        }
+        EXPECT_EQ(count(text, reinit), row.iLevel == 4 ? 1u : 0u);
+    }
+    gPrintStdOut = 0;
+    gDebugLevel = 0;
+}
+
+} // namespace

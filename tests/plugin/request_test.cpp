@@ -1,0 +1,469 @@
+// The two requests on their way: commanders and senders, and the receiver threads that file what arrives.
+#include "plugintest.h"
+
+#include <pccast/commander.h>
+
+namespace {
+
+using script::START;
+
+const char *const CAST_PATH = "/tmp/PCSTREAM.uds", *const MESSAGE_PATH = "/tmp/PCMBC.uds";
+
+MSGInfo message(char *pszText) {
+    return {0, 0x1122334455, 1, 100, START, START + 100, 65538, 33333, 32, pszText};
+}
+
+class SenderTest : public PluginTest {
+protected:
+    ~SenderTest() override { ELIMINATECASTInfo(&m_pCast); }
+    // Both senders, by turns.
+    int send(bool bCast) {
+        return bCast ? TxCASTInfoToPlugIn(1, m_pCast) : TxPCMBCInfoToPlugIn(PCMBC_CMD_MSG, &m_message);
+    }
+    static std::string key(bool bCast) { return std::string("client ") + (bCast ? CAST_PATH : MESSAGE_PATH); }
+
+    char m_text[5] = "text";
+    CASTInfo *m_pCast = cast({.ulType = 1});
+    MSGInfo m_message = message(m_text);
+};
+
+TEST_F(SenderTest, RequestsAreAsTheReceiversReadThem) {
+    struct Case {
+        CastFields fields;
+        const char *pszPayload;
+    };
+    const Case cases[] = {
+        {{.ulType = 1},
+         "01 00 04 00 01 00 00 00 02 00 04 00 01 00 00 00 03 00 04 00 64 00 00 00 05 00 04 00 00 CA 9A 3B"
+         "06 00 04 00 64 CA 9A 3B 04 00 04 00 01 00 00 00 0C 00 04 00 21 20 00 00 0D 00 04 00 B6 87 00 00"
+         "0B 00 05 00 '/a.ts' 0A 00 09 00 '224.2.2.2' 09 00 02 00 88 13"},
+        {{.ulCMD = 2,
+          .ulType = 2,
+          .ulEPGID = 0x1122334455,
+          .ulST = 0x100000001,
+          .iEncryption = 5,
+          .iSplit = 1,
+          .key = {7, 0, 9}},
+         "01 00 04 00 02 00 00 00 02 00 04 00 55 44 33 22 03 00 04 00 64 00 00 00 05 00 04 00 01 00 00 00"
+         "06 00 04 00 64 CA 9A 3B 04 00 04 00 02 00 00 00 0C 00 04 00 21 20 00 00 0D 00 04 00 B6 87 00 00"
+         "08 00 09 00 '224.1.1.1' 07 00 02 00 8C 23 0F 00 04 00 05 00 00 00 10 00 03 00 07 00 09 11 00 04 00 "
+         "01 00 00 00"
+         "0A 00 09 00 '224.2.2.2' 09 00 02 00 88 13"},
+        {{.ulCMD = 3, .ulType = 3, .iEncryption = -1},
+         "01 00 04 00 03 00 00 00 02 00 04 00 01 00 00 00 03 00 04 00 64 00 00 00 05 00 04 00 00 CA 9A 3B"
+         "06 00 04 00 64 CA 9A 3B 04 00 04 00 03 00 00 00 0C 00 04 00 21 20 00 00 0D 00 04 00 B6 87 00 00"
+         "08 00 09 00 '224.1.1.1' 07 00 02 00 8C 23 0F 00 04 00 FF FF FF FF 11 00 04 00 00 00 00 00"
+         "0A 00 09 00 '224.2.2.2' 09 00 02 00 88 13"}};
+    const auto expectFrame = [](const script::Frame &frame, unsigned int uiService, unsigned long ulCommand,
+                                unsigned int uiParam, const Bytes &payload) {
+        KTNET_PACKET expected{};
+        expected.uiIdent = 200;
+        expected.uiService = uiService;
+        expected.uiCommand = static_cast<unsigned int>(ulCommand);
+        expected.uiParam = uiParam;
+        expected.ulPayloadLen = expected.ulPayloadSize = payload.size();
+        EXPECT_EQ(memcmp(&frame.header, &expected, sizeof expected), 0);
+        EXPECT_EQ(frame.payload, payload);
+    };
+    for (const Case &row : cases) {
+        CASTInfo *pInfo = cast(row.fields);
+        pInfo->ulMSID = 34742;
+        pInfo->ulCMD = 77; // the argument counts
+        EXPECT_EQ(QX_PCCASTSTREAMCommander(row.fields.ulCMD, pInfo), 1);
+        EXPECT_EQ(pInfo->ulCMD, row.fields.ulCMD);
+        expectFrame(script::frames(key(true)).back(), 200, row.fields.ulCMD,
+                    static_cast<unsigned int>(row.fields.ulType), bytes(row.pszPayload));
+        ELIMINATECASTInfo(&pInfo);
+    }
+    for (const unsigned long ulCMD : {PCMBC_CMD_MSG, PCMBC_CMD_CANCEL}) {
+        EXPECT_EQ(QX_PCCASTMBCCommander(ulCMD, &m_message), 1);
+        expectFrame(
+            script::frames(key(false)).back(), 205, ulCMD, 0x22334455,
+            bytes("03 00 04 00 64 00 00 00 0E 00 04 00 01 00 00 00 0B 00 04 00 00 CA 9A 3B 0C 00 04 00 64 CA "
+                  "9A 3B"
+                  "01 50 04 00 20 00 00 00 03 50 04 00 35 82 00 00 0A 50 02 00 02 00 0B 50 04 00 'text'"));
+    }
+    EXPECT_EQ(m_message.ulCMD, 0u);
+    m_text[0] = '\0'; // an empty text is a text
+    EXPECT_EQ(QX_PCCASTMBCCommander(PCMBC_CMD_MSG, &m_message), 1);
+    const Bytes payload = script::frames(key(false)).back().payload;
+    EXPECT_EQ(Bytes(payload.end() - 4, payload.end()), bytes("0B 50 00 00"));
+}
+
+TEST_F(SenderTest, CommandersRefuseWhatIsIncomplete) {
+    EXPECT_EQ(QX_PCCASTSTREAMCommander(1, nullptr), 0);
+    EXPECT_EQ(TxCASTInfoToPlugIn(1, nullptr), -1);
+    EXPECT_EQ(QX_PCCASTSTREAMCommander(4, m_pCast), 0);
+    EXPECT_EQ(m_pCast->ulCMD, 4u);
+    EXPECT_EQ(QX_PCCASTSTREAMCommander(0, m_pCast), 0);
+    EXPECT_EQ(QX_PCCASTMBCCommander(PCMBC_CMD_MSG, nullptr), 0);
+    EXPECT_EQ(QX_PCCASTMBCCommander(0x40021, &m_message), 0);
+    EXPECT_EQ(QX_PCCASTMBCCommander(0x100040020, &m_message), 0);
+    m_message.pMSGSTR = nullptr;
+    EXPECT_EQ(QX_PCCASTMBCCommander(PCMBC_CMD_CANCEL, &m_message), 0);
+    EXPECT_EQ(out(), "");
+    m_pCast->usDSTPort = 0;
+    for (const unsigned long ulCMD : {1ul, 4ul}) {
+        EXPECT_EQ(QX_PCCASTSTREAMCommander(ulCMD, m_pCast), 0);
+        EXPECT_EQ(m_pCast->ulCMD, ulCMD);
+    }
+    EXPECT_EQ(out(), "QX_PCCASTSTREAMCommander(): INVALID CASTInfo\n"
+                     "QX_PCCASTSTREAMCommander(): INVALID CASTInfo\n");
+    EXPECT_THAT(script::calls(), IsEmpty());
+}
+
+TEST_F(SenderTest, SwitchedOffServiceSendsNothing) {
+    script::registryValue("/ORVEN/SERVICE/PCSTREAM", "disable", 7);
+    EXPECT_EQ(QX_PCCASTSTREAMCommander(1, m_pCast), 1);
+    EXPECT_EQ(send(true), -1);
+    EXPECT_THAT(script::calls(), IsEmpty());
+    EXPECT_EQ(send(false), 1); // the other service is on
+    script::registryValue("/ORVEN/SERVICE/PCMBC", "DISABLE", 8);
+    EXPECT_EQ(send(false), -1);
+    EXPECT_EQ(count(out(), "/ORVEN/SERVICE/PCSTREAM service is DISABLED by REGISTRY"), 2u);
+    EXPECT_EQ(count(out(), "/ORVEN/SERVICE/PCMBC service is DISABLED by REGISTRY"), 1u);
+}
+
+TEST_F(SenderTest, EachStepsFailureIsReturnedAndEverythingReleased) {
+    struct Case {
+        Step step;
+        int iStep, iCastResult, iMessageResult;
+        const char *pszCalls; // of the cast sender; the endpoint's key is left out
+    };
+    for (const Case &row : {Case{Step::INIT, -7, -7, -7, "init "}, Case{Step::INIT, 5, 5, 5, "init "},
+                            Case{Step::CREATE, 0, 0, 0, "init create delete "},
+                            Case{Step::CREATE, -3, -3, -3, "init create delete "},
+                            Case{Step::CONNECT, -4, -4, -4, "init create connect close delete "},
+                            Case{Step::CONNECT, 0, 1, 0,
+                                 "init create connect close delete "}, // the message sender wants more than 0
+                            Case{Step::TX, 0, 0, 0, "init create connect close delete "},
+                            Case{Step::TX, -9, -9, -9, "init create connect close delete "}}) {
+        for (const bool bCast : {true, false}) {
+            const size_t ulSent = script::frames("").size();
+            script::forgetCalls();
+            script::fail(row.step, row.step == Step::INIT ? "mode 0" : key(bCast), row.iStep);
+            const int iResult = bCast ? row.iCastResult : row.iMessageResult;
+            EXPECT_EQ(send(bCast), iResult) << row.iStep;
+            std::string calls;
+            for (const std::string &call : script::calls()) {
+                calls += call.substr(0, call.find(' ')) + " ";
+            }
+            EXPECT_EQ(calls, row.pszCalls);
+            EXPECT_EQ(script::liveEndpoints(), 0);
+            const bool bSent =
+                row.step == Step::TX ? row.iStep == 0 : row.step == Step::CONNECT && iResult == 1;
+            EXPECT_EQ(script::frames("").size() - ulSent, bSent ? 1u : 0u);
+        }
+    }
+    const std::string line =
+        "[pccastmain:#] \033[2;31m KTNetTxData() return:4294967287(0xFFFFFFF7) \033[1;41m[ERROR]\033[0m\n";
+    EXPECT_EQ(out(), line + line);
+    for (const script::Endpoint &endpoint : script::endpoints()) {
+        EXPECT_EQ(endpoint.iMode, 0);
+        EXPECT_EQ(endpoint.iVersion, 2);
+        EXPECT_EQ(endpoint.settings.uiKind, 0x80100u);
+        EXPECT_EQ(endpoint.settings.uiPort, 0u);
+        EXPECT_EQ(endpoint.settings.uiListen, 0u);
+        EXPECT_EQ(endpoint.settings.uiAux, 0u);
+        EXPECT_EQ(endpoint.settings.uiTimeoutMs, 1000u);
+        EXPECT_EQ(endpoint.settings.uiError, 0u);
+    }
+}
+
+TEST_F(SenderTest, RequestWithoutMemoryIsNotSentInPart) {
+    for (const bool bCast : {true, false}) {
+        const long lBlocks = script::liveBlocks();
+        int iRefused = 0;
+        for (long lNth = 1;; ++lNth) {
+            const int iResult = withoutAllocation(lNth, [&] { return send(bCast); });
+            if (!script::allocationFailed()) {
+                break;
+            }
+            ++iRefused;
+            EXPECT_EQ(iResult, 1); // the result of the creation: no payload could be built
+            EXPECT_EQ(script::frames(key(bCast)).size(), 0u) << lNth;
+            EXPECT_EQ(script::liveBlocks(), lBlocks);
+        }
+        EXPECT_EQ(iRefused, bCast ? 23 : 17); // two blocks per item and the payload
+        EXPECT_EQ(script::frames(key(bCast)).size(), 1u);
+    }
+}
+
+// ---- receivers
+
+class CastReceiverTest : public PluginTest {
+protected:
+    CastReceiverTest() {
+        CREATECASTList(&bypass);
+        CREATECASTList(&recast);
+    }
+    ~CastReceiverTest() override {
+        DESTROYCASTList(&bypass);
+        DESTROYCASTList(&recast);
+    }
+    // Has the request handled, then tells what was filed: "LIST: COMMAND EPGID SOURCE TARGET FILE KEY" and
+    // takes it.
+    std::string filed(unsigned int uiCommand, const std::string &items) {
+        script::request(CAST_PATH, uiCommand, 99, bytes(items));
+        EXPECT_TRUE(script::eventually([] { return script::requestsWaiting() == 0; }));
+        EXPECT_TRUE(script::settle(3));
+        std::string text;
+        for (CASTList *pList : lists) {
+            CASTInfo *pInfo = nullptr;
+            while (PATCHaCASTInfo(pList, &pInfo) == 1) {
+                const auto orDash = [](const char *pszText) {
+                    return std::string(pszText == nullptr ? "-" : pszText);
+                };
+                text +=
+                    std::string(pList == &bypass ? "bypass: " : "recast: ") + std::to_string(pInfo->ulCMD) +
+                    " " + std::to_string(pInfo->uliEPGID) + " " + orDash(pInfo->pSRCIP) + ":" +
+                    std::to_string(pInfo->usSRCPort) + " " + orDash(pInfo->pDSTIP) + ":" +
+                    std::to_string(pInfo->usDSTPort) + " " + orDash(pInfo->pCASTFile) + " " +
+                    std::to_string(pInfo->iEncryptionType) + "/" + std::to_string(pInfo->iEncryptionKeyLen) +
+                    (pInfo->pEncryptionKey == nullptr ? "" : "k") + " " + std::to_string(pInfo->iASFSplit);
+                ELIMINATECASTInfo(&pInfo);
+            }
+        }
+        return text;
+    }
+    CASTList bypass{}, recast{};
+    CASTList *lists[2] = {&bypass, &recast};
+};
+
+const char *const STREAM =
+    "01 00 04 00 01 00 00 00 02 00 04 00 07 00 00 00 04 00 04 00 02 00 00 00 08 00 02 00 's1' 07 00 02 00 01 "
+    "02"
+    "0F 00 04 00 02 00 00 00 10 00 03 00 00 01 02 11 00 04 00 01 00 00 00 0A 00 02 00 'd1' 09 00 02 00 03 00";
+
+TEST_F(CastReceiverTest, ItemsMissingEmptyDoubledOrUnknown) {
+    Engine engine(RxCASTInfoEngine, lists);
+    struct Case {
+        unsigned int uiCommand;
+        std::string items, filed;
+    };
+    const std::string first = " 7 s1:513 d1:3 - 2/3k 1";
+    const Case cases[] = {
+        {1, "04 00 04 00 02 00 00 00", ""},                  // nothing but its type: no source
+        {2, STREAM, "bypass: 2" + first},                    // the header's command counts
+        {1, "04 00 04 00 03 00 00 00", "bypass: 1" + first}, // what is missing stays as it was
+        {1, "04 00 04 00 01 00 00 00", ""},                  // no file yet
+        {1, "04 00 04 00 05 00 00 00 0B 00 01 00 'f'", ""},  // no list for this type, but its file is kept
+        {1, "04 00 04 00 01 00 00 00", "recast: 1 7 -:513 d1:3 f 2/3k 1"}, // no source in a copy of this type
+        {3, "04 00 04 00 02 00 00 00 10 00 00 00", "bypass: 3 7 s1:513 d1:3 - 2/0 1"},
+        {1, "0F 00 00 00 11 00 00 00 07 00 00 00 02 00 00 00", "bypass: 1 0 s1:0 d1:3 - 0/0 0"},
+        {1, "0A 00 02 00 'd2' 0A 00 02 00 'd3' 02 00 04 00 01 00 00 00 02 00 04 00 02 00 00 80",
+         "bypass: 1 2147483650 s1:0 d3:3 - 0/0 0"}, // the later one wins
+        {1, "0E 00 04 00 09 00 00 00 12 00 01 00 'x' 00 00 00 00 00 01 02 00 09 09",
+         "bypass: 1 2147483650 s1:0 d3:3 - 0/0 0"},
+        {1, "0A 00 00 00", ""}, // no destination
+        {1, "", ""},
+        {1, "0A 00 02 00 'd4' 04 00 00 00", ""}, // type 0
+        {1, STREAM, "bypass: 1" + first}};
+    for (const Case &row : cases) {
+        EXPECT_EQ(filed(row.uiCommand, row.items), row.filed) << row.items;
+    }
+    EXPECT_EQ(out(), "");
+    EXPECT_EQ(count(joined(script::calls()), "not clear"), 0u);
+    EXPECT_EQ(count(joined(script::calls()), "receive 200"), std::size(cases));
+}
+
+TEST_F(CastReceiverTest, LyingItemsHarmNothing) {
+    Engine engine(RxCASTInfoEngine, lists);
+    for (const char *pszLie :
+         {"01", "0A 00 03 00 'd1'", "10 00 FF FF FF FF FF FF", "10 00 FF FF 01 00 00", "08 00 FF FF"}) {
+        filed(1, pszLie);
+        filed(1, std::string(STREAM) + pszLie);
+        EXPECT_EQ(filed(1, STREAM), "bypass: 1 7 s1:513 d1:3 - 2/3k 1") << pszLie;
+    }
+    // A value of another length than its field's is read within its own bytes.
+    EXPECT_EQ(filed(1, std::string(STREAM) + "02 00 02 00 05 01 09 00 01 00 04"),
+              "bypass: 1 261 s1:513 d1:4 - 2/3k 1");
+}
+
+TEST_F(CastReceiverTest, FailingStepsLoseOneRequestAtMost) {
+    script::fail(Step::INIT, "mode 0", -1);
+    script::fail(Step::INIT, "mode 0", 0);
+    script::fail(Step::CREATE, "server", -2);
+    Engine engine(RxCASTInfoEngine, lists);
+    const std::string whole = "bypass: 1 7 s1:513 d1:3 - 2/3k 1";
+    EXPECT_EQ(filed(1, STREAM), whole);
+    for (const int iResult : {0, -1}) {
+        script::fail(Step::ACCEPT, "server", iResult);
+        EXPECT_EQ(filed(1, STREAM), "");
+        script::fail(Step::RX, "connection", iResult);
+        EXPECT_EQ(filed(1, STREAM), "");
+        EXPECT_EQ(filed(1, STREAM), whole);
+    }
+    script::forgetCalls();
+    script::fail(Step::POLL, "server", -1);
+    EXPECT_TRUE(script::eventually([] { return script::calls().size() >= 4; }));
+    EXPECT_THAT(script::calls(),
+                ElementsAre("close server /tmp/PCSTREAM.uds", "delete server /tmp/PCSTREAM.uds", "init 0 2",
+                            "create server /tmp/PCSTREAM.uds"));
+    pthread_mutex_lock(bypass.pMutex); // the list cannot be had: the request is lost, and nothing leaks
+    script::request(CAST_PATH, 1, 0, bytes(STREAM));
+    const unsigned long ulPauses = script::pauses();
+    EXPECT_TRUE(script::eventually([=] { return script::pauses() >= ulPauses + 1001; }));
+    pthread_mutex_unlock(bypass.pMutex);
+    EXPECT_EQ(filed(1, STREAM), whole);
+    EXPECT_EQ(script::pollTimeout("server /tmp/PCSTREAM.uds"), 2000u);
+    const KTNET_ENDPOINT settings = script::endpoints().back().settings;
+    EXPECT_EQ(settings.uiKind, 0x80100u);
+    EXPECT_STREQ(settings.szPeer, "");
+    EXPECT_EQ(settings.uiPort, 70001u);
+    EXPECT_EQ(settings.uiListen, 1u);
+    EXPECT_EQ(settings.uiAux, 0u);
+    EXPECT_EQ(settings.uiTimeoutMs, 2000u);
+    EXPECT_EQ(settings.uiError, 0u);
+    EXPECT_EQ(engine.block.eState, ENGINE_RUNNING);
+    engine.stop();
+    EXPECT_EQ(engine.block.iThreadCount, 0);
+    EXPECT_EQ(engine.block.eState, ENGINE_STOP); // it writes no state on its way out
+}
+
+TEST_F(CastReceiverTest, MemoryThatRunsOutLosesOneRequestAtMost) {
+    for (long lNth = 1; lNth <= 12; ++lNth) {
+        Engine engine(RxCASTInfoEngine, lists, lNth);
+        filed(1, STREAM); // it falls into this one
+        filed(1, STREAM); // or into this one
+        EXPECT_EQ(filed(1, STREAM), "bypass: 1 7 s1:513 d1:3 - 2/3k 1");
+    }
+}
+
+TEST_F(CastReceiverTest, BlocksWithoutTheirListsAreRefused) {
+    CASTList *half[2] = {&bypass, nullptr};
+    MSGList *none[2] = {nullptr, nullptr};
+    KTPLUGIN_INFO_TAG block{};
+    struct Case {
+        int (*pBody)(KTPLUGIN_INFO_TAG *);
+        void *pWork;
+        int iState;
+        const char *pszLine;
+    };
+    const char *const rxMessage = "[PCCAST Plugin()RxPCMBCInfoEngine] (): INVALID Parameter Set\n";
+    for (const Case &row :
+         {Case{RxCASTInfoEngine, nullptr, ENGINE_STOP, "RxCASTInfoEngine(): Invalid Parameter Set\n"},
+          Case{RxCASTInfoEngine, half, ENGINE_STOP, "RxCASTInfoEngine(): Invalid Parameter Set\n"},
+          Case{RxPCMBCInfoEngine, nullptr, ENGINE_STOPPED, rxMessage},
+          Case{RxPCMBCInfoEngine, none, ENGINE_STOPPED, rxMessage},
+          Case{PCMBCEngine, none, 77, "PCMBCEngine(): Invalid Parameter Set\n"}}) {
+        const size_t ulBefore = out().size();
+        block.eState = 77;
+        block.pWork = row.pWork;
+        EXPECT_EQ(row.pBody(&block), 0);
+        EXPECT_EQ(block.eState, row.iState);
+        EXPECT_EQ(block.iThreadCount, 0);
+        EXPECT_EQ(row.pBody(nullptr), 0);
+        EXPECT_EQ(out().substr(ulBefore), std::string(row.pszLine) + row.pszLine);
+    }
+    for (const auto pBody : {PCCASTBCIEngine, PCCASTBYPASSEngine, PCCASTRECASTEngine}) {
+        EXPECT_EQ(pBody(nullptr), 0);
+    }
+}
+
+class MessageReceiverTest : public PluginTest {
+protected:
+    MessageReceiverTest() {
+        CREATEMSGList(&priority);
+        CREATEMSGList(&normal);
+    }
+    ~MessageReceiverTest() override {
+        DESTROYMSGList(&priority);
+        DESTROYMSGList(&normal);
+    }
+    // As above: "LIST: COMMAND EPGID PRIORITY CT ST ET REPEAT ATTR3 ATTR1 TEXT".
+    std::string filed(unsigned int uiCommand, const std::string &items) {
+        script::request(MESSAGE_PATH, uiCommand, 0x80000009, bytes(items));
+        EXPECT_TRUE(script::eventually([] { return script::requestsWaiting() == 0; }));
+        EXPECT_TRUE(script::settle(3));
+        std::string text;
+        for (MSGList *pList : lists) {
+            MSGInfo *pInfo = nullptr;
+            while (PATCHaMSGInfo(pList, &pInfo) == 1) {
+                text += pList == &priority ? "priority:" : "normal:";
+                for (const unsigned long ul :
+                     {pInfo->ulCMD, pInfo->uliEPGID, pInfo->ulPriority, pInfo->ulCT, pInfo->ulST, pInfo->ulET,
+                      pInfo->ulRepeat, pInfo->ulAttr3, pInfo->ulAttr1}) {
+                    text += " " + std::to_string(ul);
+                }
+                text += std::string(" ") + pInfo->pMSGSTR;
+                ELIMINATEMSGInfo(&pInfo);
+            }
+        }
+        return text;
+    }
+    MSGList priority{}, normal{};
+    MSGList *lists[2] = {&priority, &normal};
+};
+
+TEST_F(MessageReceiverTest, ItemsMissingEmptyDoubledOrUnknown) {
+    Engine engine(RxPCMBCInfoEngine, lists);
+    struct Case {
+        unsigned int uiCommand;
+        std::string items, filed;
+    };
+    const std::string head = "262176 2147483657 ",
+                      line = "RxPCMBCInfoEngine(iEPGID[2147483657](0x080000009)): NULL PCMessage Received\n";
+    const Case cases[] = {
+        {0x40020, "0B 50 01 00 'a'", "normal: " + head + "0 0 0 0 0 0 0 a"}, // nothing before: all 0
+        {0x40020,
+         "03 00 04 00 01 00 00 00 0E 00 04 00 01 00 00 00 0B 00 04 00 02 00 00 00 0C 00 04 00 03 00 00 80"
+         "01 50 04 00 04 00 00 00 03 50 04 00 05 00 00 00 0A 50 02 00 06 01 0B 50 02 00 'ab'",
+         "priority: " + head + "1 1 2 2147483651 262 5 4 ab"},
+        {0x40023, "0B 50 01 00 'c'",
+         "normal: 262179 2147483657 0 1 2 2147483651 262 5 4 c"}, // the priority is not kept
+        {0x40020, "0E 00 04 00 02 00 00 00 0A 50 00 00 03 00 00 00 0B 50 01 00 'd'",
+         "normal: " + head + "2 0 2 2147483651 1 5 4 d"},
+        {0x40020, "0E 00 00 00 0E 00 04 00 01 00 00 00 0B 50 01 00 'e' 0B 50 02 00 'ef' 01 00 01 00 09",
+         "priority: " + head + "1 0 2 2147483651 1 5 4 ef"},
+        {0x40020, "0B 50 00 00", ""},
+        {0x40023, "0E 00 04 00 01 00 00 00", ""},
+        {77, "0B 50 01 00 'g'", "normal: 77 2147483657 0 0 2 2147483651 1 5 4 g"}};
+    for (const Case &row : cases) {
+        EXPECT_EQ(filed(row.uiCommand, row.items), row.filed) << row.items;
+    }
+    EXPECT_EQ(out(), line + line);
+    EXPECT_EQ(count(joined(script::calls()), "receive 205"), std::size(cases));
+    for (const char *pszLie : {"0B", "0B 50 02 00 'a'", "0B 50 FF FF FF FF FF FF", "0B 50 FF FF 01 00"}) {
+        filed(0x40020, pszLie);
+        EXPECT_EQ(filed(0x40020, "0B 50 01 00 'h'"), "normal: " + head + "0 0 2 2147483651 1 5 4 h");
+    }
+}
+
+TEST_F(MessageReceiverTest, FailingStepsLoseOneRequestAtMost) {
+    script::fail(Step::INIT, "mode 0", -1);
+    script::fail(Step::CREATE, "server", -2);
+    script::fail(Step::POLL, "server", -1);
+    Engine engine(RxPCMBCInfoEngine, lists);
+    const std::string request = "0B 50 01 00 'a'", whole = "normal: 262176 2147483657 0 0 0 0 0 0 0 a";
+    EXPECT_EQ(filed(0x40020, request), whole);
+    for (const int iResult : {0, -1}) {
+        script::fail(Step::ACCEPT, "server", iResult);
+        EXPECT_EQ(filed(0x40020, request), "");
+        script::fail(Step::RX, "connection", iResult);
+        EXPECT_EQ(filed(0x40020, request), "");
+    }
+    pthread_mutex_lock(normal.pMutex);
+    script::request(MESSAGE_PATH, 0x40020, 0, bytes(request));
+    EXPECT_TRUE(script::eventually([this] { return count(out(), "can NOT LOCK") == 1; }));
+    pthread_mutex_unlock(normal.pMutex);
+    EXPECT_EQ(filed(0x40020, request), whole);
+    EXPECT_EQ(script::pollTimeout("server /tmp/PCMBC.uds"), 500u);
+    const KTNET_ENDPOINT settings = script::endpoints().back().settings;
+    EXPECT_EQ(settings.uiKind, 0x80100u);
+    EXPECT_EQ(settings.uiPort, 70001u);
+    EXPECT_EQ(settings.uiListen, 1u);
+    EXPECT_EQ(settings.uiAux, 0u);
+    EXPECT_EQ(settings.uiTimeoutMs, 500u);
+    EXPECT_EQ(settings.uiError, 0u);
+    engine.stop();
+    EXPECT_EQ(engine.block.eState, ENGINE_STOPPED);
+    for (long lNth = 1; lNth <= 6; ++lNth) {
+        Engine poor(RxPCMBCInfoEngine, lists, lNth);
+        filed(0x40020, request);
+        filed(0x40020, request);
+        EXPECT_EQ(filed(0x40020, request), whole);
+    }
+}
+
+} // namespace

@@ -1,0 +1,343 @@
+// endpoints.cpp - the scripted libqxapi_ktn. A receiver's socket is one end of a real socket pair, since its
+// user reads from it directly; all other sockets are numbers.
+#include "state.h"
+
+#include <cstring>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using script::EndpointState;
+using script::Enter;
+using script::state;
+using script::Step;
+
+namespace script {
+
+template <typename Record>
+static std::vector<Record> matching(const std::vector<Record> &records, const std::string &key) {
+    Enter enter;
+    std::vector<Record> found;
+    for (const Record &record : records) {
+        if (record.key.find(key) != std::string::npos) {
+            found.push_back(record);
+        }
+    }
+    return found;
+}
+
+std::vector<Frame> frames(const std::string &key) {
+    return matching(state().frames, key);
+}
+std::vector<Datagram> datagrams(const std::string &key) {
+    return matching(state().datagrams, key);
+}
+
+std::vector<Endpoint> endpoints() {
+    Enter enter;
+    return state().created;
+}
+
+int liveEndpoints() {
+    Enter enter;
+    return static_cast<int>(state().endpoints.size());
+}
+
+int livePayloads() {
+    Enter enter;
+    return state().iPayloads;
+}
+
+int dumps() {
+    Enter enter;
+    return state().iDumps;
+}
+
+unsigned long frameAttempts() {
+    Enter enter;
+    return state().ulFrameAttempts;
+}
+
+unsigned int pollTimeout(const std::string &key) {
+    Enter enter;
+    return state().pollTimeouts[key];
+}
+
+void request(const std::string &path, unsigned int uiCommand, unsigned int uiParam, const Bytes &payload) {
+    Enter enter;
+    state().requests[path].push_back({uiCommand, uiParam, payload});
+}
+
+int requestsWaiting() {
+    Enter enter;
+    size_t ulSum = 0;
+    for (const auto &queue : state().requests) {
+        ulSum += queue.second.size();
+    }
+    return static_cast<int>(ulSum);
+}
+
+bool datagram(const std::string &address, const Bytes &bytes) {
+    Enter enter;
+    for (const auto &[pDesc, endpoint] : state().endpoints) {
+        if (endpoint.key == "rx " + address && endpoint.iFarEnd >= 0) {
+            return send(endpoint.iFarEnd, bytes.data(), bytes.size(), MSG_DONTWAIT) ==
+                   static_cast<ssize_t>(bytes.size());
+        }
+    }
+    return false;
+}
+
+static std::string keyOf(const KTNET_ENDPOINT &settings) {
+    if (settings.uiKind == KTNET_KIND_LOCAL) {
+        return settings.uiListen == 1 ? std::string("server ") + settings.szLocal
+                                      : std::string("client ") + settings.szPeer;
+    }
+    return std::string(settings.uiListen == 1 ? "rx " : "tx ") + settings.szPeer + ":" +
+           std::to_string(settings.uiPort);
+}
+
+static std::string keyOf(int iSocket) {
+    Enter enter;
+    const auto known = state().sockets.find(iSocket);
+    return known == state().sockets.end() ? "" : state().endpoints.at(known->second).key;
+}
+
+static KTNET_ENDPOINT *descriptor(const EndpointState &endpoint) {
+    auto *pDesc = new KTNET_ENDPOINT{};
+    pDesc->iSocket = -1;
+    pDesc->uiPort = 70001;
+    pDesc->uiListen = 70002;
+    pDesc->uiAux = 70003;
+    pDesc->uiTimeoutMs = 70004;
+    pDesc->uiError = 70005;
+    state().endpoints[pDesc] = endpoint;
+    return pDesc;
+}
+
+// A step of an endpoint that a rule may decide.
+static bool ruled(Step step, const KTNET_ENDPOINT *pDesc, int *piResult) {
+    return decided(step, state().endpoints.at(pDesc).key, piResult);
+}
+
+static void waitWhileHeld(const std::string &key) {
+    const auto isHeld = [&] {
+        Enter enter;
+        return !state().held.empty() && key.find(state().held) != std::string::npos;
+    };
+    while (isHeld()) {
+        pass();
+    }
+}
+
+static void closeSocket(KTNET_ENDPOINT *pDesc, EndpointState &endpoint) {
+    state().sockets.erase(pDesc->iSocket);
+    if (endpoint.iFarEnd >= 0) {
+        close(pDesc->iSocket);
+        close(endpoint.iFarEnd);
+        endpoint.iFarEnd = -1;
+    }
+    pDesc->iSocket = -1;
+}
+
+} // namespace script
+
+extern "C" {
+
+int ktn_xapi_ktnet_init_with_version(KTNET_ENDPOINT **ppDesc, int iMode, int iVersion) {
+    Enter enter;
+    int iResult = 1;
+    state().calls.push_back("init " + std::to_string(iMode) + " " + std::to_string(iVersion));
+    *ppDesc = nullptr;
+    if (decided(Step::INIT, "mode " + std::to_string(iMode), &iResult)) {
+        return iResult;
+    }
+    *ppDesc = script::descriptor({"fresh", iMode, iVersion});
+    return 1;
+}
+
+int ktn_xapi_ktnet_create(KTNET_ENDPOINT *pDesc) {
+    ++script::tInside;
+    script::waitWhileHeld(script::keyOf(*pDesc));
+    --script::tInside;
+    Enter enter;
+    EndpointState &endpoint = state().endpoints.at(pDesc);
+    endpoint.key = script::keyOf(*pDesc);
+    state().created.push_back({endpoint.key, endpoint.iMode, endpoint.iVersion, *pDesc});
+    state().calls.push_back("create " + endpoint.key);
+    int iResult = 1;
+    if (decided(Step::CREATE, endpoint.key, &iResult)) {
+        return iResult;
+    }
+    int sockets[2];
+    if (pDesc->uiKind == KTNET_KIND_UDP && pDesc->uiListen == 1) {
+        if (socketpair(AF_UNIX, SOCK_DGRAM, 0, sockets) != 0) {
+            return -errno;
+        }
+        pDesc->iSocket = sockets[0];
+        endpoint.iFarEnd = sockets[1];
+    } else {
+        pDesc->iSocket = state().iNextSocket++;
+    }
+    state().sockets[pDesc->iSocket] = pDesc;
+    return 1;
+}
+
+int ktn_xapi_rx_poll_socket(int iSocket, unsigned int uiTimeoutMs) {
+    ++script::tInside;
+    script::waitWhileHeld(script::keyOf(iSocket));
+    --script::tInside;
+    {
+        Enter enter;
+        const auto known = state().sockets.find(iSocket);
+        if (known == state().sockets.end()) {
+            return -EBADF;
+        }
+        const EndpointState &endpoint = state().endpoints.at(known->second);
+        state().pollTimeouts[endpoint.key] = uiTimeoutMs;
+        int iResult = 1;
+        unsigned char ucByte = 0;
+        if (ruled(Step::POLL, known->second, &iResult)) {
+            return iResult;
+        }
+        if (endpoint.iFarEnd >= 0 ? recv(iSocket, &ucByte, 1, MSG_PEEK | MSG_DONTWAIT) >= 0
+                                  : !state().requests[known->second->szLocal].empty()) {
+            return 1;
+        }
+        if (state().bPollsTakeTime) {
+            state().ulNow += uiTimeoutMs / 1000;
+        }
+    }
+    script::pass();
+    return 0;
+}
+
+int ktn_xapi_ktnet_accept(KTNET_ENDPOINT *pDesc, KTNET_ENDPOINT **ppConn) {
+    Enter enter;
+    *ppConn = nullptr;
+    auto &queue = state().requests[pDesc->szLocal];
+    EndpointState connection{std::string("connection ") + pDesc->szLocal};
+    connection.request = queue.front();
+    queue.pop_front();
+    int iResult = 1;
+    if (ruled(Step::ACCEPT, pDesc, &iResult)) {
+        return iResult;
+    }
+    *ppConn = script::descriptor(connection);
+    return 1;
+}
+
+int ktn_xapi_ktnet_rx_data(KTNET_ENDPOINT *pConn, KTNET_PACKET *pPacket) {
+    Enter enter;
+    int iResult = 1;
+    state().calls.push_back("receive " + std::to_string(pPacket->uiIdent));
+    if (pPacket->pPayload != nullptr || pPacket->ulPayloadLen != 0 || pPacket->ulReserved != 0 ||
+        pPacket->uiStatus != 0) {
+        state().calls.push_back("receive with a header that is not clear");
+    }
+    if (ruled(Step::RX, pConn, &iResult)) {
+        return iResult;
+    }
+    const script::Request &request = state().endpoints.at(pConn).request;
+    pPacket->uiCommand = request.uiCommand;
+    pPacket->uiParam = request.uiParam;
+    pPacket->ulPayloadLen = request.payload.size();
+    pPacket->pPayload = nullptr;
+    if (!request.payload.empty()) { // exactly as long as it says, so that a reader beyond it is noticed
+        pPacket->pPayload = new unsigned char[request.payload.size()];
+        memcpy(pPacket->pPayload, request.payload.data(), request.payload.size());
+        ++state().iPayloads;
+    }
+    return 1;
+}
+
+int ktn_xapi_ktnet_connect(KTNET_ENDPOINT *pDesc) {
+    Enter enter;
+    int iResult = 1;
+    state().calls.push_back("connect " + state().endpoints.at(pDesc).key);
+    ruled(Step::CONNECT, pDesc, &iResult);
+    return iResult;
+}
+
+int ktn_xapi_ktnet_tx_data(KTNET_ENDPOINT *pDesc, KTNET_PACKET *pPacket) {
+    Enter enter;
+    int iResult = 1;
+    ++state().ulFrameAttempts;
+    if (ruled(Step::TX, pDesc, &iResult) && iResult < 0) {
+        pDesc->uiError = 0xE1;
+        pPacket->uiStatus = 0x5A;
+        return iResult;
+    }
+    script::Frame frame{state().endpoints.at(pDesc).key, state().ulNow, *pPacket, {}};
+    frame.payload.assign(pPacket->pPayload, pPacket->pPayload + pPacket->ulPayloadLen);
+    frame.header.pPayload = nullptr;
+    state().frames.push_back(frame);
+    pPacket->ulReserved = 99; // the library may leave anything here
+    pPacket->uiStatus = 98;
+    if (pDesc->uiKind == KTNET_KIND_LOCAL) {
+        for (const auto &[pServer, server] : state().endpoints) {
+            if (server.key == std::string("server ") + pDesc->szPeer) {
+                state().requests[pDesc->szPeer].push_back(
+                    {frame.header.uiCommand, frame.header.uiParam, frame.payload});
+                break;
+            }
+        }
+    }
+    return iResult;
+}
+
+int ktn_xapi_ktnet_tx_a_packet(KTNET_ENDPOINT *pDesc, int, KTNET_BUFFER *pBuffer) {
+    Enter enter;
+    int iResult = static_cast<int>(pBuffer->ulBufferLen);
+    if (ruled(Step::TX_DATAGRAM, pDesc, &iResult)) {
+        return iResult;
+    }
+    state().datagrams.push_back({state().endpoints.at(pDesc).key, state().ulNow,
+                                 script::Bytes(pBuffer->pBuffer, pBuffer->pBuffer + pBuffer->ulBufferLen)});
+    return iResult;
+}
+
+int ktn_xapi_ktnet_close(KTNET_ENDPOINT *pDesc) {
+    Enter enter;
+    if (pDesc == nullptr) {
+        return 0;
+    }
+    EndpointState &endpoint = state().endpoints.at(pDesc);
+    state().calls.push_back("close " + endpoint.key);
+    script::closeSocket(pDesc, endpoint);
+    return 1;
+}
+
+int ktn_xapi_ktnet_delete(KTNET_ENDPOINT **ppDesc) {
+    Enter enter;
+    if (*ppDesc == nullptr) {
+        return 0;
+    }
+    EndpointState &endpoint = state().endpoints.at(*ppDesc);
+    state().calls.push_back("delete " + endpoint.key);
+    script::closeSocket(*ppDesc, endpoint);
+    state().endpoints.erase(*ppDesc);
+    delete *ppDesc;
+    *ppDesc = nullptr;
+    return 1;
+}
+
+int ktn_xapi_hops_socket(int iFamily, int iSocket, int iHops, int iOn) {
+    Enter enter;
+    const auto known = state().sockets.find(iSocket);
+    state().calls.push_back(
+        "hops " + std::to_string(iFamily) + " " + std::to_string(iHops) + " " + std::to_string(iOn) + " " +
+        (known == state().sockets.end() ? "nothing" : state().endpoints.at(known->second).key));
+    return 1;
+}
+
+void ktn_xapi_dump_packet_info(const KTNET_PACKET *) {
+    Enter enter;
+    ++state().iDumps;
+}
+
+void ktn_xapi_free(void *pPayload) {
+    Enter enter;
+    state().iPayloads -= pPayload != nullptr;
+    delete[] static_cast<unsigned char *>(pPayload);
+}
+}

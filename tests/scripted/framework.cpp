@@ -1,0 +1,552 @@
+// framework.cpp - the script itself, and what is scripted of libvexa_pgl and libqxapi.
+#include "state.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+#include <unistd.h>
+
+namespace script {
+
+State &state() {
+    static State &theState = *new State; // outlives every thread
+    return theState;
+}
+
+void reset() {
+    const int iLive = liveThreads();
+    if (iLive != 0) {
+        fprintf(stderr, "scripted framework: reset with %d live threads\n", iLive);
+        abort();
+    }
+    Enter enter;
+    State &s = state();
+    s.ulNow = START;
+    s.ulSlept = s.ulFrameAttempts = 0;
+    s.ulPauses = s.ulPaused = 0;
+    s.lWallOffset = 0;
+    s.bPollsTakeTime = s.bRegistryMissing = false;
+    s.rules.clear();
+    s.calls.clear();
+    s.reports.clear();
+    s.log.clear();
+    s.console.clear();
+    s.held.clear();
+    s.created.clear();
+    s.requests.clear();
+    s.pollTimeouts.clear();
+    s.frames.clear();
+    s.datagrams.clear();
+    s.registry.clear();
+    s.files.clear();
+    s.iDumps = s.iBreak = 0;
+    failAllocation(0);
+}
+
+bool decided(Step step, const std::string &key, int *piResult) {
+    for (auto rule = state().rules.begin(); rule != state().rules.end(); ++rule) {
+        if (rule->step != step || key.find(rule->key) == std::string::npos) {
+            continue;
+        }
+        if (rule->iSkip > 0) {
+            --rule->iSkip;
+            continue;
+        }
+        *piResult = rule->iResult;
+        if (--rule->iTimes == 0) {
+            state().rules.erase(rule);
+        }
+        return true;
+    }
+    return false;
+}
+
+void hold(const std::string &key) {
+    Enter enter;
+    state().held = key;
+}
+
+void fail(Step step, const std::string &key, int iResult, int iTimes, int iSkip) {
+    Enter enter;
+    state().rules.push_back({step, key, iResult, iTimes, iSkip});
+}
+
+// ---- time and threads
+
+unsigned long now() {
+    Enter enter;
+    return state().ulNow;
+}
+
+void advance(unsigned long ulSeconds) {
+    Enter enter;
+    state().ulNow += ulSeconds;
+}
+
+void pollsTakeTime() {
+    Enter enter;
+    state().bPollsTakeTime = true;
+}
+
+unsigned long slept() {
+    Enter enter;
+    return state().ulSlept;
+}
+
+unsigned long pausedMicroseconds() {
+    return state().ulPaused;
+}
+unsigned long pauses() {
+    return state().ulPauses;
+}
+void moveWallClock(long lSeconds) {
+    state().lWallOffset += lSeconds;
+}
+
+void pass() {
+    if (tThread != nullptr) {
+        ++tThread->ulPasses;
+    }
+    usleep(100);
+}
+
+void startThread(std::function<void()> body, long lFailAllocation) {
+    Enter enter;
+    auto record = std::make_shared<ThreadRecord>();
+    state().threads.push_back(record);
+    std::thread([record, body = std::move(body), lFailAllocation] {
+        tThread = record.get();
+        tFailAllocation = lFailAllocation;
+        body();
+        tFailAllocation = 0;
+        Enter leave;
+        tThread = nullptr;
+        state().threads.remove(record);
+    }).detach();
+}
+
+int liveThreads() {
+    Enter enter;
+    return static_cast<int>(state().threads.size());
+}
+
+long threadAllocations() {
+    Enter enter;
+    long lSum = 0;
+    for (const auto &thread : state().threads) {
+        lSum += thread->lAllocations;
+    }
+    return lSum;
+}
+
+static bool waitFor(const char *pszWhat, const std::function<bool()> &condition) {
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > limit) {
+            fprintf(stderr, "scripted framework: gave up waiting: %s; %d threads live\n", pszWhat,
+                    liveThreads());
+            return false;
+        }
+        usleep(100);
+    }
+    return true;
+}
+
+bool settle(unsigned uPasses) {
+    std::list<std::pair<std::shared_ptr<ThreadRecord>, unsigned long>> goals;
+    {
+        Enter enter;
+        for (const auto &thread : state().threads) {
+            goals.emplace_back(thread, thread->ulPasses + uPasses);
+        }
+    }
+    return waitFor("a thread makes no passes", [&] {
+        Enter enter;
+        const auto &live = state().threads;
+        goals.remove_if([&](const auto &goal) {
+            return goal.first->ulPasses >= goal.second ||
+                   std::find(live.begin(), live.end(), goal.first) == live.end();
+        });
+        return goals.empty();
+    });
+}
+
+bool eventually(const std::function<bool()> &condition) {
+    return waitFor("a condition", condition);
+}
+
+bool threadsEnd() {
+    return waitFor("threads to end", [] { return liveThreads() == 0; });
+}
+
+// ---- records
+
+std::vector<std::string> calls() {
+    Enter enter;
+    return state().calls;
+}
+
+void forgetCalls() {
+    Enter enter;
+    state().calls.clear();
+}
+
+std::string console() {
+    Enter enter;
+    return state().console;
+}
+
+std::vector<std::string> reports() {
+    Enter enter;
+    return state().reports;
+}
+
+std::vector<std::string> log() {
+    Enter enter;
+    return state().log;
+}
+
+void registryValue(const std::string &key, const std::string &value, int iLength) {
+    Enter enter;
+    state().registry[key] = {value, iLength};
+}
+
+void registryMissing() {
+    Enter enter;
+    state().bRegistryMissing = true;
+}
+
+int liveRegistries() {
+    Enter enter;
+    return state().iRegistries;
+}
+
+std::string registryOpening() {
+    Enter enter;
+    return state().registryOpening;
+}
+
+void storedFile(const std::string &path, const std::vector<Packet> &packets) {
+    Enter enter;
+    state().files[path] = packets;
+}
+
+int lentPackets() {
+    Enter enter;
+    return state().iLent;
+}
+
+} // namespace script
+
+// ---- what the framework's library exports
+
+namespace {
+
+using script::Enter;
+using script::state;
+using script::Step;
+
+__attribute__((format(printf, 1, 0))) std::string formatted(const char *pszFormat, va_list arguments) {
+    char szText[4096];
+    vsnprintf(szText, sizeof szText, pszFormat, arguments);
+    return szText;
+}
+
+struct Stream {
+    ts_qxapi_stream calls;
+    std::vector<script::Packet> packets;
+    size_t ulNext = 0;
+    ts_qxapi_packet lent{};
+};
+
+// pStream is the first member of its Stream.
+Stream *of(ts_qxapi_stream *pStream) {
+    return reinterpret_cast<Stream *>(pStream);
+}
+
+int startStream(ts_qxapi_stream *) {
+    Enter enter;
+    int iResult = 1;
+    decided(Step::STREAM_START, "", &iResult);
+    state().calls.push_back("start stream");
+    return iResult;
+}
+
+int isAtEnd(ts_qxapi_stream *pStream) {
+    return of(pStream)->ulNext == of(pStream)->packets.size() ? 7 : 0;
+}
+
+ts_qxapi_packet *nextPacket(ts_qxapi_stream *pStream) {
+    Enter enter;
+    Stream *pThis = of(pStream);
+    if (pThis->ulNext == pThis->packets.size() || pThis->packets[pThis->ulNext].ulDue > state().ulNow) {
+        return nullptr;
+    }
+    const script::Bytes &bytes = pThis->packets[pThis->ulNext++].bytes;
+    pThis->lent = {bytes.data(), static_cast<unsigned int>(bytes.size())};
+    ++state().iLent;
+    return &pThis->lent;
+}
+
+void releasePacket(ts_qxapi_stream *pStream, ts_qxapi_packet *pPacket) {
+    Enter enter;
+    state().iLent -= pPacket == &of(pStream)->lent;
+    state().calls.push_back("release packet");
+}
+
+std::string textOrNone(const char *pszText) {
+    return pszText == nullptr ? "none" : pszText;
+}
+
+int ruled(Step step, const std::string &call) {
+    Enter enter;
+    int iResult = 1;
+    decided(step, call, &iResult);
+    state().calls.push_back(call);
+    return iResult;
+}
+
+std::string hex(const unsigned char *pData, unsigned int uLength) {
+    std::string text;
+    for (unsigned int u = 0; u < uLength; ++u) {
+        char szByte[4];
+        snprintf(szByte, sizeof szByte, " %02X", pData[u]);
+        text += szByte;
+    }
+    return text;
+}
+
+// The settings are read when they matter: with the first call.
+int asfSetStation(ts_qxapi_asfcast *pCaster, const char *pszNSC, unsigned int uiFormatIndex) {
+    return ruled(Step::SET_STATION, "asf mode " + std::to_string(pCaster->uiMode) + " hops " +
+                                        std::to_string(pCaster->uiHops) + " station " + textOrNone(pszNSC) +
+                                        " " + std::to_string(uiFormatIndex));
+}
+
+int asfSetTarget(ts_qxapi_asfcast *, const char *pszTarget, unsigned int uiPort) {
+    return ruled(Step::SET_TARGET, "asf target " + textOrNone(pszTarget) + " " + std::to_string(uiPort));
+}
+
+int asfSend(ts_qxapi_asfcast *, const unsigned char *pData, unsigned int uiLength) {
+    return ruled(Step::CASTER_SEND, "asf send" + hex(pData, uiLength));
+}
+
+int tsSetUp(ts_qxapi_tscast *pCaster, const char *pszAux, int iReserved, const char *pszTarget,
+            unsigned int uiPort, unsigned int uiHops) {
+    return ruled(Step::SET_TARGET, "ts mode " + std::to_string(pCaster->uiMode) + " set-up " +
+                                       textOrNone(pszAux) + " " + std::to_string(iReserved) + " " +
+                                       textOrNone(pszTarget) + " " + std::to_string(uiPort) + " " +
+                                       std::to_string(uiHops));
+}
+
+int tsSend(ts_qxapi_tscast *, const unsigned char *pData, unsigned int uiLength) {
+    return ruled(Step::CASTER_SEND, "ts send" + hex(pData, uiLength));
+}
+
+const char *lookUp(ts_qx_registry *, const char *pszKeyPath, int *piLength) {
+    Enter enter;
+    const auto value = state().registry.find(pszKeyPath);
+    *piLength = value == state().registry.end() ? 0 : value->second.second;
+    return value == state().registry.end() ? nullptr : value->second.first.c_str();
+}
+
+constexpr ts_qx_registry_operations REGISTRY_OPERATIONS = {lookUp};
+
+} // namespace
+
+extern "C" {
+
+unsigned long vexa_time(unsigned long *pTime) {
+    const unsigned long ulNow = script::now();
+    if (pTime != nullptr) {
+        *pTime = ulNow;
+    }
+    return ulNow;
+}
+
+void vexa_load_balance(void) {
+    script::pass();
+}
+
+int vexa_get_global_break(void) {
+    Enter enter;
+    return state().iBreak;
+}
+
+void vexa_set_global_break(int iBreak) {
+    Enter enter;
+    state().iBreak = iBreak;
+}
+
+int qxapi_detached_thread_tag(void *(*pBody)(void *), void *pArgument, const char *pszTag, int) {
+    int iResult = 0, iRefused = 0;
+    {
+        Enter enter;
+        state().calls.push_back(std::string("thread ") + pszTag);
+        decided(Step::THREAD_MEMORY, pszTag, &iRefused);
+        if (decided(Step::THREAD, pszTag, &iResult)) {
+            return iResult;
+        }
+    }
+    ++script::tInside;
+    script::startThread([pBody, pArgument] { pBody(pArgument); }, iRefused);
+    --script::tInside;
+    return 1;
+}
+
+int qxapi_printf(const char *pszFormat, ...) {
+    Enter enter;
+    va_list arguments;
+    va_start(arguments, pszFormat);
+    const std::string text = formatted(pszFormat, arguments);
+    va_end(arguments);
+    state().console += text;
+    return static_cast<int>(text.size());
+}
+
+void qxapi_assert_gateway(int iCondition, const char *, const char *pszFunction, int, const char *pszText) {
+    Enter enter;
+    if (iCondition == 0) {
+        state().reports.push_back(std::string(pszFunction) + ": " + pszText);
+    }
+}
+
+int qxapi_get_plugin_argument(const struct ts_qxapi_plugin_argument *pArgument) {
+    Enter enter;
+    state().calls.push_back(std::string("plug-in arguments ") +
+                            (pArgument == nullptr ? "none" : pArgument->ppszText[0]));
+    return 0;
+}
+
+unsigned int qxapi_crc32(unsigned int uiInitial, const void *pData, unsigned long ulLength) {
+    unsigned int uiCRC = uiInitial;
+    for (unsigned long ul = 0; ul < ulLength; ++ul) {
+        uiCRC ^= static_cast<const unsigned char *>(pData)[ul];
+        for (int iBit = 0; iBit < 8; ++iBit) {
+            uiCRC = (uiCRC >> 1) ^ ((uiCRC & 1u) != 0 ? 0xEDB88320u : 0u);
+        }
+    }
+    return ~uiCRC;
+}
+
+// Markers instead of the cipher: each byte with its key byte and a constant of the variant. They read 16 key
+// bytes, as the cipher does.
+static void mark(unsigned char *pData, unsigned long ulLength, const unsigned char *pKey,
+                 unsigned int uMark) {
+    unsigned char key[16];
+    memcpy(key, pKey, sizeof key);
+    for (unsigned long ul = 0; ul < ulLength; ++ul) {
+        pData[ul] = static_cast<unsigned char>(pData[ul] ^ key[ul % 16] ^ uMark);
+    }
+}
+
+void qxapi_seed_decrypt(unsigned char *pData, unsigned long ulLength, const unsigned char *pKey) {
+    mark(pData, ulLength, pKey, 0x10);
+}
+
+void qxapi_fast_seed_decrypt(unsigned char *pData, unsigned long ulLength, const unsigned char *pKey) {
+    mark(pData, ulLength, pKey, 0x20);
+}
+
+struct ts_qx_registry *QX_OpenRegistry(const char *pszMaster, const char *pszSlave, unsigned int uiFlags) {
+    Enter enter;
+    char szFlags[16];
+    snprintf(szFlags, sizeof szFlags, " %08X", uiFlags);
+    state().registryOpening = std::string(pszMaster) + " " + pszSlave + szFlags;
+    if (state().bRegistryMissing) {
+        return nullptr;
+    }
+    ++state().iRegistries;
+    return new ts_qx_registry{&REGISTRY_OPERATIONS};
+}
+
+void QX_CloseRegistry(struct ts_qx_registry *pRegistry) {
+    Enter enter;
+    state().iRegistries -= pRegistry != nullptr;
+    delete pRegistry;
+}
+
+struct ts_qxapi_stream *qxapi_open_stream(const char *pszFile) {
+    Enter enter;
+    state().calls.push_back(std::string("open stream ") + pszFile);
+    const auto file = state().files.find(pszFile);
+    if (file == state().files.end()) {
+        return nullptr;
+    }
+    return &(new Stream{{startStream, isAtEnd, nextPacket, releasePacket}, file->second})->calls;
+}
+
+void qxapi_close_stream(struct ts_qxapi_stream *pStream) {
+    Enter enter;
+    state().calls.push_back("close stream");
+    delete of(pStream);
+}
+
+void qxapi_load_balance(void) {
+    script::pass();
+}
+
+struct ts_qxapi_asfcast *qxapi_open_asfcast(void) {
+    Enter enter;
+    int iResult = 0;
+    state().calls.push_back("open asf");
+    return decided(Step::CASTER_OPEN, "asf", &iResult)
+               ? nullptr
+               : new ts_qxapi_asfcast{70001, 70002, asfSetStation, asfSetTarget, asfSend};
+}
+
+void qxapi_close_asfcast(struct ts_qxapi_asfcast *pCaster) {
+    Enter enter;
+    state().calls.push_back("close asf");
+    delete pCaster;
+}
+
+struct ts_qxapi_tscast *qxapi_open_tscast(void) {
+    Enter enter;
+    int iResult = 0;
+    state().calls.push_back("open ts");
+    return decided(Step::CASTER_OPEN, "ts", &iResult) ? nullptr : new ts_qxapi_tscast{70001, tsSetUp, tsSend};
+}
+
+void qxapi_close_tscast(struct ts_qxapi_tscast *pCaster) {
+    Enter enter;
+    state().calls.push_back("close ts");
+    delete pCaster;
+}
+
+int qxapi_log_printf(const char *pszTag, const char *pszFormat, ...) {
+    Enter enter;
+    va_list arguments;
+    va_start(arguments, pszFormat);
+    state().log.push_back(std::string(pszTag) + ": " + formatted(pszFormat, arguments));
+    va_end(arguments);
+    return 1;
+}
+
+int qxapi_time_ex2(unsigned long *pulSeconds, unsigned long *pulMicroseconds) {
+    if (pulSeconds != nullptr) {
+        *pulSeconds = script::now();
+    }
+    if (pulMicroseconds != nullptr) {
+        *pulMicroseconds = 123456;
+    }
+    return 1;
+}
+
+int qxapi_local_time(unsigned long ulSeconds, struct tm *pLocal) {
+    const time_t seconds = static_cast<time_t>(ulSeconds);
+    return gmtime_r(&seconds, pLocal) != nullptr;
+}
+
+const char *qxapi_check_string(const char *pszText) {
+    return pszText == nullptr ? "NULL" : pszText;
+}
+
+const char *qxapi_check_string_ex(const char *pszText, const char *pszFallback) {
+    return pszText == nullptr ? pszFallback : pszText;
+}
+}

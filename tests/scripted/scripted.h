@@ -1,0 +1,155 @@
+// scripted.h - a host framework that does what a test says: the clock stands until it is moved, sockets and
+// casters record what they are given, and any step fails on demand.
+//
+// It implements vexa_pgl.h, qxapi.h and qxapi_ktn.h. Everything here may be called from any thread; one mutex
+// guards all records. What the framework allocates for itself is neither counted nor refused.
+#ifndef SCRIPTED_H
+#define SCRIPTED_H
+
+#include <qxapi.h>
+#include <qxapi_ktn.h>
+#include <vexa_pgl.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace script {
+
+using Bytes = std::vector<unsigned char>;
+
+// Forgets all records, rules and requests; the clock stands at START. No thread may be live.
+constexpr unsigned long START = 1'000'000'000ul; // 2001-09-09 01:46:40 UTC
+void reset();
+
+// ---- time
+unsigned long now();
+void advance(unsigned long ulSeconds);
+// An empty poll moves the clock by its time-out. Initially it moves nothing and costs one pass.
+void pollsTakeTime();
+// What sleep() was asked for in all. It moves the clock second by second and lets the threads work in
+// between.
+unsigned long slept();
+// Microseconds that select() without descriptors was asked to pause, all threads together, and how often. The
+// pause itself is left out.
+unsigned long pausedMicroseconds();
+unsigned long pauses();
+// Moves what the C library's time() tells.
+void moveWallClock(long lSeconds);
+
+// ---- threads
+// Starts a
+// thread that counts like those of qxapi_detached_thread_tag. lFailAllocation: refuse its n-th allocation (0:
+// none).
+void startThread(std::function<void()> body, long lFailAllocation = 0);
+int liveThreads();
+// Wait in real time, bounded; false when the bound is reached, with a line on standard error.
+// settle: until every live thread has made that many more passes (vexa_load_balance, qxapi_load_balance or an
+// empty poll), so whatever they had to do at the present time is done.
+bool settle(unsigned uPasses = 12);
+bool eventually(const std::function<bool()> &condition);
+bool threadsEnd();
+
+// ---- failures on demand
+enum class Step {
+    INIT, // key "mode N"; no descriptor is made, whatever the result
+    CREATE,
+    CONNECT,
+    ACCEPT,
+    RX,
+    POLL,
+    TX,
+    TX_DATAGRAM,
+    THREAD,        // key: the tag
+    THREAD_MEMORY, // key: the tag; the thread's allocation of the resulting number is refused
+    STREAM_START,
+    CASTER_OPEN, // key "asf" or "ts"; any result: none is made
+    SET_STATION,
+    SET_TARGET,
+    CASTER_SEND,
+    TRYLOCK // pthread_mutex_trylock: the errno; key ""
+};
+// The next iTimes steps whose key contains `key`, after iSkip of them, return iResult instead of being done.
+// Endpoint keys: "server PATH", "client PATH", "connection PATH", "tx ADDRESS:PORT", "rx ADDRESS:PORT".
+void fail(Step step, const std::string &key, int iResult, int iTimes = 1, int iSkip = 0);
+
+// Creations and polls of endpoints whose key contains `key` do not return until the hold is let go with "".
+void hold(const std::string &key);
+
+// ---- memory
+// Refuses the n-th allocation from now on in the calling thread; 0 ends it. Allocations: malloc, calloc,
+// strdup and operator new of what is linked into the test.
+void failAllocation(long lNth);
+// Whether the refusal has come, also after it was ended.
+bool allocationFailed();
+// malloc, calloc and strdup blocks that have not been freed.
+long liveBlocks();
+// Allocations of the live threads since each started.
+long threadAllocations();
+
+// ---- what happened
+// Calls in
+// their order: endpoints ("init MODE VERSION", "create KEY", "hops FAMILY HOPS ON KEY", "connect KEY", "close
+// KEY", "delete KEY"), threads ("thread TAG"), streams and casters.
+std::vector<std::string> calls();
+void forgetCalls();
+std::string console();              // qxapi_printf
+std::vector<std::string> reports(); // qxapi_assert_gateway: "FUNCTION: TEXT"
+std::vector<std::string> log();     // qxapi_log_printf: "TAG: TEXT"
+
+struct Endpoint { // as it was when it was created
+    std::string key;
+    int iMode, iVersion;
+    KTNET_ENDPOINT settings;
+};
+// A fresh descriptor holds uiPort 70001, uiListen 70002, uiAux 70003, uiTimeoutMs 70004 and uiError 70005.
+std::vector<Endpoint> endpoints();
+int liveEndpoints(); // descriptors not yet deleted
+int livePayloads();  // received payloads not yet freed
+int dumps();         // ktn_xapi_dump_packet_info
+
+struct Frame {
+    std::string key;
+    unsigned long ulTime = 0;
+    KTNET_PACKET header{}; // pPayload is null
+    Bytes payload;
+};
+struct Datagram {
+    std::string key;
+    unsigned long ulTime = 0;
+    Bytes bytes;
+};
+// Those that were sent successfully, or with a scripted result of 0, to an endpoint whose key contains `key`.
+std::vector<Frame> frames(const std::string &key);
+std::vector<Datagram> datagrams(const std::string &key);
+unsigned long frameAttempts(); // every ktn_xapi_ktnet_tx_data
+// The time-out that the last poll of such an endpoint was given.
+unsigned int pollTimeout(const std::string &key);
+
+// ---- what arrives
+// Queues a
+// request at a local server. What a local client sends to a server that exists is queued there too.
+void request(const std::string &path, unsigned int uiCommand, unsigned int uiParam, const Bytes &payload);
+int requestsWaiting();
+// Sends to the receiver "rx ADDRESS:PORT". False when there is none.
+bool datagram(const std::string &address, const Bytes &bytes);
+
+// ---- host
+// Registry values; iLength is what the lookup reports. Without registryMissing the registry opens.
+void registryValue(const std::string &key, const std::string &value, int iLength);
+void registryMissing();
+int liveRegistries();
+std::string registryOpening(); // "MASTER SLAVE FLAGS" of the last one
+
+// A stored file whose packets fall due at the given times of the scripted clock. Any other file cannot be
+// opened.
+struct Packet {
+    unsigned long ulDue;
+    Bytes bytes;
+};
+void storedFile(const std::string &path, const std::vector<Packet> &packets);
+int lentPackets();
+
+} // namespace script
+
+#endif
