@@ -201,7 +201,7 @@ std::string airFormatText(const AIR_RECORD &record) {
     case 3:
         return "ASF";
     default:
-        snprintf(aText.data(), aText.size(), "format 0x%x", *record.uiFormat);
+        snprintf(aText.data(), aText.size(), "0x%x", *record.uiFormat);
         return aText.data();
     }
 }

@@ -52,6 +52,6 @@ AIR_RECORD decodeAir(const unsigned char *pBytes, unsigned long ulLength);
 
 // Words for a record's values.
 std::string airTypeText(const AIR_RECORD &record);   // "stream", "file", "type 7", "-"
-std::string airFormatText(const AIR_RECORD &record); // "ASF", "H.264", "format 0x2000", "-"
+std::string airFormatText(const AIR_RECORD &record); // "ASF", "H.264", "0x2000", "-"
 
 #endif

@@ -346,10 +346,12 @@ std::string writeTimeOfDay(unsigned long ulTime) {
 
 std::string writeTimeLeft(unsigned long ulSeconds) {
     std::array<char, 40> aText{};
-    const unsigned long ulDays = ulSeconds / 86400;
-    const unsigned long ulRest = ulSeconds % 86400;
-    const int iLength = ulDays == 0 ? 0 : snprintf(aText.data(), aText.size(), "%lud ", ulDays);
-    snprintf(aText.data() + iLength, aText.size() - static_cast<size_t>(iLength), "%02lu:%02lu:%02lu",
-             ulRest / 3600, ulRest / 60 % 60, ulRest % 60);
+    const unsigned long ulHours = ulSeconds / 3600;
+    const unsigned long ulMinutes = ulSeconds / 60 % 60;
+    if (ulHours < 24) {
+        snprintf(aText.data(), aText.size(), "%02lu:%02lu:%02lu", ulHours, ulMinutes, ulSeconds % 60);
+    } else {
+        snprintf(aText.data(), aText.size(), "%lud %02lu:%02lu", ulHours / 24, ulHours % 24, ulMinutes);
+    }
     return aText.data();
 }

@@ -55,7 +55,7 @@ std::string writeMessageIdentity(const MESSAGE_IDENTITY &identity);
 // Local date and time "2026-11-24 18:00:00", or the time of day alone.
 std::string writeTime(unsigned long ulTime);
 std::string writeTimeOfDay(unsigned long ulTime);
-// "00:56:38", or "2d 00:56:38".
+// "00:56:38"; from a day on "2d 00:56".
 std::string writeTimeLeft(unsigned long ulSeconds);
 
 #endif

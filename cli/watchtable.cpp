@@ -17,14 +17,16 @@ struct COLUMN {
     const char *pszTitle;
     size_t uWidth;
 };
-constexpr std::array<COLUMN, 8> CAST_COLUMNS{{{"EPG", 10},
+// What matters most stands in the first 80 columns.
+constexpr std::array<COLUMN, 9> CAST_COLUMNS{{{"EPG", 10},
                                               {"KIND", 6},
-                                              {"FORMAT", 8},
+                                              {"FORMAT", 6},
                                               {"DESTINATION", 21},
+                                              {"LEFT", 8},
+                                              {"STATE", 16},
                                               {"FROM", 8},
                                               {"UNTIL", 8},
-                                              {"LEFT", 11},
-                                              {"STATE", 0}}};
+                                              {"BY", 0}}};
 
 constexpr const char *GREEN = "\033[32m";
 constexpr const char *RED = "\033[31m";
@@ -59,26 +61,27 @@ std::string castState(const WATCH_CAST &cast, unsigned long ulNow, const char **
     }
     *ppszColour = RED;
     if (cast.record.eCheck == AIR_CHECK_WRONG) {
-        return "on air, CRC wrong";
+        return "CRC wrong";
     }
     if (ulNow > cast.ulHeard + SILENT_AFTER) {
-        return "silent, heard " + ago(cast.ulHeard, ulNow);
+        return "silent, " + ago(cast.ulHeard, ulNow);
     }
     *ppszColour = GREEN;
-    return "on air, heard " + ago(cast.ulHeard, ulNow);
+    return "on air, " + ago(cast.ulHeard, ulNow);
 }
 
 std::string castLine(const WATCH_CAST &cast, unsigned long ulNow, const char **ppszColour) {
     const AIR_RECORD &record = cast.record;
     const bool bLeft = cast.ulEnded == 0 && record.uiET && *record.uiET > ulNow;
-    const std::array<std::string, 8> aCell{std::to_string(*record.uiEPGID),
+    const std::array<std::string, 9> aCell{std::to_string(*record.uiEPGID),
                                            airTypeText(record),
                                            airFormatText(record),
                                            airDestination(record),
+                                           bLeft ? writeTimeLeft(*record.uiET - ulNow) : "",
+                                           castState(cast, ulNow, ppszColour),
                                            record.uiST ? writeTimeOfDay(*record.uiST) : "",
                                            record.uiET ? writeTimeOfDay(*record.uiET) : "",
-                                           bLeft ? writeTimeLeft(*record.uiET - ulNow) : "",
-                                           castState(cast, ulNow, ppszColour) + " by " + cast.sSender};
+                                           cast.sSender};
     std::string sLine = "  ";
     for (size_t i = 0; i < aCell.size(); ++i) {
         sLine += padded(aCell[i], CAST_COLUMNS[i].uWidth);

@@ -35,7 +35,7 @@ _pccast() {
             COMPREPLY=($(compgen -W "30s 5m 1h 1d" -- "$word"))
             return
             ;;
-        --plugin | --show | -o)
+        --plugin | --show | -o | --output)
             COMPREPLY=($(compgen -f -- "$word"))
             return
             ;;
@@ -58,7 +58,7 @@ _pccast() {
         watch) COMPREPLY=($(compgen -W "--json --plain --for --count --interface --help" -- "$word")) ;;
         station)
             case $word in
-                -*) COMPREPLY=($(compgen -W "--group --port --ttl --name --show -o --help" -- "$word")) ;;
+                -*) COMPREPLY=($(compgen -W "--group --port --ttl --name --show --output --help" -- "$word")) ;;
                 *) COMPREPLY=($(compgen -f -- "$word")) ;;
             esac
             ;;

@@ -46,7 +46,8 @@ void reportEnd(const ASFREADER &Reader, std::size_t ulRest) {
     if (Reader.Window.iError != 0)
         frameworkReport("stream", "%s: cannot be read on at byte %llu: %s: the playout ends here",
                         Reader.sFile.c_str(), Reader.ullOffset, std::strerror(Reader.Window.iError));
-    else if (Reader.bOpenEnd ? ulRest > 0 && ulRest < Reader.Header.uiPacketSize : Reader.ullOffset < Reader.ullEnd)
+    else if (Reader.bOpenEnd ? ulRest > 0 && ulRest < Reader.Header.uiPacketSize
+                             : Reader.ullOffset < Reader.ullEnd)
         frameworkReport("stream",
                         "%s: its packets end at byte %llu, before its data does: the playout ends here",
                         Reader.sFile.c_str(), Reader.ullOffset);

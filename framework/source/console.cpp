@@ -31,8 +31,9 @@ int writeAll(int iFile, const char *pData, size_t ulLength) {
 
 // Formats "[pszTag] text\n" into memory of its own. Returns its length, 0 when there is no memory or the
 // format cannot be followed.
-size_t formatRecord(std::unique_ptr<char, void (*)(void *)> &Record, const char *pszTag,
-                    const char *pszFormat, va_list Arguments) {
+__attribute__((format(printf, 3, 0))) size_t formatRecord(std::unique_ptr<char, void (*)(void *)> &Record,
+                                                          const char *pszTag, const char *pszFormat,
+                                                          va_list Arguments) {
     va_list Measured;
     va_copy(Measured, Arguments);
     const int iText = vsnprintf(nullptr, 0, pszFormat, Measured);

@@ -1,5 +1,6 @@
 #include "filewindow.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -96,4 +97,11 @@ const unsigned char *windowBytes(FILEWINDOW &Window, unsigned long long ullOffse
         return Window.Buffer.data();
     }
     return Window.Buffer.data() + (ullOffset - Window.ullOffset);
+}
+
+unsigned long long windowSkipHole(const FILEWINDOW &Window, unsigned long long ullOffset) {
+    off_t lData = lseek(Window.iFile, static_cast<off_t>(ullOffset), SEEK_DATA);
+    if (lData < 0 && errno == ENXIO)
+        lData = lseek(Window.iFile, 0, SEEK_END);
+    return std::max(ullOffset, static_cast<unsigned long long>(std::max<off_t>(lData, 0)));
 }

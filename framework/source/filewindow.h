@@ -30,4 +30,8 @@ void windowOpen(FILEWINDOW &Window, int iFile, std::size_t ulSize);
 const unsigned char *windowBytes(FILEWINDOW &Window, unsigned long long ullOffset, std::size_t ulNeed,
                                  std::size_t &ulHave);
 
+// Returns where the file's next stored bytes are, from ullOffset on: behind the hole of a sparse file, or the
+// file's end. Where that cannot be told, ullOffset.
+unsigned long long windowSkipHole(const FILEWINDOW &Window, unsigned long long ullOffset);
+
 #endif

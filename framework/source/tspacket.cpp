@@ -53,9 +53,12 @@ int huntPacket(TSCURSOR &Cursor, unsigned long long ullLimit) {
                 break;
             ulAt += ulAt < ulEnd;
         }
-        Cursor.ullOffset += ulAt;
-        Cursor.ullSkipped += ulAt;
-        if (ulAt < ulEnd) {
+        const bool bFound = ulAt < ulEnd;
+        const unsigned long long ullHere = Cursor.ullOffset + ulAt;
+        const unsigned long long ullNext = bFound ? ullHere : windowSkipHole(Cursor.Window, ullHere);
+        Cursor.ullSkipped += ullNext - Cursor.ullOffset;
+        Cursor.ullOffset = ullNext;
+        if (bFound) {
             Cursor.bHunting = false;
             return MEDIA_PACKET;
         }

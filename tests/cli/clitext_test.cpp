@@ -110,6 +110,13 @@ TEST(CommandLineText, DurationsAddUpAndNeverWrap) {
     }
 }
 
+TEST(CommandLineText, TimeLeftKeepsItsWidthBeyondADay) {
+    EXPECT_EQ(writeTimeLeft(0), "00:00:00");
+    EXPECT_EQ(writeTimeLeft(86399), "23:59:59");
+    EXPECT_EQ(writeTimeLeft(86400 + 3660), "1d 01:01");
+    EXPECT_EQ(writeTimeLeft(4294967295), "49710d 06:28");
+}
+
 TEST(CommandLineText, AddressesNameWhatIsWrongWithThem) {
     const struct {
         const char *pszText;

@@ -1,6 +1,7 @@
 # Sourced by the end-to-end tests: a real host with the real plug-in on real sockets and groups, in namespaces of
 # its own (script/in-namespace). Arguments of each test: the folder of the programs, the folder of the samples.
 set -euo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
 bin=$1
 samples=$2
 pccast=$bin/pccast

@@ -17,3 +17,8 @@ add_test(NAME media_receivers
             $<TARGET_FILE:play_file>
     WORKING_DIRECTORY ${CMAKE_CURRENT_LIST_DIR}/../..)
 set_tests_properties(media_receivers PROPERTIES SKIP_RETURN_CODE 77 TIMEOUT 120)
+
+# The fuzz targets' corpora as regression inputs.
+if(NOT PCCAST_BUILD_FUZZ)
+    add_subdirectory(${PROJECT_SOURCE_DIR}/fuzz ${PROJECT_BINARY_DIR}/fuzz)
+endif()

@@ -107,7 +107,7 @@ TEST(MediaStream, PlayoutTakesTheFilesTimeAndHoldsTheScheduleAfterADelay) {
 
     const std::string sBytes = playStream(*pStream, [](unsigned int uiRun) {
         if (uiRun == 20)
-            usleep(200'000);
+            usleep(400'000);
     });
 
     EXPECT_TRUE(sBytes == sFile);

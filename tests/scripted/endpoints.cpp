@@ -274,13 +274,8 @@ int ktn_xapi_ktnet_tx_data(KTNET_ENDPOINT *pDesc, KTNET_PACKET *pPacket) {
     pPacket->ulReserved = 99; // the library may leave anything here
     pPacket->uiStatus = 98;
     if (pDesc->uiKind == KTNET_KIND_LOCAL) {
-        for (const auto &[pServer, server] : state().endpoints) {
-            if (server.key == std::string("server ") + pDesc->szPeer) {
-                state().requests[pDesc->szPeer].push_back(
-                    {frame.header.uiCommand, frame.header.uiParam, frame.payload});
-                break;
-            }
-        }
+        state().requests[pDesc->szPeer].push_back(
+            {frame.header.uiCommand, frame.header.uiParam, frame.payload});
     }
     return iResult;
 }

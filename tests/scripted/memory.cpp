@@ -120,9 +120,10 @@ time_t __wrap_time(time_t *pTime) {
 }
 
 unsigned int __wrap_sleep(unsigned int uSeconds) {
+    script::settle();
     for (unsigned int u = 0; u < uSeconds; ++u) {
         script::advance(1);
-        script::settle(6);
+        script::settle();
     }
     script::Enter enter;
     script::state().ulSlept += uSeconds;

@@ -1,0 +1,309 @@
+// The exported surface: open and close, the name tables, the waits, the service switch, the debug log, and
+// the diagnostic driver.
+#include "plugintest.h"
+
+#include <pccast/pccast.h>
+
+#include "pccastmain/debuglog.h"
+#include "pccastmain/diag.h"
+#include "pccastmain/pccastmain.h"
+#include "pccastmain/serviceswitch.h"
+
+#include <csignal>
+#include <fcntl.h>
+#include <fstream>
+#include <sstream>
+
+namespace {
+
+const char *const STAR = " \033[1;32m*\033[0m ";
+
+class FrameTest : public PluginTest {
+protected:
+    static std::string contents(const std::string &path) {
+        std::ostringstream text;
+        text << std::ifstream(path).rdbuf();
+        return text.str();
+    }
+};
+
+TEST_F(FrameTest, HostReadsNamesTablesAndVersion) {
+    EXPECT_STREQ(QX_PlugIn_Name(), "PCCAST Plugin");
+    EXPECT_EQ(QX_PlugIn_Version(), 50726146u);
+    EXPECT_EQ(p_qxapi_control_pccast(nullptr, 0), 50726146);
+    EXPECT_EQ(p_qxapi_control_pccast(nullptr, 7), 1);
+    EXPECT_EQ(p_qxapi_control_pccast(nullptr, -1), 1);
+    for (const char *const *ppTable : {QX_PlugIn_Map, p_qxapi_name_table_pccast}) {
+        EXPECT_STREQ(ppTable[0], "QX_PCCASTSTREAMCommander");
+        EXPECT_STREQ(ppTable[1], "QX_PCCASTMBCCommander");
+    }
+    EXPECT_EQ(p_qxapi_name_table_pccast[2], nullptr);
+    for (int i = 2; i < 11; ++i) {
+        EXPECT_STREQ(QX_PlugIn_Map[i], "");
+    }
+    EXPECT_EQ(QX_PlugIn_Map[11], nullptr);
+}
+
+TEST_F(FrameTest, OpenAndCloseSayWhatTheyDo) {
+    const char *const texts[] = {"a"};
+    const ts_qxapi_plugin_argument arguments{1, texts};
+    const std::string open = std::string(STAR) + "Starting PCCast service...\n" + STAR +
+                             "Waiting PCCast service...\n" + STAR + "Activated PCCast service.\n",
+                      closed =
+                          std::string(STAR) + "Stopping PCCast service...\n" + STAR + "Close PCCast plugin\n";
+    EXPECT_EQ(p_qxapi_open_pccast(), 1);
+    ASSERT_NE(gpPCCASTPluginInfo, nullptr);
+    EXPECT_EQ(gpPCCASTPluginInfo->eState, ENGINE_RUNNING);
+    EXPECT_EQ(script::console(), open);
+    EXPECT_EQ(p_qxapi_close_pccast(&arguments), 1);
+    EXPECT_EQ(gpPCCASTPluginInfo, nullptr);
+    EXPECT_EQ(script::console(), open + closed);
+    EXPECT_THAT(joined(script::calls()), HasSubstr("plug-in arguments a\n"));
+    EXPECT_EQ(QX_PlugIn_Close(), 1); // it is closed
+    EXPECT_EQ(p_qxapi_close_pccast(nullptr), 1);
+    const std::string line =
+        "[pccastmain:#] \033[2;31m gpPCCASTPluginInfo is NULL \033[1;41m[ERROR]\033[0m\n";
+    EXPECT_EQ(out(), line + line);
+    EXPECT_EQ(script::console(), open + closed);
+    EXPECT_THAT(script::reports(), IsEmpty());
+    std::vector<std::string> threads;
+    for (const std::string &call : script::calls()) {
+        if (call.rfind("thread ", 0) == 0) {
+            threads.push_back(call);
+        }
+    }
+    EXPECT_EQ(threads.front(), "thread __qxapi_open_pccast__");
+    EXPECT_EQ(threads, (std::vector<std::string>{threads.front(), threads[1], threads[1], threads[1],
+                                                 threads[1], threads[1], "thread PCCASTPluginMain"}));
+}
+
+TEST_F(FrameTest, OpenThatFailsCanBeClosed) {
+    script::fail(Step::THREAD, "__qxapi_open_pccast__", 0);
+    EXPECT_EQ(QX_PlugIn_Open(), 1);
+    KTPLUGIN_INFO_TAG *const pFirst = gpPCCASTPluginInfo;
+    ASSERT_NE(pFirst, nullptr);
+    EXPECT_EQ(pFirst->eState, ENGINE_STOPPED);
+    EXPECT_EQ(out(), "[pccastmain:#] PCCAST Plugin Open Fail !\n");
+    EXPECT_EQ(script::console(), std::string(STAR) + "Starting PCCast service...\n");
+    EXPECT_EQ(QX_PlugIn_Open(), 1); // opened twice: reported, and a new block takes the old one's place
+    EXPECT_THAT(script::reports(),
+                ElementsAre("__qxapi_open_pccast__: gpPCCASTPluginInfo == ((KTPLUGIN_INFO_TAG *)0)"));
+    EXPECT_NE(gpPCCASTPluginInfo, pFirst);
+    QX_PlugIn_Close();
+    free(pFirst);
+    script::fail(Step::THREAD, "__qxapi_open_pccast__", 0);
+    QX_PlugIn_Open();
+    const std::string before = script::console();
+    QX_PlugIn_Close();
+    EXPECT_EQ(script::console(), before + STAR + "Close PCCast plugin\n"); // without the stopping line
+    EXPECT_EQ(withoutAllocation(1, QX_PlugIn_Open), 1);
+    EXPECT_THAT(
+        out(),
+        HasSubstr(
+            "[pccastmain:#] \033[2;31m malloc( sizeof(KTPLUGIN_INFO_TAG) ) fail \033[1;41m[ERROR]\033[0m\n"));
+    EXPECT_EQ(gpPCCASTPluginInfo, nullptr);
+}
+
+TEST_F(FrameTest, EngineThatCannotBeStartedEndsTheService) {
+    const char *const names[] = {"RxPCMBCInfoEngine", "PCMBCEngine",        "RxCASTInfoEngine",
+                                 "PCCASTBCIEngine",   "PCCASTBYPASSEngine", "PCCASTRECASTEngine"};
+    std::string expected;
+    for (int i = 0; i < 6; ++i) {
+        script::forgetCalls();
+        script::fail(Step::THREAD, "PCCASTPluginMain", 0, 1, i);
+        EXPECT_EQ(QX_PlugIn_Open(), 1);
+        EXPECT_TRUE(script::eventually([] { return script::liveThreads() == 0; })); // before anybody closes
+        EXPECT_EQ(gpPCCASTPluginInfo->eState, ENGINE_STOPPED);
+        EXPECT_EQ(count(joined(script::calls()), "thread PCCASTPluginMain\n"), 6u); // the others were started
+        QX_PlugIn_Close();
+        EXPECT_EQ(out(), expected += std::string("[pccastmain:#] ") + names[i] + " Create Fail !\n");
+    }
+}
+
+TEST_F(FrameTest, WaitForAnEngineIsBounded) {
+    const std::string line = "ktWaitForAEngine: [FATAL-ERROR] \033[1;31mTimeout wait thread !\033[0m\n";
+    KTPLUGIN_INFO_TAG block{};
+    EXPECT_EQ(ktWaitForAEngine(&block, 50), 50);
+    EXPECT_EQ(out(), "");
+    EXPECT_EQ(ktWaitForAEngine(&block, 0), 0);
+    EXPECT_EQ(out(), line);
+    EXPECT_EQ(ktWaitForAEngine(nullptr, 50), -1);
+    block.iThreadCount = 1;
+    EXPECT_EQ(ktWaitForAEngine(&block, 0), -1);
+    EXPECT_EQ(ktWaitForAEngine(&block, 1), -1);
+    EXPECT_EQ(out(), line + line + line + line);
+    script::startThread([&block] {
+        for (int i = 0; i < 150; ++i) { // some more than a hundred passes
+            vexa_load_balance();
+        }
+        block.iThreadCount = 0;
+    });
+    const int iLeft = ktWaitForAEngine(&block, 1000);
+    EXPECT_GT(iLeft, 900);
+    EXPECT_LT(iLeft, 1000);
+}
+
+TEST_F(FrameTest, SignalIsPrintedAndNothingElse) {
+    pccastSignalHandler(15);
+    pccastSignalHandler(-1);
+    EXPECT_EQ(out(), "[pccastmain:#] \033[2;31m 15 signal occured  \033[1;41m[SIGNAL]\033[0m\n"
+                     "[pccastmain:#] \033[2;31m -1 signal occured  \033[1;41m[SIGNAL]\033[0m\n");
+}
+
+TEST_F(FrameTest, RegistrySwitchesAServiceOff) {
+    struct Case {
+        const char *pszValue;
+        int iLength, iResult;
+    };
+    size_t ulLines = 0;
+    for (const Case &row : {Case{"DISABLE", 7, 0}, Case{"Disable", 8, 0}, Case{"dis", 3, 0}, Case{"d", 1, 0},
+                            Case{"dis", 4, 1}, Case{"ENABLE", 6, 1}, Case{"DISABLED", 8, 1}, Case{"", 0, 1},
+                            Case{"DISABLE", 0, 1}, Case{"DISABLE", -1, 1}}) {
+        script::registryValue("/A/B", row.pszValue, row.iLength);
+        EXPECT_EQ(verifyINBTService("/A/B"), row.iResult) << row.pszValue << row.iLength;
+        ulLines += row.iResult == 0 ? 1 : 0;
+    }
+    EXPECT_EQ(script::registryOpening(), "/reg/reg0/master.reg /reg/reg1/slave.reg 10000002");
+    EXPECT_EQ(verifyINBTService("/A/C"), 1);
+    EXPECT_EQ(verifyINBTService(nullptr), 1);
+    const std::string line =
+        "[pccastmain:#] \033[1;31m /A/B service is DISABLED by REGISTRY \033[1;41m[ALARM]\033[0m\n";
+    EXPECT_EQ(count(out(), line), ulLines);
+    EXPECT_EQ(out().size(), ulLines * line.size());
+    script::registryValue("/A/B", "DISABLE", 7);
+    script::registryMissing();
+    EXPECT_EQ(verifyINBTService("/A/B"), 1);
+}
+
+TEST_F(FrameTest, DebugLogGoesWhereTheEnvironmentSays) {
+    struct Case {
+        const char *pszName, *pszStdOut, *pszLevel;
+        int iLevel; // of the message
+        bool bWritten;
+    };
+    for (const Case &row : {Case{"t1", nullptr, "9", 0, false}, Case{"t2", "1", nullptr, 0, true},
+                            Case{"t3", "1", "3", 4, false}, Case{"t4", " +2x", "4z", 4, true},
+                            Case{"t5", "x", "4", 0, false}, Case{nullptr, "1", "0", 0, true}}) {
+        const std::string name = row.pszName == nullptr ? "DEFAULT" : row.pszName;
+        if (row.pszStdOut != nullptr) {
+            setenv(("KTDEBUG_STDOUT_" + name).c_str(), row.pszStdOut, 1);
+        }
+        if (row.pszLevel != nullptr) {
+            setenv(("KTDEBUG_LEVEL_" + name).c_str(), row.pszLevel, 1);
+        }
+        const size_t ulBefore = out().size();
+        initDebug(row.pszName, nullptr);
+        PCCAST_DEBUG(row.iLevel, "number %d\n", 5);
+        const std::string text = out().substr(ulBefore);
+        EXPECT_EQ(
+            std::regex_match(
+                text, std::regex(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\] \[DEBUG_LEVEL_\d\] number 5\n)")),
+            row.bWritten)
+            << name;
+        EXPECT_EQ(text.empty(), !row.bWritten);
+    }
+    const size_t ulBefore = out().size();
+    gUserLevel = 7;
+    INFO_DEBUG("%s", std::string(3000, 'x').c_str());
+    EXPECT_EQ(out().size() - ulBefore, strlen("[2026-11-16 19:45:40] [DEBUG_LEVEL_7] ") + 2048);
+    gPrintStdOut = 0;
+}
+
+TEST_F(FrameTest, DebugFileFollowsTheDayAndKeepsWhatIsThere) {
+    char day[2][16];
+    for (int i = 0; i < 2; ++i) {
+        const time_t then = time(nullptr) + i * 86400;
+        strftime(day[i], sizeof day[i], "%Y-%m-%d.txt", gmtime(&then));
+    }
+    setenv("KTDEBUG_FILELOG_f", "1", 1);
+    const std::string path = std::string("/tmp/f@") + day[0];
+    std::ofstream(path) << "earlier\n";
+    const auto openFiles = [] {
+        int iCount = 0;
+        for (int i = 0; i < 100; ++i) {
+            iCount += fcntl(i, F_GETFD) >= 0 ? 1 : 0;
+        }
+        return iCount;
+    };
+    initDebug("f", nullptr);
+    const int iOpen = openFiles();
+    initDebug("f", nullptr); // the file of the first call is not left open
+    EXPECT_EQ(openFiles(), iOpen);
+    DEBUG_LEVEL_COMMON(3, "one\n");
+    EXPECT_EQ(contents(path).substr(0, 8), "earlier\n");
+    EXPECT_EQ(count(contents(path), "[DEBUG_LEVEL_3] one\n"), 1u);
+    script::moveWallClock(86400);
+    DEBUG_LEVEL_COMMON(0, "two\n");
+    EXPECT_EQ(openFiles(), iOpen);
+    EXPECT_EQ(count(contents(path), "two"), 0u);
+    EXPECT_EQ(count(contents(std::string("/tmp/f@") + day[1]), "[DEBUG_LEVEL_0] two\n"), 1u);
+    setenv("KTDEBUG_PATH_f", "/tmp/nowhere", 1);
+    initDebug("f", nullptr); // a file that cannot be opened is passed over
+    DEBUG_LEVEL_COMMON(0, "three\n");
+    EXPECT_EQ(openFiles(), iOpen - 1);
+    initDebug("f", "/tmp"); // the folder passed in goes before the variable's
+    DEBUG_LEVEL_COMMON(0, "four\n");
+    EXPECT_EQ(count(contents(std::string("/tmp/f@") + day[1]), "four"), 1u);
+    const std::string longText(5000, 'p'); // nothing that does not fit is written past its end
+    setenv("KTDEBUG_PATH_f", longText.c_str(), 1);
+    initDebug("f", nullptr);
+    DEBUG_LEVEL_COMMON(0, "five\n");
+    initDebug(longText.c_str(), longText.c_str());
+    initDebug("none", nullptr); // off again
+    EXPECT_EQ(out(), "");
+    EXPECT_EQ(openFiles(), iOpen - 1);
+}
+
+TEST_F(FrameTest, DebugLogKeepsThreadsApart) {
+    setenv("KTDEBUG_FILELOG_m", "1", 1);
+    initDebug("m", "/tmp");
+    for (int iThread = 0; iThread < 4; ++iThread) {
+        script::startThread([iThread] {
+            for (int i = 0; i < 200; ++i) {
+                gUserLevel = iThread;
+                INFO_DEBUG("from %d\n", iThread);
+                if (i == 100 && iThread == 0) {
+                    script::moveWallClock(86400); // the file is switched under the writers
+                }
+            }
+        });
+    }
+    EXPECT_TRUE(script::threadsEnd());
+    std::string all;
+    for (int i = 0; i < 2; ++i) {
+        const time_t then = time(nullptr) - i * 86400;
+        char szPath[64];
+        strftime(szPath, sizeof szPath, "/tmp/m@%Y-%m-%d.txt", gmtime(&then));
+        all += contents(szPath);
+    }
+    initDebug("none", nullptr);
+    EXPECT_EQ(count(all, "\n"), 800u);
+    for (int iThread = 0; iThread < 4; ++iThread) {
+        const std::string n = std::to_string(iThread);
+        EXPECT_EQ(count(all, "[DEBUG_LEVEL_" + n + "] from " + n + "\n"), 200u);
+    }
+}
+
+// The diagnostic driver through all its 330 seconds: its cast is announced, its messages go out as their
+// priorities, ages and pauses have it.
+TEST_F(FrameTest, DiagnosticDriverPlaysItsSequence) {
+    setenv("PCCAST_SAMPLES", "/samples", 1);
+    EXPECT_EQ(diagPCCASTMain(), 1);
+    EXPECT_EQ(script::slept(), 330u);
+    std::string messages;
+    for (const script::Frame &frame : script::frames("tx 224.9.9.9:9367")) {
+        messages +=
+            std::to_string(frame.ulTime - script::START) + static_cast<char>(frame.payload.back()) + " ";
+    }
+    EXPECT_EQ(messages, "215A 229B 2300 2450 260a 275A 280a 295a 310a 325a ");
+    const std::vector<script::Frame> announced = script::frames("tx 224.9.9.9:7890");
+    ASSERT_EQ(announced.size(), 20u); // 0 to 198 every 11 s, and the end at the close
+    EXPECT_EQ(announced.at(18).ulTime, script::START + 198);
+    EXPECT_EQ(announced.at(19).header.uiCommand, 0x40033u);
+    EXPECT_EQ(count(out(), "NULL PCMessage"), 0u);
+    raise(SIGTERM);
+    EXPECT_THAT(out(), HasSubstr(" 15 signal occured  "));
+    signal(SIGTERM, SIG_DFL);
+}
+
+} // namespace
