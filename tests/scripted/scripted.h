@@ -88,9 +88,8 @@ long liveBlocks();
 long threadAllocations();
 
 // ---- what happened
-// Calls in
-// their order: endpoints ("init MODE VERSION", "create KEY", "hops FAMILY HOPS ON KEY", "connect KEY", "close
-// KEY", "delete KEY"), threads ("thread TAG"), streams and casters.
+// Calls in their order: endpoints ("init MODE VERSION", "create KEY", "hops FAMILY HOPS ON KEY",
+// "connect KEY", "receive IDENT", "close KEY", "delete KEY"), threads ("thread TAG"), streams and casters.
 std::vector<std::string> calls();
 void forgetCalls();
 std::string console();              // qxapi_printf
@@ -127,8 +126,7 @@ unsigned long frameAttempts(); // every ktn_xapi_ktnet_tx_data
 unsigned int pollTimeout(const std::string &key);
 
 // ---- what arrives
-// Queues a
-// request at a local server. What a local client sends to a server that exists is queued there too.
+// Queues a request for a local server. What a local client sends is queued too, until a server takes it.
 void request(const std::string &path, unsigned int uiCommand, unsigned int uiParam, const Bytes &payload);
 int requestsWaiting();
 // Sends to the receiver "rx ADDRESS:PORT". False when there is none.

@@ -1,0 +1,52 @@
+// Runs the measurements that the command line names. See script/bench.
+#include "bench.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace bench {
+
+int64_t now() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+void row(const std::string &name, double dValue, const char *pUnit) {
+    std::printf("%s %.3f %s\n", name.c_str(), dValue, pUnit);
+    std::fflush(stdout);
+}
+
+double percentile(std::vector<double> &samples, double dShare) {
+    if (samples.empty()) {
+        return 0;
+    }
+    std::sort(samples.begin(), samples.end());
+    const auto ulIndex = static_cast<size_t>(dShare * static_cast<double>(samples.size() - 1));
+    return samples[ulIndex];
+}
+
+} // namespace bench
+
+int main(int argc, char **argv) {
+    bool bHolds = true;
+    const auto seconds = [&](int i) { return i + 1 < argc ? std::atof(argv[i + 1]) : 10.0; };
+    for (int i = 1; i < argc; i += 2) {
+        if (std::strcmp(argv[i], "relay") == 0) {
+            bHolds &= bench::relayBench(seconds(i), {"socat", "multicat"});
+        } else if (std::strcmp(argv[i], "seed") == 0) {
+            bHolds &= bench::seedBench();
+        } else if (std::strcmp(argv[i], "file") == 0) {
+            bHolds &= bench::fileBench(seconds(i));
+        } else if (std::strcmp(argv[i], "service") == 0) {
+            bHolds &= bench::serviceBench(seconds(i));
+        } else {
+            std::fprintf(stderr, "usage: pccast-bench {relay|seed|file|service} SECONDS ...\n");
+            return 64;
+        }
+    }
+    return bHolds ? 0 : 1;
+}

@@ -1,0 +1,99 @@
+// What the idle service costs, and how soon after its second a due cast is on air.
+#include "bench.h"
+
+#include <pccast/pccast.h>
+
+#include <vexa_pgl.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+namespace bench {
+
+namespace {
+
+constexpr double kIdleBound = 1.0;   // per cent of one core
+constexpr double kStartBound = 50.0; // milliseconds
+constexpr int kStarts = 5;
+constexpr unsigned long kApart = 12; // seconds: the announcements' own pause lies between two starts
+
+double processSeconds() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+int openAnnouncements() {
+    const int iSocket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(7890);
+    inet_pton(AF_INET, "224.9.9.9", &address.sin_addr);
+    ip_mreq request{address.sin_addr, {htonl(INADDR_LOOPBACK)}};
+    if (bind(iSocket, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
+        setsockopt(iSocket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) != 0) {
+        std::perror("announcements");
+    }
+    return iSocket;
+}
+
+// Submits a cast that is due at a full second to come. Returns how many milliseconds after it the first
+// announcement arrives, -1 when none does.
+double startDelay(int iAnnouncements, unsigned long ulStart) {
+    CASTInfo *pInfo = nullptr;
+    MAKECASTInfo(&pInfo, "239.1.1.1", "239.2.2.2", nullptr, CAST_TYPE_STREAM);
+    pInfo->ulCT = vexa_time(nullptr);
+    pInfo->ulST = ulStart;
+    pInfo->ulET = ulStart + 2;
+    pInfo->usSRCPort = pInfo->usDSTPort = 5000;
+    pInfo->ulSTREAMFormat = CAST_FORMAT_TS;
+    QX_PCCASTSTREAMCommander(CAST_CMD_START, pInfo);
+    ELIMINATECASTInfo(&pInfo);
+    pollfd wait{iAnnouncements, POLLIN, 0};
+    char datagram[2048];
+    if (poll(&wait, 1, static_cast<int>(kApart) * 1000) <= 0 ||
+        recv(iAnnouncements, datagram, sizeof datagram, 0) <= 0) {
+        return -1;
+    }
+    const std::chrono::duration<double, std::milli> now = std::chrono::system_clock::now().time_since_epoch();
+    return now.count() - static_cast<double>(ulStart) * 1000;
+}
+
+} // namespace
+
+bool serviceBench(double dSeconds) {
+    const int iAnnouncements = openAnnouncements();
+    p_qxapi_open_pccast();
+    const double dBefore = processSeconds();
+    std::this_thread::sleep_for(std::chrono::duration<double>(dSeconds));
+    const double dIdle = (processSeconds() - dBefore) / dSeconds * 100;
+    row("service.idle", dIdle, "%_of_a_core");
+
+    std::vector<double> delays;
+    bool bAll = true;
+    for (int i = 0; i < kStarts; ++i) {
+        const unsigned long ulStart = vexa_time(nullptr) + 4;
+        const double dDelay = startDelay(iAnnouncements, ulStart);
+        bAll &= dDelay >= 0;
+        delays.push_back(dDelay);
+        while (vexa_time(nullptr) < ulStart + kApart) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+    }
+    p_qxapi_close_pccast(nullptr);
+    close(iAnnouncements);
+    row("service.start_p50", percentile(delays, 0.5), "ms_after_its_second");
+    row("service.start_worst", percentile(delays, 1), "ms_after_its_second");
+    return bAll && dIdle < kIdleBound && percentile(delays, 1) < kStartBound;
+}
+
+} // namespace bench

@@ -1,0 +1,75 @@
+# What cmake --install puts where, in two components: runtime (what an operator runs) and development (what a
+# component's developer builds with). packaging/ has the files that exist for the installed system alone.
+include(CMakePackageConfigHelpers)
+
+set(PCCAST_PACKAGING ${PROJECT_SOURCE_DIR}/packaging)
+set(PCCAST_CMAKE_FOLDER ${CMAKE_INSTALL_LIBDIR}/cmake/pccast)
+set(PCCAST_PKGCONFIG_FOLDER ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+set(PCCAST_SAMPLES_FOLDER ${CMAKE_INSTALL_DATADIR}/pccast/samples)
+
+# ---- runtime
+install(TARGETS pccast_program diagpccast pccast_feed pccast_receive
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+
+# The libraries; the links without a version are for linking only.
+set_target_properties(pccast PROPERTIES INTERFACE_INCLUDE_DIRECTORIES
+    "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>;$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>")
+install(TARGETS pccast qxapi qxapi_ktn vexa_pgl EXPORT pccast-targets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
+
+install(FILES
+    ${PROJECT_SOURCE_DIR}/samples/sample.asf
+    ${PROJECT_SOURCE_DIR}/samples/sample.nsc
+    ${PROJECT_SOURCE_DIR}/samples/sample.ts
+    DESTINATION ${PCCAST_SAMPLES_FOLDER} COMPONENT runtime)
+# diagpccast casts files of these names, which a site may replace by its own.
+foreach(name CASTFILE.asf CASTFILE2.asf)
+    file(CREATE_LINK sample.asf ${PROJECT_BINARY_DIR}/packaging/${name} SYMBOLIC)
+    install(FILES ${PROJECT_BINARY_DIR}/packaging/${name}
+        DESTINATION ${PCCAST_SAMPLES_FOLDER} COMPONENT runtime)
+endforeach()
+
+install(FILES ${PROJECT_SOURCE_DIR}/cli/completion/pccast.bash RENAME pccast
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT runtime)
+install(FILES ${PCCAST_PACKAGING}/pccast.service DESTINATION lib/systemd/system COMPONENT runtime)
+install(FILES ${PCCAST_PACKAGING}/pccast.sysusers RENAME pccast.conf
+    DESTINATION lib/sysusers.d COMPONENT runtime)
+install(FILES
+    ${PCCAST_PACKAGING}/man/diagpccast.1
+    ${PCCAST_PACKAGING}/man/pccast.1
+    ${PCCAST_PACKAGING}/man/pccast-feed.1
+    ${PCCAST_PACKAGING}/man/pccast-receive.1
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
+install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT runtime)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT runtime)
+
+# ---- development
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/pccast
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/framework/include/
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/pccast-framework COMPONENT development)
+
+install(EXPORT pccast-targets NAMESPACE pccast::
+    DESTINATION ${PCCAST_CMAKE_FOLDER} COMPONENT development)
+configure_package_config_file(${PCCAST_PACKAGING}/pccast-config.cmake.in
+    ${PROJECT_BINARY_DIR}/packaging/pccast-config.cmake INSTALL_DESTINATION ${PCCAST_CMAKE_FOLDER})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/packaging/pccast-config-version.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES
+    ${PROJECT_BINARY_DIR}/packaging/pccast-config.cmake
+    ${PROJECT_BINARY_DIR}/packaging/pccast-config-version.cmake
+    DESTINATION ${PCCAST_CMAKE_FOLDER} COMPONENT development)
+
+# The prefix is found from where the file stands, so that an installed tree can be moved.
+file(RELATIVE_PATH PCCAST_PREFIX_FROM_PKGCONFIG /${PCCAST_PKGCONFIG_FOLDER} /)
+string(REGEX REPLACE "/$" "" PCCAST_PREFIX_FROM_PKGCONFIG ${PCCAST_PREFIX_FROM_PKGCONFIG})
+configure_file(${PCCAST_PACKAGING}/pccast.pc.in ${PROJECT_BINARY_DIR}/packaging/pccast.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/packaging/pccast.pc
+    DESTINATION ${PCCAST_PKGCONFIG_FOLDER} COMPONENT development)
+
+install(FILES ${PCCAST_PACKAGING}/man/pccast.3
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
+install(FILES ${PROJECT_SOURCE_DIR}/examples/component.c ${PROJECT_SOURCE_DIR}/examples/CMakeLists.txt
+    DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT development)
+
+include(${CMAKE_CURRENT_LIST_DIR}/debian.cmake)

@@ -1,0 +1,76 @@
+/* component.c - a host component: has a live stream cast for a minute, and a message shown.
+ *
+ *   component SOURCE-ADDRESS SOURCE-PORT GROUP GROUP-PORT TEXT
+ *   component 239.0.0.1 4000 239.1.2.3 5000 "The film begins in ten minutes"
+ *
+ * The service runs in this process or, as here, in another one of the same user (pccast serve). Link it with
+ * libpccast.so: pkg-config --cflags --libs pccast, or find_package(pccast) and pccast::pccast in CMake. */
+#include <pccast/pccast.h>
+
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <time.h>
+
+enum { PROGRAMME = 42, LIFETIME = 60 /* seconds */ };
+
+static int submit_cast(const char *source, unsigned short source_port, const char *group,
+                       unsigned short group_port) {
+    CASTInfo *cast = NULL; /* the slot must be empty */
+    if (MAKECASTInfo(&cast, source, group, NULL, CAST_TYPE_STREAM) != 1) {
+        fprintf(stderr, "component: no cast request could be made\n");
+        return 0;
+    }
+    const unsigned long now = (unsigned long)time(NULL);
+    cast->uliEPGID = PROGRAMME;
+    cast->ulCT = now; /* newer than any request made before: it is put on air ahead of those */
+    cast->ulSTREAMFormat = CAST_FORMAT_TS;
+    cast->ulST = now;
+    cast->ulET = now + LIFETIME;
+    cast->usSRCPort = source_port;
+    cast->usDSTPort = group_port;
+    /* 1 when it was handed over, whether or not it then arrived: TxCASTInfoToPlugIn() would tell. */
+    const int handed_over = QX_PCCASTSTREAMCommander(CAST_CMD_START, cast);
+    ELIMINATECASTInfo(&cast); /* the service has its own copy */
+    if (handed_over != 1) {
+        fprintf(stderr, "component: the cast request was refused\n");
+    }
+    return handed_over == 1;
+}
+
+static int submit_message(const char *text) {
+    MSGInfo *message = NULL;
+    if (MAKEMSGInfo(&message, text) != 1) {
+        fprintf(stderr, "component: no message request could be made\n");
+        return 0;
+    }
+    const unsigned long now = (unsigned long)time(NULL);
+    message->uliEPGID = PROGRAMME;
+    message->ulCT = now;
+    message->ulST = now;
+    message->ulET = now + LIFETIME;
+    message->ulRepeat = 1;
+    const int handed_over = QX_PCCASTMBCCommander(PCMBC_CMD_MSG, message);
+    ELIMINATEMSGInfo(&message);
+    if (handed_over != 1) {
+        fprintf(stderr, "component: the message request was refused\n");
+    }
+    return handed_over == 1;
+}
+
+static unsigned short port(const char *text) {
+    char *end = NULL;
+    errno = 0;
+    const unsigned long number = strtoul(text, &end, 10);
+    return errno == 0 && *end == '\0' && number <= 65535 ? (unsigned short)number : 0;
+}
+
+int main(int argc, char **argv) {
+    if (argc != 6 || port(argv[2]) == 0 || port(argv[4]) == 0) {
+        fprintf(stderr, "usage: component SOURCE-ADDRESS SOURCE-PORT GROUP GROUP-PORT TEXT\n");
+        return 64;
+    }
+    const int cast = submit_cast(argv[1], port(argv[2]), argv[3], port(argv[4]));
+    const int message = submit_message(argv[5]);
+    return cast && message ? 0 : 1;
+}

@@ -1,0 +1,33 @@
+# Run by CPack on each component's staged files before they are packed. Nothing here changes the build.
+cmake_policy(SET CMP0057 NEW)
+
+file(GLOB_RECURSE paths LIST_DIRECTORIES FALSE ${CPACK_TEMPORARY_DIRECTORY}/*)
+foreach(path ${paths})
+    if(IS_SYMLINK ${path})
+        continue()
+    endif()
+    # The libraries are where the loader looks for them anyway.
+    if(path MATCHES "/usr/bin/|\\.so\\.")
+        file(RPATH_REMOVE FILE ${path})
+    endif()
+    if(path MATCHES "/share/man/")
+        execute_process(COMMAND gzip -9nf ${path} COMMAND_ERROR_IS_FATAL ANY)
+    endif()
+    # Commands are for people and shells to run, the rest is to be read.
+    if(NOT path MATCHES "/usr/bin/")
+        file(CHMOD ${path} PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+    endif()
+endforeach()
+
+# Every package has its licence and its changelog.
+foreach(component runtime development)
+    if(component STREQUAL runtime)
+        set(package pccast)
+    else()
+        set(package pccast-dev)
+    endif()
+    set(root ${CPACK_TEMPORARY_DIRECTORY}/${component}/usr/share/doc/${package})
+    file(INSTALL ${CMAKE_CURRENT_LIST_DIR}/copyright DESTINATION ${root})
+    file(INSTALL ${CMAKE_CURRENT_LIST_DIR}/changelog DESTINATION ${root})
+    execute_process(COMMAND gzip -9nf ${root}/changelog COMMAND_ERROR_IS_FATAL ANY)
+endforeach()

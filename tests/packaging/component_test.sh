@@ -1,0 +1,15 @@
+#!/usr/bin/env bash
+# The example component, in a process of its own, gets its cast relayed and announced and its message shown.
+. "$(dirname "$0")/../e2e/service.sh"
+start_service
+start_watch
+
+"$bin/example_component" 239.77.0.1 4000 239.77.0.2 5000 "From a component"
+within 2 grep -q 'BYPASS OnAir' serve.log
+carries 239.77.0.2:5000 239.77.0.1:4000
+within 2 grep -q '"kind":"on-air".*"epg":42,.*"address":"239.77.0.2","port":5000,"crcOk":true' heard
+within 3 grep -q '"kind":"message".*"epg":42,.*"text":"From a component"' heard
+
+refused 64 usage "$bin/example_component" 239.77.0.1 four 239.77.0.2 5000 text
+refused 1 'message request was refused' "$bin/example_component" 239.77.0.1 4000 239.77.0.2 5000 ""
+end_service TERM

@@ -1,0 +1,75 @@
+#!/usr/bin/env bash
+# What cmake --install puts under a prefix works from there, also after the tree was moved: the programs find the
+# plug-in, and a component in C is built with pkg-config and with the CMake package.
+# Arguments: the build folder, cmake, the sanitizers that the build has.
+set -euo pipefail
+build=$1
+cmake=$2
+sanitize=$3
+source=$(cd "$(dirname "$0")/../.." && pwd)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+prefix="$work/moved tree"
+unset DESTDIR LD_LIBRARY_PATH CMAKE_PREFIX_PATH PKG_CONFIG_PATH
+
+fail() {
+    echo "FAILED: $*" >&2
+    exit 1
+}
+for tool in pkg-config cc; do
+    command -v $tool >/dev/null || { echo "skipped: $tool is not installed"; exit 77; }
+done
+
+"$cmake" --install "$build" --prefix "$work/installed" >install.log || fail "$(tail install.log)"
+mv "$work/installed" "$prefix"
+cd "$work"
+
+# ---- programs
+"$prefix/bin/pccast" --version | grep -q '^pccast [0-9]' || fail "pccast does not run"
+"$prefix/bin/pccast" --help | grep -q 'serve .*run the service' || fail "pccast --help"
+"$prefix/bin/pccast-feed" 2>&1 | grep -q usage || fail "pccast-feed does not run"
+missing=$(ldd "$prefix"/bin/* "$prefix"/lib*/*.so* | grep 'not found' || true)
+[ -z "$missing" ] || fail "libraries are not found: $missing"
+elsewhere=$(ldd "$prefix/bin/diagpccast" | grep -E 'pccast|qxapi|vexa' | grep -v "$prefix" || true)
+[ -z "$elsewhere" ] || fail "libraries are found elsewhere: $elsewhere"
+"$prefix/bin/pccast" serve >serve.log 2>&1 &
+service=$!
+for ((i = 0; i < 100; i++)); do
+    grep -q 'serves casts' serve.log && break
+    sleep 0.1
+done
+kill -TERM $service
+wait $service || fail "the installed service: $(cat serve.log)"
+
+# ---- files that others look for by name
+for file in share/man/man1/{pccast,diagpccast,pccast-feed,pccast-receive}.1 share/man/man3/pccast.3 \
+    share/bash-completion/completions/pccast lib/systemd/system/pccast.service lib/sysusers.d/pccast.conf \
+    share/pccast/samples/{sample.asf,sample.ts,sample.nsc,CASTFILE.asf,CASTFILE2.asf}; do
+    [ -s "$prefix/$file" ] || fail "$file is not there"
+done
+if command -v man >/dev/null; then
+    warnings=$(MANWIDTH=80 LC_ALL=C.UTF-8 man --warnings -E UTF-8 -Tutf8 -Z "$prefix"/share/man/man[13]/* 2>&1 >/dev/null)
+    [ -z "$warnings" ] || fail "man pages: $warnings"
+fi
+# Every operation that the headers declare has its line in the man page.
+for name in $(grep -ohE '\b(QX_|p_qxapi_|MAKE|COPYa|ELIMINATE|VALIDATE|COMPARE|PRINT|Tx|pccastS)\w+\(' \
+    "$prefix"/include/pccast/*.h | tr -d '(' | sort -u); do
+    grep -q "$name" "$prefix/share/man/man3/pccast.3" || fail "pccast(3) does not tell of $name"
+done
+
+# ---- a component
+flags=(-std=c11 -Wall -Wextra -Werror -pedantic)
+[ -z "$sanitize" ] || flags+=("-fsanitize=$sanitize")
+PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name pccast.pc)")
+export PKG_CONFIG_PATH
+eval "of_pkg_config=($(pkg-config --cflags --libs pccast))"
+cc "${flags[@]}" "$source/examples/component.c" -o with_pkg_config "${of_pkg_config[@]}" \
+    "-Wl,-rpath,$(pkg-config --variable=libdir pccast)" || fail "not built with pkg-config"
+"$cmake" -S "$prefix/share/doc/pccast/examples" -B cmake -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_C_FLAGS="${flags[*]}" >cmake.log 2>&1 && "$cmake" --build cmake >>cmake.log 2>&1 ||
+    fail "not built with the CMake package: $(cat cmake.log)"
+for component in ./with_pkg_config cmake/component; do
+    status=0
+    $component >/dev/null 2>said || status=$?
+    [ $status -eq 64 ] && grep -q usage said || fail "$component ends with $status: $(cat said)"
+done
