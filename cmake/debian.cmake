@@ -1,4 +1,6 @@
-# cpack -G DEB: the Debian packages pccast and pccast-dev, one of each install component.
+# cpack -G DEB: the Debian packages pccast and pccast-dev, one of each install component. A build that is
+# configured with CMAKE_INSTALL_PREFIX=/usr puts the libraries into Debian's folder of the architecture, any other
+# into /usr/lib; both work.
 set(PCCAST_DEBIAN ${PROJECT_SOURCE_DIR}/packaging/debian)
 set(PCCAST_PACKAGE_MAINTAINER "PCCAST maintainers <maintainers@pccast.invalid>"
     CACHE STRING "Who answers for the Debian packages: Name <address>")
@@ -28,23 +30,21 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
     ${PCCAST_DEBIAN}/postinst ${PCCAST_DEBIAN}/prerm ${PCCAST_DEBIAN}/postrm
     ${PCCAST_DEBIAN}/shlibs ${PCCAST_DEBIAN}/triggers)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
-"multicast cast and message service
- PCCAST relays live UDP streams to multicast groups, plays stored MPEG
- transport streams and ASF files to them, announces what is on air, and
- broadcasts text messages. It is a plug-in of a host process.
- .
- This package has the plug-in, the program that hosts it and hands requests
- to it, a systemd unit, and samples.")
+"PCCAST relays live UDP streams to multicast groups, plays stored MPEG
+transport streams and ASF files to them, announces what is on air, and
+broadcasts text messages.
+
+This package has the plug-in, the program that hosts it and hands requests
+to it, a systemd unit, and samples.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME pccast-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "pccast (= ${PROJECT_VERSION})")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
-"multicast cast and message service - development files
- PCCAST relays live UDP streams to multicast groups, plays stored files to
- them, announces what is on air, and broadcasts text messages.
- .
- This package has what a host component in C or C++ is built with: the
- headers, the pkg-config file, the CMake package and an example.")
+"PCCAST relays live UDP streams to multicast groups, plays stored files to
+them, announces what is on air, and broadcasts text messages.
+
+This package has what a host component in C or C++ is built with: the
+headers, the pkg-config file, the CMake package and an example.")
 
 include(CPack)

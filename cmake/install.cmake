@@ -23,6 +23,7 @@ install(FILES
     ${PROJECT_SOURCE_DIR}/samples/sample.ts
     DESTINATION ${PCCAST_SAMPLES_FOLDER} COMPONENT runtime)
 # diagpccast casts files of these names, which a site may replace by its own.
+file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/packaging)
 foreach(name CASTFILE.asf CASTFILE2.asf)
     file(CREATE_LINK sample.asf ${PROJECT_BINARY_DIR}/packaging/${name} SYMBOLIC)
     install(FILES ${PROJECT_BINARY_DIR}/packaging/${name}

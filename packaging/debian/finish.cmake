@@ -1,5 +1,4 @@
 # Run by CPack on each component's staged files before they are packed. Nothing here changes the build.
-cmake_policy(SET CMP0057 NEW)
 
 file(GLOB_RECURSE paths LIST_DIRECTORIES FALSE ${CPACK_TEMPORARY_DIRECTORY}/*)
 foreach(path ${paths})
@@ -10,12 +9,12 @@ foreach(path ${paths})
     if(path MATCHES "/usr/bin/|\\.so\\.")
         file(RPATH_REMOVE FILE ${path})
     endif()
-    if(path MATCHES "/share/man/")
-        execute_process(COMMAND gzip -9nf ${path} COMMAND_ERROR_IS_FATAL ANY)
-    endif()
-    # Commands are for people and shells to run, the rest is to be read.
+    # Programs are to be run, all else to be read.
     if(NOT path MATCHES "/usr/bin/")
         file(CHMOD ${path} PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+    endif()
+    if(path MATCHES "/share/man/")
+        execute_process(COMMAND gzip -9nf ${path} COMMAND_ERROR_IS_FATAL ANY)
     endif()
 endforeach()
 
@@ -27,7 +26,12 @@ foreach(component runtime development)
         set(package pccast-dev)
     endif()
     set(root ${CPACK_TEMPORARY_DIRECTORY}/${component}/usr/share/doc/${package})
-    file(INSTALL ${CMAKE_CURRENT_LIST_DIR}/copyright DESTINATION ${root})
-    file(INSTALL ${CMAKE_CURRENT_LIST_DIR}/changelog DESTINATION ${root})
+    file(COPY ${CMAKE_CURRENT_LIST_DIR}/copyright DESTINATION ${root})
+    file(COPY ${CMAKE_CURRENT_LIST_DIR}/changelog DESTINATION ${root})
     execute_process(COMMAND gzip -9nf ${root}/changelog COMMAND_ERROR_IS_FATAL ANY)
 endforeach()
+
+set(overrides ${CPACK_TEMPORARY_DIRECTORY}/runtime/usr/share/lintian/overrides)
+file(MAKE_DIRECTORY ${overrides})
+file(COPY_FILE ${CMAKE_CURRENT_LIST_DIR}/lintian-overrides ${overrides}/pccast)
+file(CHMOD ${overrides}/pccast PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)

@@ -27,6 +27,8 @@ protected:
         std::vector<std::string> texts;
         for (const script::Frame &frame : script::frames(AIR)) {
             EXPECT_EQ(frame.header.uiParam, static_cast<unsigned int>(frame.ulTime));
+            EXPECT_EQ(frame.header.ulReserved, 0u); // the library's marks of the time before are wiped
+            EXPECT_TRUE(frame.header.uiStatus == 0 || frame.header.uiCommand == 0x40033);
             texts.push_back(std::to_string(frame.ulTime - START) +
                             (frame.header.uiCommand == 0x40030   ? " on air "
                              : frame.header.uiCommand == 0x40033 ? " end "

@@ -12,9 +12,7 @@ const char *const AIR = "tx 224.9.9.9:7890";
 
 class SchedulerTest : public PluginTest {
 protected:
-    SchedulerTest() {
-        open();
-    }
+    SchedulerTest() { open(); }
     ~SchedulerTest() override {
         if (m_bOpen) {
             EXPECT_EQ(QX_PlugIn_Close(), 1);
@@ -136,13 +134,14 @@ TEST_F(SchedulerTest, NewerCastPreemptsAndTheOlderOneReturns) {
 
 TEST_F(SchedulerTest, StopRequestsEndWhatTheyAreMeantTo) {
     submit(relay(1, 100, 50, 90));
-    submit(stop(relay(1, 100, 50, 90), 101)); // equal to one that waits: both are gone
     submit(relay(2, 100, 0, 90));
     submit(stop(relay(9, 99, 0, 12), 99)); // older than what is on air: it waits, and expires
     runTo(12);
     EXPECT_EQ(history(), "+2 ");
     submit(stop(relay(2, 100, 0, 90), 100)); // equal to what is on air, and as old
     EXPECT_EQ(history(), "+2 -2 ");
+    runTo(47);
+    submit(stop(relay(1, 100, 50, 90), 101)); // equal to one that waits: both are gone
     runTo(60);
     EXPECT_EQ(history(), "+2 -2 ");
     EXPECT_THAT(aired(), ElementsAre("0 on air 2", "11 on air 2", "22 end 2"));
@@ -163,7 +162,11 @@ TEST_F(SchedulerTest, FileWaitsForTheRelayAndTheRelayEndsTheFile) {
     runTo(21);
     EXPECT_EQ(history(), "+1 -1 +file ");
     runTo(30);
+    script::hold("stream");
     submit(relay(2, 50, 30, 60)); // the age counts within a list only
+    EXPECT_EQ(history(), "+1 -1 +file ");
+    script::hold("");
+    EXPECT_TRUE(script::settle(15));
     EXPECT_EQ(history(), "+1 -1 +file -file +2 ");
     runTo(62);
     EXPECT_EQ(history(), "+1 -1 +file -file +2 -2 "); // the file's entry had been started
@@ -192,11 +195,13 @@ TEST_F(SchedulerTest, FailedCastIsAnnouncedAsEndedAndDropped) {
     script::fail(Step::CREATE, "rx 224.1.1.1:2", -1);
     submit(relay(2, 200, 50, 900));
     runTo(55);
-    submit(relay(3, 201, 55, 900)); // the end announcement of the failed one holds nothing up
+    submit(relay(3, 201, 55, 80)); // the end announcement of the failed one holds nothing up
     EXPECT_EQ(history(), "+1 -1 +2 -2 +3 ");
     EXPECT_EQ(script::now(), START + 55);
     runTo(61);
     EXPECT_EQ(aired().back(), "61 on air 3");
+    runTo(95);
+    EXPECT_EQ(aired().back(), "72 on air 3"); // nor does a failed one come back
 }
 
 TEST_F(SchedulerTest, RequestsOfTheSameSecondLeaveTheRightOneAnnounced) {

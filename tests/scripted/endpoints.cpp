@@ -119,16 +119,6 @@ static bool ruled(Step step, const KTNET_ENDPOINT *pDesc, int *piResult) {
     return decided(step, state().endpoints.at(pDesc).key, piResult);
 }
 
-static void waitWhileHeld(const std::string &key) {
-    const auto isHeld = [&] {
-        Enter enter;
-        return !state().held.empty() && key.find(state().held) != std::string::npos;
-    };
-    while (isHeld()) {
-        pass();
-    }
-}
-
 static void closeSocket(KTNET_ENDPOINT *pDesc, EndpointState &endpoint) {
     state().sockets.erase(pDesc->iSocket);
     if (endpoint.iFarEnd >= 0) {
@@ -156,9 +146,7 @@ int ktn_xapi_ktnet_init_with_version(KTNET_ENDPOINT **ppDesc, int iMode, int iVe
 }
 
 int ktn_xapi_ktnet_create(KTNET_ENDPOINT *pDesc) {
-    ++script::tInside;
-    script::waitWhileHeld(script::keyOf(*pDesc));
-    --script::tInside;
+    script::waitWhileHeld([=] { return script::keyOf(*pDesc); });
     Enter enter;
     EndpointState &endpoint = state().endpoints.at(pDesc);
     endpoint.key = script::keyOf(*pDesc);
@@ -183,9 +171,7 @@ int ktn_xapi_ktnet_create(KTNET_ENDPOINT *pDesc) {
 }
 
 int ktn_xapi_rx_poll_socket(int iSocket, unsigned int uiTimeoutMs) {
-    ++script::tInside;
-    script::waitWhileHeld(script::keyOf(iSocket));
-    --script::tInside;
+    script::waitWhileHeld([=] { return script::keyOf(iSocket); });
     {
         Enter enter;
         const auto known = state().sockets.find(iSocket);

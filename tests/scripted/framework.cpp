@@ -75,6 +75,16 @@ void fail(Step step, const std::string &key, int iResult, int iTimes, int iSkip)
     state().rules.push_back({step, key, iResult, iTimes, iSkip});
 }
 
+void waitWhileHeld(const std::function<std::string()> &key) {
+    const auto isHeld = [&] {
+        Enter enter;
+        return !state().held.empty() && key().find(state().held) != std::string::npos;
+    };
+    while (isHeld()) {
+        pass();
+    }
+}
+
 // ---- time and threads
 
 unsigned long now() {
@@ -277,6 +287,7 @@ int startStream(ts_qxapi_stream *) {
 }
 
 int isAtEnd(ts_qxapi_stream *pStream) {
+    script::waitWhileHeld([] { return std::string("stream"); });
     return of(pStream)->ulNext == of(pStream)->packets.size() ? 7 : 0;
 }
 

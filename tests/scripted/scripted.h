@@ -73,7 +73,8 @@ enum class Step {
 // Endpoint keys: "server PATH", "client PATH", "connection PATH", "tx ADDRESS:PORT", "rx ADDRESS:PORT".
 void fail(Step step, const std::string &key, int iResult, int iTimes = 1, int iSkip = 0);
 
-// Creations and polls of endpoints whose key contains `key` do not return until the hold is let go with "".
+// Creations and polls of endpoints whose key contains `key`, and all stored files for "stream", do not get on
+// until the hold is let go with "".
 void hold(const std::string &key);
 
 // ---- memory

@@ -81,6 +81,8 @@ struct Enter {
 
 // Whether a rule decides this step; the caller has entered.
 bool decided(Step step, const std::string &key, int *piResult);
+// Keeps the calling thread while what it is at is held.
+void waitWhileHeld(const std::function<std::string()> &key);
 // One pass of the calling thread: counts it and gives way.
 void pass();
 
