@@ -4,40 +4,41 @@
 
 #include <CLI/CLI.hpp>
 #include <dlfcn.h>
+#include <unistd.h>
 
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
 namespace {
 
 constexpr const char *PLUGIN_NAME = "PCCAST Plugin";
 constexpr unsigned int PLUGIN_VERSION = 0x03060502;
 
-// Searched by the loader where this program's run path says (../lib and its own folder), then in its own
-// places. The second name is there in a build or development tree only.
-constexpr std::array<const char *, 2> DEFAULT_FILES{"libpccast.so.3", "libpccast.so"};
+constexpr const char *PLUGIN_FILE = "libpccast.so.3";
+
+// Where it lies, seen from the folder of this program: in a build tree, beside the program, installed. The
+// run path says the same, but is not looked at under a sanitizer, which puts itself between dlopen and its
+// caller.
+constexpr std::array<const char *, 3> FOLDERS{"/../lib/", "/", "/../" PCCAST_LIBDIR "/"};
 
 constexpr std::array<const char *, 2> COMMANDERS{"QX_PCCASTSTREAMCommander", "QX_PCCASTMBCCommander"};
 
-void *openLibrary(const std::string &sPath, std::string *psProblem) {
-    if (!sPath.empty()) {
-        void *const pHandle = dlopen(sPath.c_str(), RTLD_NOW | RTLD_LOCAL);
-        *psProblem = pHandle == nullptr ? dlerror() : "";
-        return pHandle;
-    }
-    for (const char *pszFile : DEFAULT_FILES) {
-        void *const pHandle = dlopen(pszFile, RTLD_NOW | RTLD_LOCAL);
-        if (pHandle != nullptr) {
-            return pHandle;
-        }
-        const char *const pszReason = dlerror();
-        // The first name's reason is the telling one, unless that file is merely not there.
-        if (psProblem->empty()) {
-            *psProblem = pszReason;
+// The plug-in that belongs to this program; where none lies, the bare name, which the loader looks up in its
+// own places.
+std::string ownPlugin() {
+    std::error_code error;
+    const std::string sProgram =
+        std::filesystem::read_symlink("/proc/self/exe", error).parent_path().string();
+    for (const char *pszFolder : FOLDERS) {
+        const std::string sPath = sProgram + pszFolder + PLUGIN_FILE;
+        if (access(sPath.c_str(), F_OK) == 0) {
+            return sPath;
         }
     }
-    return nullptr;
+    return PLUGIN_FILE;
 }
 
 template <typename FUNCTION>
@@ -104,12 +105,11 @@ void addPluginOption(CLI::App *pCommand, std::string &sPath) {
 }
 
 int loadPlugin(const std::string &sPath, PLUGIN *pPlugin) {
-    std::string sProblem;
-    void *const pHandle = openLibrary(sPath, &sProblem);
+    void *const pHandle = dlopen((sPath.empty() ? ownPlugin() : sPath).c_str(), RTLD_NOW | RTLD_LOCAL);
     if (pHandle == nullptr) {
-        return sayAndReturn(EXIT_UNAVAILABLE, "the plug-in cannot be loaded: " + sProblem);
+        return sayAndReturn(EXIT_UNAVAILABLE, std::string("the plug-in cannot be loaded: ") + dlerror());
     }
-    sProblem = checkPlugin(pHandle, pPlugin);
+    const std::string sProblem = checkPlugin(pHandle, pPlugin);
     if (!sProblem.empty()) {
         return sayAndReturn(EXIT_UNAVAILABLE, "the plug-in" + (sPath.empty() ? "" : " " + sPath) + " " +
                                                   sProblem + "; it is not one that this program can use");

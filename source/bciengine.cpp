@@ -28,7 +28,7 @@ constexpr const char *kModule = "bciengine";
 
 constexpr unsigned int kIdent = 1234;
 constexpr unsigned int kService = 204;
-constexpr int kHops = 5;
+constexpr int kHops = 5; // of every multicast sender: the stream reaches where its announcement does
 constexpr unsigned long kSilence = 10;     // seconds that must have passed since the last transmission
 constexpr unsigned long kEndDuration = 20; // seconds for which an end is announced
 // A file that fills a datagram alone cannot be announced, so it is not read into memory either.
@@ -410,6 +410,7 @@ int initSTREAMTxNet(KTNET_ENDPOINT **ppDesc, const char *pszPeer, const char *ps
                      static_cast<unsigned int>(iResult), iResult);
         return iResult;
     }
+    ktn_xapi_hops_socket(0, (*ppDesc)->iSocket, kHops, 1);
     PCCAST_DEBUG(0, "-------------%s():%d, MESSAGE, KTNetCreate(p(%s), l(%s), p(%d)) ok\n", "initSTREAMTxNet",
                  __LINE__, qxapi_check_string(pszPeer), qxapi_check_string(pszLocal), usPort);
     return 1;

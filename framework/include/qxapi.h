@@ -112,7 +112,8 @@ struct ts_qxapi_stream {
     int (*pStart)(struct ts_qxapi_stream *pStream);
     /* Returns non-zero once every packet has been handed out, or the file cannot be read on. */
     int (*pIsAtEnd)(struct ts_qxapi_stream *pStream);
-    /* Returns the next packet when it is due, null when none is due yet or the stream is at its end. At most
+    /* Returns the next packet when it is due, null when none is due yet or the stream is at its end. Packets
+     * that follow each other closely may come up to about a millisecond early, several at one waking. At most
      * one packet is lent at a time. */
     struct ts_qxapi_packet *(*pNextPacket)(struct ts_qxapi_stream *pStream);
     /* Takes a packet back. */

@@ -1,5 +1,5 @@
 /* qxapi_ktn_frame.h - libqxapi_ktn: the bytes of a KTNet frame, for those who read frames from elsewhere (a
- * recorded or watched datagram) than a KTNet endpoint. The layout is described in docs/ktnet-frames.md.
+ * recorded or watched datagram) than a KTNet endpoint. The layout is described in docs/wire-formats.md.
  *
  * Every call is safe from any thread; nothing is allocated. */
 #ifndef QXAPI_KTN_FRAME_H

@@ -28,7 +28,7 @@ cd "$work"
 "$prefix/bin/pccast" --version | grep -q '^pccast [0-9]' || fail "pccast does not run"
 "$prefix/bin/pccast" --help | grep -q 'serve .*run the service' || fail "pccast --help"
 ("$prefix/bin/pccast-feed" 2>&1 || true) | grep -q usage || fail "pccast-feed does not run"
-missing=$(ldd "$prefix"/bin/* "$prefix"/lib*/*.so* | grep 'not found' || true)
+missing=$(find "$prefix" \( -path '*/bin/*' -o -name '*.so*' \) -exec ldd {} + | grep 'not found' || true)
 [ -z "$missing" ] || fail "libraries are not found: $missing"
 elsewhere=$(ldd "$prefix/bin/diagpccast" | grep -E 'pccast|qxapi|vexa' | grep -v "$prefix" || true)
 [ -z "$elsewhere" ] || fail "libraries are found elsewhere: $elsewhere"

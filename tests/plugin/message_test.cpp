@@ -66,25 +66,17 @@ TEST_F(MessageTest, PacketIsAsTheReceiversReadIt) {
     file(&normal, {.pszText = "hello", .ulPriority = 2, .ulRepeat = 1, .ulET = 100});
     ASSERT_EQ(script::frames(AIR).size(), 1u);
     const script::Frame frame = script::frames(AIR).front();
-    KTNET_PACKET expected{};
-    expected.uiIdent = 14;
-    expected.uiService = 204;
-    expected.uiCommand = 0x40020;
-    expected.uiParam = 1000000000;
-    expected.ulPayloadLen = expected.ulPayloadSize = 55;
-    EXPECT_EQ(memcmp(&frame.header, &expected, sizeof expected), 0);
+    EXPECT_TRUE(isHeader(frame, 14, 204, 0x40020, 1000000000));
     EXPECT_EQ(
         frame.payload,
         bytes("4B 00 04 00 00 CA 9A 3B 0B 00 04 00 00 CA 9A 3B 0C 00 04 00 64 CA 9A 3B 0A 50 02 00 01 00"
               "03 50 04 00 35 82 00 00 01 50 04 00 20 00 00 00 0B 50 05 00 'hello'"));
     EXPECT_THAT(script::calls(),
                 ElementsAre("init 1 2", std::string("create ") + AIR, std::string("hops 0 5 1 ") + AIR));
-    const KTNET_ENDPOINT settings = script::endpoints().at(0).settings;
-    EXPECT_EQ(settings.uiKind, 0x10400u);
-    EXPECT_EQ(settings.uiListen, 0u);
-    EXPECT_EQ(settings.uiAux, 70003u);
-    EXPECT_EQ(settings.uiTimeoutMs, 70004u);
-    EXPECT_EQ(settings.uiError, 70005u); // the one endpoint whose error word is left alone
+    // The one endpoint whose error word is left alone.
+    EXPECT_THAT(script::endpoints(),
+                ElementsAre("mode 1 version 2 kind 10400 peer 224.9.9.9 local  port 9367 "
+                            "listen 0 aux - timeout - error -"));
     engine.stop();
     EXPECT_EQ(engine.block.eState, ENGINE_STOPPED);
     EXPECT_EQ(engine.block.iThreadCount, 0);

@@ -143,6 +143,18 @@ struct Engine {
     }
 };
 
+// Whether the header holds these words and lengths, and 0 in all its other bytes.
+inline bool isHeader(const script::Frame &frame, unsigned int uiIdent, unsigned int uiService,
+                     unsigned long ulCommand, unsigned long ulParam) {
+    KTNET_PACKET expected{};
+    expected.uiIdent = uiIdent;
+    expected.uiService = uiService;
+    expected.uiCommand = static_cast<unsigned int>(ulCommand);
+    expected.uiParam = static_cast<unsigned int>(ulParam);
+    expected.ulPayloadLen = expected.ulPayloadSize = frame.payload.size();
+    return memcmp(&frame.header, &expected, sizeof expected) == 0;
+}
+
 struct CastFields {
     unsigned long ulCMD = CAST_CMD_START, ulType = CAST_TYPE_STREAM, ulEPGID = 1, ulCT = 100;
     unsigned long ulST = script::START, ulET = script::START + 100, ulFormat = CAST_FORMAT_TS;

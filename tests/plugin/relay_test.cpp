@@ -89,25 +89,15 @@ TEST_F(RelayTest, EndpointsAreSetUpForSourceAndDestination) {
     EXPECT_EQ(script::pollTimeout(std::string("rx ") + IN), 1000u);
     finish();
     const std::string rx = std::string("rx ") + IN;
-    EXPECT_THAT(script::calls(), ElementsAre("init 0 2", "create " + rx, "init 0 2",
-                                             std::string("create ") + OUT, std::string("close ") + OUT,
-                                             std::string("delete ") + OUT, "close " + rx, "delete " + rx));
-    const KTNET_ENDPOINT receiver = script::endpoints().at(0).settings,
-                         sender = script::endpoints().at(1).settings;
-    EXPECT_EQ(receiver.uiKind, 0x10400u);
-    EXPECT_STREQ(receiver.szPeer, "224.1.1.1");
-    EXPECT_STREQ(receiver.szLocal, "127.0.0.1");
-    EXPECT_EQ(receiver.uiPort, 9100u);
-    EXPECT_EQ(receiver.uiAux, 70003u);
-    EXPECT_EQ(receiver.uiTimeoutMs, 1000u);
-    EXPECT_EQ(receiver.uiError, 0u);
-    EXPECT_EQ(sender.uiKind, 0x10400u);
-    EXPECT_STREQ(sender.szPeer, "224.2.2.2");
-    EXPECT_STREQ(sender.szLocal, "");
-    EXPECT_EQ(sender.uiListen, 0u);
-    EXPECT_EQ(sender.uiAux, 0u);
-    EXPECT_EQ(sender.uiTimeoutMs, 1000u);
-    EXPECT_EQ(sender.uiError, 0u);
+    EXPECT_THAT(script::calls(),
+                ElementsAre("init 0 2", "create " + rx, "init 0 2", std::string("create ") + OUT,
+                            std::string("hops 0 5 1 ") + OUT, std::string("close ") + OUT,
+                            std::string("delete ") + OUT, "close " + rx, "delete " + rx));
+    EXPECT_THAT(script::endpoints(),
+                ElementsAre("mode 0 version 2 kind 10400 peer 224.1.1.1 local 127.0.0.1 port 9100 "
+                            "listen 1 aux - timeout 1000 error 0",
+                            "mode 0 version 2 kind 10400 peer 224.2.2.2 local  port 5000 "
+                            "listen 0 aux 0 timeout 1000 error 0"));
 }
 
 TEST_F(RelayTest, NothingIsAllocatedPerDatagram) {

@@ -54,34 +54,24 @@ TEST_F(SenderTest, RequestsAreAsTheReceiversReadThem) {
          "06 00 04 00 64 CA 9A 3B 04 00 04 00 03 00 00 00 0C 00 04 00 21 20 00 00 0D 00 04 00 B6 87 00 00"
          "08 00 09 00 '224.1.1.1' 07 00 02 00 8C 23 0F 00 04 00 FF FF FF FF 11 00 04 00 00 00 00 00"
          "0A 00 09 00 '224.2.2.2' 09 00 02 00 88 13"}};
-    const auto expectFrame = [](const script::Frame &frame, unsigned int uiService, unsigned long ulCommand,
-                                unsigned int uiParam, const Bytes &payload) {
-        KTNET_PACKET expected{};
-        expected.uiIdent = 200;
-        expected.uiService = uiService;
-        expected.uiCommand = static_cast<unsigned int>(ulCommand);
-        expected.uiParam = uiParam;
-        expected.ulPayloadLen = expected.ulPayloadSize = payload.size();
-        EXPECT_EQ(memcmp(&frame.header, &expected, sizeof expected), 0);
-        EXPECT_EQ(frame.payload, payload);
-    };
     for (const Case &row : cases) {
         CASTInfo *pInfo = cast(row.fields);
         pInfo->ulMSID = 34742;
         pInfo->ulCMD = 77; // the argument counts
         EXPECT_EQ(QX_PCCASTSTREAMCommander(row.fields.ulCMD, pInfo), 1);
         EXPECT_EQ(pInfo->ulCMD, row.fields.ulCMD);
-        expectFrame(script::frames(key(true)).back(), 200, row.fields.ulCMD,
-                    static_cast<unsigned int>(row.fields.ulType), bytes(row.pszPayload));
+        EXPECT_TRUE(
+            isHeader(script::frames(key(true)).back(), 200, 200, row.fields.ulCMD, row.fields.ulType));
+        EXPECT_EQ(script::frames(key(true)).back().payload, bytes(row.pszPayload));
         ELIMINATECASTInfo(&pInfo);
     }
     for (const unsigned long ulCMD : {PCMBC_CMD_MSG, PCMBC_CMD_CANCEL}) {
         EXPECT_EQ(QX_PCCASTMBCCommander(ulCMD, &m_message), 1);
-        expectFrame(
-            script::frames(key(false)).back(), 205, ulCMD, 0x22334455,
-            bytes("03 00 04 00 64 00 00 00 0E 00 04 00 01 00 00 00 0B 00 04 00 00 CA 9A 3B 0C 00 04 00 64 CA "
-                  "9A 3B"
-                  "01 50 04 00 20 00 00 00 03 50 04 00 35 82 00 00 0A 50 02 00 02 00 0B 50 04 00 'text'"));
+        EXPECT_TRUE(isHeader(script::frames(key(false)).back(), 200, 205, ulCMD, 0x22334455));
+        EXPECT_EQ(script::frames(key(false)).back().payload,
+                  bytes("03 00 04 00 64 00 00 00 0E 00 04 00 01 00 00 00 0B 00 04 00 00 CA 9A 3B"
+                        "0C 00 04 00 64 CA 9A 3B 01 50 04 00 20 00 00 00 03 50 04 00 35 82 00 00"
+                        "0A 50 02 00 02 00 0B 50 04 00 'text'"));
     }
     EXPECT_EQ(m_message.ulCMD, 0u);
     m_text[0] = '\0'; // an empty text is a text
@@ -158,15 +148,11 @@ TEST_F(SenderTest, EachStepsFailureIsReturnedAndEverythingReleased) {
     const std::string line =
         "[pccastmain:#] \033[2;31m KTNetTxData() return:4294967287(0xFFFFFFF7) \033[1;41m[ERROR]\033[0m\n";
     EXPECT_EQ(out(), line + line);
-    for (const script::Endpoint &endpoint : script::endpoints()) {
-        EXPECT_EQ(endpoint.iMode, 0);
-        EXPECT_EQ(endpoint.iVersion, 2);
-        EXPECT_EQ(endpoint.settings.uiKind, 0x80100u);
-        EXPECT_EQ(endpoint.settings.uiPort, 0u);
-        EXPECT_EQ(endpoint.settings.uiListen, 0u);
-        EXPECT_EQ(endpoint.settings.uiAux, 0u);
-        EXPECT_EQ(endpoint.settings.uiTimeoutMs, 1000u);
-        EXPECT_EQ(endpoint.settings.uiError, 0u);
+    const std::string settings = " local  port 0 listen 0 aux 0 timeout 1000 error 0";
+    for (const std::string &endpoint : script::endpoints()) {
+        EXPECT_TRUE(endpoint == "mode 0 version 2 kind 80100 peer /tmp/PCSTREAM.uds" + settings ||
+                    endpoint == "mode 0 version 2 kind 80100 peer /tmp/PCMBC.uds" + settings)
+            << endpoint;
     }
 }
 
@@ -269,11 +255,12 @@ TEST_F(CastReceiverTest, ItemsMissingEmptyDoubledOrUnknown) {
 
 TEST_F(CastReceiverTest, LyingItemsHarmNothing) {
     Engine engine(RxCASTInfoEngine, lists);
+    filed(1, STREAM);
     for (const char *pszLie :
          {"01", "0A 00 03 00 'd1'", "10 00 FF FF FF FF FF FF", "10 00 FF FF 01 00 00", "08 00 FF FF"}) {
-        filed(1, pszLie);
-        filed(1, std::string(STREAM) + pszLie);
-        EXPECT_EQ(filed(1, STREAM), "bypass: 1 7 s1:513 d1:3 - 2/3k 1") << pszLie;
+        // Refused whole: nothing of it is filed, or left for a later request that lacks an item.
+        EXPECT_EQ(filed(1, std::string("02 00 04 00 09 00 00 00 0A 00 01 00 'x'") + pszLie), "") << pszLie;
+        EXPECT_EQ(filed(1, "04 00 04 00 02 00 00 00"), "bypass: 1 7 s1:513 d1:3 - 2/3k 1") << pszLie;
     }
     // A value of another length than its field's is read within its own bytes.
     EXPECT_EQ(filed(1, std::string(STREAM) + "02 00 02 00 05 01 09 00 01 00 04"),
@@ -307,14 +294,8 @@ TEST_F(CastReceiverTest, FailingStepsLoseOneRequestAtMost) {
     pthread_mutex_unlock(bypass.pMutex);
     EXPECT_EQ(filed(1, STREAM), whole);
     EXPECT_EQ(script::pollTimeout("server /tmp/PCSTREAM.uds"), 2000u);
-    const KTNET_ENDPOINT settings = script::endpoints().back().settings;
-    EXPECT_EQ(settings.uiKind, 0x80100u);
-    EXPECT_STREQ(settings.szPeer, "");
-    EXPECT_EQ(settings.uiPort, 70001u);
-    EXPECT_EQ(settings.uiListen, 1u);
-    EXPECT_EQ(settings.uiAux, 0u);
-    EXPECT_EQ(settings.uiTimeoutMs, 2000u);
-    EXPECT_EQ(settings.uiError, 0u);
+    EXPECT_EQ(script::endpoints().back(), "mode 0 version 2 kind 80100 peer  local /tmp/PCSTREAM.uds port - "
+                                          "listen 1 aux 0 timeout 2000 error 0");
     EXPECT_EQ(engine.block.eState, ENGINE_RUNNING);
     engine.stop();
     EXPECT_EQ(engine.block.iThreadCount, 0);
@@ -425,7 +406,7 @@ TEST_F(MessageReceiverTest, ItemsMissingEmptyDoubledOrUnknown) {
     EXPECT_EQ(out(), line + line);
     EXPECT_EQ(count(joined(script::calls()), "receive 205"), std::size(cases));
     for (const char *pszLie : {"0B", "0B 50 02 00 'a'", "0B 50 FF FF FF FF FF FF", "0B 50 FF FF 01 00"}) {
-        filed(0x40020, pszLie);
+        EXPECT_EQ(filed(0x40020, std::string("03 00 01 00 09 0B 50 01 00 'i'") + pszLie), "") << pszLie;
         EXPECT_EQ(filed(0x40020, "0B 50 01 00 'h'"), "normal: " + head + "0 0 2 2147483651 1 5 4 h");
     }
 }
@@ -449,13 +430,8 @@ TEST_F(MessageReceiverTest, FailingStepsLoseOneRequestAtMost) {
     pthread_mutex_unlock(normal.pMutex);
     EXPECT_EQ(filed(0x40020, request), whole);
     EXPECT_EQ(script::pollTimeout("server /tmp/PCMBC.uds"), 500u);
-    const KTNET_ENDPOINT settings = script::endpoints().back().settings;
-    EXPECT_EQ(settings.uiKind, 0x80100u);
-    EXPECT_EQ(settings.uiPort, 70001u);
-    EXPECT_EQ(settings.uiListen, 1u);
-    EXPECT_EQ(settings.uiAux, 0u);
-    EXPECT_EQ(settings.uiTimeoutMs, 500u);
-    EXPECT_EQ(settings.uiError, 0u);
+    EXPECT_EQ(script::endpoints().back(), "mode 0 version 2 kind 80100 peer  local /tmp/PCMBC.uds port - "
+                                          "listen 1 aux 0 timeout 500 error 0");
     engine.stop();
     EXPECT_EQ(engine.block.eState, ENGINE_STOPPED);
     for (long lNth = 1; lNth <= 6; ++lNth) {

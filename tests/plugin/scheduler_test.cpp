@@ -255,6 +255,11 @@ TEST_F(SchedulerTest, StopDuringAWaitOfTheSupervisorIsAnswered) {
         script::startThread([] { QX_PlugIn_Close(); });
         EXPECT_TRUE(
             script::eventually([] { return script::liveThreads() == 3; })); // closer, supervisor, relay
+        // The closer's bounded wait runs out, but it does not go before the supervisor has gone.
+        EXPECT_TRUE(
+            script::eventually([=, this] { return count(out(), "Timeout wait") == (bHandOver ? 1u : 2u); }));
+        EXPECT_TRUE(script::settle());
+        EXPECT_EQ(count(script::console(), "Close PCCast"), bHandOver ? 0u : 1u);
         script::hold("");
         EXPECT_TRUE(script::threadsEnd());
         open();

@@ -2,6 +2,7 @@
 // user reads from it directly; all other sockets are numbers.
 #include "state.h"
 
+#include <cstdio>
 #include <cstring>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -32,7 +33,7 @@ std::vector<Datagram> datagrams(const std::string &key) {
     return matching(state().datagrams, key);
 }
 
-std::vector<Endpoint> endpoints() {
+std::vector<std::string> endpoints() {
     Enter enter;
     return state().created;
 }
@@ -96,22 +97,37 @@ static std::string keyOf(const KTNET_ENDPOINT &settings) {
            std::to_string(settings.uiPort);
 }
 
+// The caller has entered.
 static std::string keyOf(int iSocket) {
-    Enter enter;
     const auto known = state().sockets.find(iSocket);
     return known == state().sockets.end() ? "" : state().endpoints.at(known->second).key;
 }
 
+constexpr unsigned int DEFAULT = 70000; // of every number of a fresh descriptor
+
 static KTNET_ENDPOINT *descriptor(const EndpointState &endpoint) {
     auto *pDesc = new KTNET_ENDPOINT{};
     pDesc->iSocket = -1;
-    pDesc->uiPort = 70001;
-    pDesc->uiListen = 70002;
-    pDesc->uiAux = 70003;
-    pDesc->uiTimeoutMs = 70004;
-    pDesc->uiError = 70005;
+    pDesc->uiPort = pDesc->uiListen = pDesc->uiAux = pDesc->uiTimeoutMs = pDesc->uiError = DEFAULT;
     state().endpoints[pDesc] = endpoint;
     return pDesc;
+}
+
+static std::string settingsOf(const KTNET_ENDPOINT &desc, const EndpointState &endpoint) {
+    char szKind[16];
+    snprintf(szKind, sizeof szKind, "%X", desc.uiKind);
+    std::string text = "mode " + std::to_string(endpoint.iMode) + " version " +
+                       std::to_string(endpoint.iVersion) + " kind " + szKind + " peer " + desc.szPeer +
+                       " local " + desc.szLocal;
+    const std::pair<const char *, unsigned int> numbers[] = {{" port ", desc.uiPort},
+                                                             {" listen ", desc.uiListen},
+                                                             {" aux ", desc.uiAux},
+                                                             {" timeout ", desc.uiTimeoutMs},
+                                                             {" error ", desc.uiError}};
+    for (const auto &[pszName, uiValue] : numbers) {
+        text += pszName + (uiValue == DEFAULT ? "-" : std::to_string(uiValue));
+    }
+    return text;
 }
 
 // A step of an endpoint that a rule may decide.
@@ -150,7 +166,7 @@ int ktn_xapi_ktnet_create(KTNET_ENDPOINT *pDesc) {
     Enter enter;
     EndpointState &endpoint = state().endpoints.at(pDesc);
     endpoint.key = script::keyOf(*pDesc);
-    state().created.push_back({endpoint.key, endpoint.iMode, endpoint.iVersion, *pDesc});
+    state().created.push_back(script::settingsOf(*pDesc, endpoint));
     state().calls.push_back("create " + endpoint.key);
     int iResult = 1;
     if (decided(Step::CREATE, endpoint.key, &iResult)) {

@@ -97,13 +97,9 @@ std::string console();              // qxapi_printf
 std::vector<std::string> reports(); // qxapi_assert_gateway: "FUNCTION: TEXT"
 std::vector<std::string> log();     // qxapi_log_printf: "TAG: TEXT"
 
-struct Endpoint { // as it was when it was created
-    std::string key;
-    int iMode, iVersion;
-    KTNET_ENDPOINT settings;
-};
-// A fresh descriptor holds uiPort 70001, uiListen 70002, uiAux 70003, uiTimeoutMs 70004 and uiError 70005.
-std::vector<Endpoint> endpoints();
+// The settings of each endpoint when it was created: "mode M version V kind K peer P local L port N listen N
+// aux N timeout N error N"; a number that was left at the library's default shows as "-".
+std::vector<std::string> endpoints();
 int liveEndpoints(); // descriptors not yet deleted
 int livePayloads();  // received payloads not yet freed
 int dumps();         // ktn_xapi_dump_packet_info

@@ -49,9 +49,8 @@ struct State {
     bool bPollsTakeTime = false, bRegistryMissing = false;
     std::list<std::shared_ptr<ThreadRecord>> threads;
     std::list<Rule> rules;
-    std::vector<std::string> calls, reports, log;
+    std::vector<std::string> calls, reports, log, created;
     std::string console, registryOpening, held;
-    std::vector<Endpoint> created;
     std::map<const KTNET_ENDPOINT *, EndpointState> endpoints;
     std::map<int, const KTNET_ENDPOINT *> sockets;
     std::map<std::string, unsigned int> pollTimeouts;
@@ -81,7 +80,7 @@ struct Enter {
 
 // Whether a rule decides this step; the caller has entered.
 bool decided(Step step, const std::string &key, int *piResult);
-// Keeps the calling thread while what it is at is held.
+// Keeps the calling thread while what it is at is held. key: called while entered.
 void waitWhileHeld(const std::function<std::string()> &key);
 // One pass of the calling thread: counts it and gives way.
 void pass();
