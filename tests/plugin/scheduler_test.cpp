@@ -188,9 +188,8 @@ TEST_F(SchedulerTest, FailedCastIsAnnouncedAsEndedAndDropped) {
     submit(file(5, 100, 0, 900)); // no such file
     runTo(40);
     EXPECT_EQ(history(), "+1 -1 "); // neither is tried again
-    const std::vector<std::string> ends = aired();
-    EXPECT_EQ(ends.front(), "0 on air 1");
-    EXPECT_EQ(ends.back(), "11 end 5");
+    // The failure may come before the first announcement of the cast, or just after it.
+    EXPECT_THAT(aired(), ElementsAre(testing::AnyOf("0 on air 1", "0 end 1"), "11 end 5"));
     runTo(50);
     script::fail(Step::CREATE, "rx 224.1.1.1:2", -1);
     submit(relay(2, 200, 50, 900));
