@@ -24,7 +24,7 @@ namespace {
 constexpr int kVersion = 2;
 constexpr int kDefault = -1; // the field keeps the library's default
 
-// How an endpoint is set up. Where the opener is given an address or a port, it takes the row's place.
+// How an endpoint is set up. Rows without an address or a port take the opener's.
 struct KTNET_SETTING {
     KTNET_USE eUse;
     unsigned int uiKind;

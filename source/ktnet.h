@@ -1,7 +1,8 @@
 // ktnet.h - the system's layer over the network endpoint library: one opener per kind of endpoint.
 //
-// Nobody else sets endpoint fields. The engines call the openers, use the library's calls on the descriptor,
-// and close it with KTNETClose. A descriptor belongs to the thread that opened it.
+// Nobody else sets endpoint fields, but for uiError, which a receiver clears. The engines call the openers,
+// use the library's calls on the descriptor, and close it with KTNETClose. A descriptor belongs to the thread
+// that opened it.
 #ifndef PCCAST_KTNET_H
 #define PCCAST_KTNET_H
 
@@ -24,11 +25,11 @@ enum KTNET_STEP { KTNET_STEP_INIT, KTNET_STEP_CREATE };
 
 // Each opener makes a descriptor in *ppDesc, configures it for eUse and creates its socket. *ppDesc receives
 // whatever the library left there, also after a failure: the caller passes it to KTNETClose.
-// Returns the library's result (positive: open); -1 for an address that does not fit (printed) or a row of
-// another kind. *peStep (may be null) tells which step the result is of.
+// Returns the library's result (positive, with a descriptor: open); -1 for an address that does not fit
+// (printed) or a row of another kind. *peStep (may be null) tells which step the result is of.
 int KTNETOpenServer(KTNET_ENDPOINT **ppDesc, KTNET_USE eUse, KTNET_STEP *peStep);
 int KTNETOpenClient(KTNET_ENDPOINT **ppDesc, KTNET_USE eUse, KTNET_STEP *peStep);
-// pszPeer, usPort: where to send, or what to receive; null and 0: as the table says.
+// pszPeer, usPort: where to send, or what to receive, in rows that name none.
 // pszLocal: address of the interface; null: the library's choice.
 int KTNETOpenSender(KTNET_ENDPOINT **ppDesc, KTNET_USE eUse, const char *pszPeer, unsigned short usPort,
                     const char *pszLocal, KTNET_STEP *peStep);

@@ -24,8 +24,8 @@ typedef struct KTPacket {
 void KTPacketInit(KTPacket *pPacket);
 
 // Adds an item with a copy of ulLength bytes: after the last one when iAppend is not 0, else before the
-// first. Returns the new ulSize; 0 packet or value missing; -1 no memory, or a value over 0xFFFFFFFF bytes.
-// Nothing is added unless the result is positive.
+// first. Returns the new ulSize; 0 packet or value missing; -1 no memory, or a packet whose size no longer
+// fits the result. Nothing is added unless the result is positive.
 int KTPacketInsertItem(KTPacket *pPacket, int iAppend, unsigned short usTag, unsigned long ulLength,
                        const void *pValue);
 

@@ -39,22 +39,22 @@ extern "C" {
 /* Times are whole seconds since the epoch. Texts are NUL-terminated and owned by the record. */
 typedef struct CASTInfo {
     unsigned long ulCMD;
-    unsigned long uliEPGID;       /* programme that the cast carries */
-    unsigned long ulCT;           /* creation time of the request: the newer request takes precedence */
-    unsigned long ulCASTType;     /* CAST_TYPE_... */
-    unsigned long ulSTREAMFormat; /* CAST_FORMAT_... */
-    unsigned long ulST;           /* start time */
-    unsigned long ulET;           /* end time */
-    char *pSRCIP;                 /* source address, dotted IPv4 (stream types) */
-    char *pDSTIP;                 /* destination group, dotted IPv4 */
-    unsigned short usSRCPort;     /* source port (stream types) */
-    unsigned short usDSTPort;     /* destination port */
-    char *pCASTFile;              /* path of the file (file type) */
-    unsigned long ulMSID;         /* stream identifier of a file cast */
-    int iEncryptionType;          /* CAST_ENCRYPTION_... : how the relay decrypts each datagram */
-    int iEncryptionKeyLen;        /* bytes at pEncryptionKey */
-    unsigned char *pEncryptionKey;
-    int iASFSplit; /* CAST_SPLIT_... */
+    unsigned long uliEPGID;        /* programme that the cast carries */
+    unsigned long ulCT;            /* creation time of the request: the newer request takes precedence */
+    unsigned long ulCASTType;      /* CAST_TYPE_... */
+    unsigned long ulSTREAMFormat;  /* CAST_FORMAT_... */
+    unsigned long ulST;            /* start time */
+    unsigned long ulET;            /* end time */
+    char *pSRCIP;                  /* source address, dotted IPv4 (stream types) */
+    char *pDSTIP;                  /* destination group, dotted IPv4 */
+    unsigned short usSRCPort;      /* source port (stream types) */
+    unsigned short usDSTPort;      /* destination port */
+    char *pCASTFile;               /* path of the file (file type) */
+    unsigned long ulMSID;          /* stream identifier of a file cast */
+    int iEncryptionType;           /* CAST_ENCRYPTION_... : how the relay decrypts each datagram */
+    int iEncryptionKeyLen;         /* bytes at pEncryptionKey */
+    unsigned char *pEncryptionKey; /* owned, from malloc */
+    int iASFSplit;                 /* CAST_SPLIT_... */
 } CASTInfo;
 
 /* Makes a record of type ulCASTType in *ppInfo, which must hold null, with copies of pDSTIP and of pSRCIP

@@ -21,9 +21,10 @@ extern "C" {
  * whether or not it then arrived; 0 refused: no record, an incomplete one (printed), or another command. */
 int QX_PCCASTSTREAMCommander(unsigned long ulCMD, CASTInfo *pInfo);
 
-/* Delivers pInfo as a cast request with command ulCMD. Returns a result that is not negative when it was
- * sent; negative when not: -1 the service is switched off or there is no record, else the network's result.
- */
+/* Delivers pInfo as a cast request with command ulCMD. Returns the result of the network's last step:
+ * positive when the request was sent, 0 or negative when a step refused; -1 also when the service is switched
+ * off or there is no record. When memory runs out for the request nothing is sent, and the result is that of
+ * the step before. */
 int TxCASTInfoToPlugIn(unsigned long ulCMD, const CASTInfo *pInfo);
 
 /* Submits a message request. ulCMD: PCMBC_CMD_MSG or PCMBC_CMD_CANCEL; pInfo->ulCMD is not used. A cancel
@@ -32,8 +33,7 @@ int TxCASTInfoToPlugIn(unsigned long ulCMD, const CASTInfo *pInfo);
  * text, or another command. */
 int QX_PCCASTMBCCommander(unsigned long ulCMD, MSGInfo *pInfo);
 
-/* Delivers pInfo as a message request with command ulCMD. Returns a positive result when it was sent; -1 when
- * the service is switched off, else the network's result. */
+/* Delivers pInfo as a message request with command ulCMD. Results as for TxCASTInfoToPlugIn. */
 int TxPCMBCInfoToPlugIn(unsigned long ulCMD, const MSGInfo *pInfo);
 
 #ifdef __cplusplus

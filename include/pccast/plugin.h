@@ -29,12 +29,12 @@ int QX_PlugIn_Close(void);
 /* Does nothing. */
 void QX_Dummy(void);
 
-/* As QX_PlugIn_Open. Returns 1 opened, else 0. */
+/* As QX_PlugIn_Open. Returns 1. */
 int p_qxapi_open_pccast(void);
 
 struct ts_qxapi_plugin_argument; /* the host's plug-in arguments, of the host framework */
 
-/* As QX_PlugIn_Close, after passing pArguments (may be null) to the framework. Returns 1 closed, else 0. */
+/* As QX_PlugIn_Close, after passing pArguments (may be null) to the framework. Returns 1. */
 int p_qxapi_close_pccast(const struct ts_qxapi_plugin_argument *pArguments);
 
 /* iRequest 0: returns QX_PlugIn_Version(). Any other request: returns 1. pHandle is ignored. */

@@ -70,8 +70,14 @@ const Field &fieldAt(const CASTInfo *pInfo, size_t ulOffset) {
 }
 
 bool isSentFor(const ItemRow &row, unsigned long ulCASTType) {
-    const bool bFile = ulCASTType == CAST_TYPE_FILE;
-    return row.eFor == For::Every || (row.eFor == For::File) == bFile;
+    switch (row.eFor) {
+    case For::Stream:
+        return ulCASTType == CAST_TYPE_STREAM || ulCASTType == CAST_TYPE_STREAM_2;
+    case For::File:
+        return ulCASTType == CAST_TYPE_FILE;
+    default:
+        return true;
+    }
 }
 
 // Appends the row's item; a text or key that is missing is left out. Returns false when memory runs out.
@@ -248,6 +254,9 @@ void fileRequest(CASTList *const *ppLists, const CASTInfo *pDecoding, unsigned i
     }
     pCopy->ulCMD = uiCommand;
     if (INSERTCASTInfo(pList, pCopy) < 1) {
+        std::printf(
+            "[%s:%d] \e[2;31m cast request of EPG id %lu cannot be filed, dropped \e[1;41m[ERROR]\e[0m\n",
+            kModule, __LINE__, pCopy->uliEPGID);
         ELIMINATECASTInfo(&pCopy);
     }
 }

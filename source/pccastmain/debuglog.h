@@ -27,8 +27,9 @@ extern constinit thread_local int32_t gUserLevel;
 
 // Reads the variables KTDEBUG_STDOUT_, KTDEBUG_FILELOG_, KTDEBUG_PATH_ and KTDEBUG_LEVEL_ with the process
 // name behind them, and opens the day's file when file logging is on. A file that an earlier call opened is
-// closed. processName: null for "DEFAULT"; 99 characters count. logDirectory: null for the variable's, or
-// /tmp. A directory of 100 characters or more, or a file name of 160 or more, leaves the file output off.
+// closed. processName: null for "DEFAULT"; up to 80 characters, so that every variable's name fits its 100
+// bytes. logDirectory: null for the variable's, or /tmp. A directory of 100 characters or more, or a file
+// name of 160 or more, leaves the file output off.
 void initDebug(const char *processName, const char *logDirectory);
 
 // Switches to today's file if the date has changed since the file was opened.

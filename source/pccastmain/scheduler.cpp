@@ -186,8 +186,14 @@ void releaseCurrent(Channel *pChannel) {
 
 // A newer request takes the current entry's place: the entry waits for its turn again while it has not ended.
 void putBackCurrent(Channel *pChannel) {
-    if (pChannel->pCurrent->ulET > now() && INSERTCASTInfo(&pChannel->list, pChannel->pCurrent) > 0) {
-        pChannel->pCurrent = nullptr; // the list's
+    if (pChannel->pCurrent->ulET > now()) {
+        if (INSERTCASTInfo(&pChannel->list, pChannel->pCurrent) > 0) {
+            pChannel->pCurrent = nullptr; // the list's
+        } else {
+            std::printf(
+                "[%s:%d] \e[2;31m cast of EPG id %lu cannot be put back, dropped \e[1;41m[ERROR]\e[0m\n",
+                kModule, __LINE__, pChannel->pCurrent->uliEPGID);
+        }
     }
     releaseCurrent(pChannel);
 }
@@ -278,8 +284,9 @@ void recastStartStep(const KTPLUGIN_INFO_TAG *pSelf, Service *pService) {
     startCurrent(pSelf, pService, &pService->recast, &pService->engines[RECAST]);
 }
 
-// A failed cast is announced as ended and dropped. The announcement engine then has the end announcement in
-// hand for its 20 seconds; the schedule goes on meanwhile, and the next due request ends it like any other.
+// A failed cast is handed to the announcement engine as ended, and dropped. The engine has the end in hand
+// for 20 seconds and sends it by its own cadence; the schedule goes on meanwhile, and a request that falls
+// due before takes the end's place: a cast that fails must not hold up one that works.
 void failureStep(const KTPLUGIN_INFO_TAG *pSelf, Service *pService, Channel *pChannel,
                  KTPLUGIN_INFO_TAG *pEngine) {
     if (!engineMove(pEngine, ENGINE_FAILED, ENGINE_IDLE)) {
@@ -293,9 +300,9 @@ void failureStep(const KTPLUGIN_INFO_TAG *pSelf, Service *pService, Channel *pCh
     if (pChannel->pCurrent == nullptr || pChannel->bStartPending) {
         return;
     }
-    std::printf(
-        "[%s:%d] \e[2;31m cast of EPG id %lu failed: announced as ended, dropped \e[1;41m[ERROR]\e[0m\n",
-        kModule, __LINE__, pChannel->pCurrent->uliEPGID);
+    std::printf("[%s:%d] \e[2;31m cast of EPG id %lu failed, dropped; its end is handed to the announcements "
+                "\e[1;41m[ERROR]\e[0m\n",
+                kModule, __LINE__, pChannel->pCurrent->uliEPGID);
     pChannel->pCurrent->ulCMD = CAST_CMD_END;
     if (handOver(pAnnouncement, pChannel)) {
         waitUntilTaken(pSelf, pAnnouncement);
@@ -333,10 +340,14 @@ bool waitBounded(Condition condition) {
 bool stopEngines(Service *pService) {
     // A thread that has been started but has not yet run cannot be told from one that has ended, and would
     // run on released memory later: let each check in first.
+    bool bAllEnded = true;
     for (int i = 0; i < kEngineCount; ++i) {
         const KTPLUGIN_INFO_TAG *pEngine = &pService->engines[i];
-        if (pService->bStarted[i]) {
-            waitBounded([=] { return pEngine->iThreadCount > 0 && pEngine->eState != ENGINE_STOPPED; });
+        if (pService->bStarted[i] &&
+            !waitBounded([=] { return pEngine->iThreadCount > 0 && pEngine->eState != ENGINE_STOPPED; })) {
+            std::printf("[%s:%d] \e[2;31m %s does not begin: its lists are kept \e[1;41m[ERROR]\e[0m\n",
+                        kModule, __LINE__, kEngines[i].pName);
+            bAllEnded = false;
         }
     }
     // Asked one after the other but all at once, so that their waits overlap: closing takes as long as the
@@ -344,7 +355,6 @@ bool stopEngines(Service *pService) {
     for (KTPLUGIN_INFO_TAG &engine : pService->engines) {
         engineRequestStop(&engine);
     }
-    bool bAllEnded = true;
     for (int i = 0; i < kEngineCount; ++i) {
         KTPLUGIN_INFO_TAG *pEngine = &pService->engines[i];
         ktWaitForAEngine(pEngine, kEngineLimit);

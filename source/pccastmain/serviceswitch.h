@@ -9,8 +9,8 @@ extern "C" {
 #define PCCAST_CAST_SERVICE "/ORVEN/SERVICE/PCSTREAM"
 #define PCCAST_MESSAGE_SERVICE "/ORVEN/SERVICE/PCMBC"
 
-// Returns 0 when the registry's value of keyPath is DISABLE, in any case (printed each time); 1 in every
-// other case, the registry that cannot be opened included.
+// Returns 0 when the registry's value of keyPath is DISABLE or a leading part of it, in any case of letters
+// (printed each time); 1 in every other case, the registry that cannot be opened included.
 int verifyINBTService(const char *keyPath);
 }
 

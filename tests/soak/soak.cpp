@@ -119,6 +119,8 @@ int check(bool bHolds, const std::string &what) {
 int main(int argc, char **argv) {
     const int iCycles = argc > 1 ? std::atoi(argv[1]) : 100;
     int iFailures = check(std::freopen("/tmp/soak.log", "w", stdout) != nullptr, "no /tmp/soak.log");
+    std::thread([] {}).join(); // a sanitizer starts a thread of its own beside the first one
+    std::this_thread::sleep_for(200ms);
     const long lThreads = entriesOf("/proc/self/task");
     const long lDescriptors = entriesOf("/proc/self/fd");
 
