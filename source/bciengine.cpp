@@ -32,7 +32,7 @@ constexpr int kHops = 5; // of every multicast sender: the stream reaches where 
 constexpr unsigned long kSilence = 10;     // seconds that must have passed since the last transmission
 constexpr unsigned long kEndDuration = 20; // seconds for which an end is announced
 // A file that fills a datagram alone cannot be announced, so it is not read into memory either.
-constexpr off_t kStationFileMax = KTNET_UDP_FRAME_MAX;
+constexpr off_t kStationFileMax = KTNET_UDP_FRAME_MAX - 88; // less the frame's header and the other items
 
 enum ItemTag : unsigned short {
     TAG_CRC = 1100,
@@ -346,6 +346,7 @@ void announceShutdown(BCIState *pState) {
     }
     if (makeBCIEndPacket(&pState->record, &pState->packet) > 0) {
         pState->packet.ulReserved = 0;
+        pState->packet.uiStatus = 0;
         pState->packet.uiParam = static_cast<unsigned int>(now());
         ktn_xapi_ktnet_tx_data(pState->pEndpoint, &pState->packet);
     }

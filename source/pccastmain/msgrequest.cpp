@@ -188,6 +188,9 @@ void serveConnection(KTNET_ENDPOINT *pServer, MSGList *const *ppLists, MSGInfo *
             ktn_xapi_free(packet.pPayload);
         }
     }
+    if (pConnection == nullptr) {
+        vexa_load_balance(); // what could not be accepted stays pending, and the next poll returns at once
+    }
     KTNETClose(&pConnection);
     pServer->uiError = 0;
 }
