@@ -28,9 +28,9 @@ int QX_PCCASTSTREAMCommander(unsigned long ulCMD, CASTInfo *pInfo);
 int TxCASTInfoToPlugIn(unsigned long ulCMD, const CASTInfo *pInfo);
 
 /* Submits a message request. ulCMD: PCMBC_CMD_MSG or PCMBC_CMD_CANCEL; pInfo->ulCMD is not used. A cancel
- * request needs a text too, whatever it says. The record stays the caller's.
- * Returns 1 the request was handed to the sender, whether or not it then arrived; 0 refused: no record, no
- * text, or another command. */
+ * request needs a text too, whatever it says; the receiver drops a request of either command with an empty
+ * one. The record stays the caller's. Returns 1 the request was handed to the sender, whether or not it then
+ * arrived; 0 refused: no record, no text, or another command. */
 int QX_PCCASTMBCCommander(unsigned long ulCMD, MSGInfo *pInfo);
 
 /* Delivers pInfo as a message request with command ulCMD. Results as for TxCASTInfoToPlugIn. */
