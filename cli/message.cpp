@@ -3,8 +3,6 @@
 #include "request.h"
 
 #include <CLI/CLI.hpp>
-#include <qxapi_ktn.h>
-#include <qxapi_ktn_frame.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -13,8 +11,6 @@
 namespace {
 
 constexpr unsigned long REPEAT_MAX = 65535;
-// Around the text: the frame's header, six number items and the text item's own header.
-constexpr unsigned long TEXT_MAX = KTNET_UDP_FRAME_MAX - KTNET_FRAME_HEADER_SIZE - 5 * 8 - 6 - 4;
 constexpr unsigned long SHORTEST_DEFAULT = 600;
 
 struct MESSAGE_OPTIONS {
@@ -36,10 +32,10 @@ int message(const MESSAGE_OPTIONS &options) {
     if (iExit == EXIT_DONE && options.sText.empty()) {
         iExit = sayAndReturn(EXIT_BAD_DATA, "TEXT is empty; the service would drop the message");
     }
-    if (iExit == EXIT_DONE && options.sText.size() > TEXT_MAX) {
-        iExit =
-            sayAndReturn(EXIT_BAD_DATA, "TEXT has " + std::to_string(options.sText.size()) +
-                                            " bytes; one datagram holds at most " + std::to_string(TEXT_MAX));
+    if (iExit == EXIT_DONE && options.sText.size() > PCMBC_TEXT_MAX) {
+        iExit = sayAndReturn(EXIT_BAD_DATA, "TEXT has " + std::to_string(options.sText.size()) +
+                                                " bytes; one datagram holds at most " +
+                                                std::to_string(PCMBC_TEXT_MAX));
     }
     if (iExit == EXIT_DONE) {
         iExit = readRequestOptions(options.request, defaultFor(ulRepeat, options.sText.size()), &times);

@@ -132,6 +132,9 @@ bool appendStation(Announcement *pAnnouncement) {
     // A FIFO in the file's place must not hold the announcements up.
     const int iFile = open(kStationFile, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (iFile <= 0) {
+        if (iFile == 0) { // taken for a failure; it only comes in a host that has closed its standard input
+            close(iFile);
+        }
         std::printf("Can NOT open CRC32 Source File[%s]\n", kStationFile);
         return false;
     }
@@ -269,15 +272,19 @@ bool isEndpointOpen(BCIState *pState) {
     return pState->iEndpoint > 0;
 }
 
-// Replaces the record by that of the request. Returns false, and keeps the record, for a request that is none
-// to be announced.
+// Replaces the record by that of the request. One that means nothing to the receivers has yet ended the cast
+// on air before it, so that cast's record stays and is announced as ended. Returns false when there is
+// nothing to announce.
 bool mapRequest(BCIState *pState, const CASTInfo *pRequest) {
     BCIInfo mapped{};
     if (PCCASTtoBCIInfo(pRequest, &mapped) < 1) {
-        std::printf("[%s:%d] \e[2;31m cast request with command %lu is not announced \e[1;41m[ERROR]\e[0m\n",
-                    kModule, __LINE__, pRequest->ulCMD);
+        std::printf("[%s:%d] \e[2;31m cast request with command %lu, type %lu is not announced "
+                    "\e[1;41m[ERROR]\e[0m\n",
+                    kModule, __LINE__, pRequest->ulCMD, pRequest->ulCASTType);
         ELIMINATEBCIInfo(&mapped);
-        return false;
+        pState->record.ulCMD = BCI_CMD_END;
+        pState->record.ulET = now() + kEndDuration;
+        return pState->bOnAirSent;
     }
     if (mapped.ulCMD == BCI_CMD_END) {
         mapped.ulET = now() + kEndDuration;
@@ -453,10 +460,22 @@ bool takeKey(Relay *pRelay) {
     return true;
 }
 
+// A relay onto its own source would feed itself without end. Returns whether it is none (printed).
+bool leadsElsewhere(const CASTInfo *pCast) {
+    if (pCast->usSRCPort == pCast->usDSTPort && pCast->pSRCIP != nullptr && pCast->pDSTIP != nullptr &&
+        std::strcmp(pCast->pSRCIP, pCast->pDSTIP) == 0) {
+        std::printf(
+            "%s():%d \e[1;41m[cast of EPG id %lu has %s:%u for its source and its destination]\e[0m\n",
+            "PCCASTBYPASSEngine", __LINE__, pCast->uliEPGID, pCast->pSRCIP, pCast->usSRCPort);
+        return false;
+    }
+    return true;
+}
+
 // Opens both ends. Returns whether the cast can go on air; the reason why not is printed.
 bool openRelay(Relay *pRelay) {
     const CASTInfo *pCast = pRelay->pCast;
-    if (!takeKey(pRelay) ||
+    if (!takeKey(pRelay) || !leadsElsewhere(pCast) ||
         initMSTREAMRxNetEx(&pRelay->pReceiver, pCast->pSRCIP, pCast->usSRCPort, kReceiveInterface) <= 0) {
         return false;
     }
@@ -530,8 +549,8 @@ void relay(const KTPLUGIN_INFO_TAG *pBlock, const Relay *pRelay, unsigned char *
         if (iReadable <= 0) {
             std::fprintf(stderr, "%s() waiting for bypass stream source\n", "PCCASTBYPASSEngine");
             std::fflush(stderr);
-            if (iReadable < 0) {
-                vexa_load_balance(); // an error returns at once, unlike a time-out
+            if (iReadable < 0) { // an error returns at once: the line is for every time-out
+                KTuSleep(static_cast<int>(pRelay->pReceiver->uiTimeoutMs) * 1000);
             }
             continue;
         }

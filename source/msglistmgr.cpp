@@ -343,7 +343,7 @@ int diagInsert(MSGList *pMSGList, const MSGInfo *pTemplate, unsigned long ulTime
     if (iResult < 1) {
         ELIMINATEMSGInfo(&pInfo);
     }
-    std::printf("%2luth INSERTED[%d]\n", ulTime, iResult);
+    std::printf("%2dth INSERTED[%d]\n", static_cast<int>(ulTime), iResult);
     return iResult;
 }
 

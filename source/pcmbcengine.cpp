@@ -15,6 +15,7 @@
 
 namespace {
 
+constexpr const char *kModule = "pcmbcengine";
 constexpr unsigned int kIdent = 14;
 constexpr unsigned int kService = 204;
 constexpr int kHops = 5;
@@ -200,7 +201,27 @@ void transmit(Broadcast *pState) {
     }
 }
 
-// Broadcasts the current message when its pause is over. An attempt counts whether or not anything was sent.
+// Counts an attempt, whether or not anything was sent, and sets the pause that follows it. A text that no
+// datagram can carry asks for no time to be read: it must not keep the others off the air for hours.
+void countAttempt(Broadcast *pState) {
+    MSGInfo *pCurrent = pState->pCurrent;
+    size_t ulText = std::strlen(pCurrent->pMSGSTR);
+    if (ulText > PCMBC_TEXT_MAX) {
+        std::printf(
+            "[%s:%d] \e[2;31m message of EPG id %lu: %zu bytes of text do not fit a datagram, not sent "
+            "\e[1;41m[ERROR]\e[0m\n",
+            kModule, __LINE__, pCurrent->uliEPGID, ulText);
+        ulText = 0;
+    }
+    --pCurrent->ulRepeat; // 0 wraps: such a message is repeated until its end time
+    const double dPause = kPausePerByte * static_cast<double>(ulText);
+    pState->ulNextSend = static_cast<unsigned long>(static_cast<double>(pState->ulNow + kPause) + dPause);
+    if (pCurrent->ulRepeat == 0) {
+        releaseCurrent(pState);
+    }
+}
+
+// Broadcasts the current message when its pause is over.
 void broadcastCurrent(Broadcast *pState) {
     if (pState->pCurrent == nullptr) {
         return;
@@ -212,12 +233,7 @@ void broadcastCurrent(Broadcast *pState) {
     if (isEndpointUsable(pState)) {
         transmit(pState);
     }
-    --pState->pCurrent->ulRepeat; // 0 wraps: such a message is repeated until its end time
-    const double dText = kPausePerByte * static_cast<double>(std::strlen(pState->pCurrent->pMSGSTR));
-    pState->ulNextSend = static_cast<unsigned long>(static_cast<double>(pState->ulNow + kPause) + dText);
-    if (pState->pCurrent->ulRepeat == 0) {
-        releaseCurrent(pState);
-    }
+    countAttempt(pState);
 }
 
 void pass(Broadcast *pState) {

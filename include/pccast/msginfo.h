@@ -11,12 +11,14 @@ extern "C" {
 
 #define PCMBC_CMD_MSG 0x40020ul    /* broadcast the message */
 #define PCMBC_CMD_CANCEL 0x40023ul /* cancel the message of the same identity */
+#define PCMBC_TEXT_MAX 65429ul     /* bytes of the longest text that fits the receivers' datagram */
 
 /* A message's identity is uliEPGID, ulCT, ulST and ulET. Times are whole seconds since the epoch. */
 typedef struct MSGInfo {
     unsigned long ulCMD;
     unsigned long uliEPGID;
-    unsigned long ulPriority; /* 1: ahead of all ordinary messages */
+    unsigned long ulPriority; /* 1: ahead of all ordinary messages; any other value waits among those, and
+                                 one above 1 that is on air then holds its place against them as 1 does */
     unsigned long ulCT;       /* creation time: newest first */
     unsigned long ulST;       /* start time */
     unsigned long ulET;       /* end time: dropped from then on */

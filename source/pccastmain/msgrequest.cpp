@@ -209,7 +209,8 @@ int RxPCMBCInfoEngine(KTPLUGIN_INFO_TAG *pBlock) {
     ++pBlock->iThreadCount;
     pBlock->eState = ENGINE_RUNNING;
 
-    // An item that a request lacks keeps the value of an earlier request; before the first one all are 0.
+    // The times, attributes and repeats that a request lacks keep the values of an earlier one; before the
+    // first they are 0.
     MSGInfo working{};
     while (pBlock->eState <= ENGINE_FINISH) {
         KTNET_ENDPOINT *pServer = nullptr;

@@ -28,7 +28,7 @@ protected:
         for (const script::Frame &frame : script::frames(AIR)) {
             EXPECT_EQ(frame.header.uiParam, static_cast<unsigned int>(frame.ulTime));
             EXPECT_EQ(frame.header.ulReserved, 0u); // the library's marks of the time before are wiped
-            EXPECT_TRUE(frame.header.uiStatus == 0 || frame.header.uiCommand == 0x40033);
+            EXPECT_EQ(frame.header.uiStatus, 0u);
             texts.push_back(std::to_string(frame.ulTime - START) +
                             (frame.header.uiCommand == 0x40030   ? " on air "
                              : frame.header.uiCommand == 0x40033 ? " end "
@@ -147,6 +147,19 @@ TEST_F(AnnouncementTest, WhatCannotBeAnnouncedIsTakenAndDropped) {
             "11 70 04 00 00 CA 9A 3B 12 70 04 00 64 CA 9A 3B"));
     EXPECT_THAT(out(),
                 HasSubstr("[bciengine:#] \033[2;31m h.264 casting info invalid\033[1;41m[ERROR]\033[0m\n"));
+}
+
+// The supervisor has taken the cast on air off for the request, whatever that one means.
+TEST_F(AnnouncementTest, RequestThatMeansNothingEndsTheCastBeforeIt) {
+    engine.handOver(cast({.ulEPGID = 7}));
+    next(0);
+    engineMove(&engine.block, ENGINE_RUNNING, ENGINE_FINISH);
+    engine.handOver(cast({.ulCMD = 9, .ulEPGID = 8}));
+    runTo(20);
+    EXPECT_THAT(aired(), ElementsAre("0 on air 7", "11 end 7"));
+    EXPECT_EQ(engine.block.eState, ENGINE_IDLE);
+    EXPECT_EQ(out(), "[bciengine:#] \033[2;31m cast request with command 9, type 2 is not announced "
+                     "\033[1;41m[ERROR]\033[0m\n");
 }
 
 TEST_F(AnnouncementTest, StationFileChangesItsOwnCRCAlone) {

@@ -97,6 +97,22 @@ TEST_F(MessageTest, PauseGrowsWithTheTextAndRepeatsRunOut) {
     }
 }
 
+TEST_F(MessageTest, TextThatFitsNoDatagramIsCountedAndHoldsNobodyUp) {
+    // The longest text that fits makes a datagram of the largest size.
+    static_assert(PCMBC_TEXT_MAX == KTNET_UDP_FRAME_MAX - 28 - 50);
+    const std::string text(PCMBC_TEXT_MAX + 1, 'x');
+    Engine engine(PCMBCEngine, lists);
+    script::fail(Step::TX, "", -90, 2);
+    file(&priority, {.pszText = text.c_str(), .ulPriority = 1, .ulRepeat = 2});
+    file(&normal, {.pszText = "low", .ulCT = 99});
+    runTo(14);
+    EXPECT_THAT(aired(), ElementsAre("14 low"));
+    EXPECT_EQ(count(err(), FAILED_LINE), 2u);
+    EXPECT_EQ(count(out(), "[pcmbcengine:#] \033[2;31m message of EPG id 1: 65430 bytes of text do not fit a "
+                           "datagram, not sent \033[1;41m[ERROR]\033[0m\n"),
+              2u);
+}
+
 TEST_F(MessageTest, NewerAndPrioritisedMessagesTakeTheAir) {
     Engine engine(PCMBCEngine, lists);
     file(&normal, {.pszText = "old", .ulCT = 100, .ulRepeat = 3});

@@ -142,7 +142,8 @@ TEST_F(RelayTest, SilentSourceIsReportedEachSecondUntilTheEnd) {
 TEST_F(RelayTest, CastThatCannotStartStaysFailedUntilAcknowledged) {
     const std::string print = "PCCASTBYPASSEngine():# \033[1;41m[Initialize FAILURE]\033[0m\n"
                               "PRINTCASTInfo: Caller[PCCASTBYPASSEngine]\n";
-    CastFields keyless{.iEncryption = 2};
+    const CastFields keyless{.iEncryption = 2},
+        circular{.pszSource = "224.2.2.2", .usSourcePort = 5000}; // it would feed itself
     struct Case {
         Step step;
         const char *pszKey;
@@ -154,7 +155,8 @@ TEST_F(RelayTest, CastThatCannotStartStaysFailedUntilAcknowledged) {
          {Case{Step::INIT, "mode 0", -1, 0, {}, false}, Case{Step::INIT, "mode 0", 0, 0, {}, false},
           Case{Step::CREATE, "rx ", 0, 0, {}, false}, Case{Step::CREATE, "rx ", -9, 0, {}, false},
           Case{Step::INIT, "mode 0", -1, 1, {}, true}, Case{Step::CREATE, "tx ", 0, 0, {}, true},
-          Case{Step::CREATE, "none", 0, 0, keyless, false}}) {
+          Case{Step::CREATE, "none", 0, 0, keyless, false},
+          Case{Step::CREATE, "none", 0, 0, circular, false}}) {
         const size_t ulPrinted = count(out(), print);
         script::fail(row.step, row.pszKey, row.iResult, 1, row.iSkip);
         engine.handOver(cast(row.fields));
@@ -170,7 +172,7 @@ TEST_F(RelayTest, CastThatCannotStartStaysFailedUntilAcknowledged) {
         EXPECT_EQ(engine.block.pWork, nullptr);
         finish();
     }
-    EXPECT_EQ(count(err(), "OnAir"), 7u);
+    EXPECT_EQ(count(err(), "OnAir"), 8u);
 }
 
 TEST_F(RelayTest, CastEndsWithItsSourceOrAFailedChunkOnly) {
