@@ -3,8 +3,8 @@
 #include "request.h"
 
 #include <CLI/CLI.hpp>
+#include <vexa_pgl.h>
 
-#include <ctime>
 #include <memory>
 
 namespace {
@@ -21,7 +21,7 @@ int cancel(const CANCEL_OPTIONS &options) {
     if (iExit != EXIT_DONE) {
         return iExit;
     }
-    if (identity.ulET <= static_cast<unsigned long>(time(nullptr))) {
+    if (identity.ulET <= vexa_time(nullptr)) {
         return sayAndReturn(EXIT_BAD_DATA, "that message ended by itself at " + writeTime(identity.ulET) +
                                                "; there is nothing left to cancel");
     }

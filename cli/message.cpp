@@ -12,6 +12,7 @@ namespace {
 
 constexpr unsigned long REPEAT_MAX = 65535;
 constexpr unsigned long SHORTEST_DEFAULT = 600;
+constexpr unsigned long LONG_PAUSE = 60;
 
 struct MESSAGE_OPTIONS {
     REQUEST_OPTIONS request;
@@ -20,9 +21,14 @@ struct MESSAGE_OPTIONS {
     bool bPriority = false;
 };
 
-// Long enough for every broadcast: after each the service pauses 7 s and 1 s more for 5 bytes of text.
-unsigned long defaultFor(unsigned long ulRepeat, size_t uLength) {
-    return std::max(SHORTEST_DEFAULT, ulRepeat * (7 + uLength / 5) + 60);
+// Seconds that the service pauses after each broadcast of the text, for every message.
+unsigned long pauseAfter(const std::string &sText) {
+    return 7 + sText.size() / 5;
+}
+
+// Long enough for every broadcast.
+unsigned long defaultFor(unsigned long ulRepeat, const std::string &sText) {
+    return std::max(SHORTEST_DEFAULT, ulRepeat * pauseAfter(sText) + 60);
 }
 
 int message(const MESSAGE_OPTIONS &options) {
@@ -38,7 +44,7 @@ int message(const MESSAGE_OPTIONS &options) {
                                                 std::to_string(PCMBC_TEXT_MAX));
     }
     if (iExit == EXIT_DONE) {
-        iExit = readRequestOptions(options.request, defaultFor(ulRepeat, options.sText.size()), &times);
+        iExit = readRequestOptions(options.request, defaultFor(ulRepeat, options.sText), &times);
     }
     if (iExit != EXIT_DONE) {
         return iExit;
@@ -49,6 +55,11 @@ int message(const MESSAGE_OPTIONS &options) {
         printf("%s\n", writeMessageIdentity(identity).c_str());
         sayAndReturn(EXIT_DONE, "message requested from " + writeTime(times.ulST) + " to " +
                                     writeTime(times.ulET) + "; pccast cancel takes the line above");
+        if (pauseAfter(options.sText) > LONG_PAUSE) {
+            sayAndReturn(EXIT_DONE, "after a text of " + std::to_string(options.sText.size()) +
+                                        " bytes the service sends no other message for " +
+                                        std::to_string(pauseAfter(options.sText)) + " s");
+        }
     }
     return iExit;
 }

@@ -4,12 +4,12 @@
 
 #include <CLI/CLI.hpp>
 #include <unistd.h>
+#include <vexa_pgl.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <memory>
 
 namespace {
@@ -32,7 +32,7 @@ void addRequestOptions(CLI::App *pCommand, REQUEST_OPTIONS &options, const char 
 }
 
 int readRequestOptions(const REQUEST_OPTIONS &options, unsigned long ulDefaultFor, REQUEST_TIMES *pTimes) {
-    const unsigned long ulNow = static_cast<unsigned long>(time(nullptr));
+    const unsigned long ulNow = vexa_time(nullptr);
     REQUEST_TIMES times{0, ulNow, 0, 0};
     int iExit = checkArgument("--epg", readNumber(options.sEPG, CLI_WIRE_MAX, &times.ulEPGID));
     if (iExit == EXIT_DONE) {

@@ -3,8 +3,8 @@
 #include "request.h"
 
 #include <CLI/CLI.hpp>
+#include <vexa_pgl.h>
 
-#include <ctime>
 #include <memory>
 
 namespace {
@@ -46,7 +46,7 @@ int readParts(const STOP_OPTIONS &options, unsigned long ulNow, CAST_IDENTITY *p
 }
 
 int stop(const STOP_OPTIONS &options) {
-    const unsigned long ulNow = static_cast<unsigned long>(time(nullptr));
+    const unsigned long ulNow = vexa_time(nullptr);
     CAST_REQUEST request{};
     int iExit = EXIT_DONE;
     if (!options.sIdentity.empty()) {

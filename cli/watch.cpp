@@ -14,6 +14,7 @@
 #include <sys/ioctl.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
+#include <vexa_pgl.h>
 
 #include <array>
 #include <cerrno>
@@ -21,7 +22,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <memory>
 
 namespace {
@@ -51,10 +51,6 @@ struct WATCH {
     WATCH_STATE state;
 };
 
-unsigned long now() {
-    return static_cast<unsigned long>(time(nullptr));
-}
-
 // Joins the group on a port. Null: the reason is on standard error.
 ENDPOINT join(unsigned int uiPort, const std::string &sInterface) {
     KTNET_ENDPOINT *pDesc = nullptr;
@@ -82,7 +78,7 @@ void drawTable(const WATCH &watch) {
     }
     std::string sScreen = "\033[H";
     const std::vector<std::string> lines =
-        watchDraw(watch.state, now(), size.ws_col, static_cast<size_t>(size.ws_row) - 1, true);
+        watchDraw(watch.state, vexa_time(nullptr), size.ws_col, static_cast<size_t>(size.ws_row) - 1, true);
     for (const std::string &sLine : lines) {
         sScreen += sLine + "\033[K\r\n";
     }
@@ -104,10 +100,10 @@ void hear(WATCH *pWatch, int iSocket) {
     std::array<char, INET_ADDRSTRLEN> aSender{};
     inet_ntop(AF_INET, &sender.sin_addr, aSender.data(), aSender.size());
     const AIR_RECORD record = decodeAir(aBytes.data(), static_cast<unsigned long>(lLength));
-    watchNote(&pWatch->state, record, now(), aSender.data());
+    watchNote(&pWatch->state, record, vexa_time(nullptr), aSender.data());
     if (!pWatch->bTable) {
         const auto pText = pWatch->options.bJSON ? airJSON : airLine;
-        printf("%s\n", pText(record, now(), aSender.data()).c_str());
+        printf("%s\n", pText(record, vexa_time(nullptr), aSender.data()).c_str());
         fflush(stdout);
     }
 }
@@ -182,7 +178,7 @@ int watchAir(const WATCH_OPTIONS &options) {
     run(&watch, endpoints, iSignals);
     if (watch.bTable) {
         fputs(SCREEN_OFF, stdout);
-        for (const std::string &sLine : watchDraw(watch.state, now(), 200, 24, false)) {
+        for (const std::string &sLine : watchDraw(watch.state, vexa_time(nullptr), 200, 24, false)) {
             printf("%s\n", sLine.c_str());
         }
     }

@@ -4,17 +4,11 @@
 #define FUZZ_FUZZFILE_H
 
 #include "mediapacket.h"
+#include "promise.h"
 
 #include <cstdint>
-#include <cstdlib>
 #include <sys/mman.h>
 #include <unistd.h>
-
-// Ends the run where a promise is broken.
-inline void promise(bool bHolds) {
-    if (!bHolds)
-        std::abort();
-}
 
 // One file for all inputs of the process, set to the input's bytes.
 inline int fuzzFile(const std::uint8_t *pData, std::size_t ulSize) {

@@ -17,4 +17,11 @@ sleep 1 # the urgent one has taken its place by now
 within 13 grep -q '"text":"urgent"' heard
 sleep 10
 [ "$(grep -c 'Fire' heard)" -eq 1 ] || fail "a cancelled message was shown again"
+
+# Every byte that a text can have, and about as many as fit. Last: the pause behind it is hours.
+export LC_ALL=C
+text=$(awk 'BEGIN { for (i = 0; i < 60000; i++) printf "%c", 1 + i % 255 }')
+"$pccast" message "$text" --priority
+printf '"textHex":"%s"' "$(printf %s "$text" | od -An -v -tx1 | tr -d ' \n')" >expected
+within 3 grep -q -F -f expected heard
 end_service INT

@@ -1,0 +1,110 @@
+// Many messages at once, on real sockets and real time: none is lost on the way in, and however many wait,
+// the engine that looks through them still stops when it is asked to.
+#include "engines.h"
+#include "msglistmgr.h"
+
+#include <pccast/commander.h>
+
+#include <vexa_pgl.h>
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+// One of the two message threads, with both lists.
+class VolumeTest : public testing::Test {
+protected:
+    VolumeTest() {
+        CREATEMSGList(&m_priority);
+        CREATEMSGList(&m_normal);
+        m_block.eState = ENGINE_STOPPED;
+        m_block.pWork = m_lists;
+    }
+    ~VolumeTest() override {
+        DESTROYMSGList(&m_priority);
+        DESTROYMSGList(&m_normal);
+    }
+    template <typename Condition>
+    static bool within(std::chrono::seconds bound, Condition condition) {
+        const Clock::time_point end = Clock::now() + bound;
+        while (!condition() && Clock::now() < end) {
+            std::this_thread::sleep_for(5ms);
+        }
+        return condition();
+    }
+    static MSGInfo *message(const std::string &text, unsigned long ulCT) {
+        MSGInfo *pInfo = nullptr;
+        MAKEMSGInfo(&pInfo, text.c_str());
+        pInfo->ulCMD = PCMBC_CMD_MSG;
+        pInfo->ulCT = ulCT;
+        pInfo->ulST = vexa_time(nullptr) + 3600;
+        pInfo->ulET = pInfo->ulST + 3600;
+        return pInfo;
+    }
+    MSGList m_priority{}, m_normal{};
+    MSGList *m_lists[2] = {&m_priority, &m_normal};
+    KTPLUGIN_INFO_TAG m_block{};
+};
+
+TEST_F(VolumeTest, RequestsOfManySendersAreAllFiledInTheirOrder) {
+    constexpr int kSenders = 8, kEach = 125;
+    std::thread receiver(RxPCMBCInfoEngine, &m_block);
+    ASSERT_TRUE(within(5s, [] { return access(PCCAST_MESSAGE_SOCKET, F_OK) == 0; }));
+    std::vector<std::thread> senders;
+    std::atomic<int> iRefused{0};
+    for (int iSender = 0; iSender < kSenders; ++iSender) {
+        senders.emplace_back([iSender, &iRefused] {
+            for (int i = 0; i < kEach; ++i) {
+                // The same age for all: the list keeps the order in which they are filed.
+                MSGInfo *pInfo = message(std::to_string(1000 + i), 100);
+                pInfo->uliEPGID = static_cast<unsigned long>(iSender);
+                iRefused += TxPCMBCInfoToPlugIn(PCMBC_CMD_MSG, pInfo) != 1;
+                ELIMINATEMSGInfo(&pInfo);
+            }
+        });
+    }
+    for (std::thread &sender : senders) {
+        sender.join();
+    }
+    EXPECT_EQ(iRefused, 0);
+    EXPECT_TRUE(within(30s, [this] { return m_normal.pList->iCount == kSenders * kEach; }));
+    engineRequestStop(&m_block);
+    receiver.join();
+    std::vector<std::string> last(kSenders);
+    for (const KTLIST_NODE *pNode = m_normal.pList->pHead; pNode != nullptr; pNode = pNode->pNext) {
+        const auto *pInfo = static_cast<const MSGInfo *>(pNode->pData);
+        EXPECT_LT(last.at(pInfo->uliEPGID), pInfo->pMSGSTR);
+        last[pInfo->uliEPGID] = pInfo->pMSGSTR;
+    }
+    EXPECT_EQ(last, std::vector<std::string>(kSenders, std::to_string(1000 + kEach - 1)));
+}
+
+TEST_F(VolumeTest, EngineWithManyWaitingMessagesStopsInTime) {
+    for (unsigned long ul = 0; ul < 100'000; ++ul) { // past the list's lock, which paces its users
+        ASSERT_GT(KTLISTpInsertHead(m_normal.pList, message("waits", ul), 100), 0);
+    }
+    std::thread engine(PCMBCEngine, &m_block);
+    ASSERT_TRUE(within(5s, [this] { return m_block.eState == ENGINE_RUNNING; }));
+    std::this_thread::sleep_for(1s);
+    const Clock::time_point asked = Clock::now();
+    engineRequestStop(&m_block);
+    engine.join();
+    const std::chrono::duration<double> spent = Clock::now() - asked;
+    EXPECT_LT(spent.count(), 3.0);
+    EXPECT_EQ(m_normal.pList->iCount, 100'000);
+    std::printf("stopped after %.3f s\n", spent.count());
+}
+
+} // namespace
