@@ -201,13 +201,18 @@ std::vector<std::string> watchDraw(const WATCH_STATE &state, unsigned long ulNow
     lines.push_back(coloured("pccast watch   " + writeTime(ulNow) + "   " +
                                  std::to_string(state.ulDatagrams) + " datagrams heard   Ctrl-C ends",
                              uColumns, nullptr, bColour));
-    // Half of the room is for the casts, a quarter each for messages and problems.
-    const size_t uRoom = uRows > 8 ? uRows - 8 : 4;
     casts.insert(casts.begin(), coloured(sTitles, uColumns, DIM, bColour));
-    addSection(&lines, "ON AIR", casts, uColumns, std::max<size_t>(uRoom / 2, 2), bColour);
-    addSection(&lines, "MESSAGES", messages, uColumns, std::max<size_t>(uRoom / 4, 1), bColour);
+    // A quarter of the room is kept for messages and for problems each, as far as there are any; the casts
+    // have the rest, and what they leave is for messages again.
+    const size_t uHeadings = problems.empty() ? 5 : 7;
+    const size_t uRoom = std::max<size_t>(uRows, uHeadings + 4) - uHeadings;
+    const size_t uProblems = std::min(problems.size(), uRoom / 4);
+    const size_t uKept = uProblems + std::min(messages.size(), uRoom / 4);
+    const size_t uCasts = std::min(casts.size(), uRoom - uKept);
+    addSection(&lines, "ON AIR", casts, uColumns, uCasts, bColour);
+    addSection(&lines, "MESSAGES", messages, uColumns, uRoom - uCasts - uProblems, bColour);
     if (!problems.empty()) {
-        addSection(&lines, "PROBLEMS", problems, uColumns, std::max<size_t>(uRoom / 4, 1), bColour);
+        addSection(&lines, "PROBLEMS", problems, uColumns, uProblems, bColour);
     }
     lines.resize(std::min(lines.size(), uRows));
     return lines;
