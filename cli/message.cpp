@@ -74,7 +74,9 @@ void addMessageCommand(CLI::App &app, int &iExitCode) {
     pCommand->add_option("--repeat", options->sRepeat, "how often it is sent; 0: until its end (default 1)")
         ->type_name("N");
     addRequestOptions(pCommand, options->request, "10m, longer for many repeats");
-    pCommand->footer("Prints the message's identity, which pccast cancel takes back.\n\n" +
-                     helpExample("pccast message \"Fire drill at noon\" --priority --repeat 3"));
+    pCommand->footer(
+        "After each sending the service sends no other message for 7 s and 1 s more for 5 bytes of "
+        "text.\nPrints the message's identity, which pccast cancel takes back.\n\n" +
+        helpExample("pccast message \"Fire drill at noon\" --priority --repeat 3"));
     pCommand->callback([options, &iExitCode] { iExitCode = message(*options); });
 }

@@ -12,24 +12,18 @@ install(TARGETS pccast_program diagpccast pccast_feed pccast_receive
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
 
 # The libraries; the links without a version are for linking only.
-set_target_properties(pccast PROPERTIES INTERFACE_INCLUDE_DIRECTORIES
-    "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>;$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>")
 install(TARGETS pccast qxapi qxapi_ktn vexa_pgl EXPORT pccast-targets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
 
-install(FILES
-    ${PROJECT_SOURCE_DIR}/samples/sample.asf
-    ${PROJECT_SOURCE_DIR}/samples/sample.nsc
-    ${PROJECT_SOURCE_DIR}/samples/sample.ts
-    DESTINATION ${PCCAST_SAMPLES_FOLDER} COMPONENT runtime)
-# diagpccast casts files of these names, which a site may replace by its own.
-file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/packaging)
-foreach(name CASTFILE.asf CASTFILE2.asf)
-    file(CREATE_LINK sample.asf ${PROJECT_BINARY_DIR}/packaging/${name} SYMBOLIC)
-    install(FILES ${PROJECT_BINARY_DIR}/packaging/${name}
+# The links are what diagpccast casts; a site may replace them by its own files.
+foreach(name sample.asf sample.nsc sample.ts CASTFILE.asf CASTFILE2.asf)
+    install(FILES ${PROJECT_SOURCE_DIR}/samples/${name}
         DESTINATION ${PCCAST_SAMPLES_FOLDER} COMPONENT runtime)
 endforeach()
 
+# For tshark and Wireshark, which load it when told to, or from a plug-in folder.
+install(FILES ${PROJECT_SOURCE_DIR}/dissector/pccast.lua
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/pccast COMPONENT runtime)
 install(FILES ${PROJECT_SOURCE_DIR}/cli/completion/pccast.bash RENAME pccast
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT runtime)
 install(FILES ${PCCAST_PACKAGING}/pccast.service DESTINATION lib/systemd/system COMPONENT runtime)

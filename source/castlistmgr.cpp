@@ -55,9 +55,13 @@ CASTInfo *headRecord(const KTLIST *pList) {
     return pList->pHead == nullptr ? nullptr : recordOf(pList->pHead);
 }
 
-void drop(KTLIST *pList, KTLIST_NODE *pNode) {
-    CASTInfo *pInfo = recordOf(pNode);
-    KTLISTpRemove(pList, pNode);
+// Takes out the record behind the place in the list; it is the caller's.
+CASTInfo *take(KTLIST *pList, KTLIST_NODE *pPlace) {
+    return static_cast<CASTInfo *>(ktlistRemoveAfter(pList, pPlace));
+}
+
+void drop(KTLIST *pList, KTLIST_NODE *pPlace) {
+    CASTInfo *pInfo = take(pList, pPlace);
     ELIMINATECASTInfo(&pInfo);
 }
 
@@ -65,13 +69,14 @@ void drop(KTLIST *pList, KTLIST_NODE *pNode) {
 // supervisor meets it first and ends the cast on air with it. Returns whether the list has taken it.
 bool insertStop(CASTList *pCASTList, CASTInfo *pInfo) {
     KTLIST *pList = pCASTList->pList;
-    KTLIST_NODE *pNode = pList->pHead;
-    while (pNode != nullptr &&
-           (recordOf(pNode) == nullptr || COMPARECASTInfo(pInfo, recordOf(pNode), 0) != 0)) {
-        pNode = pNode->pNext;
+    KTLIST_NODE *pPlace = nullptr;
+    KTLIST_NODE *pNode = nullptr;
+    while ((pNode = ktlistAfter(pList, pPlace)) != nullptr && // no record is equal to none
+           COMPARECASTInfo(pInfo, recordOf(pNode), 0) != 0) {
+        pPlace = pNode;
     }
     if (pNode != nullptr) {
-        drop(pList, pNode);
+        drop(pList, pPlace);
         ELIMINATECASTInfo(&pInfo);
     } else if (KTLISTpInsertHead(pList, pInfo, kNodeSize) < 1) {
         return false;
@@ -312,17 +317,17 @@ int PATCHaNode(CASTList *pCASTList, unsigned long ulOnAirCT, unsigned long ulDue
         return 0;
     }
     KTLIST *pList = pCASTList->pList;
-    for (KTLIST_NODE *pNode = pList->pHead; pNode != nullptr;) {
-        KTLIST_NODE *pNext = pNode->pNext;
-        CASTInfo *pInfo = recordOf(pNode);
+    KTLIST_NODE *pPlace = nullptr;
+    while (KTLIST_NODE *pNode = ktlistAfter(pList, pPlace)) {
+        const CASTInfo *pInfo = recordOf(pNode);
         if (pInfo != nullptr && pInfo->ulET <= vexa_time(nullptr)) {
-            drop(pList, pNode);
+            drop(pList, pPlace);
         } else if (pInfo != nullptr && isDue(pInfo, ulOnAirCT, ulDueTime)) {
-            KTLISTpRemove(pList, pNode);
-            *ppCASTInfo = pInfo;
+            *ppCASTInfo = take(pList, pPlace);
             return 1;
+        } else {
+            pPlace = pNode;
         }
-        pNode = pNext;
     }
     return 0;
 }
@@ -338,8 +343,7 @@ int PATCHaCASTInfo(CASTList *pCASTList, CASTInfo **ppCASTInfo) {
     if (hold == nullptr || headRecord(pCASTList->pList) == nullptr) {
         return 0;
     }
-    *ppCASTInfo = headRecord(pCASTList->pList);
-    KTLISTpRemove(pCASTList->pList, pCASTList->pList->pHead);
+    *ppCASTInfo = take(pCASTList->pList, nullptr);
     pCASTList->iFLAGChange = 1;
     return 1;
 }
@@ -368,14 +372,15 @@ int REMOVECASTInfo(CASTList *pCASTList, const CASTInfo *pInfo) {
         return 0;
     }
     int iResult = 0;
-    for (KTLIST_NODE *pNode = pCASTList->pList->pHead; pNode != nullptr;) {
-        KTLIST_NODE *pNext = pNode->pNext;
+    KTLIST_NODE *pPlace = nullptr;
+    while (KTLIST_NODE *pNode = ktlistAfter(pCASTList->pList, pPlace)) {
         if (COMPARECASTInfo(pInfo, recordOf(pNode), 0) == 0) {
-            drop(pCASTList->pList, pNode);
+            drop(pCASTList->pList, pPlace);
             pCASTList->iFLAGChange = 1;
             iResult = 1;
+        } else {
+            pPlace = pNode;
         }
-        pNode = pNext;
     }
     return iResult;
 }
@@ -388,7 +393,7 @@ int REMOVEHeadCASTList(CASTList *pCASTList) {
     if (hold == nullptr || headRecord(pCASTList->pList) == nullptr) {
         return 0;
     }
-    drop(pCASTList->pList, pCASTList->pList->pHead);
+    drop(pCASTList->pList, nullptr);
     pCASTList->iFLAGChange = 1;
     return 1;
 }

@@ -55,22 +55,27 @@ int insert(KTLIST *pList, const void *pData, unsigned long ulSize, Place place, 
     return ++pList->iCount;
 }
 
-// Takes the node out of the list without releasing it. Returns whether it was there.
-bool unlink(KTLIST *pList, KTLIST_NODE *pNode) {
-    KTLIST_NODE *pPrevious = nullptr;
-    KTLIST_NODE *pWalk = pList->pHead;
-    while (pWalk != nullptr && pWalk != pNode) {
-        pPrevious = pWalk;
-        pWalk = pWalk->pNext;
-    }
-    if (pWalk == nullptr) {
-        return false;
-    }
+// Takes the node behind the place out of the list without releasing it.
+void unlinkAfter(KTLIST *pList, KTLIST_NODE *pPlace) {
+    KTLIST_NODE *pNode = ktlistAfter(pList, pPlace);
     if (pNode == pList->pTail) {
-        pList->pTail = pPrevious;
+        pList->pTail = pPlace;
     }
-    (pPrevious != nullptr ? pPrevious->pNext : pList->pHead) = pNode->pNext;
+    (pPlace != nullptr ? pPlace->pNext : pList->pHead) = pNode->pNext;
     --pList->iCount;
+}
+
+// As above, for a node that has to be looked for. Returns whether it was there.
+bool unlink(KTLIST *pList, const KTLIST_NODE *pNode) {
+    KTLIST_NODE *pPlace = nullptr;
+    KTLIST_NODE *pWalk = nullptr;
+    while ((pWalk = ktlistAfter(pList, pPlace)) != pNode) {
+        if (pWalk == nullptr) {
+            return false;
+        }
+        pPlace = pWalk;
+    }
+    unlinkAfter(pList, pPlace);
     return true;
 }
 
@@ -226,6 +231,14 @@ int KTLISTmRemove(KTLIST *pList, KTLIST_NODE *pNode) {
     std::free(pNode->pData);
     std::free(pNode);
     return 1;
+}
+
+void *ktlistRemoveAfter(KTLIST *pList, KTLIST_NODE *pPlace) {
+    KTLIST_NODE *pNode = ktlistAfter(pList, pPlace);
+    void *pData = pNode->pData;
+    unlinkAfter(pList, pPlace);
+    std::free(pNode);
+    return pData;
 }
 
 int KTCOPYString(const char *pSource, char **ppTarget) {

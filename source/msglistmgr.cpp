@@ -38,24 +38,28 @@ MSGInfo *recordOf(const KTLIST_NODE *pNode) {
     return static_cast<MSGInfo *>(pNode->pData);
 }
 
-void drop(KTLIST *pList, KTLIST_NODE *pNode) {
-    MSGInfo *pInfo = recordOf(pNode);
-    KTLISTpRemove(pList, pNode);
+// Takes out the record behind the place in the list; it is the caller's.
+MSGInfo *take(KTLIST *pList, KTLIST_NODE *pPlace) {
+    return static_cast<MSGInfo *>(ktlistRemoveAfter(pList, pPlace));
+}
+
+void drop(KTLIST *pList, KTLIST_NODE *pPlace) {
+    MSGInfo *pInfo = take(pList, pPlace);
     ELIMINATEMSGInfo(&pInfo);
 }
 
 // Returns whether the list has taken the request.
 bool insertCancel(KTLIST *pList, MSGInfo *pInfo) {
-    KTLIST_NODE *pNode = pList->pHead;
-    while (pNode != nullptr && COMPAREMSGInfo(pInfo, recordOf(pNode), 0) != 0) {
-        pNode = pNode->pNext;
+    KTLIST_NODE *pPlace = nullptr;
+    while (KTLIST_NODE *pNode = ktlistAfter(pList, pPlace)) {
+        if (COMPAREMSGInfo(pInfo, recordOf(pNode), 0) == 0) {
+            drop(pList, pPlace);
+            ELIMINATEMSGInfo(&pInfo);
+            return true;
+        }
+        pPlace = pNode;
     }
-    if (pNode == nullptr) {
-        return KTLISTpInsertHead(pList, pInfo, kNodeSize) > 0;
-    }
-    drop(pList, pNode);
-    ELIMINATEMSGInfo(&pInfo);
-    return true;
+    return KTLISTpInsertHead(pList, pInfo, kNodeSize) > 0;
 }
 
 // Returns whether the list has taken the record.
@@ -219,14 +223,15 @@ int REMOVEMSGInfo(MSGList *pMSGList, const MSGInfo *pKey) {
         return 0;
     }
     int iResult = 0;
-    for (KTLIST_NODE *pNode = pMSGList->pList->pHead; pNode != nullptr;) {
-        KTLIST_NODE *pNext = pNode->pNext;
+    KTLIST_NODE *pPlace = nullptr;
+    while (KTLIST_NODE *pNode = ktlistAfter(pMSGList->pList, pPlace)) {
         if (COMPAREMSGInfo(pKey, recordOf(pNode), 0) == 0) {
-            drop(pMSGList->pList, pNode);
+            drop(pMSGList->pList, pPlace);
             pMSGList->iFLAGChange = 1;
             iResult = 1;
+        } else {
+            pPlace = pNode;
         }
-        pNode = pNext;
     }
     return iResult;
 }
@@ -239,7 +244,7 @@ int REMOVEHeadMSGList(MSGList *pMSGList) {
     if (hold == nullptr || pMSGList->pList->pHead == nullptr) {
         return 0;
     }
-    drop(pMSGList->pList, pMSGList->pList->pHead);
+    drop(pMSGList->pList, nullptr);
     pMSGList->iFLAGChange = 1;
     return 1;
 }
@@ -255,8 +260,7 @@ int PATCHaMSGInfo(MSGList *pMSGList, MSGInfo **ppMSGInfo) {
     if (hold == nullptr || pMSGList->pList->pHead == nullptr) {
         return 0;
     }
-    *ppMSGInfo = recordOf(pMSGList->pList->pHead);
-    KTLISTpRemove(pMSGList->pList, pMSGList->pList->pHead);
+    *ppMSGInfo = take(pMSGList->pList, nullptr);
     pMSGList->iFLAGChange = 1;
     return 1;
 }
@@ -273,17 +277,17 @@ int PATCHaMSGNode(MSGList *pMSGList, unsigned long ulOnAirCT, unsigned long ulDu
         return 0;
     }
     KTLIST *pList = pMSGList->pList;
-    for (KTLIST_NODE *pNode = pList->pHead; pNode != nullptr;) {
-        KTLIST_NODE *pNext = pNode->pNext;
-        MSGInfo *pInfo = recordOf(pNode);
+    KTLIST_NODE *pPlace = nullptr;
+    while (KTLIST_NODE *pNode = ktlistAfter(pList, pPlace)) {
+        const MSGInfo *pInfo = recordOf(pNode);
         if (pInfo->ulET <= vexa_time(nullptr)) {
-            drop(pList, pNode);
+            drop(pList, pPlace);
         } else if (pInfo->ulST <= ulDueTime && ulOnAirCT <= pInfo->ulCT) {
-            KTLISTpRemove(pList, pNode);
-            *ppMSGInfo = pInfo;
+            *ppMSGInfo = take(pList, pPlace);
             return 1;
+        } else {
+            pPlace = pNode;
         }
-        pNode = pNext;
     }
     return 0;
 }

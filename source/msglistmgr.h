@@ -1,8 +1,8 @@
 // msglistmgr.h - the locked list of PC messages, newest first.
 //
 // Used by the message receiver, which files, and by the broadcast engine, which takes out and puts back.
-// Every operation holds the list's own mutex for its whole run and no other; a lock that cannot be had (about
-// 10 s) is printed. The list owns the records in it.
+// Every operation looks at the list under the list's own mutex and takes no other; a lock that cannot be had
+// (about 10 s) is printed. The list owns the records in it.
 #ifndef PCCAST_MSGLISTMGR_H
 #define PCCAST_MSGLISTMGR_H
 
@@ -22,8 +22,9 @@ typedef struct MSGList {
 // Returns 1 created; 0 no handle, no mutex or no list; -1 the handle is not empty (printed).
 int CREATEMSGList(MSGList *pMSGList);
 
-// Releases the records and the list, unless the lock cannot be had, and the mutex in any case; no other
-// thread may use the list any more. Returns 1 when at least one record was released, else 0.
+// Releases the records and the list, unless the lock cannot be had, and the mutex in any case; a list whose
+// mutex was never made is released too. No other thread may use the list any more. Returns 1 when at least
+// one record was released, else 0.
 int DESTROYMSGList(MSGList *pMSGList);
 
 // Files pInfo in descending ulCT order; a cancel request releases the first message of the same identity and

@@ -33,7 +33,8 @@ int TxCASTInfoToPlugIn(unsigned long ulCMD, const CASTInfo *pInfo);
  * arrived; 0 refused: no record, no text, or another command. */
 int QX_PCCASTMBCCommander(unsigned long ulCMD, MSGInfo *pInfo);
 
-/* Delivers pInfo as a message request with command ulCMD. Results as for TxCASTInfoToPlugIn. */
+/* Delivers pInfo as a message request with command ulCMD. Results as for TxCASTInfoToPlugIn; a command that
+ * is none of messages is not sent, and the result is that of the step before. */
 int TxPCMBCInfoToPlugIn(unsigned long ulCMD, const MSGInfo *pInfo);
 
 #ifdef __cplusplus

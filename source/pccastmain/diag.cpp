@@ -18,8 +18,9 @@ namespace {
 
 // SIGTERM is reported, not obeyed, so it must not shorten a pause either.
 void sleepThrough(unsigned int uiSeconds) {
-    while (uiSeconds > 0) {
-        uiSeconds = sleep(uiSeconds);
+    const unsigned long ulEnd = vexa_time(nullptr) + uiSeconds;
+    for (unsigned long ulNow = ulEnd - uiSeconds; ulNow < ulEnd; ulNow = vexa_time(nullptr)) {
+        sleep(static_cast<unsigned int>(ulEnd - ulNow));
     }
 }
 

@@ -6,7 +6,8 @@ extern "C" {
 
 // Opens the plug-in, submits one file cast and a sequence of messages, waits for them to play (330 seconds in
 // all), and closes it. The two sample files are CASTFILE.asf and CASTFILE2.asf in the folder that the
-// environment variable PCCAST_SAMPLES names. Returns the result of making the second cast sample.
+// environment variable PCCAST_SAMPLES names, else in that of the installed samples. Returns the result of
+// making the second cast sample.
 int diagPCCASTMain(void);
 }
 

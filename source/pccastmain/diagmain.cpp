@@ -1,7 +1,16 @@
 // The program diagpccast: the diagnostic driver in a process of its own.
 #include "diag.h"
 
-int main() {
+#include <cstdio>
+
+int main(int argc, char **) {
+    // It starts at once and is heard on the network for minutes: who asks for help must not set it off.
+    if (argc > 1) {
+        std::fprintf(stderr,
+                     "diagpccast: takes no arguments. It casts the sample file and sends messages for 330 "
+                     "seconds, on the network; see diagpccast(1)\n");
+        return 64;
+    }
     diagPCCASTMain();
     return 0;
 }
