@@ -21,10 +21,11 @@ PCCASTRECASTEngine(), ALARM, unknown content format[0(0)] to re-cast: let it go
 END
 diff expected said >&2 || fail "the program said something else"
 
-# The cast for its 200 seconds; each text with its attributes, as often as its pause and its rivals let it.
+# The cast for its 200 seconds; each text with its attributes, as often as its pause and its rivals let it: the
+# second has one second for it, and may miss that on a busy machine.
 counted 18 '"kind":"on-air".*"epg":0,"type":16,"format":0,.*"crcOk":true' heard || fail "the cast was not announced"
 sed -nE 's/.*"kind":"message".*"showings":1,"attribute1":32,"attribute3":33333,"text":"(.*)"}/\1/p' heard >texts
-[[ $(tr '\n' ' ' <texts) =~ ^(H-+I-+G-+H-+A\ )(H-+I-+G-+H-+B\ )((1234567890){4}\ ){2}(a{40}\ )?(H-+I-+G-+H-+A\ ){1,2}(a{40}\ ){4}$ ]] || {
+[[ $(tr '\n' ' ' <texts) =~ ^(H-+I-+G-+H-+A\ )(H-+I-+G-+H-+B\ )?((1234567890){4}\ ){2}(a{40}\ )?(H-+I-+G-+H-+A\ ){1,2}(a{40}\ ){4}$ ]] || {
     cat texts >&2
     fail "the messages went out otherwise"
 }
