@@ -15,88 +15,73 @@ protected:
     }
     // Waits until the playout waits for its second packet.
     static void playing(size_t ulCalls) {
-        EXPECT_TRUE(script::eventually([=] { return script::calls().size() >= ulCalls; }));
+        EXPECT_TRUE(script::eventually([=] { return script::seen().calls.size() >= ulCalls; }));
         EXPECT_TRUE(script::settle(3));
     }
     Engine engine{PCCASTRECASTEngine};
 };
 
-const char *const LOG =
-    "play: ST=20010909014640,ET=20010909014642,TYPE=ASF@FILECAST,IEPGID=0x00000001,FILE=\"/a\","
-    "SRC=\"0.0.0.0:9100\",DST=\"224.2.2.2:5000\"";
-
 TEST_F(FileCastTest, FormatChoosesTheDriver) {
-    std::vector<std::string> logs;
-    std::string console;
     for (const unsigned long ulFormat : {0x2021ul, 0x2005ul, 0x2025ul, 0x2010ul, 0x2016ul}) {
         const bool bASF = ulFormat == 0x2010 || ulFormat == 0x2016;
+        const std::string caster = bASF ? "asf" : "ts";
         script::storedFile("/a", {{script::now(), {0x47, 1}}, {script::now() + 2, {0x47, 2}}});
-        script::forgetCalls();
+        script::forget();
+        const unsigned long ulSecond = 40 + script::now() - START;
         engine.handOver(request(ulFormat));
         playing(6);
         EXPECT_EQ(engine.block.eState, ENGINE_RUNNING);
         script::advance(2);
         ASSERT_TRUE(engine.becomes(ENGINE_IDLE));
-        EXPECT_THAT(script::calls(),
-                    ElementsAre("open stream /a", "start stream", bASF ? "open asf" : "open ts",
+        EXPECT_THAT(script::seen().calls,
+                    ElementsAre("open stream /a", "start stream", "open " + caster,
                                 bASF ? "asf mode 0 hops 16 station /fixdata/bypass.nsc 0"
                                      : "ts mode 0 set-up none -1 224.2.2.2:5000 2777 16",
-                                bASF ? "asf send 47 01" : "ts send 47 01", "release packet",
-                                bASF ? "asf send 47 02" : "ts send 47 02", "release packet",
-                                bASF ? "close asf" : "close ts", "close stream"));
-        console += bASF ? "cast \"\033[1;32m/a\033[0m\"\n"
-                        : "cast \"\033[1;32m/a\033[0m\" to \"\033[1;37m224.2.2.2:5000\033[0m\"\n";
+                                caster + " send 47 01", "release packet", caster + " send 47 02",
+                                "release packet", "close " + caster, "close stream"));
+        EXPECT_EQ(script::seen().console, std::string("cast \"\033[1;32m/a\033[0m\"") +
+                                              (bASF ? "\n" : " to \"\033[1;37m224.2.2.2:5000\033[0m\"\n"));
+        EXPECT_THAT(script::seen().log,
+                    ElementsAre("play: ST=200109090146" + std::to_string(ulSecond) + ",ET=200109090146" +
+                                std::to_string(ulSecond + 2) +
+                                ",TYPE=ASF@FILECAST,IEPGID=0x00000001,FILE=\"/a\",SRC=\"0.0.0.0:9100\","
+                                "DST=\"224.2.2.2:5000\"" +
+                                (bASF ? ",NSC=\"/fixdata/bypass.nsc\"\n" : "\n")));
+        EXPECT_THAT(script::seen().reports, IsEmpty());
     }
-    EXPECT_EQ(script::console(), console);
-    ASSERT_EQ(script::log().size(), 5u);
-    EXPECT_EQ(script::log().at(0), std::string(LOG) + "\n");
-    EXPECT_THAT(script::log().at(4), HasSubstr("DST=\"224.2.2.2:5000\",NSC=\"/fixdata/bypass.nsc\"\n"));
-    EXPECT_THAT(script::reports(), IsEmpty());
 }
 
 TEST_F(FileCastTest, FailuresEndThePlayoutAndReleaseAll) {
     struct Case {
         Step step;
         int iStep;
-        const char *pszReport; // behind the driver's name; "ASF" in front: of that driver alone
+        const char *pszASFReport, *pszTSReport;
         bool bFailed, bLogged;
     };
-    int iLogs = 0;
-    for (const Case &row : {Case{Step::STREAM_START, 0, "can not start stream", true, false},
-                            Case{Step::STREAM_START, 2, "can not start stream", true, false},
-                            Case{Step::CASTER_OPEN, 0, "s_%s != ((struct ts_qxapi_%s *)0)", true, true},
-                            Case{Step::SET_STATION, 0, "ASFinvalud nsc or format_index", false, true},
-                            Case{Step::SET_TARGET, 0, "", false, true}, // of the TS set-up nobody asks
-                            Case{Step::CASTER_SEND, 0, "ASFcast error", true, true},
-                            Case{Step::CASTER_SEND, -1, "ASFcast error", true, true}}) {
+    for (const Case &row :
+         {Case{Step::STREAM_START, 0, "can not start stream", "can not start stream", true, false},
+          Case{Step::STREAM_START, 2, "can not start stream", "can not start stream", true, false},
+          Case{Step::CASTER_OPEN, 0, "s_asfcast != ((struct ts_qxapi_asfcast *)0)",
+               "s_tscast != ((struct ts_qxapi_tscast *)0)", true, true},
+          Case{Step::SET_STATION, 0, "invalud nsc or format_index", nullptr, false, true},
+          Case{Step::SET_TARGET, 0, nullptr, "", false, true}, // of the TS set-up nobody asks
+          Case{Step::CASTER_SEND, 0, "cast error", "", true, true},
+          Case{Step::CASTER_SEND, -1, "cast error", "", true, true}}) {
         for (const bool bASF : {true, false}) {
-            if (row.step == (bASF ? Step::SET_TARGET : Step::SET_STATION)) {
+            const char *const pszReport = bASF ? row.pszASFReport : row.pszTSReport;
+            if (pszReport == nullptr) { // the other caster's step
                 continue;
             }
+            const std::string caster = bASF ? "asf" : "ts", driver = "qxbox_" + caster + "cast: ";
             script::storedFile("/a", {{script::now(), {1}}, {script::now(), {2}}});
-            const size_t ulReports = script::reports().size();
-            script::forgetCalls();
+            script::forget();
             script::fail(row.step, "", row.iStep);
             engine.handOver(request(bASF ? 0x2010 : 0x2021));
-            ASSERT_TRUE(engine.becomes(row.bFailed ? ENGINE_FAILED : ENGINE_IDLE)) << row.pszReport;
+            ASSERT_TRUE(engine.becomes(row.bFailed ? ENGINE_FAILED : ENGINE_IDLE)) << driver << pszReport;
             engineMove(&engine.block, ENGINE_FAILED, ENGINE_IDLE);
-            const std::string caster = bASF ? "asf" : "ts";
-            std::string report = row.pszReport;
-            if (row.step == Step::CASTER_OPEN) {
-                report = "s_" + caster + "cast != ((struct ts_qxapi_" + caster + "cast *)0)";
-            } else if (report.rfind("ASF", 0) == 0) {
-                report = bASF ? report.substr(3) : "";
-            }
-            std::vector<std::string> expected;
-            if (!report.empty()) {
-                expected.push_back("qxbox_" + caster + "cast: " + report);
-            }
-            const std::vector<std::string> reports = script::reports();
-            EXPECT_EQ(std::vector<std::string>(reports.begin() + static_cast<long>(ulReports), reports.end()),
-                      expected);
-            iLogs += row.bLogged ? 1 : 0;
-            EXPECT_EQ(script::log().size(), static_cast<size_t>(iLogs));
-            const std::string calls = joined(script::calls());
+            EXPECT_EQ(joined(script::seen().reports), *pszReport == '\0' ? "" : driver + pszReport + "\n");
+            EXPECT_EQ(script::seen().log.size(), row.bLogged ? 1u : 0u);
+            const std::string calls = joined(script::seen().calls);
             EXPECT_EQ(count(calls, "close stream"), 1u);
             EXPECT_EQ(count(calls, "open " + caster), row.bLogged ? 1u : 0u); // logged: it came to a packet
             EXPECT_EQ(count(calls, "close " + caster),
@@ -104,15 +89,17 @@ TEST_F(FileCastTest, FailuresEndThePlayoutAndReleaseAll) {
             EXPECT_EQ(count(calls, " send"), row.step == Step::CASTER_SEND ? 1u : row.bFailed ? 0u : 2u);
         }
     }
+    script::forget();
     engine.handOver(request(0x2010, "/missing"));
     ASSERT_TRUE(engine.becomes(ENGINE_FAILED));
-    EXPECT_EQ(script::reports().back(), "qxbox_asfcast: s_stream != ((struct ts_qxapi_stream *)0)");
-    EXPECT_EQ(script::log().size(), static_cast<size_t>(iLogs));
+    EXPECT_THAT(script::seen().reports,
+                ElementsAre("qxbox_asfcast: s_stream != ((struct ts_qxapi_stream *)0)"));
+    EXPECT_THAT(script::seen().log, IsEmpty());
 }
 
 TEST_F(FileCastTest, FinishStopAndBreakEndAPlayout) {
     for (const int iHow : {0, 1, 2}) {
-        script::forgetCalls();
+        script::forget();
         script::storedFile("/a", {{START, {1}}, {START + 1000, {2}}});
         engine.handOver(request(iHow == 0 ? 0x2021 : 0x2010));
         playing(6);
@@ -123,8 +110,8 @@ TEST_F(FileCastTest, FinishStopAndBreakEndAPlayout) {
         }
         ASSERT_TRUE(engine.becomes(iHow == 2 ? ENGINE_STOPPED : ENGINE_IDLE));
         vexa_set_global_break(0);
-        EXPECT_EQ(script::log().size(), static_cast<size_t>(iHow + 1));
-        EXPECT_EQ(count(joined(script::calls()), "send"), 1u);
+        EXPECT_EQ(script::seen().log.size(), 1u);
+        EXPECT_EQ(count(joined(script::seen().calls), "send"), 1u);
     }
 }
 
@@ -132,81 +119,71 @@ TEST_F(FileCastTest, EmptyFileOpensNoCaster) {
     script::storedFile("/a", {});
     engine.handOver(request(0x2021));
     ASSERT_TRUE(engine.becomes(ENGINE_IDLE));
-    EXPECT_THAT(script::calls(), ElementsAre("open stream /a", "start stream", "close stream"));
-    EXPECT_EQ(script::log().size(), 1u);
+    EXPECT_THAT(script::seen().calls, ElementsAre("open stream /a", "start stream", "close stream"));
+    EXPECT_EQ(script::seen().log.size(), 1u);
 }
 
 TEST_F(FileCastTest, RequestsThatCannotBePlayedAreReported) {
+    const auto fails = [this](CASTInfo *pInfo) {
+        engine.handOver(pInfo);
+        EXPECT_TRUE(engine.becomes(ENGINE_FAILED));
+        engineMove(&engine.block, ENGINE_FAILED, ENGINE_IDLE);
+    };
     engine.handOver(request(0x2000));
     ASSERT_TRUE(engine.becomes(ENGINE_IDLE));
-    EXPECT_EQ(out(),
-              "PCCASTRECASTEngine():#, ALARM, unknown content format[0x2000(8192)] to re-cast: let it go\n");
     CASTInfo *pInfo = request(0x2021);
     free(pInfo->pCASTFile);
     pInfo->pCASTFile = nullptr;
     pInfo->ulMSID = 0x1FFFE;
-    engine.handOver(pInfo);
-    ASSERT_TRUE(engine.becomes(ENGINE_FAILED));
-    engineMove(&engine.block, ENGINE_FAILED, ENGINE_IDLE);
-    const std::string text =
-        std::regex_replace(out(), std::regex(R"(PCCASTRECASTEngine\[\d+\])"), "PCCASTRECASTEngine[#]");
-    EXPECT_THAT(
-        text,
-        HasSubstr(
-            "PCCASTRECASTEngine[#] check the recast arguments:\nPCCASTRECASTEngine[#] : FileName = NULL\n"
-            "PCCASTRECASTEngine[#] : IP = 224.2.2.2, PORT = 5000\n"
-            "PCCASTRECASTEngine[#] : MSID = 65534[fffe]\n"));
+    fails(pInfo);
     pInfo = request(0x2021);
     free(pInfo->pDSTIP);
     pInfo->pDSTIP = nullptr;
-    engine.handOver(pInfo);
-    ASSERT_TRUE(engine.becomes(ENGINE_FAILED));
-    engineMove(&engine.block, ENGINE_FAILED, ENGINE_IDLE);
-    EXPECT_THAT(out(), HasSubstr(" : IP = NULL, PORT = 5000\n"));
-    const std::string longest(249, '1'), longer(250, '1'); // with ":50000" 255 and 256 characters
-    for (const std::string &target : {longest, longer}) {
-        engine.handOver(
-            cast({.ulType = 1, .pszTarget = target.c_str(), .pszFile = "/b", .usTargetPort = 50000}));
-        ASSERT_TRUE(engine.becomes(ENGINE_FAILED));
-        engineMove(&engine.block, ENGINE_FAILED, ENGINE_IDLE);
+    fails(pInfo);
+    EXPECT_EQ(
+        std::regex_replace(out(), std::regex(R"(PCCASTRECASTEngine\[\d+\])"), "@"),
+        "PCCASTRECASTEngine():#, ALARM, unknown content format[0x2000(8192)] to re-cast: let it go\n"
+        "@ check the recast arguments:\n@ : FileName = NULL\n@ : IP = 224.2.2.2, PORT = 5000\n"
+        "@ : MSID = 65534[fffe]\n"
+        "@ check the recast arguments:\n@ : FileName = /a\n@ : IP = NULL, PORT = 5000\n@ : MSID = 0[0]\n");
+    for (const size_t ulLength : {249, 250}) { // with ":50000" 255 and 256 characters
+        const std::string target(ulLength, '1');
+        fails(cast({.ulType = 1, .pszTarget = target.c_str(), .pszFile = "/b", .usTargetPort = 50000}));
     }
-    EXPECT_EQ(count(joined(script::calls()), "open stream /b"), 1u);
-    engine.block.pWork = nullptr;
-    engine.stop();
+    EXPECT_EQ(count(joined(script::seen().calls), "open stream /b"), 1u);
 }
 
-TEST_F(FileCastTest, TargetIsGivenToTheASFCasterWhenThereIsOne) {
+// What the engine does not ask of the drivers.
+TEST_F(FileCastTest, DriversTakeTargetModeAndDevice) {
     KTPLUGIN_INFO_TAG block{};
     block.eState = ENGINE_RUNNING;
     CASTInfo info{};
     info.uliEPGID = 0x1234567890;
-    ASFCASTARG argument{};
-    argument.uiMode = 3;
-    argument.pszFile = "/a";
-    argument.uiFormatIndex = 5;
-    argument.pszTarget = "224.5.5.5";
-    argument.uiTargetPort = 9;
-    argument.pBlock = &block;
-    argument.pInfo = &info;
-    script::storedFile("/a", {{START, {1}}});
-    script::fail(Step::SET_TARGET, "asf", 0);
-    EXPECT_EQ(qxbox_asfcast(&argument), 1);
-    EXPECT_EQ(script::calls().at(3), "asf mode 3 hops 16 station none 5");
-    EXPECT_EQ(script::calls().at(4), "asf target 224.5.5.5 9");
-    EXPECT_THAT(script::reports(), ElementsAre("qxbox_asfcast: invalid target or port"));
-    EXPECT_EQ(script::log().at(0),
-              "play: ST=20010909014640,ET=20010909014640,TYPE=ASF@FILECAST,IEPGID=0x1234567890,FILE=\"NULL\","
-              "SRC=\"0.0.0.0:0\",DST=\"0.0.0.0:0\",NSC=\"NULL\"\n");
-    script::fail(Step::CASTER_SEND, "ts", 42);
+    ASFCASTARG asf{};
+    asf.uiMode = 3;
+    asf.uiFormatIndex = 5;
+    asf.pszTarget = "224.5.5.5";
+    asf.uiTargetPort = 9;
     TSCASTARG ts{};
     ts.pszAux = "eth0";
-    ts.pszFile = "/a";
     ts.uiCasterParam = 7;
-    ts.pBlock = &block;
-    ts.pInfo = &info;
+    asf.pszFile = ts.pszFile = "/a";
+    asf.pBlock = ts.pBlock = &block;
+    asf.pInfo = ts.pInfo = &info;
+    script::storedFile("/a", {{START, {1}}});
+    script::fail(Step::SET_TARGET, "asf", 0);
+    EXPECT_EQ(qxbox_asfcast(&asf), 1);
+    script::fail(Step::CASTER_SEND, "ts", 42);
     EXPECT_EQ(qxbox_tscast(&ts), 42);
-    EXPECT_THAT(joined(script::calls()), HasSubstr("ts mode 0 set-up eth0 -1 none 2777 7\n"));
-    EXPECT_THAT(script::console(), HasSubstr("cast \"\033[1;32m/a\033[0m\" to \"\033[1;37mNULL\033[0m\"\n"));
+    EXPECT_THAT(joined(script::seen().calls),
+                testing::AllOf(HasSubstr("asf mode 3 hops 16 station none 5\nasf target 224.5.5.5 9\n"),
+                               HasSubstr("ts mode 0 set-up eth0 -1 none 2777 7\n")));
+    EXPECT_THAT(script::seen().reports, ElementsAre("qxbox_asfcast: invalid target or port"));
+    EXPECT_EQ(script::seen().log.at(0),
+              "play: ST=20010909014640,ET=20010909014640,TYPE=ASF@FILECAST,IEPGID=0x1234567890,FILE=\"NULL\","
+              "SRC=\"0.0.0.0:0\",DST=\"0.0.0.0:0\",NSC=\"NULL\"\n");
+    EXPECT_THAT(script::seen().console,
+                HasSubstr("cast \"\033[1;32m/a\033[0m\" to \"\033[1;37mNULL\033[0m\"\n"));
 }
 
 } // namespace

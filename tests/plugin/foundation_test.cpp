@@ -106,7 +106,7 @@ TEST_F(FoundationTest, TryLockMapsEachOutcomeAndPausesAfterEachAttempt) {
     EXPECT_EQ(KTMUTEXTryLock(nullptr, 1000), -1);
     EXPECT_EQ(KTMUTEXUnLock(nullptr), -1);
     EXPECT_EQ(KTMUTEXDelete(&pMutex), -1);
-    EXPECT_EQ(script::pauses(), 0u);
+    EXPECT_EQ(script::pausedMicroseconds(), 0u);
     EXPECT_EQ(withoutAllocation(1, [&] { return KTMUTEXCreate(&pMutex); }), -1);
     ASSERT_EQ(KTMUTEXCreate(&pMutex), 1);
     const KTMUTEX pSame = pMutex;
@@ -127,10 +127,10 @@ TEST_F(FoundationTest, TryLockMapsEachOutcomeAndPausesAfterEachAttempt) {
     };
     for (const Case &row :
          {Case{EINVAL, 3, 2, -1, 3}, Case{EBUSY, 2, 9, 1, 3}, Case{EAGAIN, 1, 9, EAGAIN, 1}}) {
-        const unsigned long ulBefore = script::pauses();
+        const unsigned long ulBefore = script::pausedMicroseconds();
         script::fail(Step::TRYLOCK, "", row.iErrno, row.iTimes);
         EXPECT_EQ(KTMUTEXTryLock(pMutex, row.iRetries), row.iResult) << strerror(row.iErrno);
-        EXPECT_EQ(script::pauses() - ulBefore, row.ulAttempts) << strerror(row.iErrno);
+        EXPECT_EQ(script::pausedMicroseconds() - ulBefore, 10000 * row.ulAttempts) << strerror(row.iErrno);
         if (row.iResult == 1) {
             KTMUTEXUnLock(pMutex);
         }

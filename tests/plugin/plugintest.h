@@ -28,35 +28,31 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 // Takes over a standard stream until it ends; what was written can be read at any moment.
-class Captured {
-public:
-    explicit Captured(FILE *pStream) : m_pStream(pStream), m_iFile(memfd_create("captured", 0)) {
-        fflush(m_pStream);
-        m_iSaved = dup(fileno(m_pStream));
-        dup2(m_iFile, fileno(m_pStream));
+struct Captured {
+    explicit Captured(FILE *pOf) : pStream(pOf) {
+        fflush(pStream);
+        dup2(iFile, fileno(pStream));
     }
     ~Captured() {
         const std::string all = text();
-        dup2(m_iSaved, fileno(m_pStream));
-        close(m_iSaved);
-        close(m_iFile);
+        dup2(iSaved, fileno(pStream));
+        close(iSaved);
+        close(iFile);
         if (testing::Test::HasFailure()) { // the failure's own text lies in what was captured
-            fputs(all.c_str(), m_pStream);
-            fflush(m_pStream);
+            fputs(all.c_str(), pStream);
+            fflush(pStream);
         }
     }
     Captured(const Captured &) = delete;
     Captured &operator=(const Captured &) = delete;
 
     std::string text() const {
-        fflush(m_pStream);
-        std::string all(static_cast<size_t>(lseek(m_iFile, 0, SEEK_END)), '\0');
-        return pread(m_iFile, all.data(), all.size(), 0) == static_cast<ssize_t>(all.size()) ? all : "?";
+        fflush(pStream);
+        std::string all(static_cast<size_t>(lseek(iFile, 0, SEEK_END)), '\0');
+        return pread(iFile, all.data(), all.size(), 0) == static_cast<ssize_t>(all.size()) ? all : "?";
     }
-
-private:
-    FILE *m_pStream;
-    int m_iFile, m_iSaved;
+    FILE *const pStream;
+    const int iFile = memfd_create("captured", 0), iSaved = dup(fileno(pStream));
 };
 
 // The lines' numbers change with the source: "[pccastmain:123]" and "name():123" read as "#".
@@ -102,9 +98,8 @@ protected:
     ~PluginTest() override {
         EXPECT_TRUE(script::threadsEnd());
         EXPECT_EQ(script::liveEndpoints(), 0);
-        EXPECT_EQ(script::livePayloads(), 0);
-        EXPECT_EQ(script::liveRegistries(), 0);
-        EXPECT_EQ(script::lentPackets(), 0);
+        EXPECT_EQ(script::held(), 0);
+        EXPECT_THAT(script::seen().faults, IsEmpty());
         EXPECT_EQ(script::liveBlocks(), m_lBlocks) << "blocks leaked";
     }
     std::string out() const { return withoutLines(m_out.text()); }
@@ -141,6 +136,10 @@ struct Engine {
     bool becomes(int iState) const {
         return script::eventually([this, iState] { return block.eState == iState; });
     }
+    void finish() {
+        engineMove(&block, ENGINE_RUNNING, ENGINE_FINISH);
+        EXPECT_TRUE(becomes(ENGINE_IDLE));
+    }
 };
 
 // Whether the header holds these words and lengths, and 0 in all its other bytes.
@@ -153,6 +152,33 @@ inline bool isHeader(const script::Frame &frame, unsigned int uiIdent, unsigned 
     expected.uiParam = static_cast<unsigned int>(ulParam);
     expected.ulPayloadLen = expected.ulPayloadSize = frame.payload.size();
     return memcmp(&frame.header, &expected, sizeof expected) == 0;
+}
+
+// Second by second; after each, every thread does what it has to.
+inline void runTo(unsigned long ulSeconds) {
+    EXPECT_TRUE(script::settle(4));
+    while (script::now() < script::START + ulSeconds) {
+        script::advance(1);
+        EXPECT_TRUE(script::settle(10));
+    }
+}
+
+// "TIME COMMAND EPGID" of each announcement until then, times from START.
+constexpr const char *ANNOUNCEMENTS = "tx 224.9.9.9:7890";
+inline std::vector<std::string> announced(unsigned long ulSeconds = 0) {
+    runTo(ulSeconds);
+    std::vector<std::string> texts;
+    for (const script::Frame &frame : script::frames(ANNOUNCEMENTS)) {
+        EXPECT_EQ(frame.header.uiParam, static_cast<unsigned int>(frame.ulTime));
+        EXPECT_EQ(frame.header.ulReserved, 0u); // the library's marks of the time before are wiped
+        EXPECT_EQ(frame.header.uiStatus, 0u);
+        texts.push_back(std::to_string(frame.ulTime - script::START) +
+                        (frame.header.uiCommand == 0x40030   ? " on air "
+                         : frame.header.uiCommand == 0x40033 ? " end "
+                                                             : " ? ") +
+                        std::to_string(frame.payload.at(12)));
+    }
+    return texts;
 }
 
 struct CastFields {

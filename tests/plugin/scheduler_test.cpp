@@ -8,33 +8,24 @@ namespace {
 
 using script::START;
 
-const char *const AIR = "tx 224.9.9.9:7890";
-
 class SchedulerTest : public PluginTest {
 protected:
-    SchedulerTest() { open(); }
-    ~SchedulerTest() override {
-        if (m_bOpen) {
-            EXPECT_EQ(QX_PlugIn_Close(), 1);
-        }
-    }
-    void open() {
-        EXPECT_EQ(QX_PlugIn_Open(), 1);
-        m_bOpen = true;
-    }
-    void close() {
-        QX_PlugIn_Close();
-        m_bOpen = false;
-    }
-    // Submits a request whose times count from START, and waits until it has been acted upon.
-    static void submit(CastFields fields) {
-        fields.ulST += START;
-        fields.ulET += START;
+    SchedulerTest() { QX_PlugIn_Open(); }
+    ~SchedulerTest() override { EXPECT_EQ(QX_PlugIn_Close(), 1); }
+    static void send(const CastFields &fields) {
         CASTInfo *pInfo = cast(fields);
         EXPECT_EQ(QX_PCCASTSTREAMCommander(fields.ulCMD, pInfo), 1);
         ELIMINATECASTInfo(&pInfo);
+    }
+    // Submits a request whose times count from START, and waits until it has been acted upon.
+    // Returns what has happened so far.
+    static std::string submit(CastFields fields) {
+        fields.ulST += START;
+        fields.ulET += START;
+        send(fields);
         EXPECT_TRUE(script::eventually([] { return script::requestsWaiting() == 0; }));
         EXPECT_TRUE(script::settle(15));
+        return history();
     }
     // A relay of the source port usPort, which tells it from others; its EPG id is the same number.
     static CastFields relay(unsigned short usPort, unsigned long ulCT, unsigned long ulST,
@@ -43,29 +34,21 @@ protected:
     }
     static CastFields file(unsigned long ulEPGID, unsigned long ulCT, unsigned long ulST, unsigned long ulET,
                            unsigned long ulFormat = CAST_FORMAT_TS) {
-        return {.ulType = 1,
-                .ulEPGID = ulEPGID,
-                .ulCT = ulCT,
-                .ulST = ulST,
-                .ulET = ulET,
-                .ulFormat = ulFormat,
-                .pszFile = "/f"};
+        CastFields fields{.ulType = 1, .ulEPGID = ulEPGID, .ulCT = ulCT, .ulST = ulST, .ulET = ulET};
+        fields.ulFormat = ulFormat;
+        fields.pszFile = "/f";
+        return fields;
     }
     static CastFields stop(CastFields fields, unsigned long ulCT) {
         fields.ulCMD = CAST_CMD_STOP;
         fields.ulCT = ulCT;
         return fields;
     }
-    static void runTo(unsigned long ulSeconds) {
-        while (script::now() < START + ulSeconds) {
-            script::advance(1);
-            EXPECT_TRUE(script::settle(10));
-        }
-    }
-    // The relays and playouts as they began and ended: "+9100 -9100 +file -file".
-    static std::string history() {
+    // The relays and playouts as they began and ended until then: "+9100 -9100 +file -file".
+    static std::string history(unsigned long ulSeconds = 0) {
+        runTo(ulSeconds);
         std::string text;
-        for (const std::string &call : script::calls()) {
+        for (const std::string &call : script::seen().calls) {
             const std::string begun = "create rx 224.1.1.1:", ended = "delete rx 224.1.1.1:";
             if (call.rfind(begun, 0) == 0) {
                 text += "+" + call.substr(begun.size()) + " ";
@@ -77,152 +60,115 @@ protected:
         }
         return text;
     }
-    static std::vector<std::string> aired() {
-        std::vector<std::string> texts;
-        for (const script::Frame &frame : script::frames(AIR)) {
-            texts.push_back(std::to_string(frame.ulTime - START) +
-                            (frame.header.uiCommand == 0x40030 ? " on air " : " end ") +
-                            std::to_string(frame.payload.at(12)));
-        }
-        return texts;
-    }
     static void storeFile(unsigned long ulEnd) {
         script::storedFile("/f", {{START, {1}}, {START + ulEnd, {2}}});
     }
-
-private:
-    bool m_bOpen = false;
 };
 
 TEST_F(SchedulerTest, CastGoesOnAirInItsSecondAndEndsInIts) {
     submit(relay(1, 100, 3, 20));
-    runTo(2);
-    EXPECT_EQ(history(), "");
-    EXPECT_THAT(aired(), IsEmpty());
-    runTo(3);
-    EXPECT_EQ(history(), "+1 ");
-    runTo(19);
-    EXPECT_EQ(history(), "+1 ");
-    runTo(20);
-    EXPECT_EQ(history(), "+1 -1 ");
-    runTo(40);
-    EXPECT_THAT(aired(), ElementsAre("3 on air 1", "14 on air 1"));
+    EXPECT_EQ(history(2), "");
+    EXPECT_THAT(announced(), IsEmpty());
+    EXPECT_EQ(history(3), "+1 ");
+    EXPECT_EQ(history(19), "+1 ");
+    EXPECT_EQ(history(20), "+1 -1 ");
+    EXPECT_THAT(announced(40), ElementsAre("3 on air 1", "14 on air 1"));
     submit(relay(2, 200, 10, 40)); // over already
     runTo(60);
-    close();
+    QX_PlugIn_Close();
     EXPECT_EQ(history(), "+1 -1 ");
-    EXPECT_THAT(aired(), ElementsAre("3 on air 1", "14 on air 1", "60 end 1"));
+    EXPECT_THAT(announced(), ElementsAre("3 on air 1", "14 on air 1", "60 end 1"));
 }
 
 TEST_F(SchedulerTest, NewerCastPreemptsAndTheOlderOneReturns) {
     submit(relay(1, 100, 0, 60));
     submit(relay(3, 99, 0, 70)); // older than the one on air: waits until that has ended
     runTo(5);
-    submit(relay(2, 101, 5, 30));
-    EXPECT_EQ(history(), "+1 -1 +2 ");
-    runTo(29);
-    EXPECT_EQ(history(), "+1 -1 +2 ");
-    runTo(32);
-    EXPECT_EQ(history(), "+1 -1 +2 -2 +1 ");
-    runTo(65);
-    EXPECT_EQ(history(), "+1 -1 +2 -2 +1 -1 +3 ");
-    runTo(80);
-    EXPECT_EQ(history(), "+1 -1 +2 -2 +1 -1 +3 -3 ");
-    EXPECT_THAT(aired(), ElementsAre("0 on air 1", "11 on air 2", "22 on air 2", "33 on air 1", "44 on air 1",
-                                     "55 on air 1", "66 on air 3"));
+    EXPECT_EQ(submit(relay(2, 101, 5, 30)), "+1 -1 +2 ");
+    EXPECT_EQ(history(29), "+1 -1 +2 ");
+    EXPECT_EQ(history(32), "+1 -1 +2 -2 +1 ");
+    EXPECT_EQ(history(65), "+1 -1 +2 -2 +1 -1 +3 ");
+    EXPECT_EQ(history(80), "+1 -1 +2 -2 +1 -1 +3 -3 ");
+    EXPECT_THAT(announced(), ElementsAre("0 on air 1", "11 on air 2", "22 on air 2", "33 on air 1",
+                                         "44 on air 1", "55 on air 1", "66 on air 3"));
 }
 
 TEST_F(SchedulerTest, StopRequestsEndWhatTheyAreMeantTo) {
     submit(relay(1, 100, 50, 90));
     submit(relay(2, 100, 0, 90));
     submit(stop(relay(9, 99, 0, 12), 99)); // older than what is on air: it waits, and expires
-    runTo(12);
-    EXPECT_EQ(history(), "+2 ");
-    submit(stop(relay(2, 100, 0, 90), 100)); // equal to what is on air, and as old
-    EXPECT_EQ(history(), "+2 -2 ");
+    EXPECT_EQ(history(12), "+2 ");
+    // equal to what is on air, and as old
+    EXPECT_EQ(submit(stop(relay(2, 100, 0, 90), 100)), "+2 -2 ");
     runTo(47);
     submit(stop(relay(1, 100, 50, 90), 101)); // equal to one that waits: both are gone
-    runTo(60);
-    EXPECT_EQ(history(), "+2 -2 ");
-    EXPECT_THAT(aired(), ElementsAre("0 on air 2", "11 on air 2", "22 end 2"));
+    EXPECT_EQ(history(60), "+2 -2 ");
+    EXPECT_THAT(announced(), ElementsAre("0 on air 2", "11 on air 2", "22 end 2"));
     submit(relay(3, 200, 60, 90));
-    submit(stop(relay(4, 300, 60, 90), 300)); // names nothing: ends what is on air all the same
-    EXPECT_EQ(history(), "+2 -2 +3 -3 ");
-    runTo(100);
-    EXPECT_EQ(history(), "+2 -2 +3 -3 ");
-    EXPECT_THAT(aired(), ElementsAre("0 on air 2", "11 on air 2", "22 end 2", "60 on air 3", "71 end 4"));
+    // names nothing: ends what is on air all the same
+    EXPECT_EQ(submit(stop(relay(4, 300, 60, 90), 300)), "+2 -2 +3 -3 ");
+    EXPECT_EQ(history(100), "+2 -2 +3 -3 ");
+    EXPECT_THAT(announced(), ElementsAre("0 on air 2", "11 on air 2", "22 end 2", "60 on air 3", "71 end 4"));
 }
 
 TEST_F(SchedulerTest, FileWaitsForTheRelayAndTheRelayEndsTheFile) {
     storeFile(1000);
     submit(relay(1, 100, 0, 20));
     submit(file(7, 200, 0, 90));
-    runTo(19);
-    EXPECT_EQ(history(), "+1 ");
-    runTo(21);
-    EXPECT_EQ(history(), "+1 -1 +file ");
+    EXPECT_EQ(history(19), "+1 ");
+    EXPECT_EQ(history(21), "+1 -1 +file ");
     runTo(30);
     script::hold("stream");
-    submit(relay(2, 50, 30, 60)); // the age counts within a list only
-    EXPECT_EQ(history(), "+1 -1 +file ");
+    // the age counts within a list only
+    EXPECT_EQ(submit(relay(2, 50, 30, 60)), "+1 -1 +file ");
     script::hold("");
     EXPECT_TRUE(script::settle(15));
     EXPECT_EQ(history(), "+1 -1 +file -file +2 ");
-    runTo(62);
-    EXPECT_EQ(history(), "+1 -1 +file -file +2 -2 "); // the file's entry had been started
-    EXPECT_THAT(aired(), ElementsAre("0 on air 1", "11 on air 1", "22 on air 7", "33 on air 2", "44 on air 2",
-                                     "55 on air 2"));
+    EXPECT_EQ(history(62), "+1 -1 +file -file +2 -2 "); // the file's entry had been started
+    EXPECT_THAT(announced(), ElementsAre("0 on air 1", "11 on air 1", "22 on air 7", "33 on air 2",
+                                         "44 on air 2", "55 on air 2"));
     submit(file(8, 300, 62, 90));
     submit(file(9, 301, 62, 80)); // a newer file takes over, and the older one returns
     runTo(82);
     EXPECT_EQ(count(history(), "+file"), 4u);
-    EXPECT_EQ(aired().back(), "77 on air 9");
-    runTo(88);
-    EXPECT_EQ(aired().back(), "88 on air 8");
+    EXPECT_EQ(announced().back(), "77 on air 9");
+    EXPECT_EQ(announced(88).back(), "88 on air 8");
 }
 
 TEST_F(SchedulerTest, FailedCastIsAnnouncedAsEndedAndDropped) {
     script::fail(Step::CREATE, "rx 224.1.1.1:1", -1);
-    submit(relay(1, 100, 0, 900));
-    EXPECT_EQ(history(), "+1 -1 ");
-    submit(file(5, 100, 0, 900)); // no such file
-    runTo(40);
-    EXPECT_EQ(history(), "+1 -1 "); // neither is tried again
+    EXPECT_EQ(submit(relay(1, 100, 0, 900)), "+1 -1 ");
+    submit(file(5, 100, 0, 900));     // no such file
+    EXPECT_EQ(history(40), "+1 -1 "); // neither is tried again
     // The failure may come before the first announcement of the cast, or just after it.
-    EXPECT_THAT(aired(), ElementsAre(testing::AnyOf("0 on air 1", "0 end 1"), "11 end 5"));
+    EXPECT_THAT(announced(), ElementsAre(testing::AnyOf("0 on air 1", "0 end 1"), "11 end 5"));
     runTo(50);
     script::fail(Step::CREATE, "rx 224.1.1.1:2", -1);
     submit(relay(2, 200, 50, 900));
     runTo(55);
-    submit(relay(3, 201, 55, 80)); // the end announcement of the failed one holds nothing up
-    EXPECT_EQ(history(), "+1 -1 +2 -2 +3 ");
+    // the end announcement of the failed one holds nothing up
+    EXPECT_EQ(submit(relay(3, 201, 55, 80)), "+1 -1 +2 -2 +3 ");
     EXPECT_EQ(script::now(), START + 55);
-    runTo(61);
-    EXPECT_EQ(aired().back(), "61 on air 3");
-    runTo(95);
-    EXPECT_EQ(aired().back(), "72 on air 3"); // nor does a failed one come back
+    EXPECT_EQ(announced(61).back(), "61 on air 3");
+    EXPECT_EQ(announced(95).back(), "72 on air 3"); // nor does a failed one come back
 }
 
 TEST_F(SchedulerTest, RequestsOfTheSameSecondLeaveTheRightOneAnnounced) {
     storeFile(10000);
     for (unsigned short us = 1; us <= 15; ++us) { // each time the next one is newer and due at once
         const unsigned long ulNow = script::now() - START;
-        CASTInfo *pInfos[3] = {cast(relay(static_cast<unsigned short>(2 * us), 1000u + us, 0, 0)),
-                               cast(file(250, 1000u + us, 0, 0)),
-                               cast(relay(static_cast<unsigned short>(2 * us + 1), 2000u + us, 0, 0))};
-        for (CASTInfo *&pInfo : pInfos) {
-            pInfo->ulST = START + ulNow;
-            pInfo->ulET = START + ulNow + 12;
-            QX_PCCASTSTREAMCommander(CAST_CMD_START, pInfo);
-            ELIMINATECASTInfo(&pInfo);
+        const unsigned short usLast = static_cast<unsigned short>(2 * us + 1);
+        for (CastFields fields : {relay(static_cast<unsigned short>(2 * us), 1000u + us, 0, 0),
+                                  file(250, 1000u + us, 0, 0), relay(usLast, 2000u + us, 0, 0)}) {
+            fields.ulST = script::now();
+            fields.ulET = script::now() + 12;
+            send(fields);
         }
         EXPECT_TRUE(script::eventually([] { return script::requestsWaiting() == 0; }));
         EXPECT_TRUE(script::settle(30));
-        const std::string last = "+" + std::to_string(2 * us + 1) + " ", all = history();
-        ASSERT_GE(all.size(), last.size());
-        EXPECT_EQ(all.substr(all.size() - last.size()), last);
+        EXPECT_THAT(history(), testing::EndsWith("+" + std::to_string(usLast) + " "));
         runTo(ulNow + 11);
-        EXPECT_THAT(aired().back(), testing::EndsWith(" on air " + std::to_string(2 * us + 1)));
+        EXPECT_THAT(announced().back(), testing::EndsWith(" on air " + std::to_string(usLast)));
         runTo(ulNow + 13);
     }
 }
@@ -235,50 +181,47 @@ TEST_F(SchedulerTest, CastShorterThanAPassIsNotMissed) {
     EXPECT_EQ(count(history(), "+file -file"), 10u);
     submit(relay(1, 50, 0, 1000));
     EXPECT_EQ(count(history(), "+1 "), 1u);
-    runTo(11);
-    EXPECT_EQ(aired().back(), "11 on air 1");
+    EXPECT_EQ(announced(11).back(), "11 on air 1");
 }
 
 // The engine is held where the supervisor waits for it; the stop must reach the other engines all the same.
 TEST_F(SchedulerTest, StopDuringAWaitOfTheSupervisorIsAnswered) {
-    for (const bool bHandOver : {true, false}) {
-        if (bHandOver) { // the engine has not answered the hand-over
-            script::hold("rx 224");
-            submit(relay(1, 100, 0, 900));
-        } else { // the engine does not come back from its cast
-            submit(relay(1, 100, 0, 900));
-            EXPECT_EQ(history().back(), ' ');
-            script::hold("rx 224");
-            submit(relay(2, 101, 0, 900));
+    storeFile(1000);
+    for (unsigned int ui = 0; ui < 3; ++ui) {
+        const char *const pszHeld = ui == 2 ? "stream" : "rx 224";
+        if (ui == 0) { // the engine has not answered the hand-over
+            script::hold(pszHeld);
+        }
+        submit(ui == 2 ? file(1, 100, 0, 900) : relay(1, 100, 0, 900));
+        if (ui > 0) { // the engine does not come back from its cast
+            script::hold(pszHeld);
+            submit(ui == 2 ? file(2, 101, 0, 900) : relay(2, 101, 0, 900));
         }
         script::startThread([] { QX_PlugIn_Close(); });
-        EXPECT_TRUE(
-            script::eventually([] { return script::liveThreads() == 3; })); // closer, supervisor, relay
-        // The closer's bounded wait runs out, but it does not go before the supervisor has gone.
-        EXPECT_TRUE(
-            script::eventually([=, this] { return count(out(), "Timeout wait") == (bHandOver ? 1u : 2u); }));
+        // Left are the closer, the supervisor and the engine. The closer's bounded wait runs out, but it does
+        // not go before the supervisor has gone.
+        EXPECT_TRUE(script::eventually([] { return script::liveThreads() == 3; }));
+        EXPECT_TRUE(script::eventually([=, this] { return count(out(), "Timeout wait") == ui + 1; }));
         EXPECT_TRUE(script::settle());
-        EXPECT_EQ(count(script::console(), "Close PCCast"), bHandOver ? 0u : 1u);
+        EXPECT_EQ(count(script::seen().console, "Close PCCast"), ui);
         script::hold("");
         EXPECT_TRUE(script::threadsEnd());
-        open();
+        QX_PlugIn_Open();
     }
 }
 
 TEST_F(SchedulerTest, HundredOpensAndClosesLeaveNothing) {
     storeFile(1000000);
     char szText[] = "message";
-    close();
+    QX_PlugIn_Close();
     script::settle(1);
     const long lBlocks = script::liveBlocks();
     for (unsigned int ui = 0; ui < 100; ++ui) {
         QX_PlugIn_Open();
-        CASTInfo *pInfos[3] = {cast(relay(1, 100, START, START + 1000)),
-                               cast(file(2, 100, START, START + 1000)),
-                               cast(stop(relay(3, 1, START, START + 1000), 1))};
-        for (CASTInfo *&pInfo : pInfos) {
-            QX_PCCASTSTREAMCommander(pInfo->ulCMD, pInfo);
-            ELIMINATECASTInfo(&pInfo);
+        for (const CastFields &fields :
+             {relay(1, 100, START, START + 1000), file(2, 100, START, START + 1000),
+              stop(relay(3, 1, START, START + 1000), 1)}) {
+            send(fields);
         }
         MSGInfo message{0, 1, ui % 2, 1, START, START + 1000, 5, 0, 0, szText};
         QX_PCCASTMBCCommander(PCMBC_CMD_MSG, &message);
@@ -295,13 +238,11 @@ TEST_F(SchedulerTest, HundredOpensAndClosesLeaveNothing) {
 // but it opens, goes on, and closes whole.
 TEST_F(SchedulerTest, SupervisorWithoutMemoryLosesACastAtMost) {
     for (int i = 1; i <= 24; ++i) {
-        close();
+        QX_PlugIn_Close();
         script::fail(Step::THREAD_MEMORY, "__qxapi_open_pccast__", i);
-        open();
+        QX_PlugIn_Open();
         script::settle(3);
-        CASTInfo *pInfo = cast(relay(1, 100, START, START + 1000));
-        QX_PCCASTSTREAMCommander(CAST_CMD_START, pInfo);
-        ELIMINATECASTInfo(&pInfo);
+        send(relay(1, 100, START, START + 1000));
         EXPECT_TRUE(script::settle(15));
     }
 }

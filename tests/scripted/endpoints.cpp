@@ -14,53 +14,15 @@ using script::Step;
 
 namespace script {
 
-template <typename Record>
-static std::vector<Record> matching(const std::vector<Record> &records, const std::string &key) {
-    Enter enter;
-    std::vector<Record> found;
-    for (const Record &record : records) {
-        if (record.key.find(key) != std::string::npos) {
-            found.push_back(record);
-        }
-    }
-    return found;
-}
-
 std::vector<Frame> frames(const std::string &key) {
-    return matching(state().frames, key);
-}
-std::vector<Datagram> datagrams(const std::string &key) {
-    return matching(state().datagrams, key);
-}
-
-std::vector<std::string> endpoints() {
-    Enter enter;
-    return state().created;
+    std::vector<Frame> found = seen().frames;
+    std::erase_if(found, [&](const Frame &frame) { return frame.key.find(key) == std::string::npos; });
+    return found;
 }
 
 int liveEndpoints() {
     Enter enter;
     return static_cast<int>(state().endpoints.size());
-}
-
-int livePayloads() {
-    Enter enter;
-    return state().iPayloads;
-}
-
-int dumps() {
-    Enter enter;
-    return state().iDumps;
-}
-
-unsigned long frameAttempts() {
-    Enter enter;
-    return state().ulFrameAttempts;
-}
-
-unsigned int pollTimeout(const std::string &key) {
-    Enter enter;
-    return state().pollTimeouts[key];
 }
 
 void request(const std::string &path, unsigned int uiCommand, unsigned int uiParam, const Bytes &payload) {
@@ -97,10 +59,19 @@ static std::string keyOf(const KTNET_ENDPOINT &settings) {
            std::to_string(settings.uiPort);
 }
 
-// The caller has entered.
+// The caller has entered. Null for a socket that is none.
+static const KTNET_ENDPOINT *endpointOf(int iSocket) {
+    for (const auto &known : state().endpoints) {
+        if (known.first->iSocket == iSocket) {
+            return known.first;
+        }
+    }
+    return nullptr;
+}
+
 static std::string keyOf(int iSocket) {
-    const auto known = state().sockets.find(iSocket);
-    return known == state().sockets.end() ? "" : state().endpoints.at(known->second).key;
+    const KTNET_ENDPOINT *pDesc = endpointOf(iSocket);
+    return pDesc == nullptr ? "nothing" : state().endpoints.at(pDesc).key;
 }
 
 constexpr unsigned int DEFAULT = 70000; // of every number of a fresh descriptor
@@ -114,19 +85,18 @@ static KTNET_ENDPOINT *descriptor(const EndpointState &endpoint) {
 }
 
 static std::string settingsOf(const KTNET_ENDPOINT &desc, const EndpointState &endpoint) {
-    char szKind[16];
-    snprintf(szKind, sizeof szKind, "%X", desc.uiKind);
-    std::string text = "mode " + std::to_string(endpoint.iMode) + " version " +
-                       std::to_string(endpoint.iVersion) + " kind " + szKind + " peer " + desc.szPeer +
-                       " local " + desc.szLocal;
-    const std::pair<const char *, unsigned int> numbers[] = {{" port ", desc.uiPort},
-                                                             {" listen ", desc.uiListen},
-                                                             {" aux ", desc.uiAux},
-                                                             {" timeout ", desc.uiTimeoutMs},
-                                                             {" error ", desc.uiError}};
-    for (const auto &[pszName, uiValue] : numbers) {
+    char szText[512];
+    snprintf(szText, sizeof szText, "mode %d version %d kind %X peer %s local %s", endpoint.iMode,
+             endpoint.iVersion, desc.uiKind, desc.szPeer, desc.szLocal);
+    std::string text = szText;
+    const auto add = [&](const char *pszName, unsigned int uiValue) {
         text += pszName + (uiValue == DEFAULT ? "-" : std::to_string(uiValue));
-    }
+    };
+    add(" port ", desc.uiPort);
+    add(" listen ", desc.uiListen);
+    add(" aux ", desc.uiAux);
+    add(" timeout ", desc.uiTimeoutMs);
+    add(" error ", desc.uiError);
     return text;
 }
 
@@ -136,7 +106,6 @@ static bool ruled(Step step, const KTNET_ENDPOINT *pDesc, int *piResult) {
 }
 
 static void closeSocket(KTNET_ENDPOINT *pDesc, EndpointState &endpoint) {
-    state().sockets.erase(pDesc->iSocket);
     if (endpoint.iFarEnd >= 0) {
         close(pDesc->iSocket);
         close(endpoint.iFarEnd);
@@ -152,7 +121,7 @@ extern "C" {
 int ktn_xapi_ktnet_init_with_version(KTNET_ENDPOINT **ppDesc, int iMode, int iVersion) {
     Enter enter;
     int iResult = 1;
-    state().calls.push_back("init " + std::to_string(iMode) + " " + std::to_string(iVersion));
+    state().seen.calls.push_back("init " + std::to_string(iMode) + " " + std::to_string(iVersion));
     *ppDesc = nullptr;
     if (decided(Step::INIT, "mode " + std::to_string(iMode), &iResult)) {
         return iResult;
@@ -166,8 +135,8 @@ int ktn_xapi_ktnet_create(KTNET_ENDPOINT *pDesc) {
     Enter enter;
     EndpointState &endpoint = state().endpoints.at(pDesc);
     endpoint.key = script::keyOf(*pDesc);
-    state().created.push_back(script::settingsOf(*pDesc, endpoint));
-    state().calls.push_back("create " + endpoint.key);
+    state().seen.endpoints.push_back(script::settingsOf(*pDesc, endpoint));
+    state().seen.calls.push_back("create " + endpoint.key);
     int iResult = 1;
     if (decided(Step::CREATE, endpoint.key, &iResult)) {
         return iResult;
@@ -182,7 +151,6 @@ int ktn_xapi_ktnet_create(KTNET_ENDPOINT *pDesc) {
     } else {
         pDesc->iSocket = state().iNextSocket++;
     }
-    state().sockets[pDesc->iSocket] = pDesc;
     return 1;
 }
 
@@ -190,19 +158,20 @@ int ktn_xapi_rx_poll_socket(int iSocket, unsigned int uiTimeoutMs) {
     script::waitWhileHeld([=] { return script::keyOf(iSocket); });
     {
         Enter enter;
-        const auto known = state().sockets.find(iSocket);
-        if (known == state().sockets.end()) {
+        const KTNET_ENDPOINT *pDesc = script::endpointOf(iSocket);
+        if (pDesc == nullptr) {
             return -EBADF;
         }
-        const EndpointState &endpoint = state().endpoints.at(known->second);
-        state().pollTimeouts[endpoint.key] = uiTimeoutMs;
+        if (uiTimeoutMs != pDesc->uiTimeoutMs) {
+            state().seen.faults.push_back("poll with another time-out than the endpoint's");
+        }
         int iResult = 1;
         unsigned char ucByte = 0;
-        if (ruled(Step::POLL, known->second, &iResult)) {
+        if (ruled(Step::POLL, pDesc, &iResult)) {
             return iResult;
         }
-        if (endpoint.iFarEnd >= 0 ? recv(iSocket, &ucByte, 1, MSG_PEEK | MSG_DONTWAIT) >= 0
-                                  : !state().requests[known->second->szLocal].empty()) {
+        if (pDesc->uiKind == KTNET_KIND_UDP ? recv(iSocket, &ucByte, 1, MSG_PEEK | MSG_DONTWAIT) >= 0
+                                            : !state().requests[pDesc->szLocal].empty()) {
             return 1;
         }
         if (state().bPollsTakeTime) {
@@ -231,10 +200,10 @@ int ktn_xapi_ktnet_accept(KTNET_ENDPOINT *pDesc, KTNET_ENDPOINT **ppConn) {
 int ktn_xapi_ktnet_rx_data(KTNET_ENDPOINT *pConn, KTNET_PACKET *pPacket) {
     Enter enter;
     int iResult = 1;
-    state().calls.push_back("receive " + std::to_string(pPacket->uiIdent));
+    state().seen.calls.push_back("receive " + std::to_string(pPacket->uiIdent));
     if (pPacket->pPayload != nullptr || pPacket->ulPayloadLen != 0 || pPacket->ulReserved != 0 ||
         pPacket->uiStatus != 0) {
-        state().calls.push_back("receive with a header that is not clear");
+        state().seen.faults.push_back("receive with a header that is not clear");
     }
     if (ruled(Step::RX, pConn, &iResult)) {
         return iResult;
@@ -247,7 +216,7 @@ int ktn_xapi_ktnet_rx_data(KTNET_ENDPOINT *pConn, KTNET_PACKET *pPacket) {
     if (!request.payload.empty()) { // exactly as long as it says, so that a reader beyond it is noticed
         pPacket->pPayload = new unsigned char[request.payload.size()];
         memcpy(pPacket->pPayload, request.payload.data(), request.payload.size());
-        ++state().iPayloads;
+        ++state().iHeld;
     }
     return 1;
 }
@@ -255,7 +224,7 @@ int ktn_xapi_ktnet_rx_data(KTNET_ENDPOINT *pConn, KTNET_PACKET *pPacket) {
 int ktn_xapi_ktnet_connect(KTNET_ENDPOINT *pDesc) {
     Enter enter;
     int iResult = 1;
-    state().calls.push_back("connect " + state().endpoints.at(pDesc).key);
+    state().seen.calls.push_back("connect " + state().endpoints.at(pDesc).key);
     ruled(Step::CONNECT, pDesc, &iResult);
     return iResult;
 }
@@ -263,7 +232,6 @@ int ktn_xapi_ktnet_connect(KTNET_ENDPOINT *pDesc) {
 int ktn_xapi_ktnet_tx_data(KTNET_ENDPOINT *pDesc, KTNET_PACKET *pPacket) {
     Enter enter;
     int iResult = 1;
-    ++state().ulFrameAttempts;
     if (ruled(Step::TX, pDesc, &iResult) && iResult < 0) {
         pDesc->uiError = 0xE1;
         pPacket->uiStatus = 0x5A;
@@ -272,7 +240,7 @@ int ktn_xapi_ktnet_tx_data(KTNET_ENDPOINT *pDesc, KTNET_PACKET *pPacket) {
     script::Frame frame{state().endpoints.at(pDesc).key, state().ulNow, *pPacket, {}};
     frame.payload.assign(pPacket->pPayload, pPacket->pPayload + pPacket->ulPayloadLen);
     frame.header.pPayload = nullptr;
-    state().frames.push_back(frame);
+    state().seen.frames.push_back(frame);
     pPacket->ulReserved = 99; // the library may leave anything here
     pPacket->uiStatus = 98;
     if (pDesc->uiKind == KTNET_KIND_LOCAL) {
@@ -288,29 +256,25 @@ int ktn_xapi_ktnet_tx_a_packet(KTNET_ENDPOINT *pDesc, int, KTNET_BUFFER *pBuffer
     if (ruled(Step::TX_DATAGRAM, pDesc, &iResult)) {
         return iResult;
     }
-    state().datagrams.push_back({state().endpoints.at(pDesc).key, state().ulNow,
-                                 script::Bytes(pBuffer->pBuffer, pBuffer->pBuffer + pBuffer->ulBufferLen)});
+    if (pDesc->uiListen == 1) {
+        state().seen.faults.push_back("transmission by a receiver");
+    }
+    state().seen.datagrams.emplace_back(pBuffer->pBuffer, pBuffer->pBuffer + pBuffer->ulBufferLen);
     return iResult;
 }
 
 int ktn_xapi_ktnet_close(KTNET_ENDPOINT *pDesc) {
     Enter enter;
-    if (pDesc == nullptr) {
-        return 0;
-    }
     EndpointState &endpoint = state().endpoints.at(pDesc);
-    state().calls.push_back("close " + endpoint.key);
+    state().seen.calls.push_back("close " + endpoint.key);
     script::closeSocket(pDesc, endpoint);
     return 1;
 }
 
 int ktn_xapi_ktnet_delete(KTNET_ENDPOINT **ppDesc) {
     Enter enter;
-    if (*ppDesc == nullptr) {
-        return 0;
-    }
     EndpointState &endpoint = state().endpoints.at(*ppDesc);
-    state().calls.push_back("delete " + endpoint.key);
+    state().seen.calls.push_back("delete " + endpoint.key);
     script::closeSocket(*ppDesc, endpoint);
     state().endpoints.erase(*ppDesc);
     delete *ppDesc;
@@ -320,21 +284,19 @@ int ktn_xapi_ktnet_delete(KTNET_ENDPOINT **ppDesc) {
 
 int ktn_xapi_hops_socket(int iFamily, int iSocket, int iHops, int iOn) {
     Enter enter;
-    const auto known = state().sockets.find(iSocket);
-    state().calls.push_back(
-        "hops " + std::to_string(iFamily) + " " + std::to_string(iHops) + " " + std::to_string(iOn) + " " +
-        (known == state().sockets.end() ? "nothing" : state().endpoints.at(known->second).key));
+    state().seen.calls.push_back("hops " + std::to_string(iFamily) + " " + std::to_string(iHops) + " " +
+                                 std::to_string(iOn) + " " + script::keyOf(iSocket));
     return 1;
 }
 
 void ktn_xapi_dump_packet_info(const KTNET_PACKET *) {
     Enter enter;
-    ++state().iDumps;
+    state().seen.calls.push_back("dump");
 }
 
 void ktn_xapi_free(void *pPayload) {
     Enter enter;
-    state().iPayloads -= pPayload != nullptr;
+    state().iHeld -= pPayload != nullptr;
     delete[] static_cast<unsigned char *>(pPayload);
 }
 }

@@ -1,7 +1,6 @@
 // framework.cpp - the script itself, and what is scripted of libvexa_pgl and libqxapi.
 #include "state.h"
 
-#include <algorithm>
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
@@ -24,26 +23,9 @@ void reset() {
         abort();
     }
     Enter enter;
-    State &s = state();
-    s.ulNow = START;
-    s.ulSlept = s.ulFrameAttempts = 0;
-    s.ulPauses = s.ulPaused = 0;
-    s.lWallOffset = 0;
-    s.bPollsTakeTime = s.bRegistryMissing = false;
-    s.rules.clear();
-    s.calls.clear();
-    s.reports.clear();
-    s.log.clear();
-    s.console.clear();
-    s.held.clear();
-    s.created.clear();
-    s.requests.clear();
-    s.pollTimeouts.clear();
-    s.frames.clear();
-    s.datagrams.clear();
-    s.registry.clear();
-    s.files.clear();
-    s.iDumps = s.iBreak = 0;
+    static_cast<Script &>(state()) = {};
+    state().ulPaused = 0;
+    state().lWallOffset = 0;
     failAllocation(0);
 }
 
@@ -102,16 +84,8 @@ void pollsTakeTime() {
     state().bPollsTakeTime = true;
 }
 
-unsigned long slept() {
-    Enter enter;
-    return state().ulSlept;
-}
-
 unsigned long pausedMicroseconds() {
     return state().ulPaused;
-}
-unsigned long pauses() {
-    return state().ulPauses;
 }
 void moveWallClock(long lSeconds) {
     state().lWallOffset += lSeconds;
@@ -119,14 +93,14 @@ void moveWallClock(long lSeconds) {
 
 void pass() {
     if (tThread != nullptr) {
-        ++tThread->ulPasses;
+        ++*tThread;
     }
     usleep(100);
 }
 
 void startThread(std::function<void()> body, long lFailAllocation) {
     Enter enter;
-    auto record = std::make_shared<ThreadRecord>();
+    auto record = std::make_shared<Passes>(0);
     state().threads.push_back(record);
     std::thread([record, body = std::move(body), lFailAllocation] {
         tThread = record.get();
@@ -145,12 +119,7 @@ int liveThreads() {
 }
 
 long threadAllocations() {
-    Enter enter;
-    long lSum = 0;
-    for (const auto &thread : state().threads) {
-        lSum += thread->lAllocations;
-    }
-    return lSum;
+    return state().lThreadAllocations;
 }
 
 static bool waitFor(const char *pszWhat, const std::function<bool()> &condition) {
@@ -167,20 +136,16 @@ static bool waitFor(const char *pszWhat, const std::function<bool()> &condition)
 }
 
 bool settle(unsigned uPasses) {
-    std::list<std::pair<std::shared_ptr<ThreadRecord>, unsigned long>> goals;
+    std::list<std::pair<std::shared_ptr<Passes>, unsigned long>> goals;
     {
         Enter enter;
         for (const auto &thread : state().threads) {
-            goals.emplace_back(thread, thread->ulPasses + uPasses);
+            goals.emplace_back(thread, *thread + uPasses);
         }
     }
-    return waitFor("a thread makes no passes", [&] {
-        Enter enter;
-        const auto &live = state().threads;
-        goals.remove_if([&](const auto &goal) {
-            return goal.first->ulPasses >= goal.second ||
-                   std::find(live.begin(), live.end(), goal.first) == live.end();
-        });
+    return waitFor("a thread makes no passes", [&] { // a thread that has ended holds its record no more
+        goals.remove_if(
+            [](const auto &goal) { return *goal.first >= goal.second || goal.first.use_count() == 1; });
         return goals.empty();
     });
 }
@@ -195,29 +160,14 @@ bool threadsEnd() {
 
 // ---- records
 
-std::vector<std::string> calls() {
+Records seen() {
     Enter enter;
-    return state().calls;
+    return state().seen;
 }
 
-void forgetCalls() {
+void forget() {
     Enter enter;
-    state().calls.clear();
-}
-
-std::string console() {
-    Enter enter;
-    return state().console;
-}
-
-std::vector<std::string> reports() {
-    Enter enter;
-    return state().reports;
-}
-
-std::vector<std::string> log() {
-    Enter enter;
-    return state().log;
+    state().seen = {};
 }
 
 void registryValue(const std::string &key, const std::string &value, int iLength) {
@@ -225,29 +175,14 @@ void registryValue(const std::string &key, const std::string &value, int iLength
     state().registry[key] = {value, iLength};
 }
 
-void registryMissing() {
-    Enter enter;
-    state().bRegistryMissing = true;
-}
-
-int liveRegistries() {
-    Enter enter;
-    return state().iRegistries;
-}
-
-std::string registryOpening() {
-    Enter enter;
-    return state().registryOpening;
-}
-
 void storedFile(const std::string &path, const std::vector<Packet> &packets) {
     Enter enter;
     state().files[path] = packets;
 }
 
-int lentPackets() {
+int held() {
     Enter enter;
-    return state().iLent;
+    return state().iHeld;
 }
 
 } // namespace script
@@ -278,14 +213,6 @@ Stream *of(ts_qxapi_stream *pStream) {
     return reinterpret_cast<Stream *>(pStream);
 }
 
-int startStream(ts_qxapi_stream *) {
-    Enter enter;
-    int iResult = 1;
-    decided(Step::STREAM_START, "", &iResult);
-    state().calls.push_back("start stream");
-    return iResult;
-}
-
 int isAtEnd(ts_qxapi_stream *pStream) {
     script::waitWhileHeld([] { return std::string("stream"); });
     return of(pStream)->ulNext == of(pStream)->packets.size() ? 7 : 0;
@@ -299,25 +226,26 @@ ts_qxapi_packet *nextPacket(ts_qxapi_stream *pStream) {
     }
     const script::Bytes &bytes = pThis->packets[pThis->ulNext++].bytes;
     pThis->lent = {bytes.data(), static_cast<unsigned int>(bytes.size())};
-    ++state().iLent;
+    ++state().iHeld;
     return &pThis->lent;
 }
 
 void releasePacket(ts_qxapi_stream *pStream, ts_qxapi_packet *pPacket) {
     Enter enter;
-    state().iLent -= pPacket == &of(pStream)->lent;
-    state().calls.push_back("release packet");
+    state().iHeld -= pPacket == &of(pStream)->lent;
+    state().seen.calls.push_back("release packet");
 }
 
-std::string textOrNone(const char *pszText) {
-    return pszText == nullptr ? "none" : pszText;
-}
-
-int ruled(Step step, const std::string &call) {
+// Records the call; a rule may decide its result.
+__attribute__((format(printf, 2, 3))) int ruled(Step step, const char *pszFormat, ...) {
     Enter enter;
+    va_list arguments;
+    va_start(arguments, pszFormat);
+    const std::string call = formatted(pszFormat, arguments);
+    va_end(arguments);
     int iResult = 1;
     decided(step, call, &iResult);
-    state().calls.push_back(call);
+    state().seen.calls.push_back(call);
     return iResult;
 }
 
@@ -331,31 +259,36 @@ std::string hex(const unsigned char *pData, unsigned int uLength) {
     return text;
 }
 
+const char *orNone(const char *pszText) {
+    return pszText == nullptr ? "none" : pszText;
+}
+
+int startStream(ts_qxapi_stream *) {
+    return ruled(Step::STREAM_START, "start stream");
+}
+
 // The settings are read when they matter: with the first call.
 int asfSetStation(ts_qxapi_asfcast *pCaster, const char *pszNSC, unsigned int uiFormatIndex) {
-    return ruled(Step::SET_STATION, "asf mode " + std::to_string(pCaster->uiMode) + " hops " +
-                                        std::to_string(pCaster->uiHops) + " station " + textOrNone(pszNSC) +
-                                        " " + std::to_string(uiFormatIndex));
+    return ruled(Step::SET_STATION, "asf mode %u hops %u station %s %u", pCaster->uiMode, pCaster->uiHops,
+                 orNone(pszNSC), uiFormatIndex);
 }
 
 int asfSetTarget(ts_qxapi_asfcast *, const char *pszTarget, unsigned int uiPort) {
-    return ruled(Step::SET_TARGET, "asf target " + textOrNone(pszTarget) + " " + std::to_string(uiPort));
+    return ruled(Step::SET_TARGET, "asf target %s %u", orNone(pszTarget), uiPort);
 }
 
 int asfSend(ts_qxapi_asfcast *, const unsigned char *pData, unsigned int uiLength) {
-    return ruled(Step::CASTER_SEND, "asf send" + hex(pData, uiLength));
+    return ruled(Step::CASTER_SEND, "asf send%s", hex(pData, uiLength).c_str());
 }
 
 int tsSetUp(ts_qxapi_tscast *pCaster, const char *pszAux, int iReserved, const char *pszTarget,
             unsigned int uiPort, unsigned int uiHops) {
-    return ruled(Step::SET_TARGET, "ts mode " + std::to_string(pCaster->uiMode) + " set-up " +
-                                       textOrNone(pszAux) + " " + std::to_string(iReserved) + " " +
-                                       textOrNone(pszTarget) + " " + std::to_string(uiPort) + " " +
-                                       std::to_string(uiHops));
+    return ruled(Step::SET_TARGET, "ts mode %u set-up %s %d %s %u %u", pCaster->uiMode, orNone(pszAux),
+                 iReserved, orNone(pszTarget), uiPort, uiHops);
 }
 
 int tsSend(ts_qxapi_tscast *, const unsigned char *pData, unsigned int uiLength) {
-    return ruled(Step::CASTER_SEND, "ts send" + hex(pData, uiLength));
+    return ruled(Step::CASTER_SEND, "ts send%s", hex(pData, uiLength).c_str());
 }
 
 const char *lookUp(ts_qx_registry *, const char *pszKeyPath, int *piLength) {
@@ -397,7 +330,7 @@ int qxapi_detached_thread_tag(void *(*pBody)(void *), void *pArgument, const cha
     int iResult = 0, iRefused = 0;
     {
         Enter enter;
-        state().calls.push_back(std::string("thread ") + pszTag);
+        state().seen.calls.push_back(std::string("thread ") + pszTag);
         decided(Step::THREAD_MEMORY, pszTag, &iRefused);
         if (decided(Step::THREAD, pszTag, &iResult)) {
             return iResult;
@@ -415,21 +348,21 @@ int qxapi_printf(const char *pszFormat, ...) {
     va_start(arguments, pszFormat);
     const std::string text = formatted(pszFormat, arguments);
     va_end(arguments);
-    state().console += text;
+    state().seen.console += text;
     return static_cast<int>(text.size());
 }
 
 void qxapi_assert_gateway(int iCondition, const char *, const char *pszFunction, int, const char *pszText) {
     Enter enter;
     if (iCondition == 0) {
-        state().reports.push_back(std::string(pszFunction) + ": " + pszText);
+        state().seen.reports.push_back(std::string(pszFunction) + ": " + pszText);
     }
 }
 
 int qxapi_get_plugin_argument(const struct ts_qxapi_plugin_argument *pArgument) {
     Enter enter;
-    state().calls.push_back(std::string("plug-in arguments ") +
-                            (pArgument == nullptr ? "none" : pArgument->ppszText[0]));
+    state().seen.calls.push_back(std::string("plug-in arguments ") +
+                                 (pArgument == nullptr ? "none" : pArgument->ppszText[0]));
     return 0;
 }
 
@@ -465,25 +398,23 @@ void qxapi_fast_seed_decrypt(unsigned char *pData, unsigned long ulLength, const
 
 struct ts_qx_registry *QX_OpenRegistry(const char *pszMaster, const char *pszSlave, unsigned int uiFlags) {
     Enter enter;
-    char szFlags[16];
-    snprintf(szFlags, sizeof szFlags, " %08X", uiFlags);
-    state().registryOpening = std::string(pszMaster) + " " + pszSlave + szFlags;
-    if (state().bRegistryMissing) {
+    if (state().registry.empty() || strcmp(pszMaster, "/reg/reg0/master.reg") != 0 ||
+        strcmp(pszSlave, "/reg/reg1/slave.reg") != 0 || uiFlags != 0x10000002) {
         return nullptr;
     }
-    ++state().iRegistries;
+    ++state().iHeld;
     return new ts_qx_registry{&REGISTRY_OPERATIONS};
 }
 
 void QX_CloseRegistry(struct ts_qx_registry *pRegistry) {
     Enter enter;
-    state().iRegistries -= pRegistry != nullptr;
+    state().iHeld -= pRegistry != nullptr;
     delete pRegistry;
 }
 
 struct ts_qxapi_stream *qxapi_open_stream(const char *pszFile) {
     Enter enter;
-    state().calls.push_back(std::string("open stream ") + pszFile);
+    state().seen.calls.push_back(std::string("open stream ") + pszFile);
     const auto file = state().files.find(pszFile);
     if (file == state().files.end()) {
         return nullptr;
@@ -493,7 +424,7 @@ struct ts_qxapi_stream *qxapi_open_stream(const char *pszFile) {
 
 void qxapi_close_stream(struct ts_qxapi_stream *pStream) {
     Enter enter;
-    state().calls.push_back("close stream");
+    state().seen.calls.push_back("close stream");
     delete of(pStream);
 }
 
@@ -504,7 +435,7 @@ void qxapi_load_balance(void) {
 struct ts_qxapi_asfcast *qxapi_open_asfcast(void) {
     Enter enter;
     int iResult = 0;
-    state().calls.push_back("open asf");
+    state().seen.calls.push_back("open asf");
     return decided(Step::CASTER_OPEN, "asf", &iResult)
                ? nullptr
                : new ts_qxapi_asfcast{70001, 70002, asfSetStation, asfSetTarget, asfSend};
@@ -512,20 +443,20 @@ struct ts_qxapi_asfcast *qxapi_open_asfcast(void) {
 
 void qxapi_close_asfcast(struct ts_qxapi_asfcast *pCaster) {
     Enter enter;
-    state().calls.push_back("close asf");
+    state().seen.calls.push_back("close asf");
     delete pCaster;
 }
 
 struct ts_qxapi_tscast *qxapi_open_tscast(void) {
     Enter enter;
     int iResult = 0;
-    state().calls.push_back("open ts");
+    state().seen.calls.push_back("open ts");
     return decided(Step::CASTER_OPEN, "ts", &iResult) ? nullptr : new ts_qxapi_tscast{70001, tsSetUp, tsSend};
 }
 
 void qxapi_close_tscast(struct ts_qxapi_tscast *pCaster) {
     Enter enter;
-    state().calls.push_back("close ts");
+    state().seen.calls.push_back("close ts");
     delete pCaster;
 }
 
@@ -533,7 +464,7 @@ int qxapi_log_printf(const char *pszTag, const char *pszFormat, ...) {
     Enter enter;
     va_list arguments;
     va_start(arguments, pszFormat);
-    state().log.push_back(std::string(pszTag) + ": " + formatted(pszFormat, arguments));
+    state().seen.log.push_back(std::string(pszTag) + ": " + formatted(pszFormat, arguments));
     va_end(arguments);
     return 1;
 }

@@ -14,7 +14,7 @@ namespace script {
 
 thread_local int tInside;
 thread_local long tFailAllocation;
-thread_local ThreadRecord *tThread;
+thread_local Passes *tThread;
 static thread_local bool tRefused;
 static std::atomic<long> lBlocks{0};
 
@@ -37,7 +37,7 @@ static bool refused() {
         return false;
     }
     if (tThread != nullptr) {
-        ++tThread->lAllocations;
+        ++state().lThreadAllocations;
     }
     if (tFailAllocation > 0 && --tFailAllocation == 0) {
         tRefused = true;
@@ -56,15 +56,6 @@ void __real_free(void *pBlock);
 int __real_select(int iCount, fd_set *pRead, fd_set *pWrite, fd_set *pExcept, timeval *pTimeout);
 int __real_pthread_mutex_trylock(pthread_mutex_t *pMutex);
 time_t __real_time(time_t *pTime);
-
-void *__wrap_malloc(size_t ulSize);
-void *__wrap_calloc(size_t ulCount, size_t ulSize);
-char *__wrap_strdup(const char *pszText);
-void __wrap_free(void *pBlock);
-int __wrap_select(int iCount, fd_set *pRead, fd_set *pWrite, fd_set *pExcept, timeval *pTimeout);
-int __wrap_pthread_mutex_trylock(pthread_mutex_t *pMutex);
-time_t __wrap_time(time_t *pTime);
-unsigned int __wrap_sleep(unsigned int uSeconds);
 
 static void *kept(void *pBlock) {
     script::lBlocks += pBlock != nullptr && script::tInside == 0;
@@ -94,7 +85,6 @@ int __wrap_select(int iCount, fd_set *pRead, fd_set *pWrite, fd_set *pExcept, ti
         pTimeout->tv_usec > 999999) {
         return __real_select(iCount, pRead, pWrite, pExcept, pTimeout);
     }
-    ++script::state().ulPauses;
     script::state().ulPaused += static_cast<unsigned long>(pTimeout->tv_sec * 1000000 + pTimeout->tv_usec);
     usleep(20);
     return 0;
@@ -125,34 +115,18 @@ unsigned int __wrap_sleep(unsigned int uSeconds) {
         script::advance(1);
         script::settle();
     }
-    script::Enter enter;
-    script::state().ulSlept += uSeconds;
     return 0;
 }
 }
 
+// All other forms of new and delete come down to these.
 void *operator new(size_t ulSize) {
     void *pBlock = script::refused() ? nullptr : __real_malloc(ulSize);
     return pBlock == nullptr ? throw std::bad_alloc() : pBlock;
 }
-void *operator new[](size_t ulSize) {
-    return operator new(ulSize);
-}
-void *operator new(size_t ulSize, const std::nothrow_t &) noexcept {
-    return script::refused() ? nullptr : __real_malloc(ulSize);
-}
-void *operator new[](size_t ulSize, const std::nothrow_t &tag) noexcept {
-    return operator new(ulSize, tag);
-}
 void operator delete(void *pBlock) noexcept {
     __real_free(pBlock);
 }
-void operator delete[](void *pBlock) noexcept {
-    __real_free(pBlock);
-}
 void operator delete(void *pBlock, size_t) noexcept {
-    __real_free(pBlock);
-}
-void operator delete[](void *pBlock, size_t) noexcept {
     __real_free(pBlock);
 }

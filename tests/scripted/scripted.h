@@ -27,20 +27,16 @@ unsigned long now();
 void advance(unsigned long ulSeconds);
 // An empty poll moves the clock by its time-out. Initially it moves nothing and costs one pass.
 void pollsTakeTime();
-// What sleep() was asked for in all. It moves the clock second by second and lets the threads work in
-// between.
-unsigned long slept();
-// Microseconds that select() without descriptors was asked to pause, all threads together, and how often. The
-// pause itself is left out.
+// sleep() moves the clock second by second and lets the threads work in between.
+// Microseconds that select() without descriptors was asked to pause, all threads together. The pause itself
+// is left out.
 unsigned long pausedMicroseconds();
-unsigned long pauses();
 // Moves what the C library's time() tells.
 void moveWallClock(long lSeconds);
 
 // ---- threads
-// Starts a
-// thread that counts like those of qxapi_detached_thread_tag. lFailAllocation: refuse its n-th allocation (0:
-// none).
+// Starts a thread that counts like those of qxapi_detached_thread_tag. lFailAllocation: refuse its n-th
+// allocation (0: none).
 void startThread(std::function<void()> body, long lFailAllocation = 0);
 int liveThreads();
 // Wait in real time, bounded; false when the bound is reached, with a line on standard error.
@@ -85,42 +81,37 @@ void failAllocation(long lNth);
 bool allocationFailed();
 // malloc, calloc and strdup blocks that have not been freed.
 long liveBlocks();
-// Allocations of the live threads since each started.
+// Allocations of all threads but the test's own.
 long threadAllocations();
 
 // ---- what happened
-// Calls in their order: endpoints ("init MODE VERSION", "create KEY", "hops FAMILY HOPS ON KEY",
-// "connect KEY", "receive IDENT", "close KEY", "delete KEY"), threads ("thread TAG"), streams and casters.
-std::vector<std::string> calls();
-void forgetCalls();
-std::string console();              // qxapi_printf
-std::vector<std::string> reports(); // qxapi_assert_gateway: "FUNCTION: TEXT"
-std::vector<std::string> log();     // qxapi_log_printf: "TAG: TEXT"
-
-// The settings of each endpoint when it was created: "mode M version V kind K peer P local L port N listen N
-// aux N timeout N error N"; a number that was left at the library's default shows as "-".
-std::vector<std::string> endpoints();
-int liveEndpoints(); // descriptors not yet deleted
-int livePayloads();  // received payloads not yet freed
-int dumps();         // ktn_xapi_dump_packet_info
-
 struct Frame {
     std::string key;
     unsigned long ulTime = 0;
     KTNET_PACKET header{}; // pPayload is null
     Bytes payload;
 };
-struct Datagram {
-    std::string key;
-    unsigned long ulTime = 0;
-    Bytes bytes;
+struct Records {
+    // Calls in their order: endpoints ("init MODE VERSION", "create KEY", "hops FAMILY HOPS ON KEY",
+    // "connect KEY", "receive IDENT", "close KEY", "delete KEY", "dump"), threads ("thread TAG"), streams and
+    // casters.
+    std::vector<std::string> calls;
+    std::vector<std::string> faults;  // calls that break the library's rules
+    std::vector<std::string> reports; // qxapi_assert_gateway: "FUNCTION: TEXT"
+    std::vector<std::string> log;     // qxapi_log_printf: "TAG: TEXT"
+    std::string console;              // qxapi_printf
+    // The settings of each endpoint when it was created: "mode M version V kind K peer P local L port N
+    // listen N aux N timeout N error N"; a number that was left at the library's default shows as "-".
+    std::vector<std::string> endpoints;
+    std::vector<Frame> frames;    // sent successfully, or with a scripted result of 0
+    std::vector<Bytes> datagrams; // the same
 };
-// Those that were sent successfully, or with a scripted result of 0, to an endpoint whose key contains `key`.
+Records seen();
+void forget(); // all of it
+// Those that were sent to an endpoint whose key contains `key`.
 std::vector<Frame> frames(const std::string &key);
-std::vector<Datagram> datagrams(const std::string &key);
-unsigned long frameAttempts(); // every ktn_xapi_ktnet_tx_data
-// The time-out that the last poll of such an endpoint was given.
-unsigned int pollTimeout(const std::string &key);
+int liveEndpoints(); // descriptors not yet deleted
+int held();          // received payloads, registries and packets of streams that were not given back
 
 // ---- what arrives
 // Queues a request for a local server. What a local client sends is queued too, until a server takes it.
@@ -130,11 +121,8 @@ int requestsWaiting();
 bool datagram(const std::string &address, const Bytes &bytes);
 
 // ---- host
-// Registry values; iLength is what the lookup reports. Without registryMissing the registry opens.
+// A registry value; iLength is what the lookup reports. Without a value there is no registry.
 void registryValue(const std::string &key, const std::string &value, int iLength);
-void registryMissing();
-int liveRegistries();
-std::string registryOpening(); // "MASTER SLAVE FLAGS" of the last one
 
 // A stored file whose packets fall due at the given times of the scripted clock. Any other file cannot be
 // opened.
@@ -143,7 +131,6 @@ struct Packet {
     Bytes bytes;
 };
 void storedFile(const std::string &path, const std::vector<Packet> &packets);
-int lentPackets();
 
 } // namespace script
 

@@ -17,11 +17,8 @@ namespace script {
 extern thread_local int tInside;
 extern thread_local long tFailAllocation;
 
-struct ThreadRecord {
-    std::atomic<unsigned long> ulPasses{0};
-    std::atomic<long> lAllocations{0};
-};
-extern thread_local ThreadRecord *tThread; // null in the test's own thread
+using Passes = std::atomic<unsigned long>;
+extern thread_local Passes *tThread; // null in the test's own thread
 
 struct Rule {
     Step step;
@@ -41,26 +38,26 @@ struct EndpointState {
     Request request{};
 };
 
-struct State {
-    std::mutex mutex;
-    unsigned long ulNow = START, ulSlept = 0;
-    std::atomic<unsigned long> ulPauses{0}, ulPaused{0};
-    std::atomic<long> lWallOffset{0};
-    bool bPollsTakeTime = false, bRegistryMissing = false;
-    std::list<std::shared_ptr<ThreadRecord>> threads;
+// What reset() forgets.
+struct Script {
+    unsigned long ulNow = START;
+    bool bPollsTakeTime = false;
+    int iBreak = 0;
     std::list<Rule> rules;
-    std::vector<std::string> calls, reports, log, created;
-    std::string console, registryOpening, held;
-    std::map<const KTNET_ENDPOINT *, EndpointState> endpoints;
-    std::map<int, const KTNET_ENDPOINT *> sockets;
-    std::map<std::string, unsigned int> pollTimeouts;
+    std::string held;
+    Records seen;
     std::map<std::string, std::deque<Request>> requests;
-    std::vector<Frame> frames;
-    std::vector<Datagram> datagrams;
     std::map<std::string, std::pair<std::string, int>> registry;
     std::map<std::string, std::vector<Packet>> files;
-    unsigned long ulFrameAttempts = 0;
-    int iNextSocket = 100000, iPayloads = 0, iDumps = 0, iRegistries = 0, iLent = 0, iBreak = 0;
+};
+
+struct State : Script {
+    std::mutex mutex;
+    std::atomic<unsigned long> ulPaused{0};
+    std::atomic<long> lWallOffset{0}, lThreadAllocations{0};
+    std::list<std::shared_ptr<Passes>> threads;
+    std::map<const KTNET_ENDPOINT *, EndpointState> endpoints;
+    int iNextSocket = 100000, iHeld = 0;
 };
 State &state();
 
