@@ -272,6 +272,10 @@ TYPED_TEST(ListTest, ListWithoutMemoryIsNotCreatedAndFilingLeavesTheRecord) {
         EXPECT_EQ(TypeParam::eliminate(&pInfo), 1);
     }
     EXPECT_EQ(this->file(this->record(1, 1)), 1);
+    typename TypeParam::List other{};
+    EXPECT_EQ(TypeParam::create(&other), 1);
+    EXPECT_EQ(TypeParam::insert(&other, this->record(1, 1)), 1);
+    EXPECT_EQ(TypeParam::destroy(&other), 1);
     typename TypeParam::Info *pCopy = nullptr; // there is a head, but no copy
     EXPECT_EQ(withoutAllocation(1, [&] { return TypeParam::copyHead(&this->list, &pCopy); }), 1);
     EXPECT_EQ(pCopy, nullptr);

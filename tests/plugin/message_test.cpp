@@ -129,11 +129,14 @@ TEST_F(MessageTest, CancelStopsItsOwnMessageOfItsOwnList) {
     file(&normal, {.ulCMD = PCMBC_CMD_CANCEL, .ulEPGID = 2}); // another message
     file(&normal, {.ulCT = 99, .ulCMD = PCMBC_CMD_CANCEL}); // older than the one on air: it stays in the list
     EXPECT_THAT(aired(7), ElementsAre("0 nor", "7 nor"));
+    file(&normal, {.pszText = "old", .ulCT = 98, .ulRep = 1, .ulEPGID = 9});
     file(&normal, {.pszText = "any", .ulCMD = PCMBC_CMD_CANCEL});
-    runTo(20);
+    runTo(30);
     file(&priority, {.pszText = "pri", .ulPri = 1, .ulEPGID = 3});
+    file(&priority, {.pszText = "sec", .ulCT = 98, .ulPri = 1, .ulRep = 1, .ulEPGID = 4});
     file(&priority, {.ulCMD = PCMBC_CMD_CANCEL, .ulEPGID = 3});
-    EXPECT_THAT(aired(40), ElementsAre("0 nor", "7 nor", "20 pri"));
+    // The next one waits for the pause of the one that was cancelled.
+    EXPECT_THAT(aired(50), ElementsAre("0 nor", "7 nor", "14 old", "30 pri", "37 sec"));
     EXPECT_EQ(priority.pList->iCount + normal.pList->iCount, 0);
 }
 
@@ -153,11 +156,28 @@ TEST_F(MessageTest, EquallyOldMessagesTakeTurns) {
     }));
 }
 
+TEST_F(MessageTest, MessageThatCannotBeFiledBackIsLostAlone) {
+    Engine engine(PCMBCEngine, lists);
+    file(&normal, {.pszText = "on"});
+    pthread_mutex_lock(normal.pMutex);
+    file(&priority, {.pszText = "pri", .ulPri = 1, .ulRep = 1});
+    EXPECT_TRUE(script::eventually([this] { return count(out(), "can NOT LOCK") == 1; }));
+    pthread_mutex_unlock(normal.pMutex);
+    EXPECT_THAT(aired(20), ElementsAre("0 on", "7 pri"));
+}
+
 TEST_F(MessageTest, TimesOfStartAndEnd) {
+    for (MSGList *pList : lists) {
+        script::reset();
+        Engine engine(PCMBCEngine, lists);
+        file(pList, {.pszText = "late", .ulRep = 1, .ulST = 3});
+        EXPECT_THAT(aired(), IsEmpty());
+        EXPECT_THAT(aired(1), ElementsAre("1 late")); // two seconds ahead it is taken, and goes out at once
+    }
+    script::reset();
     Engine engine(PCMBCEngine, lists);
     file(&normal, {.pszText = "late", .ulST = 3});
-    EXPECT_THAT(aired(), IsEmpty());
-    EXPECT_THAT(aired(1), ElementsAre("1 late")); // two seconds ahead it is taken, and goes out at once
+    runTo(1);
     file(&priority,
          {.pszText = "ends", .ulCT = 300, .ulPri = 1, .ulRep = 0, .ulET = 20}); // repeat 0: until the end
     file(&priority, {.pszText = "over", .ulCT = 400, .ulPri = 1, .ulET = 1});

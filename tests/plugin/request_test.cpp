@@ -20,7 +20,7 @@ protected:
 
     char m_text[5] = "text";
     CASTInfo *m_pCast = cast({.ulType = 1});
-    MSGInfo m_message{0, 0x1122334455, 1, 100, START, START + 100, 65538, 33333, 32, m_text};
+    MSGInfo m_message{0, 0x1122334455, 1, 100, START, START + 100, 1, 33333, 32, m_text};
 };
 
 TEST_F(SenderTest, RequestsAreAsTheReceiversReadThem) {
@@ -61,14 +61,20 @@ TEST_F(SenderTest, RequestsAreAsTheReceiversReadThem) {
         EXPECT_EQ(script::frames(key(true)).back().payload, bytes(row.pszPayload));
         ELIMINATECASTInfo(&pInfo);
     }
-    for (const unsigned long ulCMD : {PCMBC_CMD_MSG, PCMBC_CMD_CANCEL}) {
+    const std::tuple<unsigned long, unsigned long, const char *> requests[] = {
+        {PCMBC_CMD_MSG, 65536, "00 00"}, {PCMBC_CMD_CANCEL, 65537, "01 00"}};
+    for (const auto &[ulCMD, ulRepeat, pszRepeat] : requests) {
+        m_message.ulRepeat = ulRepeat;
         EXPECT_EQ(QX_PCCASTMBCCommander(ulCMD, &m_message), 1);
         EXPECT_TRUE(isHeader(script::frames(key(false)).back(), 200, 205, ulCMD, 0x22334455));
         EXPECT_EQ(script::frames(key(false)).back().payload,
                   bytes("03 00 04 00 64 00 00 00 0E 00 04 00 01 00 00 00 0B 00 04 00 00 CA 9A 3B"
                         "0C 00 04 00 64 CA 9A 3B 01 50 04 00 20 00 00 00 03 50 04 00 35 82 00 00"
-                        "0A 50 02 00 02 00 0B 50 04 00 'text'"));
+                        "0A 50 02 00 " +
+                        std::string(pszRepeat) + "0B 50 04 00 'text'"));
     }
+    EXPECT_EQ(TxPCMBCInfoToPlugIn(0x40021, &m_message), 1); // the result of the creation: nothing was sent
+    EXPECT_EQ(script::frames(key(false)).size(), 2u);
     EXPECT_EQ(m_message.ulCMD, 0u);
     m_text[0] = '\0'; // an empty text is a text
     EXPECT_EQ(QX_PCCASTMBCCommander(PCMBC_CMD_MSG, &m_message), 1);
@@ -181,8 +187,9 @@ protected:
     // Has the request handled, then tells what was filed, and takes it: "LIST: COMMAND EPGID SOURCE TARGET
     // FILE KEY SPLIT" for a cast, "LIST: COMMAND EPGID PRIORITY CT ST ET REPEAT ATTR3 ATTR1 TEXT" for a
     // message.
-    std::string filed(bool bCast, unsigned int uiCommand, const std::string &items) {
-        script::request(bCast ? CAST_PATH : MESSAGE_PATH, uiCommand, 0x80000009, bytes(items));
+    std::string filed(bool bCast, unsigned int uiCommand, const std::string &items,
+                      unsigned int uiParam = 0x80000009) {
+        script::request(bCast ? CAST_PATH : MESSAGE_PATH, uiCommand, uiParam, bytes(items));
         EXPECT_TRUE(script::eventually([] { return script::requestsWaiting() == 0; }));
         EXPECT_TRUE(script::settle(3));
         std::string text;
@@ -277,12 +284,20 @@ TEST_F(ReceiverTest, MessageItemsMissingEmptyDoubledOrUnknown) {
          "priority: " + head + "1 0 2 2147483651 1 5 4 ef"},
         {0x40020, "0B 50 00 00", ""},
         {0x40023, "0E 00 04 00 01 00 00 00", ""},
-        {77, "0B 50 01 00 'g'", "normal: 77 2147483657 0 0 2 2147483651 1 5 4 g"}};
+        {77, "0B 50 01 00 'g'", "normal: 77 2147483657 0 0 2 2147483651 1 5 4 g"},
+        // Longer than their fields: the bytes beyond are not read.
+        {0x40020, "0A 50 04 00 07 00 01 00 0E 00 06 00 01 00 00 00 09 09 0B 50 01 00 'j'",
+         "priority: " + head + "1 0 2 2147483651 7 5 4 j"},
+        {0x40020, "0C 00 00 00 03 00 04 00 05 00 00 00 03 00 04 00 06 00 00 00 0B 50 02 00 00 'k'",
+         "normal: " + head + "0 6 2 0 7 5 4 "}, // a text is one up to its first NUL, and be it the first byte
+        {0x40020, "0B 50 01 00 'a' 0B 50 00 00", ""}};
     for (const Case &row : cases) {
         EXPECT_EQ(filed(false, row.uiCommand, row.items), row.filed) << row.items;
     }
-    EXPECT_EQ(out(), line + line);
-    EXPECT_EQ(count(joined(script::seen().calls), "receive 205"), std::size(cases));
+    EXPECT_EQ(filed(false, 0x40020, "", 31), "");
+    EXPECT_EQ(out(),
+              line + line + line + "RxPCMBCInfoEngine(iEPGID[31](0x0      1F)): NULL PCMessage Received\n");
+    EXPECT_EQ(count(joined(script::seen().calls), "receive 205"), std::size(cases) + 1);
 }
 
 // A request with a lie is refused whole: nothing of it is filed, or left for a later one that lacks an item.
