@@ -1,18 +1,18 @@
 #!/usr/bin/env bash
-# Stored files: both kinds are found from their content, played byte for byte, announced and logged.
+# Stored files: both kinds are found from their content, played byte for byte, announced and logged; and ffmpeg, where
+# it is installed, finds every frame and packet in what was received, without a word of complaint.
 . "$(dirname "$0")/service.sh"
 cp "$samples/sample.nsc" /fixdata/bypass.nsc
-head -c $((80 * 1316)) "$samples/sample.ts" >short.ts # two seconds
 start_service
 start_watch
 
 "$bin/pccast-receive" 239.77.0.5:5005 received.ts >receive.log 2>&1 &
 receiver=$!
-"$pccast" file short.ts --to 239.77.0.5:5005 --epg 11 --for 20s
+"$pccast" file "$samples/sample.ts" --to 239.77.0.5:5005 --epg 11 --for 30s
 wait $receiver
-cmp short.ts received.ts || fail "the transport stream arrived otherwise than stored"
+cmp "$samples/sample.ts" received.ts || fail "the transport stream arrived otherwise than stored"
 within 2 grep -q '"kind":"on-air".*"epg":11,"type":16,"format":2,.*"crcOk":true' heard
-within 2 grep -q '\[play\].*TYPE=ASF@FILECAST,IEPGID=0x0000000B,FILE="'"$work"'/short.ts"' serve.log
+within 2 grep -q '\[play\].*TYPE=ASF@FILECAST,IEPGID=0x0000000B,FILE="'"$samples"'/sample.ts"' serve.log
 
 "$bin/pccast-receive" 239.192.48.179:8080 received.asf --skip 8 >receive.log 2>&1 &
 receiver=$!
@@ -25,3 +25,20 @@ wait $receiver
 within 12 grep -q '"kind":"on-air".*"epg":12,"type":16,"format":3,.*"crcOk":true,"stationCrcOk":true,"station":"\[Address\]' heard
 within 2 grep -q '\[play\].*IEPGID=0x0000000C,.*NSC="/fixdata/bypass.nsc"' serve.log
 end_service TERM
+
+command -v ffmpeg ffprobe >/dev/null || { echo "ffmpeg is not installed: its judgement is left out"; exit 0; }
+frames() { # of each stream, as decoded
+    ffprobe -loglevel error -count_frames -show_entries stream=codec_name,nb_read_frames -of csv=p=0 "$1" 2>&1
+}
+packets() { # each one's place in its stream, size and content, and any complaint
+    ffmpeg -nostdin -loglevel error -i "$1" -map 0 -c copy -f framemd5 - 2>&1 | grep -v '^#'
+}
+complaints=$(ffmpeg -nostdin -loglevel warning -i received.ts -f null - 2>&1)
+[ -z "$complaints" ] || fail "ffmpeg on the received transport stream: $complaints"
+frames received.ts | grep -qx h264,300 || fail "not all frames of the transport stream: $(frames received.ts)"
+# A receiver has the file's header from the station file.
+header=$(($(wc -c <"$samples/sample.asf") - $("$here/../../script/asf-packets" "$samples/sample.asf" | wc -c)))
+cat <(head -c "$header" "$samples/sample.asf") received.asf >heard.asf
+[ "$(packets "$samples/sample.asf" | tee sent.md5 | wc -l)" -ge 270 ] || fail "the sample has too few packets"
+packets heard.asf | cmp - sent.md5 || fail "the ASF packets differ"
+frames heard.asf | grep -qx wmv2,150 || fail "not all frames of the ASF file: $(frames heard.asf)"

@@ -1,9 +1,10 @@
-// What the KTNet tests share: endpoints and plain sockets that release themselves, and a stopwatch.
+// What the KTNet tests share: endpoints and plain sockets that release themselves, frames, and a stopwatch.
 #ifndef KTN_SUPPORT_H
 #define KTN_SUPPORT_H
 
 #include <qxapi_ktn.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <memory>
@@ -34,32 +35,18 @@ inline ENDPOINT endpoint(unsigned int uiKind, const std::string &Peer, const std
     pDesc->uiTimeoutMs = uiTimeoutMs;
     return ENDPOINT(pDesc);
 }
-inline ENDPOINT server(const std::string &Path, unsigned int uiTimeoutMs = 2000) {
-    return endpoint(KTNET_KIND_LOCAL, "", Path, 0, 1, uiTimeoutMs);
-}
-inline ENDPOINT client(const std::string &Path, unsigned int uiTimeoutMs = 2000) {
-    return endpoint(KTNET_KIND_LOCAL, Path, "", 0, 0, uiTimeoutMs);
-}
-inline ENDPOINT sender(const std::string &Address, unsigned int uiPort) {
-    return endpoint(KTNET_KIND_UDP, Address, "", uiPort, 0);
-}
-inline ENDPOINT receiver(const std::string &Address, unsigned int uiPort,
-                         const std::string &Local = "127.0.0.1") {
-    return endpoint(KTNET_KIND_UDP, Address, Local, uiPort, 1);
-}
 
 // A socket without the library.
 struct PLAIN_SOCKET {
-    int iSocket = -1;
-    sockaddr_un Address{};
+    int iSocket;
+    sockaddr_un Address{AF_UNIX, {}};
 
     explicit PLAIN_SOCKET(const std::string &Path, int iType = SOCK_STREAM | SOCK_NONBLOCK)
         : iSocket(socket(AF_UNIX, iType, 0)) {
-        Address.sun_family = AF_UNIX;
         Path.copy(Address.sun_path, sizeof Address.sun_path - 1);
     }
-    PLAIN_SOCKET(PLAIN_SOCKET &&Other)
-    noexcept : iSocket(std::exchange(Other.iSocket, -1)), Address(Other.Address) {}
+    PLAIN_SOCKET(const PLAIN_SOCKET &) = delete;
+    PLAIN_SOCKET &operator=(const PLAIN_SOCKET &) = delete;
     ~PLAIN_SOCKET() { end(); }
     void end() {
         if (iSocket >= 0)
@@ -67,6 +54,7 @@ struct PLAIN_SOCKET {
     }
     const sockaddr *address() const { return reinterpret_cast<const sockaddr *>(&Address); }
     bool bindTo() { return bind(iSocket, address(), sizeof Address) == 0; }
+    bool listenTo(int iQueue) { return bindTo() && listen(iSocket, iQueue) == 0; }
     bool connectTo() { return connect(iSocket, address(), sizeof Address) == 0; }
     bool put(const BYTES &Bytes) {
         return send(iSocket, Bytes.data(), Bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(Bytes.size());
@@ -75,10 +63,7 @@ struct PLAIN_SOCKET {
 
 struct STOPWATCH {
     std::chrono::steady_clock::time_point Started = std::chrono::steady_clock::now();
-    std::chrono::milliseconds spent() const {
-        return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
-                                                                     Started);
-    }
+    auto spent() const { return std::chrono::steady_clock::now() - Started; }
 };
 
 // A frame as it must be on the wire: ident 200, service 205, command 0x40020, parameter 0x01020304, payload
@@ -99,22 +84,28 @@ inline KTNET_PACKET packetOf(BYTES &Payload) {
     return Packet;
 }
 
-// Frames that must be refused, made from FrameBytes: bytes put at an offset, or the frame cut short.
-struct BAD_FRAME {
-    const char *pszWhat;
-    size_t ulAt;
-    BYTES Put;
-    size_t ulKeep; // bytes of the frame that are sent
-    int iLocal;    // what a local receiver returns; -ETIMEDOUT rows wait for more
-    int iDecode;   // what decoding says
-};
-const std::vector<BAD_FRAME> &badFrames();
-
 // Takes a payload over and releases it.
 inline BYTES payloadOf(KTNET_PACKET &Packet) {
     BYTES Payload(Packet.pPayload, Packet.pPayload + Packet.ulPayloadLen);
     ktn_xapi_free(std::exchange(Packet.pPayload, nullptr));
     return Payload;
 }
+
+// Frames that must be refused, made from FrameBytes: bytes put at an offset, or the frame cut short.
+struct BAD_FRAME {
+    const char *pszWhat;
+    size_t ulAt;
+    BYTES Put;
+    size_t ulKeep; // bytes of the frame that are sent
+    int iLocal;    // what a local receiver returns
+    int iDecode;   // what decoding says
+
+    BYTES bytes() const {
+        BYTES Bytes = FrameBytes;
+        std::copy(Put.begin(), Put.end(), Bytes.begin() + static_cast<std::ptrdiff_t>(ulAt));
+        return BYTES(Bytes.data(), Bytes.data() + ulKeep);
+    }
+};
+const std::vector<BAD_FRAME> &badFrames();
 
 #endif

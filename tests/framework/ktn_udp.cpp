@@ -3,19 +3,31 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <netinet/in.h>
+#include <tuple>
 
 namespace {
+
+ENDPOINT sender(const std::string &Address = "239.1.1.1", unsigned int uiPort = 5000) {
+    return endpoint(KTNET_KIND_UDP, Address, "", uiPort, 0);
+}
+ENDPOINT receiver(const std::string &Address = "239.1.1.1", unsigned int uiPort = 5000,
+                  const std::string &Local = "127.0.0.1", unsigned int uiTimeoutMs = 2000) {
+    return endpoint(KTNET_KIND_UDP, Address, Local, uiPort, 1, uiTimeoutMs);
+}
+ENDPOINT opened(ENDPOINT Desc) {
+    EXPECT_EQ(ktn_xapi_ktnet_create(Desc.get()), 1) << Desc->szPeer << ":" << Desc->uiPort;
+    return Desc;
+}
 
 // Waits for the next datagram of an endpoint. Empty when none comes.
 BYTES take(const ENDPOINT &Receiver, unsigned int uiTimeoutMs = 2000) {
     BYTES Data(65536);
     if (ktn_xapi_rx_poll_socket(Receiver->iSocket, uiTimeoutMs) != 1)
         return {};
-    const ssize_t lLength = recvfrom(Receiver->iSocket, Data.data(), Data.size(), 0, nullptr, nullptr);
+    const ssize_t lLength = recv(Receiver->iSocket, Data.data(), Data.size(), 0);
     Data.resize(lLength > 0 ? static_cast<size_t>(lLength) : 0);
     return Data;
 }
@@ -23,11 +35,6 @@ BYTES take(const ENDPOINT &Receiver, unsigned int uiTimeoutMs = 2000) {
 int give(const ENDPOINT &Sender, BYTES Data) {
     KTNET_BUFFER Buffer{Data.data(), Data.size()};
     return ktn_xapi_ktnet_tx_a_packet(Sender.get(), 0, &Buffer);
-}
-
-ENDPOINT opened(ENDPOINT Desc) {
-    EXPECT_EQ(ktn_xapi_ktnet_create(Desc.get()), 1) << Desc->szPeer << ":" << Desc->uiPort;
-    return Desc;
 }
 
 int option(const ENDPOINT &Desc, int iLevel, int iOption) {
@@ -38,11 +45,10 @@ int option(const ENDPOINT &Desc, int iLevel, int iOption) {
 }
 
 TEST(Udp, GroupAndPortAloneAreReceivedByEveryListener) {
-    const ENDPOINT First = opened(receiver("239.1.1.1", 5000)), Second = opened(receiver("239.1.1.1", 5000)),
-                   OtherGroup = opened(receiver("239.1.1.2", 5000)),
-                   OtherPort = opened(receiver("239.1.1.1", 5001, "lo")),
-                   Sender = opened(sender("239.1.1.1", 5000));
-    EXPECT_EQ(give(opened(sender("127.0.0.1", 5000)), {8}), 1); // to the port alone: nobody's
+    const ENDPOINT First = opened(receiver()), Second = opened(receiver()),
+                   OtherGroup = opened(receiver("239.1.1.2")),
+                   OtherPort = opened(receiver("239.1.1.1", 5001, "lo")), Sender = opened(sender());
+    EXPECT_EQ(give(opened(sender("127.0.0.1")), {8}), 1); // to the port alone: nobody's
     EXPECT_EQ(give(Sender, {1, 2, 3}), 3);
     EXPECT_EQ(give(Sender, {}), 1) << "an empty datagram is sent too";
     EXPECT_EQ(take(First), (BYTES{1, 2, 3}));
@@ -52,38 +58,21 @@ TEST(Udp, GroupAndPortAloneAreReceivedByEveryListener) {
     EXPECT_EQ(take(OtherPort, 0), BYTES{});
 }
 
-TEST(Udp, HopLimitIsOnTheDatagram) {
-    const ENDPOINT Receiver = opened(receiver("239.1.1.1", 5000)), Sender = opened(sender("239.1.1.1", 5000));
+TEST(Udp, HopLimitAndLoopAreTakenOrRefused) {
+    const ENDPOINT Sender = opened(sender());
     EXPECT_EQ(option(Sender, IPPROTO_IP, IP_MULTICAST_LOOP), 1);
-    EXPECT_EQ(ktn_xapi_hops_socket(0, Sender->iSocket, 0, 0), 1);
-    EXPECT_EQ(option(Sender, IPPROTO_IP, IP_MULTICAST_LOOP), 0);
-    EXPECT_EQ(ktn_xapi_hops_socket(0, Sender->iSocket, 5, 1), 1);
-    EXPECT_EQ(option(Sender, IPPROTO_IP, IP_MULTICAST_LOOP), 1);
+    for (const auto &[iFamily, iHops, iOn] : {std::tuple{0, 0, 0}, {AF_INET, 255, 1}, {0, 5, 0}}) {
+        EXPECT_EQ(ktn_xapi_hops_socket(iFamily, Sender->iSocket, iHops, iOn), 1);
+        EXPECT_EQ(option(Sender, IPPROTO_IP, IP_MULTICAST_TTL), iHops);
+        EXPECT_EQ(option(Sender, IPPROTO_IP, IP_MULTICAST_LOOP), iOn);
+    }
     EXPECT_EQ(ktn_xapi_hops_socket(0, Sender->iSocket, 256, 1), -EINVAL);
     EXPECT_EQ(ktn_xapi_hops_socket(AF_INET6, Sender->iSocket, 5, 1), -EAFNOSUPPORT);
     EXPECT_EQ(ktn_xapi_hops_socket(0, -1, 5, 1), -EBADF);
-
-    const int iOn = 1;
-    setsockopt(Receiver->iSocket, IPPROTO_IP, IP_RECVTTL, &iOn, sizeof iOn);
-    ASSERT_EQ(give(Sender, {9}), 1);
-    ASSERT_EQ(ktn_xapi_rx_poll_socket(Receiver->iSocket, 2000), 1);
-    alignas(cmsghdr) unsigned char Control[64];
-    unsigned char cByte = 0;
-    iovec Piece{&cByte, 1};
-    msghdr Message{};
-    Message.msg_iov = &Piece;
-    Message.msg_iovlen = 1;
-    Message.msg_control = Control;
-    Message.msg_controllen = sizeof Control;
-    ASSERT_EQ(recvmsg(Receiver->iSocket, &Message, 0), 1);
-    int iHops = -1;
-    ASSERT_NE(CMSG_FIRSTHDR(&Message), nullptr);
-    memcpy(&iHops, CMSG_DATA(CMSG_FIRSTHDR(&Message)), sizeof iHops);
-    EXPECT_EQ(iHops, 5);
 }
 
 TEST(Udp, FrameIsOneDatagramByteForByte) {
-    const ENDPOINT Receiver = opened(receiver("239.1.1.1", 5000)), Sender = opened(sender("239.1.1.1", 5000));
+    const ENDPOINT Receiver = opened(receiver()), Sender = opened(sender());
     BYTES Payload = {'a', 'b', 'c'};
     KTNET_PACKET Packet = packetOf(Payload);
     ASSERT_EQ(ktn_xapi_ktnet_tx_data(Sender.get(), &Packet), 1);
@@ -106,17 +95,12 @@ TEST(Udp, FrameIsOneDatagramByteForByte) {
 }
 
 TEST(Udp, DatagramThatIsNoFrameDoesNotBlockTheNext) {
-    ENDPOINT Receiver = receiver("239.1.1.1", 5000);
-    Receiver->uiTimeoutMs = 200;
-    Receiver = opened(std::move(Receiver));
-    const ENDPOINT Sender = opened(sender("239.1.1.1", 5000));
+    const ENDPOINT Receiver = opened(receiver("239.1.1.1", 5000, "127.0.0.1", 200)),
+                   Sender = opened(sender());
     KTNET_PACKET Received{};
     EXPECT_EQ(ktn_xapi_ktnet_rx_data(Receiver.get(), &Received), -ETIMEDOUT);
     for (const BAD_FRAME &Bad : badFrames()) {
-        BYTES Bytes = FrameBytes;
-        std::copy(Bad.Put.begin(), Bad.Put.end(), Bytes.begin() + static_cast<std::ptrdiff_t>(Bad.ulAt));
-        Bytes.resize(Bad.ulKeep);
-        give(Sender, Bytes);
+        give(Sender, Bad.bytes());
         give(Sender, FrameBytes);
         EXPECT_EQ(ktn_xapi_ktnet_rx_data(Receiver.get(), &Received), -EPROTO) << Bad.pszWhat;
         EXPECT_EQ(Received.pPayload, nullptr) << Bad.pszWhat;
@@ -139,25 +123,20 @@ TEST(Udp, UnicastReceiverThatComesLateGetsTheNextDatagram) {
 }
 
 TEST(Udp, AddressesThatAreNoneAreRefused) {
-    struct CASE {
-        const char *pszAddress;
-        unsigned int uiPort;
-    };
-    const CASE Cases[] = {{"", 5000},          {"239.1.1", 5000},       {"239.1.1.1 ", 5000},
-                          {"256.1.1.1", 5000}, {"localhost", 5000},     {"::1", 5000},
-                          {"0.0.0.0", 5000},   {"239.1.1.1", 0},        {"239.1.1.1", 70000},
-                          {"-1.2.3.4", 5000},  {"239.1.1.1:5000", 5000}};
-    for (const CASE &Case : Cases) {
+    const std::pair<const char *, unsigned int> Cases[] = {
+        {"", 5000},          {"239.1.1", 5000},  {"239.1.1.1 ", 5000},    {"256.1.1.1", 5000},
+        {"::1", 5000},       {"0.0.0.0", 5000},  {"239.1.1.1", 0},        {"239.1.1.1", 70000},
+        {"localhost", 5000}, {"-1.2.3.4", 5000}, {"239.1.1.1:5000", 5000}};
+    for (const auto &[pszAddress, uiPort] : Cases) {
         for (const unsigned int uiListen : {0u, 1u}) {
-            const ENDPOINT Desc =
-                endpoint(KTNET_KIND_UDP, Case.pszAddress, "127.0.0.1", Case.uiPort, uiListen);
-            EXPECT_EQ(ktn_xapi_ktnet_create(Desc.get()), -EINVAL) << Case.pszAddress << " " << Case.uiPort;
+            const ENDPOINT Desc = endpoint(KTNET_KIND_UDP, pszAddress, "127.0.0.1", uiPort, uiListen);
+            EXPECT_EQ(ktn_xapi_ktnet_create(Desc.get()), -EINVAL) << pszAddress << " " << uiPort;
             EXPECT_EQ(Desc->iSocket, -1);
             EXPECT_EQ(give(Desc, {1}), -EBADF) << "a failed endpoint carries nothing";
         }
     }
-    EXPECT_EQ(ktn_xapi_ktnet_create(receiver("192.0.2.1", 5000).get()), -EADDRNOTAVAIL);
-    EXPECT_EQ(ktn_xapi_ktnet_create(sender(std::string(128, '1'), 5000).get()), -ENAMETOOLONG);
+    EXPECT_EQ(ktn_xapi_ktnet_create(receiver("192.0.2.1").get()), -EADDRNOTAVAIL);
+    EXPECT_EQ(ktn_xapi_ktnet_create(sender(std::string(128, '1')).get()), -ENAMETOOLONG);
 }
 
 TEST(Udp, GroupThatCanNotBeJoinedIsAnErrorThatNamesIt) {
@@ -172,22 +151,20 @@ TEST(Udp, GroupThatCanNotBeJoinedIsAnErrorThatNamesIt) {
 
 TEST(Udp, SendingInterfaceComesFromTheEnvironmentElseFromTheRoutes) {
     ASSERT_EQ(std::system("ip route del 224.0.0.0/4"), 0);
-    const ENDPOINT Receiver = opened(receiver("239.1.1.1", 5000));
+    const ENDPOINT Receiver = opened(receiver());
     testing::internal::CaptureStderr();
-    EXPECT_EQ(ktn_xapi_ktnet_create(sender("239.1.1.1", 5000).get()), -ENETUNREACH);
+    EXPECT_EQ(ktn_xapi_ktnet_create(sender().get()), -ENETUNREACH);
     EXPECT_NE(testing::internal::GetCapturedStderr().find("KTNET_MULTICAST_IF can name"), std::string::npos);
     for (const char *pszInterface : {"lo", "127.0.0.1"}) {
         setenv("KTNET_MULTICAST_IF", pszInterface, 1);
-        const ENDPOINT Sender = opened(sender("239.1.1.1", 5000));
-        EXPECT_EQ(give(Sender, {7}), 1);
+        EXPECT_EQ(give(opened(sender()), {7}), 1);
         EXPECT_EQ(take(Receiver), BYTES{7}) << pszInterface;
     }
     for (const char *pszInterface : {"nosuch0", "10.9.8.7"}) {
         setenv("KTNET_MULTICAST_IF", pszInterface, 1);
-        EXPECT_LT(ktn_xapi_ktnet_create(sender("239.1.1.1", 5000).get()), 0) << pszInterface;
+        EXPECT_LT(ktn_xapi_ktnet_create(sender().get()), 0) << pszInterface;
     }
-    EXPECT_EQ(ktn_xapi_ktnet_create(sender("127.0.0.1", 5000).get()), 1)
-        << "a plain address takes no interface";
+    opened(sender("127.0.0.1")); // a plain address takes no interface
     unsetenv("KTNET_MULTICAST_IF");
     EXPECT_EQ(std::system("ip route add 224.0.0.0/4 dev lo"), 0);
 }
@@ -196,7 +173,7 @@ TEST(Udp, SendingInterfaceComesFromTheEnvironmentElseFromTheRoutes) {
 // said.
 TEST(Udp, StallOfTheReaderLosesNothing) {
     testing::internal::CaptureStderr();
-    const ENDPOINT Receiver = opened(receiver("239.1.1.1", 5000)), Sender = opened(sender("239.1.1.1", 5000));
+    const ENDPOINT Receiver = opened(receiver()), Sender = opened(sender());
     const std::string Printed = testing::internal::GetCapturedStderr();
     const int iWanted = 3799, iRoom = option(Receiver, SOL_SOCKET, SO_RCVBUF) / 2304;
     EXPECT_EQ(Printed.find("raise net.core.rmem_max") != std::string::npos, iRoom < iWanted * 9 / 10)

@@ -2,80 +2,48 @@
 #include "asfstream.h"
 #include "media_files.h"
 
-#include <functional>
-
 namespace {
+
+using namespace std::string_literals;
 
 constexpr unsigned int PACKET = 100;
 
-std::string bytes(std::initializer_list<int> Values) {
+const std::string GUID_TAIL = "\x8E\x66\xCF\x11\xA6\xD9\x00\xAA\x00\x62\xCE\x6C"s;
+const std::string GUID_INDEX = "\x90\x08\x00\x33\xB1\xE5\xCF\x11\x89\xF4\x00\xA0\xC9\x03\x49\xCB"s;
+
+// Bytes put at a place of the header, where its facts can lie.
+struct PUT {
+    std::size_t ulAt;
     std::string sBytes;
-    for (const int iValue : Values)
-        sBytes += static_cast<char>(iValue);
-    return sBytes;
-}
-
-const std::string GUID_TAIL = bytes({0x8E, 0x66, 0xCF, 0x11, 0xA6, 0xD9, 0x00, 0xAA, 0x00, 0x62, 0xCE, 0x6C});
-const std::string GUID_HEADER = bytes({0x30, 0x26, 0xB2, 0x75}) + GUID_TAIL;
-const std::string GUID_DATA = bytes({0x36, 0x26, 0xB2, 0x75}) + GUID_TAIL;
-const std::string GUID_PROPERTIES =
-    bytes({0xA1, 0xDC, 0xAB, 0x8C, 0x47, 0xA9, 0xCF, 0x11, 0x8E, 0xE4, 0x00, 0xC0, 0x0C, 0x20, 0x53, 0x65});
-const std::string GUID_INDEX =
-    bytes({0x90, 0x08, 0x00, 0x33, 0xB1, 0xE5, 0xCF, 0x11, 0x89, 0xF4, 0x00, 0xA0, 0xC9, 0x03, 0x49, 0xCB});
-
-// Where a header's facts can lie.
-struct HEADERFACTS {
-    unsigned long long ullHeaderSize = 30 + 40 + 104;
-    unsigned long long ullOtherSize = 40; // of the object before the file properties
-    unsigned long long ullDataSize = 0;   // 0: what it is
-    unsigned long long ullCount = 0;
-    unsigned int uiFlags = 2;
-    unsigned int uiLeast = PACKET;
-    unsigned int uiMost = PACKET;
-    unsigned int uiBitRate = 80'000; // 10 ms a packet
-    std::string sProperties = GUID_PROPERTIES;
-    std::string sData = GUID_DATA;
 };
+using LIES = std::vector<PUT>;
+constexpr std::size_t HEADER_SIZE = 16, OTHER_SIZE = 46, PROPERTIES = 70, FLAGS = 158, LEAST = 162,
+                      DATA = 174, DATA_SIZE = 190, COUNT = 214;
 
-std::string headerBytes(const HEADERFACTS &Facts, std::size_t ulPackets) {
-    std::string sFile = GUID_HEADER;
-    appendLittle(sFile, Facts.ullHeaderSize, 8);
-    appendLittle(sFile, 2, 4);
-    appendLittle(sFile, 0x0201, 2);
-    sFile += std::string(16, 'o');
-    appendLittle(sFile, Facts.ullOtherSize, 8);
-    sFile += std::string(16, 'o') + Facts.sProperties;
-    appendLittle(sFile, 104, 8);
-    sFile += std::string(64, '\0');
-    appendLittle(sFile, Facts.uiFlags, 4);
-    appendLittle(sFile, Facts.uiLeast, 4);
-    appendLittle(sFile, Facts.uiMost, 4);
-    appendLittle(sFile, Facts.uiBitRate, 4);
-    sFile += Facts.sData;
-    appendLittle(sFile, Facts.ullDataSize == 0 ? 50 + ulPackets * PACKET : Facts.ullDataSize, 8);
-    sFile += std::string(16, 'f');
-    appendLittle(sFile, Facts.ullCount, 8);
-    appendLittle(sFile, 0x0101, 2);
-    return sFile;
+// A header with an object of no known kind before the file properties: packets of 100 bytes at 80 kbit/s,
+// that is 10 ms each.
+std::string headerBytes(std::size_t ulPackets, const LIES &Lies = {}) {
+    std::string sHeader = "\x30\x26\xB2\x75"s + GUID_TAIL + little(30 + 40 + 104, 8) + "\2\0\0\0\1\2"s +
+                          std::string(16, 'o') + little(40, 8) + std::string(16, 'o') +
+                          "\xA1\xDC\xAB\x8C\x47\xA9\xCF\x11\x8E\xE4\x00\xC0\x0C\x20\x53\x65"s +
+                          little(104, 8) + std::string(64, '\0') + little(2, 4) + little(PACKET, 4) +
+                          little(PACKET, 4) + little(80'000, 4) + "\x36\x26\xB2\x75"s + GUID_TAIL +
+                          little(50 + ulPackets * PACKET, 8) + std::string(16, 'f') + little(0, 8) + "\1\1";
+    for (const PUT &Lie : Lies)
+        sHeader.replace(Lie.ulAt, Lie.sBytes.size(), Lie.sBytes);
+    return sHeader;
 }
 
-// A data packet with error correction, a word of padding length and no packet length, or with all lengths.
-std::string packetBytes(unsigned int uiSendTime, std::size_t ulNumber) {
-    std::string sPacket = bytes({0x82, 0, 0, 0x10, 0x5D, 0, 0});
-    if (ulNumber % 3 == 1)
-        sPacket = bytes({0x7E, 0x5D, PACKET, 0, 0, 0, 9, 9, 9, 9, 0, 0, 0, 0});
-    if (ulNumber % 3 == 2)
-        sPacket = bytes({0x00, 0x5D});
-    appendLittle(sPacket, uiSendTime, 4);
-    appendLittle(sPacket, 40, 2);
-    sPacket.resize(PACKET, static_cast<char>('A' + ulNumber % 26));
-    return sPacket;
-}
-
+// Data packets with error correction, a word of padding length and no packet length; with all lengths; with
+// neither.
 std::string packetsBytes(const std::vector<unsigned int> &SendTimes) {
+    const std::string asFront[] = {"\x82\0\0\x10\x5D\0\0"s, "\x7E\x5D\x64\0\0\0\x9\x9\x9\x9\0\0\0\0"s,
+                                   "\0\x5D"s};
     std::string sBytes;
-    for (std::size_t ul = 0; ul < SendTimes.size(); ul++)
-        sBytes += packetBytes(SendTimes[ul], ul);
+    for (std::size_t ul = 0; ul < SendTimes.size(); ul++) {
+        sBytes += asFront[ul % 3] + little(SendTimes[ul], 4) + little(40, 2);
+        sBytes.resize((ul + 1) * PACKET, static_cast<char>('A' + ul % 26));
+    }
     return sBytes;
 }
 
@@ -106,69 +74,73 @@ TEST(MediaAsf, PacketsAreDueAtTheirSendTimesWhateverThoseSay) {
     };
     for (const auto &Case : aCase) {
         SCOPED_TRACE(Case.pszWhat);
-        const DRAINED Drained = play(headerBytes({}, Case.SendTimes.size()) + packetsBytes(Case.SendTimes));
+        const DRAINED Drained = play(headerBytes(Case.SendTimes.size()) + packetsBytes(Case.SendTimes));
         EXPECT_EQ(Drained.DueMs, Case.DueMs);
         EXPECT_TRUE(Drained.sBytes == packetsBytes(Case.SendTimes));
     }
 }
 
 TEST(MediaAsf, LyingSizesAndCountsLoseNoPacket) {
-    const std::vector<unsigned int> SendTimes = {0, 10, 20, 30, 40};
-    const std::string sPackets = packetsBytes(SendTimes);
+    const std::string sPackets = packetsBytes({0, 10, 20, 30, 40});
     const std::string sIndex = GUID_INDEX + std::string(200, '\0');
     const struct {
         const char *pszWhat;
-        HEADERFACTS Facts;
+        LIES Lies;
         std::string sBehind; // the packets
-        std::size_t ulPackets;
+        std::size_t ulPackets = 5;
     } aCase[] = {
-        {"a count of 0", {}, "", 5},
-        {"a count too high", {.ullCount = 1ULL << 60}, "", 5},
-        {"an index behind the data", {.ullCount = 5}, sIndex, 5},
-        {"a data object of 0 bytes, as written by a live recorder", {.ullDataSize = 1}, sIndex, 5},
-        {"a broadcast file with an empty data object", {.ullDataSize = 50, .uiFlags = 3}, "", 5},
-        {"a data object larger than the file", {.ullDataSize = 1ULL << 40}, "", 5},
-        {"a data object larger than any file", {.ullDataSize = ~0ULL}, "", 5},
-        {"a data object that ends in a packet", {.ullDataSize = 50 + 350}, "", 3},
-        {"a cut tail", {.ullDataSize = 50 + 600}, std::string(60, 'x'), 5},
+        {"a count of 0", {}, ""},
+        {"a count too high", {{COUNT, little(1ULL << 60, 8)}}, ""},
+        {"an index behind the data", {{COUNT, little(5, 8)}}, sIndex},
+        {"a data object of 1 byte, as written by a live recorder", {{DATA_SIZE, little(1, 8)}}, sIndex},
+        {"a broadcast file with an empty data object", {{DATA_SIZE, little(50, 8)}, {FLAGS, "\3"}}, ""},
+        {"a data object larger than the file", {{DATA_SIZE, little(1ULL << 40, 8)}}, ""},
+        {"a data object larger than any file", {{DATA_SIZE, little(~0ULL, 8)}}, ""},
+        {"a data object that ends in a packet", {{DATA_SIZE, little(50 + 350, 8)}}, "", 3},
+        {"a cut tail", {{DATA_SIZE, little(50 + 600, 8)}}, std::string(60, 'x')},
     };
     for (const auto &Case : aCase) {
         SCOPED_TRACE(Case.pszWhat);
-        const DRAINED Drained = play(headerBytes(Case.Facts, SendTimes.size()) + sPackets + Case.sBehind);
+        const DRAINED Drained = play(headerBytes(5, Case.Lies) + sPackets + Case.sBehind);
         EXPECT_TRUE(Drained.sBytes == sPackets.substr(0, Case.ulPackets * PACKET));
     }
+}
+
+TEST(MediaAsf, SampleIsPlayedWholeInItsTime) {
+    const std::string sSample = sampleBytes("sample.asf");
+    const DRAINED Drained = play(sSample);
+    ASSERT_EQ(Drained.DueMs.size(), 243U);
+    EXPECT_TRUE(Drained.sBytes == sSample.substr(659 + 50, 243 * 1400));
+    EXPECT_NEAR(Drained.DueMs.back(), 6000, 100);
 }
 
 TEST(MediaAsf, DamagedPacketGoesOutInItsPlace) {
     std::string sPackets = packetsBytes({0, 40, 80, 120});
     sPackets[2 * PACKET] = '\xFF'; // an error correction that is no such thing
-    const DRAINED Drained = play(headerBytes({}, 4) + sPackets);
+    const DRAINED Drained = play(headerBytes(4) + sPackets);
     EXPECT_TRUE(Drained.sBytes == sPackets);
     EXPECT_EQ(Drained.DueMs[2], 50);
 }
 
 TEST(MediaAsf, HeadersThatMakeNoSenseAreRefused) {
-    const struct {
-        const char *pszReason;
-        HEADERFACTS Facts;
-    } aCase[] = {
-        {"one size", {.uiLeast = 100, .uiMost = 200}},
-        {"one size", {.uiLeast = 0, .uiMost = 0}},
-        {"one size", {.uiLeast = 1U << 20, .uiMost = 1U << 20}},
-        {"header says", {.ullHeaderSize = 0}},
-        {"header says", {.ullHeaderSize = ~0ULL}},
-        {"an object", {.ullOtherSize = 0}},
-        {"an object", {.ullOtherSize = ~0ULL}},
-        {"an object", {.ullOtherSize = 30 + 40 + 105}},
-        {"no file properties", {.sProperties = GUID_INDEX}},
-        {"no data object", {.ullDataSize = 20, .sData = GUID_INDEX}},
-        {"no data object", {.ullDataSize = ~0ULL, .sData = GUID_INDEX}},
+    const std::pair<const char *, LIES> aCase[] = {
+        {"one size", {{LEAST, little(200, 4)}}},
+        {"one size", {{LEAST, little(0, 8)}}},
+        {"one size", {{LEAST, little(1U << 20, 4) + little(1U << 20, 4)}}},
+        {"header says", {{HEADER_SIZE, little(0, 8)}}},
+        {"header says", {{HEADER_SIZE, little(~0ULL, 8)}}},
+        {"an object", {{OTHER_SIZE, little(0, 8)}}},
+        {"an object", {{OTHER_SIZE, little(~0ULL, 8)}}},
+        {"an object", {{OTHER_SIZE, little(30 + 40 + 105, 8)}}},
+        {"no file properties", {{PROPERTIES, GUID_INDEX}}},
+        {"no data object", {{DATA_SIZE, little(20, 8)}, {DATA, GUID_INDEX}}},
+        {"no data object", {{DATA_SIZE, little(~0ULL, 8)}, {DATA, GUID_INDEX}}},
     };
-    for (const auto &Case : aCase) {
-        const MEMORYFILE File(headerBytes(Case.Facts, 3) + packetsBytes({0, 10, 20}));
+    for (const auto &[pszReason, Lies] : aCase) {
+        const MEMORYFILE File(headerBytes(3, Lies) + packetsBytes({0, 10, 20}));
         ASFREADER Reader;
         std::string sReason;
-        EXPECT_FALSE(asfReaderStart(Reader, File.iFile, "file.asf", sReason)) << Case.pszReason;
-        EXPECT_NE(sReason.find(Case.pszReason), std::string::npos) << Case.pszReason << ": " << sReason;
+        EXPECT_FALSE(asfReaderStart(Reader, File.iFile, "file.asf", sReason)) << pszReason;
+        EXPECT_NE(sReason.find(pszReason), std::string::npos) << pszReason << ": " << sReason;
     }
 }

@@ -14,14 +14,23 @@ namespace {
 using ASFCASTER = std::unique_ptr<ts_qxapi_asfcast, decltype(&qxapi_close_asfcast)>;
 using TSCASTER = std::unique_ptr<ts_qxapi_tscast, decltype(&qxapi_close_tscast)>;
 
-ASFCASTER openAsf(unsigned int uiHops = 16) {
+TSCASTER openTs() {
+    return {qxapi_open_tscast(), qxapi_close_tscast};
+}
+
+// A caster with a hop limit of 16, and with the station if one is named.
+ASFCASTER openAsf(const MEMORYFILE *pStation = nullptr, unsigned int uiFormatIndex = 0) {
     ASFCASTER pCaster(qxapi_open_asfcast(), qxapi_close_asfcast);
-    pCaster->uiHops = uiHops;
+    pCaster->uiHops = 16;
+    if (pStation && pCaster->pSetStation(pCaster.get(), pStation->sPath.c_str(), uiFormatIndex) != 1)
+        ADD_FAILURE() << "the station is not taken";
     return pCaster;
 }
 
-TSCASTER openTs() {
-    return {qxapi_open_tscast(), qxapi_close_tscast};
+template <typename CASTER>
+int send(const CASTER &pCaster, const std::string &sData) {
+    return pCaster->pSend(pCaster.get(), reinterpret_cast<const unsigned char *>(sData.data()),
+                          static_cast<unsigned int>(sData.size()));
 }
 
 struct RECEIVER {
@@ -45,11 +54,7 @@ struct RECEIVER {
         if (poll(&Poll, 1, 1000) != 1)
             return "nothing";
         iovec Piece = {aData, sizeof aData};
-        msghdr Message{};
-        Message.msg_iov = &Piece;
-        Message.msg_iovlen = 1;
-        Message.msg_control = aControl;
-        Message.msg_controllen = sizeof aControl;
+        msghdr Message{nullptr, 0, &Piece, 1, aControl, sizeof aControl, 0};
         const ssize_t lLength = recvmsg(iSocket, &Message, 0);
         const cmsghdr *pControl = CMSG_FIRSTHDR(&Message);
         iHops = pControl ? *reinterpret_cast<const int *>(CMSG_DATA(pControl)) : -1;
@@ -67,139 +72,107 @@ std::string stationText(const char *pszAddress, unsigned short usPort, int iHops
     return nscWrite(Station);
 }
 
-int send(ts_qxapi_asfcast &Caster, const std::string &sData) {
-    return Caster.pSend(&Caster, reinterpret_cast<const unsigned char *>(sData.data()),
-                        static_cast<unsigned int>(sData.size()));
-}
-
-int send(ts_qxapi_tscast &Caster, const std::string &sData) {
-    return Caster.pSend(&Caster, reinterpret_cast<const unsigned char *>(sData.data()),
-                        static_cast<unsigned int>(sData.size()));
-}
-
 } // namespace
 
 TEST(MediaCast, MsbPacketsAreTheStationsByteForByte) {
+    using namespace std::string_literals;
     RECEIVER Receiver("239.1.2.3", 6001);
     const MEMORYFILE Station(stationText("239.1.2.3", 6001, 5));
 
-    ASFCASTER pFirst = openAsf();
-    ASSERT_EQ(pFirst->pSetStation(pFirst.get(), Station.sPath.c_str(), 0), 1);
-    EXPECT_EQ(send(*pFirst, "packet"), 1);
-    EXPECT_EQ(send(*pFirst, "second packet"), 1);
+    const ASFCASTER pFirst = openAsf(&Station);
+    EXPECT_EQ(send(pFirst, "packet"), 1);
+    EXPECT_EQ(send(pFirst, "second packet"), 1);
     const std::string sFirst = Receiver.next();
     const char cToggle = sFirst.size() > 5 ? sFirst[5] : 'x'; // of which value the process has got to
-    EXPECT_EQ(sFirst, std::string("\x00\x00\x00\x00\x12", 5) + cToggle + std::string("\x0E\x00packet", 8));
-    EXPECT_EQ(Receiver.next(),
-              std::string("\x01\x00\x00\x00\x12", 5) + cToggle + std::string("\x15\x00second packet", 15));
+    EXPECT_EQ(sFirst, "\x00\x00\x00\x00\x12"s + cToggle + "\x0E\x00packet"s);
+    EXPECT_EQ(Receiver.next(), "\x01\x00\x00\x00\x12"s + cToggle + "\x15\x00second packet"s);
     EXPECT_TRUE(cToggle == '\0' || cToggle == '\x80');
     EXPECT_EQ(Receiver.iHops, 5); // the station's, not the caster's 16
 
-    ASFCASTER pUnused = openAsf(); // a caster that sends nothing is no playout
-    ASFCASTER pNext = openAsf();
-    ASSERT_EQ(pNext->pSetStation(pNext.get(), Station.sPath.c_str(), 4), 1);
-    EXPECT_EQ(send(*pNext, "x"), 1);
-    EXPECT_EQ(Receiver.next(), std::string("\x00\x00\x00\x00\xFE", 5) +
-                                   static_cast<char>(0x07 | (cToggle ^ '\x80')) +
-                                   std::string("\x09\x00x", 3));
+    const ASFCASTER pUnused = openAsf(&Station); // a caster that sends nothing is no playout
+    EXPECT_EQ(send(openAsf(&Station, 4), "x"), 1);
+    EXPECT_EQ(Receiver.next(),
+              "\x00\x00\x00\x00\xFE"s + static_cast<char>(0x07 | (cToggle ^ '\x80')) + "\x09\x00x"s);
 }
 
-TEST(MediaCast, ExplicitTargetReplacesTheStations) {
-    RECEIVER Receiver("127.0.0.1", 6002);
+TEST(MediaCast, ExplicitTargetReplacesTheStationsAndTheCastersHopLimitStandsIn) {
+    RECEIVER Receiver("239.1.2.5", 6002);
     const MEMORYFILE Station(stationText("239.1.2.4", 6003, -1));
-    ASFCASTER pCaster = openAsf();
-    ASSERT_EQ(pCaster->pSetStation(pCaster.get(), Station.sPath.c_str(), 1), 1);
-    ASSERT_EQ(pCaster->pSetTarget(pCaster.get(), "127.0.0.1", 6002), 1);
-    EXPECT_EQ(pCaster->pSetTarget(pCaster.get(), "127.0.0.1", 0), 0); // leaves the one before
+    const ASFCASTER pCaster = openAsf(&Station, 1);
+    ASSERT_EQ(pCaster->pSetTarget(pCaster.get(), "239.1.2.5", 6002), 1);
+    EXPECT_EQ(pCaster->pSetTarget(pCaster.get(), "239.1.2.5", 0), 0); // leaves the one before
 
-    EXPECT_EQ(send(*pCaster, std::string(65507 - 8, 'x')), 1);
+    EXPECT_EQ(send(pCaster, std::string(65507 - 8, 'x')), 1);
     const std::string sDatagram = Receiver.next();
     ASSERT_EQ(sDatagram.size(), 65507U);
     EXPECT_EQ(sDatagram[4], '\x12');
     EXPECT_EQ(sDatagram.substr(6, 2), "\xE3\xFF");
-}
-
-TEST(MediaCast, HopLimitIsTheCastersWhereTheStationHasNone) {
-    RECEIVER Receiver("239.1.2.5", 6004);
-    const MEMORYFILE Station(stationText("239.1.2.5", 6004, -1));
-    ASFCASTER pCaster = openAsf(16);
-    ASSERT_EQ(pCaster->pSetStation(pCaster.get(), Station.sPath.c_str(), 0), 1);
-    EXPECT_EQ(send(*pCaster, "x"), 1);
-    Receiver.next();
     EXPECT_EQ(Receiver.iHops, 16);
 }
 
 TEST(MediaCast, WhatIsNoStationIsRefusedAndNothingSent) {
-    const MEMORYFILE Good(stationText("239.1.2.6", 6005, -1));
-    const MEMORYFILE Bad("[Address]\r\nIP Port=0x1\r\n");
-    const MEMORYFILE Empty("");
-    const struct {
-        const char *pszFile;
-        unsigned int uiFormatIndex;
-    } aCase[] = {{nullptr, 0},           {"/nowhere/station.nsc", 0}, {"/tmp", 0},
-                 {"/dev/zero", 0},       {Bad.sPath.c_str(), 0},      {Empty.sPath.c_str(), 0},
-                 {Good.sPath.c_str(), 2}};
-    for (const auto &Case : aCase) {
-        ASFCASTER pCaster = openAsf();
+    const MEMORYFILE Good(stationText("239.1.2.6", 6005, -1)), Bad("[Address]\r\nIP Port=0x1\r\n"), Empty("");
+    const std::pair<const char *, unsigned int> aCase[] = {
+        {nullptr, 0},           {"/nowhere/station.nsc", 0}, {"/tmp", 0},
+        {"/dev/zero", 0},       {Bad.sPath.c_str(), 0},      {Empty.sPath.c_str(), 0},
+        {Good.sPath.c_str(), 2}};
+    for (const auto &[pszFile, uiFormatIndex] : aCase) {
+        const ASFCASTER pCaster = openAsf();
         testing::internal::CaptureStderr();
-        EXPECT_EQ(pCaster->pSetStation(pCaster.get(), Case.pszFile, Case.uiFormatIndex), 0);
-        EXPECT_EQ(send(*pCaster, "x"), 0);
+        EXPECT_EQ(pCaster->pSetStation(pCaster.get(), pszFile, uiFormatIndex), 0);
+        EXPECT_EQ(send(pCaster, "x"), 0);
         const std::string sReport = testing::internal::GetCapturedStderr();
-        EXPECT_NE(sReport.find(Case.pszFile ? Case.pszFile : "no file"), std::string::npos) << sReport;
+        EXPECT_NE(sReport.find(pszFile ? pszFile : "no file"), std::string::npos) << sReport;
     }
 }
 
 TEST(MediaCast, OversizedPacketFails) {
     RECEIVER Receiver("127.0.0.1", 6006);
-    ASFCASTER pAsf = openAsf();
+    const ASFCASTER pAsf = openAsf();
     ASSERT_EQ(pAsf->pSetTarget(pAsf.get(), "127.0.0.1:6006", 0), 1);
-    EXPECT_EQ(send(*pAsf, std::string(65500, 'x')), -1);
-    TSCASTER pTs = openTs();
+    EXPECT_EQ(send(pAsf, std::string(65500, 'x')), -1);
+    const TSCASTER pTs = openTs();
     ASSERT_EQ(pTs->pSetUp(pTs.get(), nullptr, -1, "127.0.0.1:6006", 2777, 16), 1);
-    EXPECT_EQ(send(*pTs, std::string(65508, 'x')), -1);
-    EXPECT_EQ(send(*pTs, "still usable"), 1);
+    EXPECT_EQ(send(pTs, std::string(65508, 'x')), -1);
+    EXPECT_EQ(send(pTs, "still usable"), 1);
     EXPECT_EQ(Receiver.next(), "still usable");
 }
 
 TEST(MediaCast, TsTargetsAreReadStrictly) {
-    const struct {
+    struct TARGET {
         const char *pszTarget;
-        unsigned int uiPort;
-        unsigned int uiHops;
-        int iResult;
-    } aCase[] = {
-        {"239.1.2.7:6007", 2777, 16, 1},
-        {"239.1.2.7", 6007, 16, 1},
-        {"239.1.2.7:6007", 0, 16, 1},
-        {nullptr, 2777, 16, 0},
-        {"", 2777, 16, 0},
-        {":6007", 2777, 16, 0},
-        {"239.1.2.7:", 2777, 16, 0},
-        {"239.1.2.7:0", 2777, 16, 0},
-        {"239.1.2.7:65536", 2777, 16, 0},
-        {"239.1.2.7:6007x", 2777, 16, 0},
-        {"239.1.2.7: 6007", 2777, 16, 0},
-        {"239.1.2.7:-1", 2777, 16, 0},
-        {"239.1.2.7:6007:6007", 2777, 16, 0},
-        {"239.1.2:6007", 2777, 16, 0},
-        {"239.1.2.256:6007", 2777, 16, 0},
-        {"0.0.0.0:6007", 2777, 16, 0},
-        {"localhost:6007", 2777, 16, 0},
-        {"239.1.2.7:4294973303", 2777, 16, 0},
-        {"239.1.2.7", 0, 16, 0},
-        {"239.1.2.7", 65536, 16, 0},
-        {"239.1.2.7:6007", 2777, 256, 0},
+        unsigned int uiPort = 2777;
+        unsigned int uiHops = 16;
     };
     RECEIVER Receiver("239.1.2.7", 6007);
-    for (const auto &Case : aCase) {
-        TSCASTER pCaster = openTs();
-        EXPECT_EQ(pCaster->pSetUp(pCaster.get(), nullptr, -1, Case.pszTarget, Case.uiPort, Case.uiHops),
-                  Case.iResult)
-            << (Case.pszTarget ? Case.pszTarget : "null");
-        EXPECT_EQ(send(*pCaster, "G"), Case.iResult);
-        if (Case.iResult == 1) {
-            EXPECT_EQ(Receiver.next(), "G");
-            EXPECT_EQ(Receiver.iHops, 16);
-        }
+    for (const TARGET &Good : {TARGET{"239.1.2.7:6007"}, {"239.1.2.7", 6007}, {"239.1.2.7:6007", 0, 17}}) {
+        const TSCASTER pCaster = openTs();
+        EXPECT_EQ(pCaster->pSetUp(pCaster.get(), nullptr, -1, Good.pszTarget, Good.uiPort, Good.uiHops), 1);
+        EXPECT_EQ(send(pCaster, "G"), 1);
+        EXPECT_EQ(Receiver.next(), "G");
+        EXPECT_EQ(Receiver.iHops, static_cast<int>(Good.uiHops));
+    }
+    for (const TARGET &Bad : {TARGET{nullptr},
+                              {""},
+                              {":6007"},
+                              {"239.1.2.7:"},
+                              {"239.1.2.7:0"},
+                              {"239.1.2.7:65536"},
+                              {"239.1.2.7:6007x"},
+                              {"239.1.2.7: 6007"},
+                              {"239.1.2.7:-1"},
+                              {"239.1.2.7:6007:6007"},
+                              {"239.1.2:6007"},
+                              {"239.1.2.256:6007"},
+                              {"0.0.0.0:6007"},
+                              {"localhost:6007"},
+                              {"239.1.2.7:4294973303"},
+                              {"239.1.2.7", 0},
+                              {"239.1.2.7", 65536},
+                              {"239.1.2.7:6007", 2777, 256}}) {
+        const TSCASTER pCaster = openTs();
+        EXPECT_EQ(pCaster->pSetUp(pCaster.get(), nullptr, -1, Bad.pszTarget, Bad.uiPort, Bad.uiHops), 0)
+            << (Bad.pszTarget ? Bad.pszTarget : "null");
+        EXPECT_EQ(send(pCaster, "G"), 0);
     }
 }

@@ -1,5 +1,5 @@
-// media_files.h - what the tests of stored files share: files in memory, and everything that a reader hands
-// out.
+// media_files.h - what the tests of stored files share: bytes, files in memory, and everything that a reader
+// hands out.
 #ifndef TESTS_MEDIA_FILES_H
 #define TESTS_MEDIA_FILES_H
 
@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -25,6 +27,12 @@ struct MEMORYFILE {
     MEMORYFILE &operator=(const MEMORYFILE &) = delete;
     ~MEMORYFILE() { close(iFile); }
 };
+
+// A file of the samples folder.
+inline std::string sampleBytes(const char *pszName) {
+    std::ifstream File(std::string(SAMPLES) + pszName, std::ios::binary);
+    return {std::istreambuf_iterator<char>(File), {}};
+}
 
 struct DRAINED {
     std::string sBytes;            // of all packets
@@ -48,9 +56,33 @@ DRAINED drain(READER &Reader, int (*pNext)(READER &, MEDIAPACKET &)) {
     return Drained;
 }
 
-inline void appendLittle(std::string &sBytes, unsigned long long ullValue, unsigned int uiBytes) {
+// uiBytes of the value, the least significant first.
+inline std::string little(unsigned long long ullValue, unsigned int uiBytes) {
+    std::string sBytes;
     for (unsigned int ui = 0; ui < uiBytes; ui++)
         sBytes += static_cast<char>(ullValue >> 8 * ui);
+    return sBytes;
+}
+
+// A transport stream packet with its number in it; llClock: its clock reference in ticks, -1 none.
+inline std::string tsPacketBytes(std::size_t ulNumber, long long llClock, unsigned int uiPID = 0x100,
+                                 bool bDiscontinuity = false) {
+    std::string sBytes = {0x47, static_cast<char>(uiPID >> 8), static_cast<char>(uiPID), 0x10};
+    if (llClock >= 0 || bDiscontinuity) {
+        const int iFlags = (bDiscontinuity ? 0x80 : 0) | (llClock >= 0 ? 0x10 : 0);
+        sBytes[3] = 0x30;
+        sBytes += {static_cast<char>(llClock >= 0 ? 7 : 1), static_cast<char>(iFlags)};
+    }
+    if (llClock >= 0) {
+        const long long llBase = llClock / 300, llExtension = llClock % 300;
+        for (const int iShift : {25, 17, 9, 1})
+            sBytes += static_cast<char>(llBase >> iShift);
+        sBytes += static_cast<char>((llBase & 1) << 7 | 0x7E | llExtension >> 8);
+        sBytes += static_cast<char>(llExtension);
+    }
+    sBytes += little(ulNumber, 4);
+    sBytes.resize(188, static_cast<char>(0x80 + ulNumber % 64)); // no sync bytes by chance
+    return sBytes;
 }
 
 #endif

@@ -1,7 +1,6 @@
 // Station files: the public encoding, what is read and written, and what is refused.
+#include "media_files.h"
 #include "nsc.h"
-
-#include <gtest/gtest.h>
 
 namespace {
 
@@ -20,11 +19,10 @@ std::string station(const std::string &sAddress, const std::string &sPort, const
 } // namespace
 
 TEST(MediaNsc, EncodingIsThePublicOne) {
-    const std::vector<unsigned char> Address = {'2', 0, '3', 0, '9', 0, '.', 0, '1', 0,
-                                                '9', 0, '2', 0, '.', 0, '4', 0, '8', 0,
-                                                '.', 0, '1', 0, '7', 0, '9', 0, 0,   0};
-    const std::vector<unsigned char> Version = {'3', 0, '.', 0, '0', 0, 0, 0};
-    for (const auto &[pszText, Data] : {std::pair{ADDRESS, Address}, {VERSION, Version}}) {
+    for (const auto &[pszText, pszPlain] : {std::pair{ADDRESS, "239.192.48.179"}, {VERSION, "3.0"}}) {
+        std::vector<unsigned char> Data; // UTF-16, terminated
+        for (const char c : std::string(pszPlain) + '\0')
+            Data.insert(Data.end(), {static_cast<unsigned char>(c), 0});
         NSCVALUE Value;
         std::string sReason;
         ASSERT_TRUE(nscDecode(pszText, Value, sReason)) << sReason;
@@ -36,31 +34,27 @@ TEST(MediaNsc, EncodingIsThePublicOne) {
     EXPECT_EQ(nscEncode({0x123, {'A', 'S', 'F'}}), "02TG000IC00003GLD6");
 }
 
-TEST(MediaNsc, PlainAndEncodedTextsAndBothLineEndsAreRead) {
-    for (const std::string &sText :
-         {"[Address]\nName=News\nNSC Format Version=3.0\nIP Address=239.192.48.179\nIP Port=0x1f90\n"
-          "Time To Live=0x00000007\n[Formats]\nFormat3=" +
-              format(9) + "\nDescription3=low\n",
-          "[Address]\r\nName=029G000000000AJW1b07S0Sm0000\r\nNSC Format Version=" + std::string(VERSION) +
-              "\r\nIP Address=" + ADDRESS +
-              "\r\nIP Port=0x00001F90\r\nTime To Live=0x00000007\r\nUnknown=0\r\n\r\n[Formats]\r\nFormat3=" +
-              format(9) + "\r\nDescription3=low\r\n[Other]\r\nanything=1\r\n"}) {
-        NSCSTATION Station;
-        std::string sReason;
-        ASSERT_TRUE(nscParse(sText, Station, sReason)) << sReason;
-        EXPECT_EQ(Station.sName, "News");
-        EXPECT_EQ(Station.sVersion, "3.0");
-        EXPECT_EQ(Station.sAddress, "239.192.48.179");
-        EXPECT_EQ(Station.usPort, 8080);
-        EXPECT_EQ(Station.iHops, 7);
-        ASSERT_EQ(Station.Formats.size(), 1U);
-        EXPECT_EQ(Station.Formats[0].uiFormatID, 9U);
-        EXPECT_EQ(Station.Formats[0].sDescription, "low");
-        EXPECT_EQ(Station.Formats[0].Header, (std::vector<unsigned char>{'A', 'S', 'F'}));
-        EXPECT_EQ(nscFindFormat(Station, 0), &Station.Formats[0]);
-        EXPECT_EQ(nscFindFormat(Station, 3), &Station.Formats[0]);
-        EXPECT_EQ(nscFindFormat(Station, 1), nullptr);
-    }
+TEST(MediaNsc, PlainTextsBareLineEndsAndUnknownLinesAreRead) {
+    NSCSTATION Station;
+    std::string sReason;
+    ASSERT_TRUE(
+        nscParse("[Address]\nName=News\nNSC Format Version=3.0\nIP Address=239.192.48.179\nIP Port=0x1f90\n"
+                 "Time To Live=0x00000007\nUnknown=0\n\n[Formats]\nFormat3=" +
+                     format(9) + "\nDescription3=low\n[Other]\nanything=1\n",
+                 Station, sReason))
+        << sReason;
+    EXPECT_EQ(Station.sName, "News");
+    EXPECT_EQ(Station.sVersion, "3.0");
+    EXPECT_EQ(Station.sAddress, "239.192.48.179");
+    EXPECT_EQ(Station.usPort, 8080);
+    EXPECT_EQ(Station.iHops, 7);
+    ASSERT_EQ(Station.Formats.size(), 1U);
+    EXPECT_EQ(Station.Formats[0].uiFormatID, 9U);
+    EXPECT_EQ(Station.Formats[0].sDescription, "low");
+    EXPECT_EQ(Station.Formats[0].Header, (std::vector<unsigned char>{'A', 'S', 'F'}));
+    EXPECT_EQ(nscFindFormat(Station, 0), &Station.Formats[0]);
+    EXPECT_EQ(nscFindFormat(Station, 3), &Station.Formats[0]);
+    EXPECT_EQ(nscFindFormat(Station, 1), nullptr);
 }
 
 TEST(MediaNsc, LiesAreRefusedWithTheirLine) {
@@ -70,39 +64,48 @@ TEST(MediaNsc, LiesAreRefusedWithTheirLine) {
         sManyFormats += "Format" + std::to_string(i) + "=" + format(1) + "\n";
     std::string sWrongCheck = sFormat;
     sWrongCheck[10] = sWrongCheck[10] == '0' ? '1' : '0';
-    const struct {
-        const char *pszReason;
-        std::string sText;
-    } aCase[] = {
+    const auto formats = [](const std::string &sFormats) { return station("239.1.1.1", "0x1", sFormats); };
+    const auto address = [&](const char *pszAddress) { return station(pszAddress, "0x1", sFormat); };
+    const auto port = [&](const char *pszPort) { return station("239.1.1.1", pszPort, sFormat); };
+    const std::pair<const char *, std::string> aCase[] = {
         {"line 1 is not", "GIF89a"},
         {"line 1 is not", "IP Address=239.1.1.1\n"},
         {"names no IP Address", "[Address]\nIP Port=0x1\n[Formats]\n" + sFormat},
-        {"names no IP Port", station("239.1.1.1", "0x0", sFormat)},
-        {"holds no format", station("239.1.1.1", "0x1", "")},
-        {"holds no format", station("239.1.1.1", "0x1", "Description1=none")},
-        {"line 2, IP Address", station("news.example", "0x1", sFormat)},
-        {"line 2, IP Address", station("0.0.0.0", "0x1", sFormat)},
-        {"line 2, IP Address",
-         station("021G000000000UCW0p03a0BW0n03a0CW0k03G0E00k0340Dm0v0000", "0x1", sFormat)},
-        {"line 2, IP Address", station("020G000000000UCW0p03a0BW0n03", "0x1", sFormat)},
-        {"line 3, IP Port", station("239.1.1.1", "0x10000", sFormat)},
-        {"line 3, IP Port", station("239.1.1.1", "8080", sFormat)},
-        {"line 3, IP Port", station("239.1.1.1", "0x123456789", sFormat)},
-        {"check byte", station("239.1.1.1", "0x1", sWrongCheck)},
-        {"begins with 02", station("239.1.1.1", "0x1", "Format1=0123")},
-        {"cut short", station("239.1.1.1", "0x1", "Format1=02000000")},
-        {"not of its alphabet", station("239.1.1.1", "0x1", "Format1=02-0000000000000")},
-        {"says that it has", station("239.1.1.1", "0x1", "Format1=020000000zzzzz0000")},
-        {"is above 2047", station("239.1.1.1", "0x1", "Format1=" + format(2048))},
-        {"no number", station("239.1.1.1", "0x1", "Formatx=" + format(1))},
-        {"more than 64", station("239.1.1.1", "0x1", sManyFormats)},
+        {"names no IP Port", port("0x0")},
+        {"holds no format", formats("")},
+        {"holds no format", formats("Description1=none")},
+        {"line 2, IP Address", address("news.example")},
+        {"line 2, IP Address", address("0.0.0.0")},
+        {"line 2, IP Address", address("021G000000000UCW0p03a0BW0n03a0CW0k03G0E00k0340Dm0v0000")},
+        {"line 2, IP Address", address("020G000000000UCW0p03a0BW0n03")},
+        {"line 3, IP Port", port("0x10000")},
+        {"line 3, IP Port", port("8080")},
+        {"line 3, IP Port", port("0x123456789")},
+        {"check byte", formats(sWrongCheck)},
+        {"begins with 02", formats("Format1=0123")},
+        {"cut short", formats("Format1=02000000")},
+        {"not of its alphabet", formats("Format1=02-0000000000000")},
+        {"says that it has", formats("Format1=020000000zzzzz0000")},
+        {"is above 2047", formats("Format1=" + format(2048))},
+        {"no number", formats("Formatx=" + format(1))},
+        {"more than 64", formats(sManyFormats)},
     };
-    for (const auto &Case : aCase) {
+    for (const auto &[pszReason, sText] : aCase) {
         NSCSTATION Station;
         std::string sReason;
-        EXPECT_FALSE(nscParse(Case.sText, Station, sReason)) << Case.pszReason;
-        EXPECT_NE(sReason.find(Case.pszReason), std::string::npos) << Case.pszReason << ": " << sReason;
+        EXPECT_FALSE(nscParse(sText, Station, sReason)) << pszReason;
+        EXPECT_NE(sReason.find(pszReason), std::string::npos) << pszReason << ": " << sReason;
     }
+}
+
+TEST(MediaNsc, StationOfTheSampleCarriesItsHeader) {
+    NSCSTATION Station;
+    std::string sReason;
+    ASSERT_TRUE(nscRead(SAMPLES "sample.nsc", Station, sReason)) << sReason;
+    EXPECT_EQ(Station.sName, "Sample station");
+    EXPECT_EQ(Station.sAddress, "239.192.48.179");
+    const std::vector<unsigned char> &Header = Station.Formats.at(0).Header;
+    EXPECT_EQ(std::string(Header.begin(), Header.end()), sampleBytes("sample.asf").substr(0, 659 + 50));
 }
 
 TEST(MediaNsc, WrittenStationIsReadBack) {
@@ -124,6 +127,7 @@ TEST(MediaNsc, WrittenStationIsReadBack) {
     std::string sReason;
     ASSERT_TRUE(nscParse(sText, Read, sReason)) << sReason;
     EXPECT_EQ(Read.sName, Station.sName);
+    EXPECT_EQ(Read.sVersion, "3.0");
     EXPECT_EQ(Read.Formats[0].Header, Station.Formats[0].Header);
     EXPECT_EQ(Read.Formats[0].uiFormatID, 0x7FFU);
     EXPECT_EQ(Read.Formats[0].sDescription, "high");

@@ -1,46 +1,34 @@
 // Streams as a player sees them: what is opened at all, the clock in real time, files that change in play.
 #include "media_files.h"
 
-#include <fcntl.h>
+#include <chrono>
+#include <ctime>
 #include <memory>
 #include <qxapi.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <time.h>
 
 namespace {
 
+using namespace std::chrono_literals;
 using STREAMOWNER = std::unique_ptr<ts_qxapi_stream, decltype(&qxapi_close_stream)>;
 
 STREAMOWNER openStream(const std::string &sPath) {
     return {qxapi_open_stream(sPath.c_str()), qxapi_close_stream};
 }
 
+STREAMOWNER startedStream(const std::string &sPath) {
+    STREAMOWNER pStream = openStream(sPath);
+    EXPECT_TRUE(pStream && pStream->pStart(pStream.get()) == 1);
+    return pStream;
+}
+
 // ulPackets transport stream packets with a clock reference in every tenth, ulMicroseconds apart.
 std::string transportStream(std::size_t ulPackets, unsigned long ulMicroseconds) {
     std::string sFile;
-    for (std::size_t ul = 0; ul < ulPackets; ul++) {
-        std::string sPacket = {0x47, 1, 0, 0x10};
-        if (ul % 10 == 0) {
-            const unsigned long ulBase = ul * ulMicroseconds * 9 / 100;
-            sPacket = {0x47, 1, 0, 0x30, 7, 0x10, 0};
-            sPacket += static_cast<char>(ulBase >> 17);
-            sPacket += static_cast<char>(ulBase >> 9);
-            sPacket += static_cast<char>(ulBase >> 1);
-            sPacket += static_cast<char>((ulBase & 1) << 7);
-            sPacket += '\0';
-        }
-        appendLittle(sPacket, ul, 4);
-        sPacket.resize(188, '-');
-        sFile += sPacket;
-    }
+    for (std::size_t ul = 0; ul < ulPackets; ul++)
+        sFile += tsPacketBytes(ul, ul % 10 == 0 ? static_cast<long long>(ul * ulMicroseconds * 27) : -1);
     return sFile;
-}
-
-double milliseconds(clockid_t iClock) {
-    timespec Now{};
-    clock_gettime(iClock, &Now);
-    return static_cast<double>(Now.tv_sec) * 1e3 + static_cast<double>(Now.tv_nsec) / 1e6;
 }
 
 // Plays the stream to its end and returns what came out; after pAfterRun(run) of each.
@@ -67,21 +55,17 @@ TEST(MediaStream, WhatCannotBePlayedIsRefusedByName) {
     const MEMORYFILE Empty("");
     const MEMORYFILE Text(std::string(5000, 'G'));
     const MEMORYFILE Page("<html><body>GGGG</body></html>");
-    const struct {
-        std::string sPath;
-        const char *pszReason;
-    } aCase[] = {
+    const std::pair<std::string, const char *> aCase[] = {
         {"/nowhere/file.ts", "No such file"}, {"/tmp", "a directory"},
         {"/tmp/media.fifo", "a FIFO"},        {"/dev/zero", "a device"},
         {Empty.sPath, "it is empty"},         {Page.sPath, "neither an ASF file"},
-        {"/proc/self/mem", "cannot be read"},
-    };
-    for (const auto &Case : aCase) {
+        {"/proc/self/mem", "cannot be read"}};
+    for (const auto &[sPath, pszReason] : aCase) {
         testing::internal::CaptureStderr();
-        EXPECT_FALSE(openStream(Case.sPath)) << Case.sPath;
+        EXPECT_FALSE(openStream(sPath)) << sPath;
         const std::string sReport = testing::internal::GetCapturedStderr();
-        EXPECT_NE(sReport.find(Case.sPath), std::string::npos) << sReport;
-        EXPECT_NE(sReport.find(Case.pszReason), std::string::npos) << sReport;
+        EXPECT_NE(sReport.find(sPath), std::string::npos) << sReport;
+        EXPECT_NE(sReport.find(pszReason), std::string::npos) << sReport;
     }
     unlink("/tmp/media.fifo");
     EXPECT_FALSE(openStream(""));
@@ -98,12 +82,10 @@ TEST(MediaStream, WhatCannotBePlayedIsRefusedByName) {
 TEST(MediaStream, PlayoutTakesTheFilesTimeAndHoldsTheScheduleAfterADelay) {
     const std::string sFile = transportStream(700, 1000); // 0.7 s, the last run at 693 ms
     const MEMORYFILE File(sFile);
-    const STREAMOWNER pStream = openStream(File.sPath);
-    ASSERT_TRUE(pStream);
-    ASSERT_EQ(pStream->pStart(pStream.get()), 1);
+    const STREAMOWNER pStream = startedStream(File.sPath);
     EXPECT_EQ(pStream->pStart(pStream.get()), 0);
-    const double dStart = milliseconds(CLOCK_MONOTONIC);
-    const double dCPU = milliseconds(CLOCK_THREAD_CPUTIME_ID);
+    const auto Start = std::chrono::steady_clock::now();
+    const std::clock_t lProcessor = std::clock();
 
     const std::string sBytes = playStream(*pStream, [](unsigned int uiRun) {
         if (uiRun == 20)
@@ -111,65 +93,59 @@ TEST(MediaStream, PlayoutTakesTheFilesTimeAndHoldsTheScheduleAfterADelay) {
     });
 
     EXPECT_TRUE(sBytes == sFile);
-    const double dTaken = milliseconds(CLOCK_MONOTONIC) - dStart;
-    EXPECT_GE(dTaken, 692.0);
-    EXPECT_LE(dTaken, 800.0);                                       // 700 and the delay would be 900
-    EXPECT_LE(milliseconds(CLOCK_THREAD_CPUTIME_ID) - dCPU, 350.0); // it sleeps in between
+    const auto Taken = std::chrono::steady_clock::now() - Start;
+    EXPECT_GE(Taken, 692ms);
+    EXPECT_LE(Taken, 800ms);                                         // 700 and the delay would be 900
+    EXPECT_LE(std::clock() - lProcessor, CLOCKS_PER_SEC * 35 / 100); // it sleeps in between
 }
 
 TEST(MediaStream, OnePacketIsLentAtATime) {
     const MEMORYFILE File(transportStream(700, 2));
-    const STREAMOWNER pStream = openStream(File.sPath);
-    ASSERT_TRUE(pStream);
-    ASSERT_EQ(pStream->pStart(pStream.get()), 1);
+    const STREAMOWNER pStream = startedStream(File.sPath);
     ts_qxapi_packet *pPacket = pStream->pNextPacket(pStream.get());
     ASSERT_NE(pPacket, nullptr);
     usleep(20'000);
     EXPECT_EQ(pStream->pNextPacket(pStream.get()), nullptr);
     EXPECT_EQ(pStream->pIsAtEnd(pStream.get()), 0);
-    EXPECT_EQ(pPacket->pData[16], '-'); // what is lent stays
-    EXPECT_EQ(pPacket->pData[12], 0);
+    EXPECT_EQ(pPacket->pData[12], 0); // what is lent stays
+    EXPECT_EQ(pPacket->pData[16], 0x80);
     pStream->pReleasePacket(pStream.get(), pPacket);
     EXPECT_NE(pStream->pNextPacket(pStream.get()), nullptr);
+}
+
+TEST(MediaStream, AsfFileIsKnownByItsContent) {
+    const STREAMOWNER pStream = startedStream(SAMPLES "sample.asf");
+    const ts_qxapi_packet *pPacket = pStream->pNextPacket(pStream.get());
+    ASSERT_NE(pPacket, nullptr);
+    EXPECT_EQ(pPacket->uiLength, 1400U);
 }
 
 TEST(MediaStream, FileThatShrinksEndsAndOneThatGrowsGoesOn) {
     const std::string sFile = transportStream(7000, 20);
     for (const bool bGrow : {false, true}) {
         const MEMORYFILE File(sFile);
-        const STREAMOWNER pStream = openStream(File.sPath);
-        ASSERT_TRUE(pStream);
-        ASSERT_EQ(pStream->pStart(pStream.get()), 1);
-        const auto change = [&] {
-            return bGrow ? pwrite(File.iFile, sFile.data(), 188 * 7, 188 * 7000) == 188 * 7
-                         : ftruncate(File.iFile, 188 * 3000 + 50) == 0;
-        };
-
+        const STREAMOWNER pStream = startedStream(File.sPath);
         const std::string sBytes = playStream(*pStream, [&](unsigned int uiRun) {
             if (uiRun == 100) {
-                EXPECT_TRUE(change());
+                ASSERT_TRUE(bGrow ? pwrite(File.iFile, sFile.data(), 188 * 7, 188 * 7000) == 188 * 7
+                                  : ftruncate(File.iFile, 188 * 3000 + 50) == 0);
             }
         });
 
-        if (bGrow) {
-            EXPECT_TRUE(sBytes == sFile + sFile.substr(0, 188 * 7));
-        } else {
-            EXPECT_LE(sBytes.size(), 188U * 3700); // what was read before
-            EXPECT_TRUE(sBytes == sFile.substr(0, sBytes.size()));
-        }
+        EXPECT_TRUE(sBytes == (sFile + sFile.substr(0, 188 * 7)).substr(0, sBytes.size()));
+        EXPECT_GE(sBytes.size(), bGrow ? 188U * 7007 : 188U * 700);
+        EXPECT_LE(sBytes.size(), bGrow ? 188U * 7007 : 188U * 3700); // what was read before
     }
 }
 
 TEST(MediaStream, SparseFileOfManyTimesTheMemoryIsPlayed) {
     const std::string sPart = transportStream(700, 10);
-    const MEMORYFILE File(sPart);
+    const MEMORYFILE File(sPart + std::string(3'000'000, '\0')); // more than one step of the reader
     ASSERT_EQ(pwrite(File.iFile, sPart.data(), sPart.size(), 300'000'001),
               static_cast<ssize_t>(sPart.size()));
     rusage Before{};
     getrusage(RUSAGE_SELF, &Before);
-    const STREAMOWNER pStream = openStream(File.sPath);
-    ASSERT_TRUE(pStream);
-    ASSERT_EQ(pStream->pStart(pStream.get()), 1);
+    const STREAMOWNER pStream = startedStream(File.sPath);
 
     const std::string sBytes = playStream(*pStream, [](unsigned int) {});
 

@@ -2,7 +2,7 @@
 #include "media_files.h"
 #include "tsstream.h"
 
-#include <functional>
+#include <algorithm>
 
 namespace {
 
@@ -14,40 +14,49 @@ struct TSPACKET {
     long long llClock = -1; // ticks, -1 none
     bool bDiscontinuity = false;
 };
+using PACKETS = std::vector<TSPACKET>;
 
-std::string packetBytes(const TSPACKET &Packet, std::size_t ulNumber) {
-    std::string sBytes = {0x47, static_cast<char>(Packet.uiPID >> 8), static_cast<char>(Packet.uiPID), 0x10};
-    if (Packet.llClock >= 0 || Packet.bDiscontinuity) {
-        const unsigned long long ullBase = static_cast<unsigned long long>(Packet.llClock % WRAP) / 300;
-        const unsigned int uiExtension = static_cast<unsigned int>(Packet.llClock % WRAP % 300);
-        sBytes[3] = 0x30;
-        sBytes += static_cast<char>(Packet.llClock >= 0 ? 7 : 1);
-        sBytes += static_cast<char>((Packet.bDiscontinuity ? 0x80 : 0) | (Packet.llClock >= 0 ? 0x10 : 0));
-        if (Packet.llClock >= 0) {
-            for (const unsigned int uiShift : {25U, 17U, 9U, 1U})
-                sBytes += static_cast<char>(ullBase >> uiShift);
-            sBytes += static_cast<char>((ullBase & 1) << 7 | 0x7E | uiExtension >> 8);
-            sBytes += static_cast<char>(uiExtension);
-        }
-    }
-    appendLittle(sBytes, ulNumber, 4);
-    sBytes.resize(TS_PACKET, static_cast<char>(0x80 + ulNumber % 64)); // no sync bytes by chance
-    return sBytes;
-}
-
-std::string bytesOf(const std::vector<TSPACKET> &Packets) {
+std::string bytesOf(const PACKETS &Packets, std::size_t ulBefore = 0, std::size_t ulBehind = 0) {
     std::string sBytes;
-    for (std::size_t ul = 0; ul < Packets.size(); ul++)
-        sBytes += packetBytes(Packets[ul], ul);
+    for (std::size_t ul = 0; ul < Packets.size(); ul++) {
+        const TSPACKET &Packet = Packets[ul];
+        const long long llClock = Packet.llClock < 0 ? -1 : Packet.llClock % WRAP;
+        sBytes += std::string(ulBefore, '\0') +
+                  tsPacketBytes(ul, llClock, Packet.uiPID, Packet.bDiscontinuity) +
+                  std::string(ulBehind, '\xFF');
+    }
     return sBytes;
 }
 
 // A millisecond a packet, a clock reference every 40 packets: run n is due at 7 n ms.
-std::vector<TSPACKET> steadyPackets(std::size_t ulPackets, long long llStart = 1000 * MS) {
-    std::vector<TSPACKET> Packets(ulPackets);
+PACKETS steadyPackets(std::size_t ulPackets, long long llStart = 1000 * MS) {
+    PACKETS Packets(ulPackets);
     for (std::size_t ul = 0; ul < ulPackets; ul += 40)
         Packets[ul].llClock = llStart + static_cast<long long>(ul) * MS;
     return Packets;
+}
+
+// The same, with every ulStep-th packet from ulFrom to ulTo changed.
+template <typename CHANGE>
+PACKETS changed(std::size_t ulPackets, std::size_t ulFrom, std::size_t ulTo, std::size_t ulStep,
+                CHANGE Change) {
+    PACKETS Packets = steadyPackets(ulPackets);
+    for (std::size_t ul = ulFrom; ul < ulTo; ul += ulStep)
+        Change(Packets[ul], static_cast<long long>(ul));
+    return Packets;
+}
+
+// The clock shifted from packet 400 on, with the discontinuity flagged in one packet (0 none).
+PACKETS shifted(long long llBy, std::size_t ulFlagged = 0) {
+    PACKETS Packets = steadyPackets(1200, 20'000'000 * MS);
+    for (std::size_t ul = 400; ul < 1200; ul += 40)
+        Packets[ul].llClock += llBy;
+    Packets[ulFlagged].bDiscontinuity = ulFlagged > 0;
+    return Packets;
+}
+
+PACKETS without(std::size_t ulFrom, std::size_t ulTo, std::size_t ulPackets) {
+    return changed(ulPackets, ulFrom, ulTo, 1, [](TSPACKET &Packet, long long) { Packet.llClock = -1; });
 }
 
 DRAINED play(const std::string &sBytes, const char *pszFile = "file.ts") {
@@ -68,111 +77,70 @@ void expectSteady(const DRAINED &Drained, std::size_t ulPackets, double dToleran
 } // namespace
 
 TEST(MediaTs, NoLayoutLosesOrChangesPackets) {
-    const std::vector<TSPACKET> Packets = steadyPackets(1000);
-    for (const auto &[ulBefore, ulBehind] : {std::pair{0, 0}, {4, 0}, {0, 16}}) {
-        std::string sFile(1000, 'x'); // a head that is no packet
-        std::string sExpected;
-        for (std::size_t ul = 0; ul < Packets.size(); ul++) {
-            sFile += std::string(static_cast<std::size_t>(ulBefore), '\0') + packetBytes(Packets[ul], ul) +
-                     std::string(static_cast<std::size_t>(ulBehind), '\xFF');
-            sExpected += packetBytes(Packets[ul], ul);
-        }
+    const PACKETS Packets = steadyPackets(1000);
+    for (const auto &[ulBefore, ulBehind] : {std::pair{0U, 0U}, {4U, 0U}, {0U, 16U}}) {
+        // A head that is no packet, then the packets.
+        const DRAINED Drained = play(std::string(1000, 'x') + bytesOf(Packets, ulBefore, ulBehind));
 
-        const DRAINED Drained = play(sFile);
-
-        EXPECT_TRUE(Drained.sBytes == sExpected) << ulBefore << "+188+" << ulBehind;
+        EXPECT_TRUE(Drained.sBytes == bytesOf(Packets)) << ulBefore << "+188+" << ulBehind;
         EXPECT_EQ(Drained.Lengths.front(), 1316U);
         EXPECT_EQ(Drained.Lengths.back(), 1000U % 7 * 188);
         expectSteady(Drained, Packets.size());
     }
 }
 
+TEST(MediaTs, SampleIsPlayedWholeAtItsConstantRate) {
+    const std::string sSample = sampleBytes("sample.ts");
+    const DRAINED Drained = play(sSample);
+    EXPECT_TRUE(Drained.sBytes == sSample);
+    for (std::size_t ul = 0; ul < Drained.DueMs.size(); ul++) // 1316 bytes at 400 kbit/s
+        ASSERT_NEAR(Drained.DueMs[ul], 26.32 * static_cast<double>(ul), 0.1) << "run " << ul;
+}
+
 // Whatever happens to the clock references, a file of constant rate is played at that rate.
 TEST(MediaTs, NoClockNonsenseStallsOrRacesThePlayout) {
-    struct CASE {
-        const char *pszWhat;
-        std::function<std::vector<TSPACKET>()> Build;
-    };
-    const auto shifted = [](long long llBy, bool bFlag) { // from packet 400 on
-        std::vector<TSPACKET> Packets = steadyPackets(1200, 20'000'000 * MS);
-        for (std::size_t ul = 400; ul < 1200; ul += 40)
-            Packets[ul].llClock += llBy;
-        Packets[400].bDiscontinuity = bFlag;
-        return Packets;
-    };
-    const auto without = [](std::size_t ulFrom, std::size_t ulTo, std::size_t ulPackets) {
-        std::vector<TSPACKET> Packets = steadyPackets(ulPackets);
-        for (std::size_t ul = ulFrom; ul < ulTo; ul++)
-            Packets[ul].llClock = -1;
-        return Packets;
-    };
-    const CASE aCase[] = {
-        {"wrap", [] { return steadyPackets(1200, WRAP - 333 * MS); }},
-        {"flagged discontinuity", [&] { return shifted(50 * MS, true); }},
-        {"flagged discontinuity a packet early",
-         [&] {
-             std::vector<TSPACKET> Packets = shifted(50 * MS, false);
-             Packets[399].bDiscontinuity = true;
-             return Packets;
-         }},
-        {"jump back", [&] { return shifted(-3600'000 * MS, false); }},
-        {"small jump back", [&] { return shifted(-50 * MS, false); }},
-        {"jump forward", [&] { return shifted(3600'000 * MS, false); }},
-        {"jump forward by some seconds", [&] { return shifted(5'000 * MS, false); }},
+    const std::pair<const char *, PACKETS> aCase[] = {
+        {"wrap", steadyPackets(1200, WRAP - 333 * MS)},
+        {"flagged discontinuity", shifted(50 * MS, 400)},
+        {"flagged discontinuity a packet early", shifted(50 * MS, 399)},
+        {"jump back", shifted(-3600'000 * MS)},
+        {"small jump back", shifted(-50 * MS)},
+        {"jump forward", shifted(3600'000 * MS)},
+        {"jump forward by some seconds", shifted(5'000 * MS)},
         {"one wild reference",
-         [&] {
-             std::vector<TSPACKET> Packets = steadyPackets(1200);
-             Packets[600].llClock = 77'000'000 * MS;
-             return Packets;
-         }},
-        {"first reference late", [&] { return without(0, 350, 1200); }},
-        {"no reference at the end", [&] { return without(600, 1200, 1200); }},
-        {"20 s without a reference", [&] { return without(400, 20'400, 22'000); }},
-        {"more than the look-ahead without a reference", [&] { return without(400, 40'400, 42'000); }},
-        {"the clock moves to another PID",
-         [] {
-             std::vector<TSPACKET> Packets = steadyPackets(2400);
-             for (std::size_t ul = 800; ul < 2400; ul += 40) {
-                 Packets[ul].uiPID = 0x200;
-                 Packets[ul].llClock += 500'000 * MS;
-             }
-             return Packets;
-         }},
-        {"two programs with clocks of their own",
-         [] {
-             std::vector<TSPACKET> Packets = steadyPackets(1200);
-             for (std::size_t ul = 20; ul < 1200; ul += 40)
-                 Packets[ul] = {0x200, 9'000'000 * MS + static_cast<long long>(ul) * MS, false};
-             return Packets;
-         }},
+         changed(1200, 600, 601, 1, [](TSPACKET &Packet, long long) { Packet.llClock = 77'000'000 * MS; })},
+        {"first reference late", without(0, 350, 1200)},
+        {"no reference at the end", without(600, 1200, 1200)},
+        {"20 s without a reference", without(400, 20'400, 22'000)},
+        {"more than the look-ahead without a reference", without(400, 40'400, 42'000)},
+        {"the clock moves to another PID", changed(2400, 800, 2400, 40,
+                                                   [](TSPACKET &Packet, long long) {
+                                                       Packet.uiPID = 0x200;
+                                                       Packet.llClock += 500'000 * MS;
+                                                   })},
+        {"two programs with clocks of their own", changed(1200, 20, 1200, 40,
+                                                          [](TSPACKET &Packet, long long ll) {
+                                                              Packet = {0x200, (9'000'000 + ll) * MS, false};
+                                                          })},
         {"references of damaged and of null packets",
-         [] {
-             std::vector<TSPACKET> Packets = steadyPackets(1200);
-             for (std::size_t ul = 20; ul < 1200; ul += 40)
-                 Packets[ul] = {ul % 80 == 20 ? 0x8100U : 0x1FFFU, static_cast<long long>(ul) * 3 * MS,
-                                false};
-             return Packets;
-         }},
+         changed(1200, 20, 1200, 40,
+                 [](TSPACKET &Packet, long long ll) {
+                     Packet = {ll % 80 == 20 ? 0x8100U : 0x1FFFU, ll * 3 * MS, false};
+                 })},
     };
-    for (const CASE &Case : aCase) {
-        SCOPED_TRACE(Case.pszWhat);
-        const std::vector<TSPACKET> Packets = Case.Build();
-
+    for (const auto &[pszWhat, Packets] : aCase) {
+        SCOPED_TRACE(pszWhat);
         const DRAINED Drained = play(bytesOf(Packets));
-
         EXPECT_TRUE(Drained.sBytes == bytesOf(Packets));
         expectSteady(Drained, Packets.size());
     }
 }
 
 TEST(MediaTs, ChangeOfRateIsFollowedAndTheLastRateKept) {
-    std::vector<TSPACKET> Packets = steadyPackets(1400);
-    for (std::size_t ul = 720; ul < 1200; ul += 40) // twice as slow from 680 on
-        Packets[ul].llClock = (1680 + 2 * (static_cast<long long>(ul) - 680)) * MS;
-    for (std::size_t ul = 1200; ul < 1400; ul++)
-        Packets[ul].llClock = -1;
-
-    const DRAINED Drained = play(bytesOf(Packets));
+    const DRAINED Drained = play(
+        bytesOf(changed(1400, 720, 1400, 40, [](TSPACKET &Packet, long long ll) { // twice as slow from 680
+            Packet.llClock = ll < 1200 ? (1680 + 2 * (ll - 680)) * MS : -1;
+        })));
 
     for (const auto &[ulRun, dMs] :
          {std::pair{90U, 630.0}, {97U, 679.0}, {98U, 692.0}, {150U, 1420.0}, {199U, 2106.0}})
@@ -180,89 +148,50 @@ TEST(MediaTs, ChangeOfRateIsFollowedAndTheLastRateKept) {
 }
 
 TEST(MediaTs, DamageCostsOnlyTheDamagedPackets) {
-    const std::vector<TSPACKET> Packets = steadyPackets(1400);
-    const std::string sWhole = bytesOf(Packets);
-    struct CASE {
+    const std::string sWhole = bytesOf(steadyPackets(1400));
+    const struct {
         const char *pszWhat;
-        std::function<void(std::string &sFile, std::string &sExpected)> Damage;
+        std::size_t ulAt, ulRemoved;
+        std::string sPut;
+        std::size_t ulLostAt, ulLost; // of the damaged file
+    } aCase[] = {
+        {"bytes in between", 188 * 701, 0, std::string(500, 'x'), 188 * 701, 500},
+        {"a hole larger than a step", 188 * 701, 0, std::string(9'000'000, '\0'), 188 * 701, 9'000'000},
+        {"a sync byte lost", 188 * 701, 1, "x", 188 * 701, 188},
+        {"a sync byte lost in the head", 188 * 11, 1, "x", 188 * 11, 188},
+        {"the last but one sync byte lost", 188 * 1398, 1, "x", 188 * 1398, 188},
+        // The packet's place is kept, its tail is the next one's head: that one is lost.
+        {"bytes lost inside a packet", 188 * 701 + 50, 30, "", 188 * 702, 158},
+        {"a cut tail", 188 * 1400 - 100, 100, "", 188 * 1399, 88},
     };
-    const CASE aCase[] = {
-        {"bytes in between", [](std::string &sFile, std::string &) { sFile.insert(188 * 701, 500, 'x'); }},
-        {"a hole larger than a step",
-         [](std::string &sFile, std::string &) { sFile.insert(188 * 701, 9'000'000, '\0'); }},
-        {"a sync byte lost",
-         [](std::string &sFile, std::string &sExpected) {
-             sFile[188 * 701] = 'x';
-             sExpected.erase(188 * 701, 188);
-         }},
-        {"a sync byte lost in the head",
-         [](std::string &sFile, std::string &sExpected) {
-             sFile[188 * 11] = 'x';
-             sExpected.erase(188 * 11, 188);
-         }},
-        {"the last but one sync byte lost",
-         [](std::string &sFile, std::string &sExpected) {
-             sFile[188 * 1398] = 'x';
-             sExpected.erase(188 * 1398, 188);
-         }},
-        {"bytes lost inside a packet",
-         [](std::string &sFile, std::string &sExpected) {
-             // The packet's place is kept, its tail is the next one's head: that one is lost.
-             sFile.erase(188 * 701 + 50, 30);
-             sExpected.erase(188 * 701 + 50, 30);
-             sExpected.erase(188 * 702, 158);
-         }},
-        {"a cut tail",
-         [](std::string &sFile, std::string &sExpected) {
-             sFile.resize(sFile.size() - 100);
-             sExpected.resize(sExpected.size() - 188);
-         }},
-    };
-    for (const CASE &Case : aCase) {
+    for (const auto &Case : aCase) {
         SCOPED_TRACE(Case.pszWhat);
         std::string sFile = sWhole;
-        std::string sExpected = sWhole;
-        Case.Damage(sFile, sExpected);
+        sFile.replace(Case.ulAt, Case.ulRemoved, Case.sPut);
+        std::string sExpected = sFile;
+        sExpected.erase(Case.ulLostAt, Case.ulLost);
 
         testing::internal::CaptureStderr();
         const DRAINED Drained = play(sFile, Case.pszWhat); // reports that repeat another's words are left out
         const std::string sReports = testing::internal::GetCapturedStderr();
 
         EXPECT_TRUE(Drained.sBytes == sExpected);
-        expectSteady(Drained, sExpected.size() / 188,
-                     1.1); // a lost packet moves the others by its millisecond
+        // A lost packet moves the others by its millisecond.
+        expectSteady(Drained, sExpected.size() / 188, 1.1);
         EXPECT_EQ(std::count(sReports.begin(), sReports.end(), '\n'), 1) << sReports;
     }
 }
 
 TEST(MediaTs, FilesWithoutAClockAreRefused) {
-    std::vector<TSPACKET> StandingStill = steadyPackets(400);
-    for (std::size_t ul = 0; ul < 400; ul += 40)
-        StandingStill[ul].llClock = 5 * MS;
-    std::vector<TSPACKET> OneReference(400);
+    PACKETS OneReference(400);
     OneReference[40].llClock = 5 * MS;
-    for (const std::vector<TSPACKET> &Packets :
-         {std::vector<TSPACKET>(400), OneReference, StandingStill, std::vector<TSPACKET>(100'000)}) {
+    const PACKETS StandingStill =
+        changed(400, 0, 400, 40, [](TSPACKET &Packet, long long) { Packet.llClock = 5 * MS; });
+    for (const PACKETS &Packets : {PACKETS(400), OneReference, StandingStill, PACKETS(100'000)}) {
         const MEMORYFILE File(bytesOf(Packets));
         TSREADER Reader;
         std::string sReason;
         EXPECT_FALSE(tsReaderStart(Reader, File.iFile, "file.ts", sReason));
         EXPECT_NE(sReason.find("clock reference"), std::string::npos) << sReason;
     }
-}
-
-TEST(MediaTs, RandomReferencesKeepTheirPace) {
-    std::vector<TSPACKET> Packets = steadyPackets(7000);
-    unsigned long long ullRandom = 12345;
-    for (std::size_t ul = 400; ul < 7000; ul += 3) {
-        ullRandom = ullRandom * 6364136223846793005ULL + 1442695040888963407ULL;
-        Packets[ul].llClock = static_cast<long long>((ullRandom >> 11) % WRAP);
-        Packets[ul].bDiscontinuity = ullRandom % 5 == 0;
-    }
-
-    const DRAINED Drained = play(bytesOf(Packets));
-
-    EXPECT_NEAR(Drained.DueMs.back(), 6993.0, 3000.0);
-    for (std::size_t ul = 1; ul < Drained.DueMs.size(); ul++)
-        ASSERT_LE(Drained.DueMs[ul] - Drained.DueMs[ul - 1], 1000.0);
 }
