@@ -21,6 +21,7 @@ static_assert(offsetof(KTNET_BUFFER, pBuffer) == 0 && offsetof(KTNET_BUFFER, ulB
 
 namespace {
 
+constexpr int kHops = 5; // one limit for all: a stream and the messages reach where the announcements do
 constexpr int kVersion = 2;
 constexpr int kDefault = -1; // the field keeps the library's default
 
@@ -138,7 +139,11 @@ int KTNETOpenClient(KTNET_ENDPOINT **ppDesc, KTNET_USE eUse, KTNET_STEP *peStep)
 
 int KTNETOpenSender(KTNET_ENDPOINT **ppDesc, KTNET_USE eUse, const char *pszPeer, unsigned short usPort,
                     const char *pszLocal, KTNET_STEP *peStep) {
-    return open(ppDesc, settingOf(eUse, KTNET_KIND_UDP, 0), pszPeer, usPort, pszLocal, peStep);
+    const int iResult = open(ppDesc, settingOf(eUse, KTNET_KIND_UDP, 0), pszPeer, usPort, pszLocal, peStep);
+    if (iResult > 0) {
+        ktn_xapi_hops_socket(0, (*ppDesc)->iSocket, kHops, 1);
+    }
+    return iResult;
 }
 
 int KTNETOpenReceiver(KTNET_ENDPOINT **ppDesc, KTNET_USE eUse, const char *pszPeer, unsigned short usPort,

@@ -18,7 +18,6 @@ namespace {
 constexpr const char *kModule = "pcmbcengine";
 constexpr unsigned int kIdent = 14;
 constexpr unsigned int kService = 204;
-constexpr int kHops = 5;
 constexpr unsigned long kHorizon = 2;   // seconds by which a message is taken ahead of its start time
 constexpr unsigned long kPause = 7;     // seconds between two broadcasts of a message
 constexpr double kPausePerByte = 0.2;   // and what each byte of its text adds
@@ -142,9 +141,7 @@ bool isEndpointUsable(Broadcast *pState) {
         KTNETClose(&pState->pEndpoint);
         pState->iEndpoint =
             KTNETOpenSender(&pState->pEndpoint, KTNET_BROADCAST, nullptr, 0, nullptr, nullptr);
-        if (pState->iEndpoint > 0) {
-            ktn_xapi_hops_socket(0, pState->pEndpoint->iSocket, kHops, 1);
-        } else {
+        if (pState->iEndpoint <= 0) {
             KTNETClose(&pState->pEndpoint);
         }
     }

@@ -1,0 +1,232 @@
+// The bypass relay engine: carries a live stream from the PC to its group. On a thread of its own.
+#include "bciengine.h"
+
+#include "engines.h"
+#include "ktlist.h"
+#include "ktnet.h"
+#include "ktpacket.h"
+#include "pccastmain/debuglog.h"
+
+#include <qxapi.h>
+#include <vexa_pgl.h>
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+int initMSTREAMRxNetEx(KTNET_ENDPOINT **ppDesc, const char *pszPeer, unsigned short usPort,
+                       const char *pszLocal) {
+    KTNETClose(ppDesc);
+    KTNET_STEP eStep = KTNET_STEP_INIT;
+    const int iResult = KTNETOpenReceiver(ppDesc, KTNET_STREAM_RECEIVER, pszPeer, usPort, pszLocal, &eStep);
+    if (eStep == KTNET_STEP_INIT) {
+        PCCAST_DEBUG(0, "%s():%d, ERROR, KTNetInit() return %#x(%d)\n", "initMSTREAMRxNetEx", __LINE__,
+                     static_cast<unsigned int>(iResult), iResult);
+        return iResult;
+    }
+    PCCAST_DEBUG(4, "%s():%d rx. network reinitializing\n", "initMSTREAMRxNetEx", __LINE__);
+    if (iResult <= 0) {
+        PCCAST_DEBUG(0, "%s():%d, ERROR, KTNetCreate() return %#x(%d)\n", "initMSTREAMRxNetEx", __LINE__,
+                     static_cast<unsigned int>(iResult), iResult);
+        return iResult;
+    }
+    return 1;
+}
+
+int initSTREAMTxNet(KTNET_ENDPOINT **ppDesc, const char *pszPeer, const char *pszLocal, int iPort) {
+    KTNETClose(ppDesc);
+    KTNET_STEP eStep = KTNET_STEP_INIT;
+    const auto usPort = static_cast<unsigned short>(iPort);
+    const int iResult = KTNETOpenSender(ppDesc, KTNET_STREAM_SENDER, pszPeer, usPort, pszLocal, &eStep);
+    if (iResult <= 0) {
+        PCCAST_DEBUG(0, "%s():%d, ERROR, %s() return %#x(%d)\n", "initSTREAMTxNet", __LINE__,
+                     eStep == KTNET_STEP_INIT ? "KTNetInit" : "KTNetCreate",
+                     static_cast<unsigned int>(iResult), iResult);
+        return iResult;
+    }
+    PCCAST_DEBUG(0, "-------------%s():%d, MESSAGE, KTNetCreate(p(%s), l(%s), p(%d)) ok\n", "initSTREAMTxNet",
+                 __LINE__, qxapi_check_string(pszPeer), qxapi_check_string(pszLocal), usPort);
+    return 1;
+}
+
+namespace {
+
+constexpr unsigned long kDatagramMax = 65536;
+constexpr unsigned long kKeySize = 16; // what the decryption calls read
+constexpr const char *kReceiveInterface = "127.0.0.1";
+
+// One cast on the relay: its endpoints, its key, and how its datagrams are treated.
+struct Relay {
+    const CASTInfo *pCast;
+    KTNET_ENDPOINT *pReceiver;
+    KTNET_ENDPOINT *pSender;
+    unsigned char key[kKeySize];
+};
+
+bool isDecrypted(const CASTInfo *pCast) {
+    return pCast->iEncryptionType == CAST_ENCRYPTION_SEED ||
+           pCast->iEncryptionType == CAST_ENCRYPTION_FAST_SEED;
+}
+
+// Fills the key up with zeros to the size that the decryption reads. Returns false (printed) when one is
+// needed and there is none.
+bool takeKey(Relay *pRelay) {
+    const CASTInfo *pCast = pRelay->pCast;
+    if (!isDecrypted(pCast)) {
+        return true;
+    }
+    if (pCast->pEncryptionKey == nullptr || pCast->iEncryptionKeyLen <= 0) {
+        std::printf("%s():%d \e[1;41m[cast of EPG id %lu wants decryption but brings no key]\e[0m\n",
+                    "PCCASTBYPASSEngine", __LINE__, pCast->uliEPGID);
+        return false;
+    }
+    std::memcpy(pRelay->key, pCast->pEncryptionKey,
+                std::min(static_cast<unsigned long>(pCast->iEncryptionKeyLen), kKeySize));
+    return true;
+}
+
+// A relay onto its own source would feed itself without end. Returns whether it is none (printed).
+bool leadsElsewhere(const CASTInfo *pCast) {
+    if (pCast->usSRCPort == pCast->usDSTPort && pCast->pSRCIP != nullptr && pCast->pDSTIP != nullptr &&
+        std::strcmp(pCast->pSRCIP, pCast->pDSTIP) == 0) {
+        std::printf(
+            "%s():%d \e[1;41m[cast of EPG id %lu has %s:%u for its source and its destination]\e[0m\n",
+            "PCCASTBYPASSEngine", __LINE__, pCast->uliEPGID, pCast->pSRCIP, pCast->usSRCPort);
+        return false;
+    }
+    return true;
+}
+
+// Opens both ends. Returns whether the cast can go on air; the reason why not is printed.
+bool openRelay(Relay *pRelay) {
+    const CASTInfo *pCast = pRelay->pCast;
+    if (!takeKey(pRelay) || !leadsElsewhere(pCast) ||
+        initMSTREAMRxNetEx(&pRelay->pReceiver, pCast->pSRCIP, pCast->usSRCPort, kReceiveInterface) <= 0) {
+        return false;
+    }
+    if (initSTREAMTxNet(&pRelay->pSender, pCast->pDSTIP, nullptr, pCast->usDSTPort) <= 0) {
+        std::printf("%s():%d \e[1;41m[Initialize FAILURE]\e[0m\n", "PCCASTBYPASSEngine", __LINE__);
+        PRINTCASTInfo(pCast, "PCCASTBYPASSEngine");
+        return false;
+    }
+    return true;
+}
+
+void decrypt(const Relay *pRelay, unsigned char *pData, unsigned long ulLength) {
+    switch (pRelay->pCast->iEncryptionType) {
+    case CAST_ENCRYPTION_SEED:
+        qxapi_seed_decrypt(pData, ulLength, pRelay->key);
+        break;
+    case CAST_ENCRYPTION_FAST_SEED:
+        qxapi_fast_seed_decrypt(pData, ulLength, pRelay->key);
+        break;
+    default:
+        break;
+    }
+}
+
+int sendPacket(const Relay *pRelay, unsigned char *pData, unsigned long ulLength) {
+    KTNET_BUFFER buffer{pData, ulLength};
+    return ktn_xapi_ktnet_tx_a_packet(pRelay->pSender, 0, &buffer);
+}
+
+// Sends each chunk that lies whole within the datagram; what is left behind the last one is dropped. Returns
+// the result of the last send, 1 when there was none.
+int sendChunks(const Relay *pRelay, unsigned char *pData, unsigned long ulLength) {
+    int iResult = 1;
+    unsigned long ulOffset = 0;
+    while (ulLength - ulOffset >= 2) {
+        const unsigned long ulChunk = ktpacketGetWORD(pData + ulOffset);
+        ulOffset += 2;
+        if (ulChunk > ulLength - ulOffset) {
+            break;
+        }
+        if (ulChunk > 0) {
+            iResult = sendPacket(pRelay, pData + ulOffset, ulChunk);
+        }
+        ulOffset += ulChunk;
+    }
+    return iResult;
+}
+
+// Sends one received datagram on. Returns false when the cast is to end.
+bool forward(const Relay *pRelay, unsigned char *pData, unsigned long ulLength) {
+    decrypt(pRelay, pData, ulLength);
+    switch (pRelay->pCast->iASFSplit) {
+    case CAST_SPLIT_NONE:
+        sendPacket(pRelay, pData, ulLength);
+        return true;
+    case CAST_SPLIT_CHUNKS:
+        return sendChunks(pRelay, pData, ulLength) > 0;
+    default:
+        std::fprintf(stderr, "%s() iASFSplit unknown iASFSplit type[%d] \n", "PCCASTBYPASSEngine",
+                     pRelay->pCast->iASFSplit);
+        std::fflush(stderr);
+        return true;
+    }
+}
+
+// Relays datagram by datagram until the end time, a request to finish or stop, or the end of the source.
+void relay(const KTPLUGIN_INFO_TAG *pBlock, const Relay *pRelay, unsigned char *pBuffer) {
+    while (pBlock->eState <= ENGINE_RUNNING && pRelay->pCast->ulET > vexa_time(nullptr)) {
+        const int iReadable =
+            ktn_xapi_rx_poll_socket(pRelay->pReceiver->iSocket, pRelay->pReceiver->uiTimeoutMs);
+        if (iReadable <= 0) {
+            std::fprintf(stderr, "%s() waiting for bypass stream source\n", "PCCASTBYPASSEngine");
+            std::fflush(stderr);
+            if (iReadable < 0) { // an error returns at once: the line is for every time-out
+                KTuSleep(static_cast<int>(pRelay->pReceiver->uiTimeoutMs) * 1000);
+            }
+            continue;
+        }
+        const ssize_t lLength =
+            recvfrom(pRelay->pReceiver->iSocket, pBuffer, kDatagramMax, 0, nullptr, nullptr);
+        if (lLength <= 0 || !forward(pRelay, pBuffer, static_cast<unsigned long>(lLength))) {
+            return;
+        }
+    }
+}
+
+// Carries the cast in the slot. The slot is emptied once the state has left idle.
+void carryCast(KTPLUGIN_INFO_TAG *pBlock, CASTInfo *pCast, unsigned char *pBuffer) {
+    Relay cast{pCast, nullptr, nullptr, {}};
+    if (openRelay(&cast)) {
+        engineReport(pBlock, ENGINE_RUNNING);
+        engineAcknowledge(pBlock);
+        std::fprintf(stderr, "\e[2;42m\t\t\t\t[PC BYPASS OnAir]\e[0m\n");
+        relay(pBlock, &cast, pBuffer);
+        KTNETClose(&cast.pSender);
+        KTNETClose(&cast.pReceiver);
+        ELIMINATECASTInfo(&pCast);
+        engineReportIdle(pBlock);
+        return;
+    }
+    KTNETClose(&cast.pSender);
+    KTNETClose(&cast.pReceiver);
+    engineReport(pBlock, ENGINE_FAILED);
+    engineAcknowledge(pBlock);
+    ELIMINATECASTInfo(&pCast);
+}
+
+} // namespace
+
+int PCCASTBYPASSEngine(KTPLUGIN_INFO_TAG *pBlock) {
+    if (pBlock == nullptr) {
+        return 0;
+    }
+    ++pBlock->iThreadCount;
+    pBlock->eState = ENGINE_IDLE;
+    static_assert(kDatagramMax <= 65536, "the buffer lies on the thread's stack");
+    unsigned char buffer[kDatagramMax];
+    while (pBlock->eState <= ENGINE_FINISH) {
+        CASTInfo *pCast = pBlock->eState == ENGINE_IDLE ? enginePeek(pBlock) : nullptr;
+        if (pCast != nullptr) {
+            carryCast(pBlock, pCast, buffer);
+        }
+        vexa_load_balance();
+    }
+    engineEnd(pBlock);
+    return 0;
+}
