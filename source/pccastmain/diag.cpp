@@ -24,6 +24,17 @@ void sleepThrough(unsigned int uiSeconds) {
     }
 }
 
+// The receivers come to listen a moment after the opening has returned; a request sent before that is lost.
+void waitForReceivers() {
+    constexpr int kPasses = 300;
+    for (int i = 0; i < kPasses; ++i) {
+        if (access(PCCAST_CAST_SOCKET, F_OK) == 0 && access(PCCAST_MESSAGE_SOCKET, F_OK) == 0) {
+            return;
+        }
+        vexa_load_balance();
+    }
+}
+
 std::string sampleFile(const char *pName) {
     const char *pFolder = std::getenv("PCCAST_SAMPLES");
     return std::string(pFolder != nullptr ? pFolder : "/usr/share/pccast/samples") + "/" + pName;
@@ -106,6 +117,7 @@ int diagPCCASTMain(void) {
     }
     installSignalHandler();
     QX_PlugIn_Open();
+    waitForReceivers();
 
     CASTInfo *pCastA = nullptr;
     if (MAKECASTInfo(&pCastA, "224.1.1.1", "224.13.13.13", sampleFile("CASTFILE.asf").c_str(),

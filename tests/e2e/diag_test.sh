@@ -3,7 +3,7 @@
 # what it puts on air.
 . "$(dirname "$0")/service.sh"
 command -v faketime >/dev/null || exit 77
-! ldd "$bin/diagpccast" | grep -q 'lib[at]san' || exit 77 # a sanitizer must be loaded before anything else
+[[ $(ldd "$bin/diagpccast") != *lib[at]san* ]] || exit 77 # a sanitizer must be loaded before anything else
 start_watch
 
 PCCAST_SAMPLES=$samples faketime -f '+0 x15' "$bin/diagpccast" >said.log 2>&1

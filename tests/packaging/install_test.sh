@@ -25,9 +25,9 @@ mv "$work/installed" "$prefix"
 cd "$work"
 
 # ---- programs
-"$prefix/bin/pccast" --version | grep -q '^pccast [0-9]' || fail "pccast does not run"
-"$prefix/bin/pccast" --help | grep -q 'serve .*run the service' || fail "pccast --help"
-("$prefix/bin/pccast-feed" 2>&1 || true) | grep -q usage || fail "pccast-feed does not run"
+grep -q '^pccast [0-9]' <<<"$("$prefix/bin/pccast" --version)" || fail "pccast does not run"
+grep -q 'serve .*run the service' <<<"$("$prefix/bin/pccast" --help)" || fail "pccast --help"
+grep -q usage <<<"$("$prefix/bin/pccast-feed" 2>&1 || true)" || fail "pccast-feed does not run"
 missing=$(find "$prefix" \( -path '*/bin/*' -o -name '*.so*' \) -exec ldd {} + | grep 'not found' || true)
 [ -z "$missing" ] || fail "libraries are not found: $missing"
 elsewhere=$(ldd "$prefix/bin/diagpccast" | grep -E 'pccast|qxapi|vexa' | grep -v "$prefix" || true)
