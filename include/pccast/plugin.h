@@ -19,7 +19,8 @@ const char *QX_PlugIn_Name(void);
 /* 0x03060502 */
 unsigned int QX_PlugIn_Version(void);
 
-/* Opens the service: starts its threads and returns when the supervisor runs. A failure is printed.
+/* Opens the service: starts its threads and returns when the supervisor runs. A failure is printed. The two
+ * sockets of commander.h are there some tens of milliseconds later: a request submitted before is lost.
  * Returns 1. */
 int QX_PlugIn_Open(void);
 
