@@ -65,7 +65,7 @@ export PKG_CONFIG_PATH
 eval "of_pkg_config=($(pkg-config --cflags --libs pccast))"
 cc "${flags[@]}" "$source/examples/component.c" -o with_pkg_config "${of_pkg_config[@]}" \
     "-Wl,-rpath,${PKG_CONFIG_PATH%/pkgconfig}" || fail "not built with pkg-config"
-"$cmake" -S "$prefix/share/doc/pccast/examples" -B cmake -DCMAKE_PREFIX_PATH="$prefix" \
+"$cmake" -G Ninja -S "$prefix/share/doc/pccast/examples" -B cmake -DCMAKE_PREFIX_PATH="$prefix" \
     -DCMAKE_C_FLAGS="${flags[*]}" >cmake.log 2>&1 && "$cmake" --build cmake >>cmake.log 2>&1 ||
     fail "not built with the CMake package: $(cat cmake.log)"
 for component in ./with_pkg_config cmake/component; do
