@@ -54,7 +54,6 @@ unsigned long now() {
 }
 
 // ---- announcement packets
-// -------------------------------------------------------------------------------------------
 
 // An item list under construction that remembers whether memory ran out on the way.
 struct Announcement {
@@ -247,7 +246,6 @@ int makeBCIEndPacket(const BCIInfo *pBCI, KTNET_PACKET *pPacket) {
 }
 
 // ---- the announcement engine
-// ------------------------------------------------------------------------------------------
 
 namespace {
 

@@ -177,7 +177,6 @@ int TxCASTInfoToPlugIn(unsigned long ulCMD, const CASTInfo *pInfo) {
 }
 
 // ---- the receiver thread
-// --------------------------------------------------------------------------------------------
 
 namespace {
 

@@ -109,7 +109,6 @@ int TxPCMBCInfoToPlugIn(unsigned long ulCMD, const MSGInfo *pInfo) {
 }
 
 // ---- the receiver thread
-// --------------------------------------------------------------------------------------------
 
 namespace {
 

@@ -81,7 +81,6 @@ bool isAskedToStop(const KTPLUGIN_INFO_TAG *pSelf) {
 }
 
 // ---- start-up
-// ---------------------------------------------------------------------------------------------------
 
 Service *createService() {
     void *pMemory = std::calloc(1, sizeof(Service));
@@ -123,7 +122,6 @@ bool startEngines(Service *pService) {
 }
 
 // ---- hand-over
-// --------------------------------------------------------------------------------------------------
 
 // Ends what the engine has on air and acknowledges a failure report.
 void requestFinish(KTPLUGIN_INFO_TAG *pEngine) {
@@ -174,7 +172,6 @@ bool handOver(KTPLUGIN_INFO_TAG *pEngine, Channel *pChannel) {
 }
 
 // ---- the steps of a pass
-// ------------------------------------------------------------------------------------------
 
 void releaseCurrent(Channel *pChannel) {
     if (pChannel->pCurrent != nullptr) {
@@ -323,7 +320,6 @@ void schedulingLoop(const KTPLUGIN_INFO_TAG *pSelf, Service *pService) {
 }
 
 // ---- shutdown
-// ---------------------------------------------------------------------------------------------------
 
 template <typename Condition>
 bool waitBounded(Condition condition) {
