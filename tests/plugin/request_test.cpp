@@ -353,8 +353,8 @@ TEST_F(ReceiverTest, FailingStepsLoseOneRequestAtMost) {
             EXPECT_THAT(script::seen().calls,
                         ElementsAre("close " + server, "delete " + server, "init 0 2", "create " + server));
             pthread_mutex_lock(row.pMutex); // the list cannot be had: the request is lost, and nothing leaks
-            script::request(row.pszPath, row.uiCommand, 0, bytes(row.pszRequest));
             const unsigned long ulPaused = script::pausedMicroseconds();
+            script::request(row.pszPath, row.uiCommand, 0, bytes(row.pszRequest));
             EXPECT_TRUE(
                 script::eventually([=] { return script::pausedMicroseconds() >= ulPaused + 10'010'000; }));
             pthread_mutex_unlock(row.pMutex);
