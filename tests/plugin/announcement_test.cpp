@@ -98,7 +98,7 @@ TEST_F(AnnouncementTest, WhatCannotBeAnnouncedIsTakenAndDropped) {
         next(0).payload,
         bytes("4C 04 04 00 C4 07 52 CC 01 07 04 00 01 00 00 00 1D 70 04 00 10 00 00 00 1C 70 04 00 03 00 00 "
               "00 11 70 04 00 00 CA 9A 3B 12 70 04 00 64 CA 9A 3B 4D 04 04 00 00 00 00 00 4F 04 00 00"));
-    engineMove(&engine.block, ENGINE_RUNNING, ENGINE_FINISH);
+    engine.finish();
     CASTInfo *pInfo = cast({});
     free(pInfo->pDSTIP);
     pInfo->pDSTIP = nullptr;

@@ -2,6 +2,8 @@
 // the diagnostic driver.
 #include "plugintest.h"
 
+#include "ktpacket.h"
+
 #include <pccast/pccast.h>
 
 #include "pccastmain/debuglog.h"
@@ -271,7 +273,33 @@ TEST_F(FrameTest, DebugLogKeepsThreadsApart) {
 // priorities, ages and pauses have it.
 TEST_F(FrameTest, DiagnosticDriverPlaysItsSequence) {
     setenv("PCCAST_SAMPLES", "/samples", 1);
+    setenv("KTDEBUG_STDOUT_PCCAST", "1", 1);
+    setenv("KTDEBUG_LEVEL_PCCAST", "1", 1);
     EXPECT_EQ(diagPCCASTMain(), 1);
+    unsetenv("KTDEBUG_STDOUT_PCCAST");
+    unsetenv("KTDEBUG_LEVEL_PCCAST");
+    EXPECT_THAT(out(), testing::ContainsRegex(
+                           "\\[DEBUG_LEVEL_1\\] diagPCCASTMain\\[[0-9#]+\\] : FileName = aaaaaaaaaa\n"));
+    // "TIME COMMAND EPGID PRIORITY LIFE REPEAT" of each request for a message; the cast's request whole.
+    std::string requests;
+    for (const script::Frame &frame : script::frames("client /tmp/PCMBC.uds")) {
+        const auto number = [&](size_t ulAt) {
+            return ktpacketGetDWORD(frame.payload.data() + ulAt) - static_cast<unsigned int>(script::START);
+        };
+        char szOne[80];
+        snprintf(szOne, sizeof szOne, "%lu %x %u %d %u+%u*%u ", frame.ulTime - script::START,
+                 frame.header.uiCommand, frame.header.uiParam, frame.payload.at(12), number(20),
+                 number(28) - number(20), ktpacketGetWORD(frame.payload.data() + 52));
+        requests += szOne;
+    }
+    EXPECT_EQ(requests, "215 40020 1 1 215+10*200 220 40020 1 1 220+10*2 230 40023 1 1 220+10*2 "
+                        "230 40020 1 0 230+100*200 250 40020 0 0 250+300*5 260 40020 1 1 260+20*3 ");
+    ASSERT_EQ(script::frames("client /tmp/PCSTREAM.uds").size(), 1u); // the second sample is not sent
+    EXPECT_EQ(script::frames("client /tmp/PCSTREAM.uds").front().payload,
+              bytes("01 00 04 00 01 00 00 00 02 00 04 00 00 00 00 00 03 00 04 00 64 00 00 00"
+                    "05 00 04 00 00 CA 9A 3B 06 00 04 00 C8 CA 9A 3B 04 00 04 00 01 00 00 00"
+                    "0C 00 04 00 00 00 00 00 0D 00 04 00 B6 87 00 00 0B 00 15 00 '/samples/CASTFILE.asf'"
+                    "0A 00 0C 00 '224.13.13.13' 09 00 02 00 4D 33"));
     EXPECT_EQ(script::now(), script::START + 330);
     std::string messages;
     for (const script::Frame &frame : script::frames("tx 224.9.9.9:9367")) {
@@ -284,7 +312,10 @@ TEST_F(FrameTest, DiagnosticDriverPlaysItsSequence) {
     EXPECT_EQ(count(out(), "NULL PCMessage"), 0u);
     raise(SIGTERM);
     EXPECT_THAT(out(), HasSubstr(" 15 signal occured  "));
-    signal(SIGTERM, SIG_DFL);
+    signal(SIGTERM, SIG_IGN); // who ignores it goes on doing so
+    script::reset();
+    EXPECT_EQ(diagPCCASTMain(), 1);
+    EXPECT_EQ(signal(SIGTERM, SIG_DFL), SIG_IGN);
 }
 
 } // namespace

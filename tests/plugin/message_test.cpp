@@ -50,7 +50,9 @@ protected:
 
 TEST_F(MessageTest, PacketIsAsTheReceiversReadIt) {
     Engine engine(PCMBCEngine, lists);
-    file(&normal, {.pszText = "hello", .ulPri = 2, .ulRep = 1, .ulET = 100});
+    EXPECT_TRUE(script::settle(4));
+    EXPECT_EQ(script::pausedMicroseconds(), 0u); // empty lists are not locked
+    file(&normal, {.pszText = "hello", .ulPri = 2, .ulRep = 1, .ulET = 100, .ulCMD = 77});
     ASSERT_EQ(script::frames(AIR).size(), 1u);
     const script::Frame frame = script::frames(AIR).front();
     EXPECT_TRUE(isHeader(frame, 14, 204, 0x40020, 1000000000));
@@ -83,6 +85,32 @@ TEST_F(MessageTest, PauseGrowsWithTheTextAndRepeatsRunOut) {
     }
 }
 
+TEST_F(MessageTest, LongestTextIsSentAndWaitsItsWholePause) {
+    const std::string text(PCMBC_TEXT_MAX, 'x');
+    Engine engine(PCMBCEngine, lists);
+    file(&normal, {.pszText = text.c_str(), .ulRep = 2, .ulET = 20000});
+    script::advance(7 + 13085 - 1);
+    EXPECT_TRUE(script::settle(10));
+    EXPECT_EQ(script::frames(AIR).size(), 1u);
+    EXPECT_EQ(aired(13092).size(), 2u);
+    EXPECT_EQ(out(), "");
+}
+
+TEST_F(MessageTest, PauseAndSendTimeCountFromTheSending) {
+    script::hold(AIR); // the set-up takes three seconds
+    Engine engine(PCMBCEngine, lists);
+    MSGInfo *pInfo = nullptr;
+    ASSERT_EQ(MAKEMSGInfo(&pInfo, "m"), 1);
+    pInfo->ulET = START + 100;
+    ASSERT_EQ(INSERTMSGInfo(&normal, pInfo), 1);
+    EXPECT_TRUE(script::eventually([] { return script::seen().calls.size() == 1; }));
+    script::advance(3);
+    script::hold("");
+    EXPECT_THAT(aired(10), ElementsAre("3 m", "10 m"));
+    EXPECT_TRUE(isHeader(script::frames(AIR).front(), 14, 204, 0x40020, START + 3));
+    EXPECT_EQ(script::frames(AIR).front().payload.at(4), 3);
+}
+
 TEST_F(MessageTest, TextThatFitsNoDatagramIsCountedAndHoldsNobodyUp) {
     // The longest text that fits makes a datagram of the largest size.
     static_assert(PCMBC_TEXT_MAX == KTNET_UDP_FRAME_MAX - 28 - 50);
@@ -100,6 +128,7 @@ TEST_F(MessageTest, TextThatFitsNoDatagramIsCountedAndHoldsNobodyUp) {
 
 TEST_F(MessageTest, NewerAndPrioritisedMessagesTakeTheAir) {
     Engine engine(PCMBCEngine, lists);
+    file(&priority, {.pszText = "far", .ulCT = 900, .ulPri = 1, .ulST = 900}); // not due: holds nobody up
     file(&normal, {.pszText = "old", .ulCT = 100, .ulRep = 3});
     file(&normal, {.pszText = "low", .ulCT = 99}); // older than the one on air: it waits
     file(&normal, {.pszText = "new", .ulCT = 101, .ulRep = 1});
@@ -117,9 +146,10 @@ TEST_F(MessageTest, PriorityTwoOfTheNormalListHoldsTheAirAndMovesToThePriorityLi
     file(&priority, {.pszText = "low", .ulCT = 99, .ulPri = 1}); // nor an older one of the priority list
     runTo(7);
     file(&priority, {.pszText = "pri", .ulCT = 100, .ulPri = 1, .ulRep = 1}); // an equally old one does
-    EXPECT_EQ(priority.pList->iCount + normal.pList->iCount, 3);
+    EXPECT_THAT(aired(28), ElementsAre("0 two", "7 two", "14 pri", "21 two", "28 two"));
+    engine.stop();
+    EXPECT_EQ(priority.pList->iCount, 1);
     EXPECT_EQ(normal.pList->iCount, 1);
-    EXPECT_THAT(aired(), ElementsAre("0 two", "7 two"));
 }
 
 TEST_F(MessageTest, CancelStopsItsOwnMessageOfItsOwnList) {
@@ -127,6 +157,7 @@ TEST_F(MessageTest, CancelStopsItsOwnMessageOfItsOwnList) {
     file(&normal, {.pszText = "nor"});
     file(&priority, {.ulCMD = PCMBC_CMD_CANCEL});             // the other list
     file(&normal, {.ulCMD = PCMBC_CMD_CANCEL, .ulEPGID = 2}); // another message
+    file(&normal, {.ulET = 999, .ulCMD = PCMBC_CMD_CANCEL});  // the same but for its end
     file(&normal, {.ulCT = 99, .ulCMD = PCMBC_CMD_CANCEL}); // older than the one on air: it stays in the list
     EXPECT_THAT(aired(7), ElementsAre("0 nor", "7 nor"));
     file(&normal, {.pszText = "old", .ulCT = 98, .ulRep = 1, .ulEPGID = 9});
@@ -134,7 +165,11 @@ TEST_F(MessageTest, CancelStopsItsOwnMessageOfItsOwnList) {
     runTo(30);
     file(&priority, {.pszText = "pri", .ulPri = 1, .ulEPGID = 3});
     file(&priority, {.pszText = "sec", .ulCT = 98, .ulPri = 1, .ulRep = 1, .ulEPGID = 4});
-    file(&priority, {.ulCMD = PCMBC_CMD_CANCEL, .ulEPGID = 3});
+    for (const unsigned long ulET : {999ul, 1000ul}) { // the same but for its end: no effect
+        EXPECT_THAT(aired(), ElementsAre("0 nor", "7 nor", "14 old", "30 pri"));
+        EXPECT_EQ(priority.pList->iCount, 1);
+        file(&priority, {.ulET = ulET, .ulCMD = PCMBC_CMD_CANCEL, .ulEPGID = 3});
+    }
     // The next one waits for the pause of the one that was cancelled.
     EXPECT_THAT(aired(50), ElementsAre("0 nor", "7 nor", "14 old", "30 pri", "37 sec"));
     EXPECT_EQ(priority.pList->iCount + normal.pList->iCount, 0);
@@ -159,10 +194,11 @@ TEST_F(MessageTest, EquallyOldMessagesTakeTurns) {
 TEST_F(MessageTest, MessageThatCannotBeFiledBackIsLostAlone) {
     Engine engine(PCMBCEngine, lists);
     file(&normal, {.pszText = "on"});
-    pthread_mutex_lock(normal.pMutex);
-    file(&priority, {.pszText = "pri", .ulPri = 1, .ulRep = 1});
-    EXPECT_TRUE(script::eventually([this] { return count(out(), "can NOT LOCK") == 1; }));
-    pthread_mutex_unlock(normal.pMutex);
+    {
+        script::Taken taken(normal.pMutex);
+        file(&priority, {.pszText = "pri", .ulPri = 1, .ulRep = 1});
+        EXPECT_TRUE(script::eventually([this] { return count(out(), "can NOT LOCK") == 1; }));
+    }
     EXPECT_THAT(aired(20), ElementsAre("0 on", "7 pri"));
 }
 

@@ -20,7 +20,7 @@ protected:
 
     char m_text[5] = "text";
     CASTInfo *m_pCast = cast({.ulType = 1});
-    MSGInfo m_message{0, 0x1122334455, 1, 100, START, START + 100, 1, 33333, 32, m_text};
+    MSGInfo m_message{PCMBC_CMD_CANCEL, 0x1122334455, 1, 100, START, START + 100, 1, 33333, 32, m_text};
 };
 
 TEST_F(SenderTest, RequestsAreAsTheReceiversReadThem) {
@@ -75,8 +75,8 @@ TEST_F(SenderTest, RequestsAreAsTheReceiversReadThem) {
     }
     EXPECT_EQ(TxPCMBCInfoToPlugIn(0x40021, &m_message), 1); // the result of the creation: nothing was sent
     EXPECT_EQ(script::frames(key(false)).size(), 2u);
-    EXPECT_EQ(m_message.ulCMD, 0u);
-    m_text[0] = '\0'; // an empty text is a text
+    EXPECT_EQ(m_message.ulCMD, PCMBC_CMD_CANCEL); // the argument counts
+    m_text[0] = '\0';                             // an empty text is a text
     EXPECT_EQ(QX_PCCASTMBCCommander(PCMBC_CMD_MSG, &m_message), 1);
     const Bytes payload = script::frames(key(false)).back().payload;
     EXPECT_EQ(Bytes(payload.end() - 4, payload.end()), bytes("0B 50 00 00"));
@@ -290,6 +290,8 @@ TEST_F(ReceiverTest, MessageItemsMissingEmptyDoubledOrUnknown) {
          "priority: " + head + "1 0 2 2147483651 7 5 4 j"},
         {0x40020, "0C 00 00 00 03 00 04 00 05 00 00 00 03 00 04 00 06 00 00 00 0B 50 02 00 00 'k'",
          "normal: " + head + "0 6 2 0 7 5 4 "}, // a text is one up to its first NUL, and be it the first byte
+        {0x40020, "0E 00 04 00 01 00 00 00 0E 00 00 00 0B 00 00 00 01 50 00 00 03 50 00 00 0B 50 01 00 'l'",
+         "normal: " + head + "0 6 0 0 7 0 0 l"},
         {0x40020, "0B 50 01 00 'a' 0B 50 00 00", ""}};
     for (const Case &row : cases) {
         EXPECT_EQ(filed(false, row.uiCommand, row.items), row.filed) << row.items;
@@ -352,12 +354,13 @@ TEST_F(ReceiverTest, FailingStepsLoseOneRequestAtMost) {
             EXPECT_TRUE(script::eventually([] { return script::seen().calls.size() >= 4; }));
             EXPECT_THAT(script::seen().calls,
                         ElementsAre("close " + server, "delete " + server, "init 0 2", "create " + server));
-            pthread_mutex_lock(row.pMutex); // the list cannot be had: the request is lost, and nothing leaks
-            const unsigned long ulPaused = script::pausedMicroseconds();
-            script::request(row.pszPath, row.uiCommand, 0, bytes(row.pszRequest));
-            EXPECT_TRUE(
-                script::eventually([=] { return script::pausedMicroseconds() >= ulPaused + 10'010'000; }));
-            pthread_mutex_unlock(row.pMutex);
+            { // the list cannot be had: the request is lost, and nothing leaks
+                script::Taken taken(row.pMutex);
+                const unsigned long ulPaused = script::pausedMicroseconds();
+                script::request(row.pszPath, row.uiCommand, 0, bytes(row.pszRequest));
+                EXPECT_TRUE(script::eventually(
+                    [=] { return script::pausedMicroseconds() >= ulPaused + 10'010'000; }));
+            }
             EXPECT_EQ(served(), row.pszFiled);
             EXPECT_EQ(script::seen().endpoints.back(),
                       std::string("mode 0 version 2 kind 80100 peer  local ") + row.pszPath +

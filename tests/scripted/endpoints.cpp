@@ -165,6 +165,9 @@ int ktn_xapi_rx_poll_socket(int iSocket, unsigned int uiTimeoutMs) {
         if (uiTimeoutMs != pDesc->uiTimeoutMs) {
             state().seen.faults.push_back("poll with another time-out than the endpoint's");
         }
+        if (pDesc->uiKind == KTNET_KIND_LOCAL && pDesc->uiError != 0) {
+            state().seen.faults.push_back("poll with a status word that is not clear");
+        }
         int iResult = 1;
         unsigned char ucByte = 0;
         if (ruled(Step::POLL, pDesc, &iResult)) {
@@ -185,6 +188,10 @@ int ktn_xapi_rx_poll_socket(int iSocket, unsigned int uiTimeoutMs) {
 int ktn_xapi_ktnet_accept(KTNET_ENDPOINT *pDesc, KTNET_ENDPOINT **ppConn) {
     Enter enter;
     *ppConn = nullptr;
+    if (pDesc->uiError != 0) {
+        state().seen.faults.push_back("accept with a status word that is not clear");
+    }
+    pDesc->uiError = 0xE1; // the library may leave anything here
     auto &queue = state().requests[pDesc->szLocal];
     EndpointState connection{std::string("connection ") + pDesc->szLocal};
     connection.request = queue.front();

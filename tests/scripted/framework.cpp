@@ -48,8 +48,25 @@ bool decided(Step step, const std::string &key, int *piResult) {
 }
 
 void hold(const std::string &key) {
+    {
+        Enter enter;
+        state().held = key;
+    }
+    settle(2); // who is already past the point comes round to it
+}
+
+Taken::Taken(pthread_mutex_t *pOf) : pMutex(pOf) {
+    pthread_mutex_lock(pMutex);
     Enter enter;
-    state().held = key;
+    state().pTaken = pMutex;
+}
+
+Taken::~Taken() {
+    {
+        Enter enter;
+        state().pTaken = nullptr;
+    }
+    pthread_mutex_unlock(pMutex);
 }
 
 void fail(Step step, const std::string &key, int iResult, int iTimes, int iSkip) {
@@ -135,12 +152,13 @@ static bool waitFor(const char *pszWhat, const std::function<bool()> &condition)
     return true;
 }
 
-bool settle(unsigned uPasses) {
+// One pass more of every thread.
+static bool settleOnce() {
     std::list<std::pair<std::shared_ptr<Passes>, unsigned long>> goals;
     {
         Enter enter;
         for (const auto &thread : state().threads) {
-            goals.emplace_back(thread, *thread + uPasses);
+            goals.emplace_back(thread, *thread + 1);
         }
     }
     return waitFor("a thread makes no passes", [&] { // a thread that has ended holds its record no more
@@ -148,6 +166,14 @@ bool settle(unsigned uPasses) {
             [](const auto &goal) { return *goal.first >= goal.second || goal.first.use_count() == 1; });
         return goals.empty();
     });
+}
+
+bool settle(unsigned uPasses) {
+    bool bSettled = true;
+    for (unsigned u = 0; bSettled && u < uPasses; ++u) {
+        bSettled = settleOnce();
+    }
+    return bSettled;
 }
 
 bool eventually(const std::function<bool()> &condition) {

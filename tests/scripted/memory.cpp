@@ -54,7 +54,6 @@ void *__real_malloc(size_t ulSize);
 void *__real_calloc(size_t ulCount, size_t ulSize);
 void __real_free(void *pBlock);
 int __real_select(int iCount, fd_set *pRead, fd_set *pWrite, fd_set *pExcept, timeval *pTimeout);
-int __real_pthread_mutex_trylock(pthread_mutex_t *pMutex);
 time_t __real_time(time_t *pTime);
 
 static void *kept(void *pBlock) {
@@ -97,8 +96,11 @@ int __wrap_pthread_mutex_trylock(pthread_mutex_t *pMutex) {
         if (script::decided(script::Step::TRYLOCK, "", &iErrno)) {
             return iErrno;
         }
+        if (script::state().pTaken == pMutex) {
+            return EBUSY;
+        }
     }
-    return __real_pthread_mutex_trylock(pMutex);
+    return pthread_mutex_lock(pMutex);
 }
 
 time_t __wrap_time(time_t *pTime) {

@@ -10,6 +10,8 @@
 #include <qxapi_ktn.h>
 #include <vexa_pgl.h>
 
+#include <pthread.h>
+
 #include <functional>
 #include <string>
 #include <vector>
@@ -40,8 +42,9 @@ void moveWallClock(long lSeconds);
 void startThread(std::function<void()> body, long lFailAllocation = 0);
 int liveThreads();
 // Wait in real time, bounded; false when the bound is reached, with a line on standard error.
-// settle: until every live thread has made that many more passes (vexa_load_balance, qxapi_load_balance or an
-// empty poll), so whatever they had to do at the present time is done.
+// settle: that many rounds, in each of which every live thread makes at least one more pass
+// (vexa_load_balance, qxapi_load_balance or an empty poll). What one thread hands to the next takes two
+// rounds at most; so whatever they had to do at the present time is done, however unevenly they run.
 bool settle(unsigned uPasses = 12);
 bool eventually(const std::function<bool()> &condition);
 bool threadsEnd();
@@ -70,8 +73,18 @@ enum class Step {
 void fail(Step step, const std::string &key, int iResult, int iTimes = 1, int iSkip = 0);
 
 // Creations and polls of endpoints whose key contains `key`, and all stored files for "stream", do not get on
-// until the hold is let go with "".
+// until the hold is let go with "". Returns when everyone who is in their midst has come to the hold.
 void hold(const std::string &key);
+
+// Holds a mutex that the tested code then tries for in vain. When it is in the way of itself, it gets the
+// mutex at the first attempt, after a wait: its own pauses are left out, so they must not run out.
+struct Taken {
+    explicit Taken(pthread_mutex_t *pMutex);
+    ~Taken();
+    Taken(const Taken &) = delete;
+    Taken &operator=(const Taken &) = delete;
+    pthread_mutex_t *const pMutex;
+};
 
 // ---- memory
 // Refuses the n-th allocation from now on in the calling thread; 0 ends it. Allocations: malloc, calloc,

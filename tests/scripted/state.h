@@ -45,6 +45,7 @@ struct Script {
     int iBreak = 0;
     std::list<Rule> rules;
     std::string held;
+    const pthread_mutex_t *pTaken = nullptr;
     Records seen;
     std::map<std::string, std::deque<Request>> requests;
     std::map<std::string, std::pair<std::string, int>> registry;
