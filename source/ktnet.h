@@ -29,8 +29,8 @@ enum KTNET_STEP { KTNET_STEP_INIT, KTNET_STEP_CREATE };
 // (printed) or a row of another kind. *peStep (may be null) tells which step the result is of.
 int KTNETOpenServer(KTNET_ENDPOINT **ppDesc, KTNET_USE eUse, KTNET_STEP *peStep);
 int KTNETOpenClient(KTNET_ENDPOINT **ppDesc, KTNET_USE eUse, KTNET_STEP *peStep);
-// pszPeer, usPort: where to send, or what to receive, in rows that name none. A sender gets the system's hop
-// limit.
+// pszPeer, usPort: where to send, or what to receive, in rows that name none. A sender gets a hop limit
+// of 5.
 // pszLocal: address of the interface; null: the library's choice.
 int KTNETOpenSender(KTNET_ENDPOINT **ppDesc, KTNET_USE eUse, const char *pszPeer, unsigned short usPort,
                     const char *pszLocal, KTNET_STEP *peStep);

@@ -8,6 +8,7 @@
 #include "ktnet.h"
 #include "ktpacket.h"
 #include "pccastmain.h"
+#include "requestdelivery.h"
 #include "serviceswitch.h"
 
 #include <vexa_pgl.h>
@@ -22,6 +23,7 @@ namespace {
 
 constexpr unsigned int kIdent = 200;
 constexpr unsigned int kService = 200;
+constexpr int kConnected = 0; // the least result of connecting that is one
 
 enum class Kind {
     Number, // unsigned long; 4 bytes on the wire
@@ -142,16 +144,6 @@ int TxCASTInfoToPlugIn(unsigned long ulCMD, const CASTInfo *pInfo) {
     if (verifyINBTService(PCCAST_CAST_SERVICE) <= 0 || pInfo == nullptr) {
         return -1;
     }
-    KTNET_ENDPOINT *pDesc = nullptr;
-    KTNET_STEP eStep = KTNET_STEP_INIT;
-    int iResult = KTNETOpenClient(&pDesc, KTNET_CAST_SENDER, &eStep);
-    if (pDesc == nullptr) {
-        return iResult;
-    }
-    if (eStep == KTNET_STEP_INIT || iResult <= 0) {
-        ktn_xapi_ktnet_delete(&pDesc);
-        return iResult;
-    }
     unsigned char *pPayload = nullptr;
     KTNET_PACKET packet{};
     packet.uiIdent = kIdent;
@@ -160,20 +152,7 @@ int TxCASTInfoToPlugIn(unsigned long ulCMD, const CASTInfo *pInfo) {
     packet.uiParam = static_cast<unsigned int>(pInfo->ulCASTType);
     packet.ulPayloadLen = packet.ulPayloadSize = buildRequest(pInfo, &pPayload);
     packet.pPayload = pPayload;
-    if (pPayload != nullptr) {
-        iResult = ktn_xapi_ktnet_connect(pDesc);
-        if (iResult >= 0) {
-            iResult = ktn_xapi_ktnet_tx_data(pDesc, &packet);
-            if (iResult < 0) {
-                std::printf("[%s:%d] \e[2;31m KTNetTxData() return:%u(0x%X) \e[1;41m[ERROR]\e[0m\n", kModule,
-                            __LINE__, static_cast<unsigned int>(iResult), static_cast<unsigned int>(iResult));
-            }
-        }
-        ktn_xapi_ktnet_close(pDesc);
-        std::free(pPayload);
-    }
-    ktn_xapi_ktnet_delete(&pDesc);
-    return iResult;
+    return requestDeliver(KTNET_CAST_SENDER, kConnected, &packet);
 }
 
 // ---- the receiver thread

@@ -42,7 +42,7 @@ void DEBUG_LEVEL_COMMON(int level, const char *text);
 void INFO_DEBUG(const char *format, ...) __attribute__((format(printf, 1, 2)));
 }
 
-// Writes a message of a level when that level is wanted: the one way in which the system uses the log.
+// Writes a message of a level when that level is wanted.
 #define PCCAST_DEBUG(level, ...)                                                                             \
     do {                                                                                                     \
         if (gDebugLevel >= (level) && (gPrintStdOut != 0 || gFileLog != 0)) {                                \

@@ -99,7 +99,8 @@ void sendMessages() {
     }
 }
 
-void setTimes(CASTInfo *pInfo) {
+// The format stays unknown: the cast is announced, and nothing is played.
+void fillRequest(CASTInfo *pInfo) {
     pInfo->ulCMD = CAST_CMD_START;
     pInfo->ulCT = 100;
     pInfo->usDSTPort = 13133;
@@ -111,10 +112,7 @@ void setTimes(CASTInfo *pInfo) {
 
 int diagPCCASTMain(void) {
     initDebug("PCCAST", nullptr);
-    if (gDebugLevel > 0 && (gPrintStdOut != 0 || gFileLog != 0)) {
-        gUserLevel = 1;
-        INFO_DEBUG("%s[%d] : FileName = %s\n", "diagPCCASTMain", __LINE__, "aaaaaaaaaa");
-    }
+    PCCAST_DEBUG(1, "%s[%d] : FileName = %s\n", "diagPCCASTMain", __LINE__, "aaaaaaaaaa");
     installSignalHandler();
     QX_PlugIn_Open();
     waitForReceivers();
@@ -122,14 +120,15 @@ int diagPCCASTMain(void) {
     CASTInfo *pCastA = nullptr;
     if (MAKECASTInfo(&pCastA, "224.1.1.1", "224.13.13.13", sampleFile("CASTFILE.asf").c_str(),
                      CAST_TYPE_FILE) == 1) {
-        setTimes(pCastA);
+        fillRequest(pCastA);
         pCastA->ulMSID = 34742;
     }
+    // A second sample, of a relay, is made in passing and not sent: what makes it is exercised.
     CASTInfo *pCastB = nullptr;
     const int iResult = MAKECASTInfo(&pCastB, "224.1.1.1", "224.2.2.2", sampleFile("CASTFILE2.asf").c_str(),
                                      CAST_TYPE_STREAM);
     if (iResult == 1) {
-        setTimes(pCastB);
+        fillRequest(pCastB);
         pCastB->usSRCPort = 9100;
     }
     QX_PCCASTSTREAMCommander(CAST_CMD_START, pCastA);

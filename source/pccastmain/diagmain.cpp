@@ -6,9 +6,8 @@
 int main(int argc, char **) {
     // It starts at once and is heard on the network for minutes: who asks for help must not set it off.
     if (argc > 1) {
-        std::fprintf(stderr,
-                     "diagpccast: takes no arguments. It casts the sample file and sends messages for 330 "
-                     "seconds, on the network; see diagpccast(1)\n");
+        std::fprintf(stderr, "diagpccast: takes no arguments. It announces a cast and sends messages for 330 "
+                             "seconds, on the network; see diagpccast(1)\n");
         return 64;
     }
     diagPCCASTMain();

@@ -9,6 +9,7 @@
 #include "ktpacket.h"
 #include "msglistmgr.h"
 #include "pccastmain.h"
+#include "requestdelivery.h"
 #include "serviceswitch.h"
 
 #include <vexa_pgl.h>
@@ -21,7 +22,8 @@ namespace {
 
 constexpr unsigned int kIdent = 200;
 constexpr unsigned int kService = 205;
-constexpr unsigned int kReceiveIdent = 205;
+constexpr unsigned int kReceiveIdent = 205; // the host's library may tell packets apart by it
+constexpr int kConnected = 1;               // the least result of connecting that is one
 constexpr unsigned short kTextTag = 0x500B;
 
 // The numeric items of a request, in the order in which they are sent; the text follows them.
@@ -72,16 +74,6 @@ int TxPCMBCInfoToPlugIn(unsigned long ulCMD, const MSGInfo *pInfo) {
     if (verifyINBTService(PCCAST_MESSAGE_SERVICE) <= 0 || pInfo == nullptr) {
         return -1;
     }
-    KTNET_ENDPOINT *pDesc = nullptr;
-    KTNET_STEP eStep = KTNET_STEP_INIT;
-    int iResult = KTNETOpenClient(&pDesc, KTNET_MESSAGE_SENDER, &eStep);
-    if (pDesc == nullptr) {
-        return iResult;
-    }
-    if (eStep == KTNET_STEP_INIT || iResult <= 0) {
-        ktn_xapi_ktnet_delete(&pDesc);
-        return iResult;
-    }
     unsigned char *pPayload = nullptr;
     KTNET_PACKET packet{};
     packet.uiIdent = kIdent;
@@ -92,20 +84,7 @@ int TxPCMBCInfoToPlugIn(unsigned long ulCMD, const MSGInfo *pInfo) {
         packet.ulPayloadLen = packet.ulPayloadSize = buildRequest(pInfo, &pPayload);
         packet.pPayload = pPayload;
     }
-    if (pPayload != nullptr) {
-        iResult = ktn_xapi_ktnet_connect(pDesc);
-        if (iResult > 0) {
-            iResult = ktn_xapi_ktnet_tx_data(pDesc, &packet);
-            if (iResult < 0) {
-                std::printf("[%s:%d] \e[2;31m KTNetTxData() return:%u(0x%X) \e[1;41m[ERROR]\e[0m\n", kModule,
-                            __LINE__, static_cast<unsigned int>(iResult), static_cast<unsigned int>(iResult));
-            }
-        }
-        ktn_xapi_ktnet_close(pDesc);
-        std::free(pPayload);
-    }
-    ktn_xapi_ktnet_delete(&pDesc);
-    return iResult;
+    return requestDeliver(KTNET_MESSAGE_SENDER, kConnected, &packet);
 }
 
 // ---- the receiver thread

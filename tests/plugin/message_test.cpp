@@ -145,7 +145,7 @@ TEST_F(MessageTest, PriorityTwoOfTheNormalListHoldsTheAirAndMovesToThePriorityLi
     file(&normal, {.pszText = "new", .ulCT = 200});              // the normal list cannot replace it
     file(&priority, {.pszText = "low", .ulCT = 99, .ulPri = 1}); // nor an older one of the priority list
     runTo(7);
-    file(&priority, {.pszText = "pri", .ulCT = 100, .ulPri = 1, .ulRep = 1}); // an equally old one does
+    file(&priority, {.pszText = "pri", .ulCT = 101, .ulPri = 1, .ulRep = 1}); // a newer one does
     EXPECT_THAT(aired(28), ElementsAre("0 two", "7 two", "14 pri", "21 two", "28 two"));
     engine.stop();
     EXPECT_EQ(priority.pList->iCount, 1);
