@@ -1,5 +1,6 @@
 #include "castlistmgr.h"
 
+#include "recordlist.h"
 #include "timetext.h"
 
 #include <vexa_pgl.h>
@@ -10,8 +11,6 @@
 #include <memory>
 
 namespace {
-
-constexpr unsigned long kNodeSize = 100; // what every entry is filed with; nothing reads it
 
 struct Eliminate {
     void operator()(CASTInfo *pInfo) const { ELIMINATECASTInfo(&pInfo); }
@@ -31,87 +30,6 @@ char *copyText(const char *pText) {
 
 const char *orNull(const char *pText) {
     return pText == nullptr ? "NULL" : pText;
-}
-
-bool isUsable(const CASTList *pCASTList) {
-    return pCASTList != nullptr && pCASTList->pMutex != nullptr && pCASTList->pList != nullptr;
-}
-
-// Whether an output slot may be filled; a full one is refused in the name of the operation.
-bool isEmptySlot(CASTInfo *const *ppCASTInfo, const char *pOperation) {
-    if (*ppCASTInfo != nullptr) {
-        std::printf("%s(): ppCASTInfo is NOT NULL\n", pOperation);
-        return false;
-    }
-    return true;
-}
-
-CASTInfo *recordOf(const KTLIST_NODE *pNode) {
-    return static_cast<CASTInfo *>(pNode->pData);
-}
-
-// The head's record; null when there is no entry, or none in it.
-CASTInfo *headRecord(const KTLIST *pList) {
-    return pList->pHead == nullptr ? nullptr : recordOf(pList->pHead);
-}
-
-// Takes out the record behind the place in the list; it is the caller's.
-CASTInfo *take(KTLIST *pList, KTLIST_NODE *pPlace) {
-    return static_cast<CASTInfo *>(ktlistRemoveAfter(pList, pPlace));
-}
-
-void drop(KTLIST *pList, KTLIST_NODE *pPlace) {
-    CASTInfo *pInfo = take(pList, pPlace);
-    ELIMINATECASTInfo(&pInfo);
-}
-
-// A stop request cancels the first equal waiting request; without one it goes to the head, so that the
-// supervisor meets it first and ends the cast on air with it. Returns whether the list has taken it.
-bool insertStop(CASTList *pCASTList, CASTInfo *pInfo) {
-    KTLIST *pList = pCASTList->pList;
-    KTLIST_NODE *pPlace = nullptr;
-    KTLIST_NODE *pNode = nullptr;
-    while ((pNode = ktlistAfter(pList, pPlace)) != nullptr && // no record is equal to none
-           COMPARECASTInfo(pInfo, recordOf(pNode), 0) != 0) {
-        pPlace = pNode;
-    }
-    if (pNode != nullptr) {
-        drop(pList, pPlace);
-        ELIMINATECASTInfo(&pInfo);
-    } else if (KTLISTpInsertHead(pList, pInfo, kNodeSize) < 1) {
-        return false;
-    }
-    pCASTList->iFLAGChange = 1;
-    return true;
-}
-
-// Returns whether the list has taken the record.
-bool insertInOrder(CASTList *pCASTList, CASTInfo *pInfo) {
-    KTLIST *pList = pCASTList->pList;
-    KTLIST_NODE *pPrevious = nullptr;
-    KTLIST_NODE *pNode = pList->pHead;
-    while (pNode != nullptr && (recordOf(pNode) == nullptr || recordOf(pNode)->ulCT >= pInfo->ulCT)) {
-        pPrevious = pNode;
-        pNode = pNode->pNext;
-    }
-    const int iResult = pPrevious == nullptr ? KTLISTpInsertHead(pList, pInfo, kNodeSize)
-                                             : KTLISTpInsert(pList, pInfo, kNodeSize, pPrevious);
-    if (iResult < 1) {
-        return false;
-    }
-    if (pNode == nullptr) {
-        pCASTList->iFLAGChange = 1;
-    } else {
-        ++pCASTList->iFLAGChange;
-    }
-    return true;
-}
-
-bool isDue(const CASTInfo *pInfo, unsigned long ulOnAirCT, unsigned long ulDueTime) {
-    if (pInfo->ulCMD == CAST_CMD_STOP) {
-        return pInfo->ulST <= ulDueTime && ulOnAirCT <= pInfo->ulCT;
-    }
-    return (pInfo->ulST <= vexa_time(nullptr) || pInfo->ulST <= ulDueTime) && ulOnAirCT < pInfo->ulCT;
 }
 
 } // namespace
@@ -255,24 +173,33 @@ int PRINTCASTInfo(const CASTInfo *pInfo, const char *pCaller) {
     return 0;
 }
 
+template <>
+struct RecordKind<CASTList> {
+    using Record = CASTInfo;
+    static constexpr const char *kHandle = "ppCASTList", *kSlot = "ppCASTInfo";
+    static constexpr auto eliminate = ELIMINATECASTInfo;
+    static constexpr auto copy = COPYaCASTInfo;
+    static constexpr auto compare = COMPARECASTInfo;
+
+    static KTMUTEXHold lock(const CASTList *pCASTList, int) { return KTMUTEXLock(pCASTList->pMutex); }
+    static void print(const CASTInfo *pInfo) { PRINTCASTInfo(pInfo, "PRINTCASTList"); }
+    // A stop request counts as well when it is as old as the cast on air.
+    static bool isDue(const CASTInfo *pInfo, unsigned long ulOnAirCT, unsigned long ulDueTime) {
+        if (pInfo->ulCMD == CAST_CMD_STOP) {
+            return pInfo->ulST <= ulDueTime && ulOnAirCT <= pInfo->ulCT;
+        }
+        return (pInfo->ulST <= vexa_time(nullptr) || pInfo->ulST <= ulDueTime) && ulOnAirCT < pInfo->ulCT;
+    }
+};
+
 int CREATECASTList(CASTList *pCASTList) {
-    if (pCASTList == nullptr) {
-        return 0;
-    }
-    pCASTList->iFLAGChange = 0;
-    if (pCASTList->pMutex != nullptr || pCASTList->pList != nullptr) {
-        std::printf("%s(): ppCASTList is NOT NULL: maybe uninitialized\n", "CREATECASTList");
-        return -1;
-    }
-    KTMUTEXCreate(&pCASTList->pMutex);
-    KTLISTCreate(&pCASTList->pList);
-    return pCASTList->pMutex != nullptr && pCASTList->pList != nullptr ? 1 : 0;
+    return createRecordList(pCASTList, "CREATECASTList");
 }
 
 int DESTROYCASTList(CASTList *pCASTList) {
     if (pCASTList == nullptr || pCASTList->pMutex == nullptr) {
-        if (pCASTList != nullptr && pCASTList->pList != nullptr) {
-            KTLISTpDelete(&pCASTList->pList); // the mutex could not be made, so nothing was ever filed
+        if (pCASTList != nullptr) {
+            releaseRecords(pCASTList); // the mutex could not be made, so nothing was ever filed
         }
         return 0;
     }
@@ -280,13 +207,7 @@ int DESTROYCASTList(CASTList *pCASTList) {
     {
         // Nobody else uses the list any more: what it holds is released whether or not the lock is had.
         const KTMUTEXHold hold = KTMUTEXLock(pCASTList->pMutex);
-        if (pCASTList->pList != nullptr) {
-            for (const KTLIST_NODE *pNode = pCASTList->pList->pHead; pNode != nullptr; pNode = pNode->pNext) {
-                CASTInfo *pInfo = recordOf(pNode);
-                iResult |= ELIMINATECASTInfo(&pInfo);
-            }
-            KTLISTpDelete(&pCASTList->pList);
-        }
+        iResult = releaseRecords(pCASTList);
     }
     KTMUTEXDelete(&pCASTList->pMutex);
     return iResult;
@@ -300,121 +221,37 @@ int INSERTCASTInfo(CASTList *pCASTList, CASTInfo *pInfo) {
     if (hold == nullptr) {
         return 0;
     }
-    const bool bTaken =
-        pInfo->ulCMD == CAST_CMD_STOP ? insertStop(pCASTList, pInfo) : insertInOrder(pCASTList, pInfo);
-    return bTaken ? 1 : 0;
+    // A stop request without an equal one is the first that the supervisor meets, and ends the cast on air.
+    bool bLast = true;
+    const bool bTaken = pInfo->ulCMD == CAST_CMD_STOP ? insertRevocation(pCASTList, pInfo)
+                                                      : insertInOrder(pCASTList, pInfo, &bLast);
+    if (!bTaken) {
+        return 0;
+    }
+    pCASTList->iFLAGChange = bLast ? 1 : pCASTList->iFLAGChange + 1;
+    return 1;
 }
 
 int PATCHaNode(CASTList *pCASTList, unsigned long ulOnAirCT, unsigned long ulDueTime, CASTInfo **ppCASTInfo) {
-    if (!isUsable(pCASTList)) {
-        return 0;
-    }
-    if (!isEmptySlot(ppCASTInfo, "PATCHaNode")) {
-        return -1;
-    }
-    const KTMUTEXHold hold = KTMUTEXLock(pCASTList->pMutex);
-    if (hold == nullptr) {
-        return 0;
-    }
-    KTLIST *pList = pCASTList->pList;
-    KTLIST_NODE *pPlace = nullptr;
-    while (KTLIST_NODE *pNode = ktlistAfter(pList, pPlace)) {
-        const CASTInfo *pInfo = recordOf(pNode);
-        if (pInfo != nullptr && pInfo->ulET <= vexa_time(nullptr)) {
-            drop(pList, pPlace);
-        } else if (pInfo != nullptr && isDue(pInfo, ulOnAirCT, ulDueTime)) {
-            *ppCASTInfo = take(pList, pPlace);
-            return 1;
-        } else {
-            pPlace = pNode;
-        }
-    }
-    return 0;
+    return takeDueRecord(pCASTList, ulOnAirCT, ulDueTime, ppCASTInfo, "PATCHaNode");
 }
 
 int PATCHaCASTInfo(CASTList *pCASTList, CASTInfo **ppCASTInfo) {
-    if (!isUsable(pCASTList)) {
-        return 0;
-    }
-    if (!isEmptySlot(ppCASTInfo, "PATCHaCASTInfo")) {
-        return -1;
-    }
-    const KTMUTEXHold hold = KTMUTEXLock(pCASTList->pMutex);
-    if (hold == nullptr || headRecord(pCASTList->pList) == nullptr) {
-        return 0;
-    }
-    *ppCASTInfo = take(pCASTList->pList, nullptr);
-    pCASTList->iFLAGChange = 1;
-    return 1;
+    return takeHeadRecord(pCASTList, ppCASTInfo, "PATCHaCASTInfo");
 }
 
 int GETCOPYaCASTInfo(CASTList *pCASTList, CASTInfo **ppCASTInfo) {
-    if (!isUsable(pCASTList)) {
-        return 0;
-    }
-    if (!isEmptySlot(ppCASTInfo, "GETCOPYaCASTInfo")) {
-        return -1;
-    }
-    const KTMUTEXHold hold = KTMUTEXLock(pCASTList->pMutex);
-    if (hold == nullptr || headRecord(pCASTList->pList) == nullptr) {
-        return 0;
-    }
-    COPYaCASTInfo(headRecord(pCASTList->pList), ppCASTInfo);
-    return 1;
+    return copyHeadRecord(pCASTList, ppCASTInfo, "GETCOPYaCASTInfo");
 }
 
 int REMOVECASTInfo(CASTList *pCASTList, const CASTInfo *pInfo) {
-    if (!isUsable(pCASTList)) {
-        return 0;
-    }
-    const KTMUTEXHold hold = KTMUTEXLock(pCASTList->pMutex);
-    if (hold == nullptr) {
-        return 0;
-    }
-    int iResult = 0;
-    KTLIST_NODE *pPlace = nullptr;
-    while (KTLIST_NODE *pNode = ktlistAfter(pCASTList->pList, pPlace)) {
-        if (COMPARECASTInfo(pInfo, recordOf(pNode), 0) == 0) {
-            drop(pCASTList->pList, pPlace);
-            pCASTList->iFLAGChange = 1;
-            iResult = 1;
-        } else {
-            pPlace = pNode;
-        }
-    }
-    return iResult;
+    return removeEqualRecords(pCASTList, pInfo);
 }
 
 int REMOVEHeadCASTList(CASTList *pCASTList) {
-    if (!isUsable(pCASTList)) {
-        return 0;
-    }
-    const KTMUTEXHold hold = KTMUTEXLock(pCASTList->pMutex);
-    if (hold == nullptr || headRecord(pCASTList->pList) == nullptr) {
-        return 0;
-    }
-    drop(pCASTList->pList, nullptr);
-    pCASTList->iFLAGChange = 1;
-    return 1;
+    return removeHeadRecord(pCASTList);
 }
 
 void PRINTCASTList(CASTList *pCASTList, const char *pCaller) {
-    if (pCASTList == nullptr || pCASTList->pMutex == nullptr) {
-        return;
-    }
-    {
-        const KTMUTEXHold hold = KTMUTEXLock(pCASTList->pMutex);
-        if (hold == nullptr) {
-            return;
-        }
-        std::printf("-----------------[ SHOW LIST: Caller::%s()\n", pCaller == nullptr ? "UNKNOWN" : pCaller);
-        if (pCASTList->pList != nullptr) {
-            for (const KTLIST_NODE *pNode = pCASTList->pList->pHead; pNode != nullptr; pNode = pNode->pNext) {
-                PRINTCASTInfo(recordOf(pNode), "PRINTCASTList");
-            }
-        }
-    }
-    std::printf("SHOW LIST: %d total, iFLAGChange:%d ]------------------\n",
-                pCASTList->pList == nullptr ? 0 : pCASTList->pList->iCount.load(),
-                pCASTList->iFLAGChange.load());
+    printRecordList(pCASTList, pCaller);
 }

@@ -1,5 +1,6 @@
 #include "msglistmgr.h"
 
+#include "recordlist.h"
 #include "timetext.h"
 
 #include <vexa_pgl.h>
@@ -11,68 +12,6 @@
 namespace {
 
 constexpr const char *kModule = "msglistmgr";
-constexpr unsigned long kNodeSize = 100; // what every node is filed with; nothing reads it
-
-bool isUsable(const MSGList *pMSGList) {
-    return pMSGList != nullptr && pMSGList->pMutex != nullptr && pMSGList->pList != nullptr;
-}
-
-bool isEmptySlot(MSGInfo *const *ppMSGInfo, const char *pOperation) {
-    if (*ppMSGInfo != nullptr) {
-        std::printf("%s(): ppMSGInfo is NOT NULL\n", pOperation);
-        return false;
-    }
-    return true;
-}
-
-// Takes the list's lock; one that cannot be had is printed with the line of the attempt.
-KTMUTEXHold lockList(const MSGList *pMSGList, int iLine = __builtin_LINE()) {
-    KTMUTEXHold hold = KTMUTEXLock(pMSGList->pMutex);
-    if (hold == nullptr) {
-        std::printf("[%s:%d] \e[2;31m can NOT LOCK \e[1;41m[ERROR]\e[0m\n", kModule, iLine);
-    }
-    return hold;
-}
-
-MSGInfo *recordOf(const KTLIST_NODE *pNode) {
-    return static_cast<MSGInfo *>(pNode->pData);
-}
-
-// Takes out the record behind the place in the list; it is the caller's.
-MSGInfo *take(KTLIST *pList, KTLIST_NODE *pPlace) {
-    return static_cast<MSGInfo *>(ktlistRemoveAfter(pList, pPlace));
-}
-
-void drop(KTLIST *pList, KTLIST_NODE *pPlace) {
-    MSGInfo *pInfo = take(pList, pPlace);
-    ELIMINATEMSGInfo(&pInfo);
-}
-
-// Returns whether the list has taken the request.
-bool insertCancel(KTLIST *pList, MSGInfo *pInfo) {
-    KTLIST_NODE *pPlace = nullptr;
-    while (KTLIST_NODE *pNode = ktlistAfter(pList, pPlace)) {
-        if (COMPAREMSGInfo(pInfo, recordOf(pNode), 0) == 0) {
-            drop(pList, pPlace);
-            ELIMINATEMSGInfo(&pInfo);
-            return true;
-        }
-        pPlace = pNode;
-    }
-    return KTLISTpInsertHead(pList, pInfo, kNodeSize) > 0;
-}
-
-// Returns whether the list has taken the record.
-bool insertInOrder(KTLIST *pList, MSGInfo *pInfo) {
-    KTLIST_NODE *pPrevious = nullptr;
-    KTLIST_NODE *pNode = pList->pHead;
-    while (pNode != nullptr && recordOf(pNode)->ulCT >= pInfo->ulCT) {
-        pPrevious = pNode;
-        pNode = pNode->pNext;
-    }
-    return (pPrevious == nullptr ? KTLISTpInsertHead(pList, pInfo, kNodeSize)
-                                 : KTLISTpInsert(pList, pInfo, kNodeSize, pPrevious)) > 0;
-}
 
 } // namespace
 
@@ -161,18 +100,30 @@ int PRINTMSGInfo(const MSGInfo *pInfo, const char *pCaller) {
     return 0;
 }
 
+template <>
+struct RecordKind<MSGList> {
+    using Record = MSGInfo;
+    static constexpr const char *kHandle = "ppMSGList", *kSlot = "ppMSGInfo";
+    static constexpr auto eliminate = ELIMINATEMSGInfo;
+    static constexpr auto copy = COPYaMSGInfo;
+    static constexpr auto compare = COMPAREMSGInfo;
+
+    // A lock that cannot be had is printed.
+    static KTMUTEXHold lock(const MSGList *pMSGList, int iLine) {
+        KTMUTEXHold hold = KTMUTEXLock(pMSGList->pMutex);
+        if (hold == nullptr) {
+            std::printf("[%s:%d] \e[2;31m can NOT LOCK \e[1;41m[ERROR]\e[0m\n", kModule, iLine);
+        }
+        return hold;
+    }
+    static void print(const MSGInfo *pInfo) { PRINTMSGInfo(pInfo, "PRINTMSGList"); }
+    static bool isDue(const MSGInfo *pInfo, unsigned long ulOnAirCT, unsigned long ulDueTime) {
+        return pInfo->ulST <= ulDueTime && ulOnAirCT <= pInfo->ulCT;
+    }
+};
+
 int CREATEMSGList(MSGList *pMSGList) {
-    if (pMSGList == nullptr) {
-        return 0;
-    }
-    pMSGList->iFLAGChange = 0;
-    if (pMSGList->pMutex != nullptr || pMSGList->pList != nullptr) {
-        std::printf("%s(): ppMSGList is NOT NULL: maybe uninitialized\n", "CREATEMSGList");
-        return -1;
-    }
-    KTMUTEXCreate(&pMSGList->pMutex);
-    KTLISTCreate(&pMSGList->pList);
-    return pMSGList->pMutex != nullptr && pMSGList->pList != nullptr ? 1 : 0;
+    return createRecordList(pMSGList, "CREATEMSGList");
 }
 
 int DESTROYMSGList(MSGList *pMSGList) {
@@ -181,14 +132,10 @@ int DESTROYMSGList(MSGList *pMSGList) {
     }
     int iResult = 0;
     {
-        const KTMUTEXHold hold = lockList(pMSGList);
+        const KTMUTEXHold hold = RecordKind<MSGList>::lock(pMSGList, __LINE__);
         // Without a mutex nothing was ever filed: the list alone is released.
-        if ((hold != nullptr || pMSGList->pMutex == nullptr) && pMSGList->pList != nullptr) {
-            for (const KTLIST_NODE *pNode = pMSGList->pList->pHead; pNode != nullptr; pNode = pNode->pNext) {
-                MSGInfo *pInfo = recordOf(pNode);
-                iResult |= ELIMINATEMSGInfo(&pInfo);
-            }
-            KTLISTpDelete(&pMSGList->pList);
+        if (hold != nullptr || pMSGList->pMutex == nullptr) {
+            iResult = releaseRecords(pMSGList);
         }
     }
     if (pMSGList->pMutex != nullptr) {
@@ -201,12 +148,13 @@ int INSERTMSGInfo(MSGList *pMSGList, MSGInfo *pInfo) {
     if (!isUsable(pMSGList) || pInfo == nullptr) {
         return 0;
     }
-    const KTMUTEXHold hold = lockList(pMSGList);
+    const KTMUTEXHold hold = RecordKind<MSGList>::lock(pMSGList, __LINE__);
     if (hold == nullptr) {
         return 0;
     }
-    const bool bTaken = pInfo->ulCMD == PCMBC_CMD_CANCEL ? insertCancel(pMSGList->pList, pInfo)
-                                                         : insertInOrder(pMSGList->pList, pInfo);
+    bool bLast = false;
+    const bool bTaken = pInfo->ulCMD == PCMBC_CMD_CANCEL ? insertRevocation(pMSGList, pInfo)
+                                                         : insertInOrder(pMSGList, pInfo, &bLast);
     if (!bTaken) {
         return 0;
     }
@@ -215,117 +163,27 @@ int INSERTMSGInfo(MSGList *pMSGList, MSGInfo *pInfo) {
 }
 
 int REMOVEMSGInfo(MSGList *pMSGList, const MSGInfo *pKey) {
-    if (!isUsable(pMSGList)) {
-        return 0;
-    }
-    const KTMUTEXHold hold = lockList(pMSGList);
-    if (hold == nullptr) {
-        return 0;
-    }
-    int iResult = 0;
-    KTLIST_NODE *pPlace = nullptr;
-    while (KTLIST_NODE *pNode = ktlistAfter(pMSGList->pList, pPlace)) {
-        if (COMPAREMSGInfo(pKey, recordOf(pNode), 0) == 0) {
-            drop(pMSGList->pList, pPlace);
-            pMSGList->iFLAGChange = 1;
-            iResult = 1;
-        } else {
-            pPlace = pNode;
-        }
-    }
-    return iResult;
+    return removeEqualRecords(pMSGList, pKey);
 }
 
 int REMOVEHeadMSGList(MSGList *pMSGList) {
-    if (!isUsable(pMSGList)) {
-        return 0;
-    }
-    const KTMUTEXHold hold = lockList(pMSGList);
-    if (hold == nullptr || pMSGList->pList->pHead == nullptr) {
-        return 0;
-    }
-    drop(pMSGList->pList, nullptr);
-    pMSGList->iFLAGChange = 1;
-    return 1;
+    return removeHeadRecord(pMSGList);
 }
 
 int PATCHaMSGInfo(MSGList *pMSGList, MSGInfo **ppMSGInfo) {
-    if (!isUsable(pMSGList)) {
-        return 0;
-    }
-    if (!isEmptySlot(ppMSGInfo, "PATCHaMSGInfo")) {
-        return -1;
-    }
-    const KTMUTEXHold hold = lockList(pMSGList);
-    if (hold == nullptr || pMSGList->pList->pHead == nullptr) {
-        return 0;
-    }
-    *ppMSGInfo = take(pMSGList->pList, nullptr);
-    pMSGList->iFLAGChange = 1;
-    return 1;
+    return takeHeadRecord(pMSGList, ppMSGInfo, "PATCHaMSGInfo");
 }
 
 int PATCHaMSGNode(MSGList *pMSGList, unsigned long ulOnAirCT, unsigned long ulDueTime, MSGInfo **ppMSGInfo) {
-    if (!isUsable(pMSGList)) {
-        return 0;
-    }
-    if (!isEmptySlot(ppMSGInfo, "PATCHaMSGNode")) {
-        return -1;
-    }
-    const KTMUTEXHold hold = lockList(pMSGList);
-    if (hold == nullptr) {
-        return 0;
-    }
-    KTLIST *pList = pMSGList->pList;
-    KTLIST_NODE *pPlace = nullptr;
-    while (KTLIST_NODE *pNode = ktlistAfter(pList, pPlace)) {
-        const MSGInfo *pInfo = recordOf(pNode);
-        if (pInfo->ulET <= vexa_time(nullptr)) {
-            drop(pList, pPlace);
-        } else if (pInfo->ulST <= ulDueTime && ulOnAirCT <= pInfo->ulCT) {
-            *ppMSGInfo = take(pList, pPlace);
-            return 1;
-        } else {
-            pPlace = pNode;
-        }
-    }
-    return 0;
+    return takeDueRecord(pMSGList, ulOnAirCT, ulDueTime, ppMSGInfo, "PATCHaMSGNode");
 }
 
 int GETCOPYaMSGInfo(MSGList *pMSGList, MSGInfo **ppMSGInfo) {
-    if (!isUsable(pMSGList)) {
-        return 0;
-    }
-    if (!isEmptySlot(ppMSGInfo, "GETCOPYaMSGInfo")) {
-        return -1;
-    }
-    const KTMUTEXHold hold = lockList(pMSGList);
-    if (hold == nullptr || pMSGList->pList->pHead == nullptr) {
-        return 0;
-    }
-    COPYaMSGInfo(recordOf(pMSGList->pList->pHead), ppMSGInfo);
-    return 1;
+    return copyHeadRecord(pMSGList, ppMSGInfo, "GETCOPYaMSGInfo");
 }
 
 void PRINTMSGList(MSGList *pMSGList, const char *pCaller) {
-    if (pMSGList == nullptr || pMSGList->pMutex == nullptr) {
-        return;
-    }
-    {
-        const KTMUTEXHold hold = lockList(pMSGList);
-        if (hold == nullptr) {
-            return;
-        }
-        std::printf("-----------------[ SHOW LIST: Caller::%s()\n", pCaller == nullptr ? "UNKNOWN" : pCaller);
-        if (pMSGList->pList != nullptr) {
-            for (const KTLIST_NODE *pNode = pMSGList->pList->pHead; pNode != nullptr; pNode = pNode->pNext) {
-                PRINTMSGInfo(recordOf(pNode), "PRINTMSGList");
-            }
-        }
-    }
-    std::printf("SHOW LIST: %d total, iFLAGChange:%d ]------------------\n",
-                pMSGList->pList == nullptr ? 0 : pMSGList->pList->iCount.load(),
-                pMSGList->iFLAGChange.load());
+    printRecordList(pMSGList, pCaller);
 }
 
 namespace {
