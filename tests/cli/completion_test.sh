@@ -28,4 +28,9 @@ for command in $commands; do
 done
 check "half a word" "relay" "$(offered re)"
 check "a file's format" $'asf\nts' "$(offered file film.ts --format "")"
+check "an option's value" "" "$(offered message text --repeat "")"
+cd "$(mktemp -d)"
+trap 'rm -r "$PWD"' EXIT
+: >"a film.ts"
+check "a file with a blank" "a film.ts" "$(offered file "")"
 exit "$failed"

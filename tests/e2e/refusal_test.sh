@@ -12,12 +12,18 @@ refused 64 "start: 'noon' is not a time" "$pccast" relay 239.77.0.1:1 $cast --st
 refused 64 'IDENTITY' "$pccast" stop 1:2:3
 refused 64 'which cast?' "$pccast" stop
 refused 64 'is no interface of this machine' "$pccast" serve --interface nosuch0
+refused 64 'is no interface of this machine' "$pccast" watch --interface nosuch0
+refused 64 "type: '0' is not a number from 1 to 3" "$pccast" stop --type 0 --epg 1 --start now --end +1s --port 1
+refused 64 "no argument '--bogus'" "$pccast" --bogus
+refused 64 "no argument '--too'" "$pccast" file film.ts --too $cast
 refused 65 'has passed' "$pccast" relay 239.77.0.1:1 $cast --end 2020-01-01T00:00
 refused 65 'does not lie after the start' "$pccast" relay 239.77.0.1:1 $cast --start +1h --end +1h
 refused 65 'would feed itself' "$pccast" relay $cast $cast
 refused 65 'TEXT is empty' "$pccast" message ''
 refused 65 'at most 65429' "$pccast" message "$(head -c 65430 /dev/zero | tr '\0' x)"
 refused 65 'nothing left to stop' "$pccast" stop 1:2:1000:2000:5000:ts
+refused 70 'output cannot be written' bash -c '"$1" --help >/dev/full' - "$pccast"
+refused 70 'cannot be written: No such file' "$pccast" station "$samples/sample.asf" --group 239.77.0.2 --port 1 -o no/file
 refused 66 'No such file' "$pccast" file nosuch.ts --to $cast
 refused 66 'not a regular file' "$pccast" file /tmp --to $cast
 head -c 5000 /dev/zero >zeros
@@ -38,6 +44,8 @@ refused 69 'another service already listens on /tmp/PCSTREAM.uds' "$pccast" serv
 printf '/ORVEN/SERVICE/PCSTREAM=DISABLE\n' >/reg/reg0/master.reg
 refused 78 'switches the service off' "$pccast" relay 239.77.0.1:1 $cast
 refused 0 'message requested' "$pccast" message text
+refused 70 'output cannot be written' bash -c '"$1" message text >/dev/full' - "$pccast"
+refused 70 'output cannot be written' timeout 5 bash -c '"$1" watch --json --count 2 >/dev/full' - "$pccast"
 printf '/ORVEN/SERVICE/PCMBC=disable\n' >/reg/reg1/slave.reg
 refused 78 'PCMBC=DISABLE' "$pccast" message text
 end_service TERM

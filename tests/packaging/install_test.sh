@@ -56,6 +56,14 @@ for name in $(grep -ohE '\b(QX_|p_qxapi_|MAKE|COPYa|ELIMINATE|VALIDATE|COMPARE|P
     "$prefix"/include/pccast/*.h | tr -d '(' | sort -u); do
     grep -q "$name" "$prefix/share/man/man3/pccast.3" || fail "pccast(3) does not tell of $name"
 done
+# Every long option that a command's help shows stands in pccast(1).
+sed 's/\\-/-/g; s/\\f[RPBI]//g' "$prefix/share/man/man1/pccast.1" >pccast.txt
+for command in serve relay file stop message cancel watch station; do
+    for option in $("$prefix/bin/pccast" $command --help | grep -oE '^ +(-[a-z],)?--[a-z-]+' | grep -oE -- '--[a-z-]+'); do
+        [ "$option" = --help ] || sed -n "/^\.SH COMMANDS/,/^\.SH EXIT/p" pccast.txt | grep -qE -- "$option( |$)" ||
+            fail "pccast(1) does not tell of $command's $option"
+    done
+done
 
 # ---- a component
 flags=(-std=c11 -Wall -Wextra -Werror -pedantic)
