@@ -117,7 +117,8 @@ struct Engine {
         block.eState = ENGINE_STOPPED;
         block.pWork = pWork;
         script::startThread([this, pBody] { pBody(&block); }, lFailAllocation);
-        EXPECT_TRUE(script::eventually([this] { return block.iThreadCount == 1; }));
+        EXPECT_TRUE(
+            script::eventually([this] { return block.iThreadCount == 1 && block.eState != ENGINE_STOPPED; }));
     }
     ~Engine() { stop(); }
     Engine(const Engine &) = delete;
