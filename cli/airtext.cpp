@@ -108,6 +108,7 @@ std::string airJSON(const AIR_RECORD &record, unsigned long ulNow, const std::st
     addCheck(&sJSON, "crcOk", record.eCheck);
     addCheck(&sJSON, "stationCrcOk", record.eStationCheck);
     addText(&sJSON, "station", record.sStation);
+    addNumber(&sJSON, "messageSent", record.uiMessageTime);
     addNumber(&sJSON, "showings", record.uiShowings);
     addNumber(&sJSON, "attribute1", record.uiAttr1);
     addNumber(&sJSON, "attribute3", record.uiAttr3);

@@ -10,7 +10,7 @@
 std::string airLine(const AIR_RECORD &record, unsigned long ulNow, const std::string &sSender);
 std::string airJSON(const AIR_RECORD &record, unsigned long ulNow, const std::string &sSender);
 
-// The destination "address:port", or "the station file's group", or empty.
+// The destination "address:port", or "the station's group", or empty.
 std::string airDestination(const AIR_RECORD &record);
 
 #endif

@@ -33,7 +33,7 @@ bool wholeNumber(std::string_view sText, int iBase, unsigned long ulMax, unsigne
     return true;
 }
 
-// Exactly iDigits digits at the front of *psText, which is moved behind them.
+// Exactly uDigits digits at the front of *psText, which is moved behind them.
 bool takeDigits(std::string_view *psText, size_t uDigits, int *piNumber) {
     unsigned long ulNumber = 0;
     if (psText->size() < uDigits || !wholeNumber(psText->substr(0, uDigits), 10, 9999, &ulNumber)) {
@@ -250,11 +250,16 @@ std::string readEndpoint(std::string_view sText, std::string *psAddress, unsigne
     return {};
 }
 
-std::string readNumber(std::string_view sText, unsigned long ulMax, unsigned long *pulNumber) {
+std::string readNumber(std::string_view sText, unsigned long ulMax, unsigned long *pulNumber,
+                       unsigned long ulMin) {
     const bool bHexadecimal = sText.starts_with("0x") || sText.starts_with("0X");
-    if (!wholeNumber(bHexadecimal ? sText.substr(2) : sText, bHexadecimal ? 16 : 10, ulMax, pulNumber)) {
-        return quoted(sText) + " is not a number from 0 to " + std::to_string(ulMax);
+    unsigned long ulNumber = 0;
+    if (!wholeNumber(bHexadecimal ? sText.substr(2) : sText, bHexadecimal ? 16 : 10, ulMax, &ulNumber) ||
+        ulNumber < ulMin) {
+        return quoted(sText) + " is not a number from " + std::to_string(ulMin) + " to " +
+               std::to_string(ulMax);
     }
+    *pulNumber = ulNumber;
     return {};
 }
 
@@ -317,12 +322,16 @@ std::string readMessageIdentity(std::string_view sText, MESSAGE_IDENTITY *pIdent
     return {};
 }
 
+std::string writeFormat(unsigned long ulFormat) {
+    std::array<char, 24> aFormat{};
+    snprintf(aFormat.data(), aFormat.size(), "0x%lx", ulFormat);
+    return aFormat.data();
+}
+
 std::string writeCastIdentity(const CAST_IDENTITY &identity) {
-    std::array<char, 16> aFormat{};
-    snprintf(aFormat.data(), aFormat.size(), "0x%lx", identity.ulFormat);
     return std::to_string(identity.ulEPGID) + ":" + std::to_string(identity.ulType) + ":" +
            std::to_string(identity.ulST) + ":" + std::to_string(identity.ulET) + ":" +
-           std::to_string(identity.usPort) + ":" + aFormat.data();
+           std::to_string(identity.usPort) + ":" + writeFormat(identity.ulFormat);
 }
 
 std::string writeMessageIdentity(const MESSAGE_IDENTITY &identity) {

@@ -39,7 +39,8 @@ std::string readDuration(std::string_view sText, unsigned long *pulSeconds);
 // ADDRESS:PORT, dotted IPv4 and 1 to 65535.
 std::string readEndpoint(std::string_view sText, std::string *psAddress, unsigned short *pusPort);
 // Decimal, or hexadecimal behind 0x.
-std::string readNumber(std::string_view sText, unsigned long ulMax, unsigned long *pulNumber);
+std::string readNumber(std::string_view sText, unsigned long ulMax, unsigned long *pulNumber,
+                       unsigned long ulMin = 0);
 // asf, ts, or a number.
 std::string readFormat(std::string_view sText, unsigned long *pulFormat);
 // 1 to 16 bytes, two hexadecimal digits each.
@@ -49,6 +50,7 @@ std::string readCastIdentity(std::string_view sText, CAST_IDENTITY *pIdentity);
 // EPG:CREATED:START:END[:priority|:normal]
 std::string readMessageIdentity(std::string_view sText, MESSAGE_IDENTITY *pIdentity);
 
+std::string writeFormat(unsigned long ulFormat);
 std::string writeCastIdentity(const CAST_IDENTITY &identity);
 std::string writeMessageIdentity(const MESSAGE_IDENTITY &identity);
 

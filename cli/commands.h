@@ -17,8 +17,8 @@ enum PCCAST_EXIT {
     EXIT_USAGE = 64,       // the command line cannot be understood
     EXIT_BAD_DATA = 65,    // understood, but it cannot be cast or sent so
     EXIT_NO_INPUT = 66,    // a file cannot be read
-    EXIT_UNAVAILABLE = 69, // no service listens, or it cannot be started
-    EXIT_INTERNAL = 70,    // the program or the system failed
+    EXIT_UNAVAILABLE = 69, // no service listens, or it cannot be started, or watch heard too little
+    EXIT_INTERNAL = 70,    // the program or the system failed, or a result cannot be written
     EXIT_SWITCHED_OFF = 78 // the registry switches the service off
 };
 

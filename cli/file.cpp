@@ -18,8 +18,6 @@
 
 namespace {
 
-constexpr unsigned long DEFAULT_FOR = 3600;
-
 struct FILE_OPTIONS {
     REQUEST_OPTIONS request;
     std::string sPath;
@@ -83,7 +81,7 @@ int castFile(const FILE_OPTIONS &options) {
         iExit = checkArgument("--stream-id", readNumber(options.sMSID, 0xFFFF, &request.ulMSID));
     }
     if (iExit == EXIT_DONE) {
-        iExit = readRequestOptions(options.request, DEFAULT_FOR, &times);
+        iExit = readRequestOptions(options.request, CAST_DEFAULT_FOR, &times);
     }
     if (iExit == EXIT_DONE) {
         iExit = findFile(options.sPath, &request.sFile);
@@ -105,8 +103,9 @@ int castFile(const FILE_OPTIONS &options) {
     if (iExit == EXIT_DONE) {
         printf("%s\n", writeCastIdentity(identity).c_str());
         sayAndReturn(EXIT_DONE, "cast of " + request.sFile + " to " + options.sDestination +
-                                    " requested for " + writeTime(times.ulST) +
-                                    "; pccast stop takes the line above");
+                                    " requested from " + writeTime(times.ulST) + " until " +
+                                    writeTime(times.ulET) +
+                                    " (a longer file plays on to its end); pccast stop takes the line above");
     }
     return iExit;
 }

@@ -18,8 +18,8 @@ constexpr const char *FOOTER =
 Addresses: ADDRESS:PORT, for example 239.1.2.3:5000. Numbers: decimal, or hexadecimal behind 0x.
 
 Exit codes: 0 done; 64 the command line cannot be understood; 65 it cannot be cast or sent so; 66 a file
-cannot be read; 69 no service listens, or it cannot be started; 70 the program or the system failed; 78 the
-registry switches the service off.
+cannot be read; 69 no service listens, or it cannot be started, or not enough was heard; 70 the program or
+the system failed, or a result cannot be written; 78 the registry switches the service off.
 
 Each command has more: pccast COMMAND --help
 Example:
@@ -53,8 +53,11 @@ int main(int iArguments, char **ppArguments) {
     for (const auto pAddCommand : COMMANDS) {
         pAddCommand(app, iExitCode);
     }
-    app.failure_message([](const CLI::App *, const CLI::Error &error) {
-        return std::string("pccast: ") + error.what() + "; see pccast --help, or --help after a command\n";
+    // An argument that nothing takes is named before what is missing: often it is the same one, mistyped.
+    app.failure_message([](const CLI::App *pApp, const CLI::Error &error) {
+        const std::vector<std::string> unknown = pApp->remaining(true);
+        return "pccast: " + (unknown.empty() ? error.what() : "there is no argument '" + unknown[0] + "'") +
+               "; see pccast --help, or --help after a command\n";
     });
     const auto isFirst = [&](const CLI::App *pCommand) { return pCommand->get_name() == ppArguments[1]; };
     if (iArguments > 1 && ppArguments[1][0] != '-' && app.get_subcommands(isFirst).empty()) {
@@ -64,7 +67,11 @@ int main(int iArguments, char **ppArguments) {
     try {
         app.parse(iArguments, ppArguments);
     } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
+        iExitCode = app.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
+    }
+    if (fflush(stdout) != 0 || ferror(stdout) != 0) {
+        return sayAndReturn(iExitCode == EXIT_DONE ? EXIT_INTERNAL : iExitCode,
+                            "standard output cannot be written; what was to go there is lost");
     }
     return iExitCode;
 }

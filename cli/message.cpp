@@ -53,7 +53,7 @@ int message(const MESSAGE_OPTIONS &options) {
     iExit = sendMessage(options.request.sPlugin, PCMBC_CMD_MSG, identity, ulRepeat, options.sText);
     if (iExit == EXIT_DONE) {
         printf("%s\n", writeMessageIdentity(identity).c_str());
-        sayAndReturn(EXIT_DONE, "message requested from " + writeTime(times.ulST) + " to " +
+        sayAndReturn(EXIT_DONE, "message requested from " + writeTime(times.ulST) + " until " +
                                     writeTime(times.ulET) + "; pccast cancel takes the line above");
         if (pauseAfter(options.sText) > LONG_PAUSE) {
             sayAndReturn(EXIT_DONE, "after a text of " + std::to_string(options.sText.size()) +

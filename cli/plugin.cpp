@@ -73,8 +73,10 @@ std::string checkPlugin(void *pHandle, PLUGIN *pPlugin) {
     resolve(pHandle, "QX_PlugIn_Version", &pPlugin->pVersion, &sMissing);
     resolve(pHandle, "p_qxapi_open_pccast", &pPlugin->pOpen, &sMissing);
     resolve(pHandle, "p_qxapi_close_pccast", &pPlugin->pClose, &sMissing);
-    resolve(pHandle, "QX_PCCASTSTREAMCommander", &pPlugin->pCastCommander, &sMissing);
-    resolve(pHandle, "QX_PCCASTMBCCommander", &pPlugin->pMessageCommander, &sMissing);
+    resolve(pHandle, "VALIDATECASTInfo", &pPlugin->pValidateCast, &sMissing);
+    resolve(pHandle, "TxCASTInfoToPlugIn", &pPlugin->pSendCast, &sMissing);
+    resolve(pHandle, "VALIDATEMSGInfo", &pPlugin->pValidateMessage, &sMissing);
+    resolve(pHandle, "TxPCMBCInfoToPlugIn", &pPlugin->pSendMessage, &sMissing);
     resolve(pHandle, "MAKECASTInfo", &pPlugin->pMakeCast, &sMissing);
     resolve(pHandle, "ELIMINATECASTInfo", &pPlugin->pEliminateCast, &sMissing);
     resolve(pHandle, "MAKEMSGInfo", &pPlugin->pMakeMessage, &sMissing);

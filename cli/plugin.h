@@ -1,9 +1,12 @@
 // plugin.h - loading the service's plug-in, and what the commands call in it.
 //
-// Used by serve, which hosts the service, and by every command that submits a request through the exported
-// commanders. Called in the main thread, before others are started. The library stays loaded to the end.
+// Used by serve, which hosts the service, and by every command that submits a request. That goes through the
+// senders behind the exported commanders: only they tell whether the request arrived. Called in the main
+// thread, before others are started. The library stays loaded to the end.
 #ifndef PCCAST_CLI_PLUGIN_H
 #define PCCAST_CLI_PLUGIN_H
+
+#include "serviceswitch.h"
 
 #include <pccast/pccast.h>
 
@@ -18,13 +21,15 @@ struct PLUGIN {
     decltype(&QX_PlugIn_Version) pVersion;
     decltype(&p_qxapi_open_pccast) pOpen;
     decltype(&p_qxapi_close_pccast) pClose;
-    decltype(&QX_PCCASTSTREAMCommander) pCastCommander;
-    decltype(&QX_PCCASTMBCCommander) pMessageCommander;
+    decltype(&VALIDATECASTInfo) pValidateCast;
+    decltype(&TxCASTInfoToPlugIn) pSendCast;
+    decltype(&VALIDATEMSGInfo) pValidateMessage;
+    decltype(&TxPCMBCInfoToPlugIn) pSendMessage;
     decltype(&MAKECASTInfo) pMakeCast;
     decltype(&ELIMINATECASTInfo) pEliminateCast;
     decltype(&MAKEMSGInfo) pMakeMessage;
     decltype(&ELIMINATEMSGInfo) pEliminateMessage;
-    int (*pVerifyService)(const char *pszKeyPath); // 1 on, 0 switched off in the registry (printed)
+    decltype(&verifyINBTService) pVerifyService;
 };
 
 // Adds --plugin PATH to a command.

@@ -9,8 +9,6 @@
 
 namespace {
 
-constexpr unsigned long DEFAULT_FOR = 3600;
-
 struct RELAY_OPTIONS {
     REQUEST_OPTIONS request;
     std::string sSource;
@@ -36,12 +34,16 @@ int relay(const RELAY_OPTIONS &options) {
     if (iExit == EXIT_DONE) {
         iExit = checkArgument("--format", readFormat(options.sFormat, &identity.ulFormat));
     }
+    if (iExit == EXIT_DONE) {
+        iExit = checkArgument(
+            "--type", readNumber(options.sType, CAST_TYPE_STREAM_2, &identity.ulType, CAST_TYPE_STREAM));
+    }
     if (iExit == EXIT_DONE && !options.sKey.empty()) {
         iExit = checkArgument("--key", readKey(options.sKey, &request.key));
         request.iEncryptionType = options.bFastSeed ? CAST_ENCRYPTION_FAST_SEED : CAST_ENCRYPTION_SEED;
     }
     if (iExit == EXIT_DONE) {
-        iExit = readRequestOptions(options.request, DEFAULT_FOR, &times);
+        iExit = readRequestOptions(options.request, CAST_DEFAULT_FOR, &times);
     }
     if (iExit != EXIT_DONE) {
         return iExit;
@@ -52,7 +54,6 @@ int relay(const RELAY_OPTIONS &options) {
     }
 
     identity.ulEPGID = times.ulEPGID;
-    identity.ulType = options.sType == "3" ? CAST_TYPE_STREAM_2 : CAST_TYPE_STREAM;
     identity.ulST = times.ulST;
     identity.ulET = times.ulET;
     request.ulCT = times.ulCT;
@@ -62,7 +63,7 @@ int relay(const RELAY_OPTIONS &options) {
     if (iExit == EXIT_DONE) {
         printf("%s\n", writeCastIdentity(identity).c_str());
         sayAndReturn(EXIT_DONE, "relay of " + options.sSource + " to " + options.sDestination +
-                                    " requested from " + writeTime(times.ulST) + " to " +
+                                    " requested from " + writeTime(times.ulST) + " until " +
                                     writeTime(times.ulET) + "; pccast stop takes the line above");
     }
     return iExit;
@@ -89,8 +90,7 @@ void addRelayCommand(CLI::App &app, int &iExitCode) {
     pCommand
         ->add_option("--type", options->sType,
                      "the cast type, 2 or 3; the service treats both alike (default 2)")
-        ->check(CLI::IsMember({"2", "3"}))
-        ->type_name("");
+        ->type_name("N");
     auto *const pKey = pCommand
                            ->add_option("--key", options->sKey,
                                         "decrypt with this key, up to 16 bytes (shorter: "

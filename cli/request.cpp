@@ -1,5 +1,6 @@
 #include "request.h"
 
+#include "castformat.h"
 #include "commands.h"
 
 #include <CLI/CLI.hpp>
@@ -11,12 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-
-namespace {
-
-constexpr const char *STATION_FILE = "/fixdata/bypass.nsc";
-
-} // namespace
 
 void addRequestOptions(CLI::App *pCommand, REQUEST_OPTIONS &options, const char *pszDefaultFor) {
     pCommand->add_option("--epg", options.sEPG, "the programme that it belongs to (default 1)")
@@ -125,10 +120,10 @@ int sendMessage(const std::string &sPlugin, unsigned long ulCMD, const MESSAGE_I
 }
 
 void warnWithoutStationFile(unsigned long ulFormat) {
-    if ((ulFormat == CAST_FORMAT_ASF || ulFormat == CAST_FORMAT_ASF_2) && access(STATION_FILE, R_OK) != 0) {
+    if (isASFFormat(ulFormat) && access(kStationFile, R_OK) != 0) {
         fprintf(stderr,
                 "pccast: note: %s: %s; without it an ASF cast is not announced and a file of it not played "
                 "(pccast station writes one)\n",
-                STATION_FILE, strerror(errno));
+                kStationFile, strerror(errno));
     }
 }

@@ -1,5 +1,5 @@
 // request.h - what the commands that submit a request have in common: the options for programme and times,
-// how an argument's problem is said, and the sending of a cast or message record.
+// and the sending of a cast or message record.
 //
 // Called in the main thread. The records are made and released here, by the plug-in's own operations.
 #ifndef PCCAST_CLI_REQUEST_H
@@ -14,6 +14,9 @@
 namespace CLI {
 class App;
 }
+
+// Seconds that a cast lasts when neither --end nor --for is given: 1h.
+constexpr unsigned long CAST_DEFAULT_FOR = 3600;
 
 // The options as given; addRequestOptions fills in what is not.
 struct REQUEST_OPTIONS {

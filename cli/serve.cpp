@@ -1,11 +1,9 @@
 // pccast serve - the host process: loads the plug-in, opens it, runs until it is told to end, closes it.
 #include "commands.h"
+#include "interface.h"
 #include "service.h"
 
 #include <CLI/CLI.hpp>
-#include <arpa/inet.h>
-#include <ifaddrs.h>
-#include <net/if.h>
 
 #include <array>
 #include <atomic>
@@ -28,30 +26,14 @@ constexpr std::array<const char *, 2> SOCKETS{PCCAST_CAST_SOCKET, PCCAST_MESSAGE
 constexpr std::chrono::milliseconds LOOK_INTERVAL{20};
 constexpr int LISTEN_LOOKS = 250; // 5 s for both sockets to be served
 
-bool isInterface(const std::string &sInterface) {
-    if (if_nametoindex(sInterface.c_str()) != 0) {
-        return true;
-    }
-    struct in_addr wanted {};
-    struct ifaddrs *pFirst = nullptr;
-    if (inet_pton(AF_INET, sInterface.c_str(), &wanted) != 1 || getifaddrs(&pFirst) != 0) {
-        return false;
-    }
-    const std::unique_ptr<struct ifaddrs, decltype(&freeifaddrs)> guard(pFirst, freeifaddrs);
-    for (const struct ifaddrs *p = pFirst; p != nullptr; p = p->ifa_next) {
-        if (p->ifa_addr != nullptr && p->ifa_addr->sa_family == AF_INET &&
-            reinterpret_cast<const struct sockaddr_in *>(p->ifa_addr)->sin_addr.s_addr == wanted.s_addr) {
-            return true;
-        }
-    }
-    return false;
-}
-
 // Says why the sockets cannot be had when another service serves one of them, or something is in the way.
 int checkSocketsFree() {
     for (const char *pszSocket : SOCKETS) {
         const int iError = probeSocket(pszSocket);
-        if (iError == 0 || iError == EACCES || iError == EAGAIN) {
+        if (iError == EACCES) {
+            return sayForeignSocket(pszSocket);
+        }
+        if (iError == 0 || iError == EAGAIN) {
             return sayAndReturn(EXIT_UNAVAILABLE, std::string("another service already listens on ") +
                                                       pszSocket + "; end that one first");
         }
@@ -104,18 +86,16 @@ int closePlugin(const PLUGIN &plugin, const sigset_t &signals) {
 
 int serve(const SERVE_OPTIONS &options) {
     setvbuf(stdout, nullptr, _IOLBF, 0);
+    int iExit = checkInterface(options.sInterface);
+    if (iExit != EXIT_DONE) {
+        return iExit;
+    }
     if (!options.sInterface.empty()) {
-        if (!isInterface(options.sInterface)) {
-            return sayAndReturn(EXIT_USAGE,
-                                "--interface: '" + options.sInterface +
-                                    "' is no interface of this machine; give a name such as eth0 or "
-                                    "one of its addresses (ip -brief address lists them)");
-        }
         setenv("KTNET_MULTICAST_IF", options.sInterface.c_str(), 1);
     }
 
     PLUGIN plugin{};
-    int iExit = loadPlugin(options.sPlugin, &plugin);
+    iExit = loadPlugin(options.sPlugin, &plugin);
     if (iExit == EXIT_DONE) {
         iExit = checkSocketsFree();
     }

@@ -26,13 +26,28 @@ int checkService(const PLUGIN &plugin, const char *pszKeyPath, const char *pszSo
         return sayAndReturn(EXIT_UNAVAILABLE, std::string("no service listens on ") + pszSocket +
                                                   "; start one with: pccast serve");
     case EACCES:
-        return sayAndReturn(EXIT_UNAVAILABLE,
-                            std::string("the service on ") + pszSocket +
-                                " belongs to another user; run this as that user or as root");
+        return sayForeignSocket(pszSocket);
     default:
         return sayAndReturn(EXIT_UNAVAILABLE, std::string("the service on ") + pszSocket +
                                                   " cannot be reached: " + strerror(iError));
     }
+}
+
+// Validates as the commander of the kind does, and sends.
+template <typename RECORD>
+int submit(int (*pValidate)(const RECORD *), int (*pSend)(unsigned long, const RECORD *), unsigned long ulCMD,
+           RECORD *pInfo) {
+    pInfo->ulCMD = ulCMD;
+    if (pValidate(pInfo) < 1) {
+        return sayAndReturn(EXIT_BAD_DATA, "the request is not complete; nothing was sent");
+    }
+    const int iSent = pSend(ulCMD, pInfo);
+    if (iSent > 0) {
+        return EXIT_DONE;
+    }
+    return sayAndReturn(EXIT_UNAVAILABLE, std::string("the service did not take the request") +
+                                              (iSent < 0 ? std::string(": ") + strerror(-iSent) : "") +
+                                              "; submit it again");
 }
 
 } // namespace
@@ -51,22 +66,19 @@ int probeSocket(const char *pszPath) {
     return iError;
 }
 
+int sayForeignSocket(const char *pszPath) {
+    return sayAndReturn(EXIT_UNAVAILABLE, std::string(pszPath) +
+                                              " belongs to another user (a service of theirs, or a file it "
+                                              "left); ss -xlp shows whether one listens there, and its "
+                                              "requests come from that user or from root");
+}
+
 int submitCast(const PLUGIN &plugin, unsigned long ulCMD, CASTInfo *pInfo) {
-    const int iCheck = checkService(plugin, "/ORVEN/SERVICE/PCSTREAM", PCCAST_CAST_SOCKET);
-    if (iCheck != EXIT_DONE) {
-        return iCheck;
-    }
-    return plugin.pCastCommander(ulCMD, pInfo) == 1
-               ? EXIT_DONE
-               : sayAndReturn(EXIT_BAD_DATA, "the service's commander refused the request");
+    const int iCheck = checkService(plugin, PCCAST_CAST_SERVICE, PCCAST_CAST_SOCKET);
+    return iCheck == EXIT_DONE ? submit(plugin.pValidateCast, plugin.pSendCast, ulCMD, pInfo) : iCheck;
 }
 
 int submitMessage(const PLUGIN &plugin, unsigned long ulCMD, MSGInfo *pInfo) {
-    const int iCheck = checkService(plugin, "/ORVEN/SERVICE/PCMBC", PCCAST_MESSAGE_SOCKET);
-    if (iCheck != EXIT_DONE) {
-        return iCheck;
-    }
-    return plugin.pMessageCommander(ulCMD, pInfo) == 1
-               ? EXIT_DONE
-               : sayAndReturn(EXIT_BAD_DATA, "the service's commander refused the request");
+    const int iCheck = checkService(plugin, PCCAST_MESSAGE_SERVICE, PCCAST_MESSAGE_SOCKET);
+    return iCheck == EXIT_DONE ? submit(plugin.pValidateMessage, plugin.pSendMessage, ulCMD, pInfo) : iCheck;
 }

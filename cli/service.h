@@ -1,7 +1,7 @@
 // service.h - whether the service can be reached, and handing it a request.
 //
-// The commanders' results do not tell whether a request arrived, so this is found out before: is the service
-// switched on, does anybody listen? Called in the main thread.
+// What keeps a request from arriving is looked for before it is made: is the service switched on, does
+// anybody listen? Called in the main thread.
 #ifndef PCCAST_CLI_SERVICE_H
 #define PCCAST_CLI_SERVICE_H
 
@@ -10,8 +10,11 @@
 // Connects to the local socket at pszPath and hangs up. Returns 0 when somebody listens, else the errno.
 int probeSocket(const char *pszPath);
 
-// Submits through the commander of the record's kind, with command ulCMD. Returns EXIT_DONE;
-// EXIT_SWITCHED_OFF, EXIT_UNAVAILABLE or EXIT_BAD_DATA (refused), said on standard error.
+// Says of a socket that it cannot be connected to for lack of permission. Returns EXIT_UNAVAILABLE.
+int sayForeignSocket(const char *pszPath);
+
+// Submits the record with command ulCMD, which is written into it. Returns EXIT_DONE: it was sent;
+// EXIT_SWITCHED_OFF, EXIT_UNAVAILABLE or EXIT_BAD_DATA (incomplete), said on standard error.
 int submitCast(const PLUGIN &plugin, unsigned long ulCMD, CASTInfo *pInfo);
 int submitMessage(const PLUGIN &plugin, unsigned long ulCMD, MSGInfo *pInfo);
 

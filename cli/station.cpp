@@ -76,7 +76,7 @@ int replaceFile(const std::string &sFile, const std::string &sText) {
     if (iFile >= 0) {
         unlink(sNew.c_str());
     }
-    return sayAndReturn(EXIT_BAD_DATA, sFile + " cannot be written: " + sReason);
+    return sayAndReturn(EXIT_INTERNAL, sFile + " cannot be written: " + sReason);
 }
 
 int writeStation(const STATION_OPTIONS &options) {
@@ -102,9 +102,8 @@ int writeStation(const STATION_OPTIONS &options) {
     if (!options.sOutput.empty() && options.sOutput != "-") {
         return replaceFile(options.sOutput, sText);
     }
-    const bool bWritten =
-        fwrite(sText.data(), 1, sText.size(), stdout) == sText.size() && fflush(stdout) == 0;
-    return bWritten ? EXIT_DONE : sayAndReturn(EXIT_BAD_DATA, "the station file cannot be written");
+    fwrite(sText.data(), 1, sText.size(), stdout);
+    return EXIT_DONE;
 }
 
 int showStation(const STATION_OPTIONS &options) {
@@ -132,7 +131,9 @@ void addStationCommand(CLI::App &app, int &iExitCode) {
     auto *const pCommand =
         app.add_subcommand("station", "write the station file that an ASF file is cast with, or show one");
     auto options = std::make_shared<STATION_OPTIONS>();
-    pCommand->add_option("FILE", options->sFile, "the ASF file; with --show the station file")->required();
+    pCommand->add_option("FILE", options->sFile, "the ASF file; with --show the station file")
+        ->type_name("")
+        ->required();
     auto *const pShow = pCommand->add_flag("--show", options->bShow, "print what the station file says");
     pCommand->add_option("--group", options->sGroup, "where its packets go")
         ->type_name("ADDRESS")

@@ -24,7 +24,8 @@ int readParts(const STOP_OPTIONS &options, unsigned long ulNow, CAST_IDENTITY *p
     unsigned long ulPort = 0;
     int iExit = checkArgument("--epg", readNumber(options.sEPG, CLI_WIRE_MAX, &pIdentity->ulEPGID));
     if (iExit == EXIT_DONE) {
-        iExit = checkArgument("--type", readNumber(options.sType, CAST_TYPE_STREAM_2, &pIdentity->ulType));
+        iExit = checkArgument(
+            "--type", readNumber(options.sType, CAST_TYPE_STREAM_2, &pIdentity->ulType, CAST_TYPE_FILE));
     }
     if (iExit == EXIT_DONE) {
         iExit = checkArgument("--start", readTime(options.sStart, ulNow, &pIdentity->ulST));
@@ -33,16 +34,29 @@ int readParts(const STOP_OPTIONS &options, unsigned long ulNow, CAST_IDENTITY *p
         iExit = checkArgument("--end", readTime(options.sEnd, ulNow, &pIdentity->ulET));
     }
     if (iExit == EXIT_DONE) {
-        iExit = checkArgument("--port", readNumber(options.sPort, 65535, &ulPort));
+        iExit = checkArgument("--port", readNumber(options.sPort, 65535, &ulPort, 1));
     }
     if (iExit == EXIT_DONE) {
         iExit = checkArgument("--format", readFormat(options.sFormat, &pIdentity->ulFormat));
     }
     pIdentity->usPort = static_cast<unsigned short>(ulPort);
-    if (iExit == EXIT_DONE && (pIdentity->ulType == 0 || pIdentity->usPort == 0)) {
-        iExit = sayAndReturn(EXIT_USAGE, "--type and --port may not be 0");
-    }
     return iExit;
+}
+
+// Says why there is no use in stopping a cast whose end has passed. Only a relay ends at it.
+int sayItsTimeIsOver(const CAST_IDENTITY &identity) {
+    const std::string sOver = writeTime(identity.ulET);
+    if (identity.ulType != CAST_TYPE_FILE) {
+        return sayAndReturn(EXIT_BAD_DATA,
+                            "that cast ended by itself at " + sOver + "; there is nothing left to stop");
+    }
+    return sayAndReturn(
+        EXIT_BAD_DATA,
+        "the time of that cast was over at " + sOver +
+            "; a longer file plays on to its end or the next cast. This ends whichever file is on air: "
+            "pccast stop --type 1 --epg " +
+            std::to_string(identity.ulEPGID) + " --start now --end +10s --port " +
+            std::to_string(identity.usPort) + " --format " + writeFormat(identity.ulFormat));
 }
 
 int stop(const STOP_OPTIONS &options) {
@@ -63,9 +77,7 @@ int stop(const STOP_OPTIONS &options) {
         return iExit;
     }
     if (request.identity.ulET <= ulNow) {
-        return sayAndReturn(EXIT_BAD_DATA, "that cast ended by itself at " +
-                                               writeTime(request.identity.ulET) +
-                                               "; there is nothing left to stop");
+        return sayItsTimeIsOver(request.identity);
     }
 
     // The rest of a stop request takes part in nothing, but a record is complete only with it.
@@ -96,7 +108,8 @@ void addStopCommand(CLI::App &app, int &iExitCode) {
     pCommand->footer(
         "Programme, type, start, end and port together name the cast. When no waiting request has "
         "them, the cast\non air of that type is ended, whichever it is, once the given start is "
-        "reached.\n\n" +
+        "reached. A file that lasts\nlonger than its request plays on to its end; then stop says how to end "
+        "it.\n\n" +
         helpExample("pccast stop 7:2:1790000000:1790003600:5000:0x2021"));
     pCommand->callback([options, &iExitCode] { iExitCode = stop(*options); });
 }

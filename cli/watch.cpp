@@ -5,6 +5,7 @@
 #include "airtext.h"
 #include "clitext.h"
 #include "commands.h"
+#include "interface.h"
 #include "watchtable.h"
 
 #include <CLI/CLI.hpp>
@@ -87,15 +88,15 @@ void drawTable(const WATCH &watch) {
     fflush(stdout);
 }
 
-// Takes one datagram off the socket and shows it.
-void hear(WATCH *pWatch, int iSocket) {
+// Takes one datagram off the socket and shows it. Returns 0, or the errno of a socket that fails.
+int hear(WATCH *pWatch, int iSocket) {
     std::array<unsigned char, 65536> aBytes;
     struct sockaddr_in sender {};
     socklen_t uiSize = sizeof sender;
     const ssize_t lLength = recvfrom(iSocket, aBytes.data(), aBytes.size(), MSG_DONTWAIT,
                                      reinterpret_cast<struct sockaddr *>(&sender), &uiSize);
     if (lLength < 0) {
-        return;
+        return errno == EAGAIN || errno == EINTR ? 0 : errno;
     }
     std::array<char, INET_ADDRSTRLEN> aSender{};
     inet_ntop(AF_INET, &sender.sin_addr, aSender.data(), aSender.size());
@@ -106,6 +107,7 @@ void hear(WATCH *pWatch, int iSocket) {
         printf("%s\n", pText(record, vexa_time(nullptr), aSender.data()).c_str());
         fflush(stdout);
     }
+    return 0;
 }
 
 bool isOver(const WATCH &watch) {
@@ -113,8 +115,9 @@ bool isOver(const WATCH &watch) {
            ferror(stdout) != 0;
 }
 
-// Runs until the time, the count or a signal ends it.
-void run(WATCH *pWatch, const std::array<ENDPOINT, 2> &endpoints, int iSignals) {
+// Runs until the time, the count, a signal or an output that fails ends it. Returns 0, or the errno of what
+// keeps it from listening.
+int run(WATCH *pWatch, const std::array<ENDPOINT, 2> &endpoints, int iSignals) {
     std::array<struct pollfd, 3> aPoll{
         {{endpoints[0]->iSocket, POLLIN, 0}, {endpoints[1]->iSocket, POLLIN, 0}, {iSignals, POLLIN, 0}}};
     while (!isOver(*pWatch)) {
@@ -123,18 +126,23 @@ void run(WATCH *pWatch, const std::array<ENDPOINT, 2> &endpoints, int iSignals) 
         }
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(pWatch->end - CLOCK::now()).count();
         const int iWait = static_cast<int>(std::clamp<long>(left, 0, 1000));
-        if (poll(aPoll.data(), aPoll.size(), iWait) < 0 && errno != EINTR) {
-            return;
+        if (poll(aPoll.data(), aPoll.size(), iWait) < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return errno;
         }
         if (aPoll[2].revents != 0) {
-            return;
+            return 0;
         }
         for (size_t i = 0; i < endpoints.size() && !isOver(*pWatch); ++i) {
-            if (aPoll[i].revents != 0) {
-                hear(pWatch, aPoll[i].fd);
+            const int iError = aPoll[i].revents != 0 ? hear(pWatch, aPoll[i].fd) : 0;
+            if (iError != 0) {
+                return iError;
             }
         }
     }
+    return 0;
 }
 
 int watchAir(const WATCH_OPTIONS &options) {
@@ -148,6 +156,9 @@ int watchAir(const WATCH_OPTIONS &options) {
     }
     if (iExit == EXIT_DONE && !options.sCount.empty()) {
         iExit = checkArgument("--count", readNumber(options.sCount, CLI_WIRE_MAX, &watch.ulCount));
+    }
+    if (iExit == EXIT_DONE) {
+        iExit = checkInterface(options.sInterface);
     }
     if (iExit != EXIT_DONE) {
         return iExit;
@@ -175,7 +186,7 @@ int watchAir(const WATCH_OPTIONS &options) {
     if (watch.bTable) {
         fputs(SCREEN_ON, stdout);
     }
-    run(&watch, endpoints, iSignals);
+    const int iError = run(&watch, endpoints, iSignals);
     if (watch.bTable) {
         fputs(SCREEN_OFF, stdout);
         for (const std::string &sLine : watchDraw(watch.state, vexa_time(nullptr), 200, 24, false)) {
@@ -183,7 +194,10 @@ int watchAir(const WATCH_OPTIONS &options) {
         }
     }
     close(iSignals);
-    if (watch.ulCount != 0 && watch.state.ulDatagrams < watch.ulCount) {
+    if (iError != 0) {
+        return sayAndReturn(EXIT_INTERNAL, std::string("listening failed: ") + strerror(iError));
+    }
+    if (ferror(stdout) == 0 && watch.ulCount != 0 && watch.state.ulDatagrams < watch.ulCount) {
         return sayAndReturn(EXIT_UNAVAILABLE, "heard " + std::to_string(watch.state.ulDatagrams) + " of " +
                                                   std::to_string(watch.ulCount) + " datagrams");
     }

@@ -15,7 +15,7 @@ install(TARGETS pccast_program diagpccast pccast_feed pccast_receive
 install(TARGETS pccast qxapi qxapi_ktn vexa_pgl EXPORT pccast-targets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
 
-# The links are what diagpccast casts; a site may replace them by its own files.
+# The links bear the names in the requests of diagpccast, which plays none of them.
 foreach(name sample.asf sample.nsc sample.ts CASTFILE.asf CASTFILE2.asf)
     install(FILES ${PROJECT_SOURCE_DIR}/samples/${name}
         DESTINATION ${PCCAST_SAMPLES_FOLDER} COMPONENT runtime)

@@ -1,6 +1,11 @@
 # Completion of pccast for bash: source this file, or install it as
 # /usr/share/bash-completion/completions/pccast
 
+_pccast_files() { # one file a line, for there may be blanks in the names
+    mapfile -t COMPREPLY < <(compgen -f -- "$1")
+    compopt -o filenames 2>/dev/null
+}
+
 _pccast() {
     local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} command= i
     COMPREPLY=()
@@ -36,7 +41,10 @@ _pccast() {
             return
             ;;
         --plugin | --show | -o | --output)
-            COMPREPLY=($(compgen -f -- "$word"))
+            _pccast_files "$word"
+            return
+            ;;
+        --epg | --key | --port | --to | --group | --ttl | --name | --repeat | --count | --stream-id)
             return
             ;;
     esac
@@ -49,7 +57,7 @@ _pccast() {
         file)
             case $word in
                 -*) COMPREPLY=($(compgen -W "$request --to --format --stream-id" -- "$word")) ;;
-                *) COMPREPLY=($(compgen -f -- "$word")) ;;
+                *) _pccast_files "$word" ;;
             esac
             ;;
         stop) COMPREPLY=($(compgen -W "--epg --type --start --end --port --format --plugin --help" -- "$word")) ;;
@@ -59,9 +67,9 @@ _pccast() {
         station)
             case $word in
                 -*) COMPREPLY=($(compgen -W "--group --port --ttl --name --show --output --help" -- "$word")) ;;
-                *) COMPREPLY=($(compgen -f -- "$word")) ;;
+                *) _pccast_files "$word" ;;
             esac
             ;;
     esac
 }
-complete -o filenames -F _pccast pccast
+complete -F _pccast pccast

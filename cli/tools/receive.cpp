@@ -58,8 +58,14 @@ int receive(const RECEIVE &receive, KTNET_ENDPOINT *pDesc, FILE *pFile) {
     unsigned long ulReceived = 0;
     while (receive.ulDatagrams == 0 || ulReceived < receive.ulDatagrams) {
         const unsigned long ulSeconds = ulReceived == 0 ? receive.ulWait : receive.ulIdle;
-        if (ktn_xapi_rx_poll_socket(pDesc->iSocket, static_cast<unsigned int>(ulSeconds * 1000)) <= 0) {
+        const int iReady =
+            ktn_xapi_rx_poll_socket(pDesc->iSocket, static_cast<unsigned int>(ulSeconds * 1000));
+        if (iReady == 0) {
             break;
+        }
+        if (iReady < 0) {
+            fprintf(stderr, "pccast-receive: %s\n", strerror(-iReady));
+            return 1;
         }
         const ssize_t lLength = recv(pDesc->iSocket, aBytes.data(), aBytes.size(), 0);
         if (lLength < 0) {
@@ -95,16 +101,14 @@ int main(int iArguments, char **ppArguments) {
     pDesc->uiListen = 1;
     pDesc->uiPort = wanted.usPort;
     strncpy(pDesc->szPeer, wanted.sAddress.c_str(), sizeof pDesc->szPeer - 1);
-    FILE *const pFile = fopen(ppArguments[2], "wb");
     int iExit = 1;
-    if (pFile == nullptr) {
-        fprintf(stderr, "pccast-receive: %s: %s\n", ppArguments[2], strerror(errno));
-    } else if (ktn_xapi_ktnet_create(pDesc) > 0) {
-        iExit = receive(wanted, pDesc, pFile);
-    }
-    if (pFile != nullptr && fclose(pFile) != 0) {
-        fprintf(stderr, "pccast-receive: %s: %s\n", ppArguments[2], strerror(errno));
-        iExit = 1;
+    if (ktn_xapi_ktnet_create(pDesc) > 0) { // before the file, so that a failure leaves an older one as it is
+        FILE *const pFile = fopen(ppArguments[2], "wb");
+        iExit = pFile == nullptr ? 1 : receive(wanted, pDesc, pFile);
+        if (pFile == nullptr || fclose(pFile) != 0) {
+            fprintf(stderr, "pccast-receive: %s: %s\n", ppArguments[2], strerror(errno));
+            iExit = 1;
+        }
     }
     ktn_xapi_ktnet_delete(&pDesc);
     return iExit;

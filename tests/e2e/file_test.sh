@@ -6,6 +6,16 @@ cp "$samples/sample.nsc" /fixdata/bypass.nsc
 start_service
 start_watch
 
+# A file of 30 s, longer than its request, plays on; the command that stop then gives ends it.
+cat "$samples"/{sample,sample,sample}.ts >long.ts
+cast=$("$pccast" file long.ts --to 239.77.0.5:5005 --epg 13 --for 2s)
+within 5 grep -q '"kind":"on-air".*"epg":13,' heard
+sleep 2
+"$pccast" stop "$cast" 2>said || [ $? -eq 65 ] || fail "stop after the end: $(cat said)"
+read -ra command < <(sed -n 's/.*on air: pccast //p' said)
+"$pccast" "${command[@]}" || fail "what stop names: ${command[*]}"
+within 15 grep -q '"kind":"end".*"epg":13,' heard
+
 "$bin/pccast-receive" 239.77.0.5:5005 received.ts >receive.log 2>&1 &
 receiver=$!
 "$pccast" file "$samples/sample.ts" --to 239.77.0.5:5005 --epg 11 --for 30s
@@ -24,16 +34,6 @@ wait $receiver
     fail "the ASF packets arrived otherwise than stored"
 within 12 grep -q '"kind":"on-air".*"epg":12,"type":16,"format":3,.*"crcOk":true,"stationCrcOk":true,"station":"\[Address\]' heard
 within 2 grep -q '\[play\].*IEPGID=0x0000000C,.*NSC="/fixdata/bypass.nsc"' serve.log
-
-# A file longer than its request plays on; the command that stop then gives ends it.
-cat "$samples"/{sample,sample,sample}.ts >long.ts
-cast=$("$pccast" file long.ts --to 239.77.0.5:5005 --epg 13 --for 2s)
-within 10 grep -q '"kind":"on-air".*"epg":13,' heard
-sleep 2
-"$pccast" stop "$cast" 2>said || [ $? -eq 65 ] || fail "stop after the end: $(cat said)"
-read -ra command < <(sed -n 's/.*on air: pccast //p' said)
-"$pccast" "${command[@]}" || fail "what stop names: ${command[*]}"
-within 10 grep -q '"kind":"end".*"epg":13,' heard
 end_service TERM
 
 command -v ffmpeg ffprobe >/dev/null || { echo "ffmpeg is not installed: its judgement is left out"; exit 0; }

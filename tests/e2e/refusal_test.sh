@@ -44,8 +44,8 @@ refused 69 'another service already listens on /tmp/PCSTREAM.uds' "$pccast" serv
 printf '/ORVEN/SERVICE/PCSTREAM=DISABLE\n' >/reg/reg0/master.reg
 refused 78 'switches the service off' "$pccast" relay 239.77.0.1:1 $cast
 refused 0 'message requested' "$pccast" message text
-refused 70 'output cannot be written' bash -c '"$1" message text >/dev/full' - "$pccast"
-refused 70 'output cannot be written' timeout 5 bash -c '"$1" watch --json --count 2 >/dev/full' - "$pccast"
+refused 70 'output cannot be written' bash -c '"$1" message text --repeat 0 >/dev/full' - "$pccast"
+refused 70 'output cannot be written' timeout 30 bash -c '"$1" watch --json --count 2 >/dev/full' - "$pccast"
 printf '/ORVEN/SERVICE/PCMBC=disable\n' >/reg/reg1/slave.reg
 refused 78 'PCMBC=DISABLE' "$pccast" message text
 end_service TERM
