@@ -4,9 +4,14 @@
 #include "service.h"
 
 #include <CLI/CLI.hpp>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -44,6 +49,24 @@ int checkSocketsFree() {
         }
     }
     return EXIT_DONE;
+}
+
+// Without a route every announcement, message and relay would fail, one by one: say it once, beforehand. The
+// service runs all the same, for a route may come. Connecting a datagram socket sends nothing.
+void warnWithoutRoute() {
+    struct sockaddr_in group {};
+    group.sin_family = AF_INET;
+    group.sin_port = htons(7890);
+    inet_pton(AF_INET, "224.9.9.9", &group.sin_addr);
+    const int iSocket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (iSocket < 0) {
+        return;
+    }
+    if (connect(iSocket, reinterpret_cast<const struct sockaddr *>(&group), sizeof group) != 0) {
+        sayAndReturn(EXIT_DONE, std::string("nothing can be sent to 224.9.9.9: ") + strerror(errno) +
+                                    "; give --interface, or a route: ip route add 224.0.0.0/4 dev eth0");
+    }
+    close(iSocket);
 }
 
 // The open call succeeds also when a socket cannot be had, so look. Returns the socket that nobody serves in
@@ -126,6 +149,10 @@ int serve(const SERVE_OPTIONS &options) {
            plugin.pVersion() >> 8 & 0xFF, plugin.pVersion() & 0xFF, SOCKETS[0], SOCKETS[1],
            options.sInterface.empty() ? "the interface that the routing table names"
                                       : options.sInterface.c_str());
+
+    if (options.sInterface.empty()) {
+        warnWithoutRoute();
+    }
 
     int iSignal = 0;
     sigwait(&signals, &iSignal);

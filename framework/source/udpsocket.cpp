@@ -170,8 +170,9 @@ int udpOpenReceiver(const char *pszAddress, unsigned short usPort, const char *p
         Membership.imr_multiaddr = Address.sin_addr;
         if (setsockopt(iSocket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &Membership, sizeof Membership) != 0) {
             const int iErrno = errno;
-            frameworkReport(pszWho, "can not join %s:%u on %s: %s", pszAddress, usPort,
-                            bNamed ? pszInterface : "the routing table's interface", strerror(iErrno));
+            frameworkReport(pszWho, "can not join %s:%u on %s: %s%s", pszAddress, usPort,
+                            bNamed ? pszInterface : "the routing table's interface", strerror(iErrno),
+                            iErrno == ENODEV && !bNamed ? " (no route leads to 224.0.0.0/4)" : "");
             return closeWith(iSocket, iErrno);
         }
     }

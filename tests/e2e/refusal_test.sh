@@ -49,3 +49,7 @@ refused 70 'output cannot be written' timeout 30 bash -c '"$1" watch --json --co
 printf '/ORVEN/SERVICE/PCMBC=disable\n' >/reg/reg1/slave.reg
 refused 78 'PCMBC=DISABLE' "$pccast" message text
 end_service TERM
+
+ip route del 224.0.0.0/4 # it runs without a way out, but says so
+refused 0 'nothing can be sent to 224.9.9.9' timeout --preserve-status 2 "$pccast" serve
+
