@@ -15,6 +15,13 @@ int64_t now() {
         .count();
 }
 
+void require(bool bHolds, const char *pWhat) {
+    if (!bHolds) {
+        std::perror(pWhat);
+        std::exit(1);
+    }
+}
+
 void row(const std::string &name, double dValue, const char *pUnit) {
     std::printf("%s %.3f %s\n", name.c_str(), dValue, pUnit);
     std::fflush(stdout);

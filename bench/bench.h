@@ -12,6 +12,9 @@ namespace bench {
 // The clock of all measurements, nanoseconds.
 int64_t now();
 
+// Ends the program with errno's reason when a thing that every measurement needs does not hold.
+void require(bool bHolds, const char *pWhat);
+
 // Prints one row.
 void row(const std::string &name, double dValue, const char *pUnit);
 
@@ -24,8 +27,9 @@ struct Traffic {
     long lReceived;
     std::vector<double> delaysUs; // from sending to receiving, of each received datagram
 };
-// The last four bytes of a datagram carry its number; the rest of a block cipher's whole blocks is never
-// touched.
+// A datagram is 82 of SEED's 16-byte blocks and four bytes more. Decryption changes whole blocks alone, so
+// the last four bytes arrive as they were sent; they carry the datagram's number, by which its delay is
+// known.
 Traffic runTraffic(const char *pSourceGroup, const char *pDestinationGroup, unsigned short usPort, int iRate,
                    double dSeconds);
 

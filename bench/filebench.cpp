@@ -15,7 +15,6 @@
 #include <atomic>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <thread>
@@ -63,17 +62,14 @@ void makePacket(std::array<unsigned char, kPacket> &packet, long lNumber) {
 
 long makeFile(double dSeconds) {
     std::FILE *pFile = std::fopen(kFile, "wb");
-    if (pFile == nullptr) {
-        std::perror(kFile);
-        std::exit(1);
-    }
+    require(pFile != nullptr, kFile);
     const long lPackets = std::lround(dSeconds * kBitRate / 8 / kPacket / 7) * 7;
     std::array<unsigned char, kPacket> packet;
     for (long i = 0; i < lPackets; ++i) {
         makePacket(packet, i);
-        std::fwrite(packet.data(), 1, packet.size(), pFile);
+        require(std::fwrite(packet.data(), 1, packet.size(), pFile) == packet.size(), kFile);
     }
-    std::fclose(pFile);
+    require(std::fclose(pFile) == 0, kFile); // which writes what is still buffered
     return lPackets;
 }
 
@@ -89,11 +85,9 @@ std::vector<Arrival> receive(const std::atomic<bool> *pDone) {
     address.sin_port = htons(kPort);
     inet_pton(AF_INET, kGroup, &address.sin_addr);
     ip_mreq request{address.sin_addr, {htonl(INADDR_LOOPBACK)}};
-    if (bind(iSocket, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
-        setsockopt(iSocket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) != 0) {
-        std::perror("file receiver");
-        std::exit(1);
-    }
+    require(bind(iSocket, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 &&
+                setsockopt(iSocket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) == 0,
+            "file receiver");
     std::vector<Arrival> arrivals;
     std::array<unsigned char, 2048> datagram;
     pollfd wait{iSocket, POLLIN, 0};
@@ -120,7 +114,7 @@ bool fileBench(double dSeconds) {
     KTPLUGIN_INFO_TAG block{};
     block.eState = ENGINE_RUNNING;
     CASTInfo *pInfo = nullptr;
-    MAKECASTInfo(&pInfo, nullptr, kGroup, kFile, CAST_TYPE_FILE);
+    require(MAKECASTInfo(&pInfo, nullptr, kGroup, kFile, CAST_TYPE_FILE) == 1, "cast record");
     const std::string target = std::string(kGroup) + ":" + std::to_string(kPort);
     TSCASTARG argument{};
     argument.pszFile = kFile;

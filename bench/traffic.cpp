@@ -8,8 +8,6 @@
 
 #include <array>
 #include <atomic>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <thread>
@@ -28,13 +26,6 @@ sockaddr_in addressOf(const char *pGroup, unsigned short usPort) {
     address.sin_port = htons(usPort);
     inet_pton(AF_INET, pGroup, &address.sin_addr);
     return address;
-}
-
-void require(bool bHolds, const char *pWhat) {
-    if (!bHolds) {
-        std::perror(pWhat);
-        std::exit(1);
-    }
 }
 
 int openReceiver(const char *pGroup, unsigned short usPort) {
@@ -84,6 +75,7 @@ Traffic runTraffic(const char *pSourceGroup, const char *pDestinationGroup, unsi
     });
 
     const int iSender = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    require(iSender >= 0, "sender");
     const sockaddr_in address = addressOf(pSourceGroup, usPort);
     require(connect(iSender, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0, "connect");
     std::array<unsigned char, kDatagram> datagram{};
