@@ -27,6 +27,22 @@ void row(const std::string &name, double dValue, const char *pUnit) {
     std::fflush(stdout);
 }
 
+bool rowAtMost(const std::string &name, double dValue, const char *pUnit, double dBound) {
+    row(name, dValue, pUnit);
+    if (dValue > dBound) {
+        std::fprintf(stderr, "bench: %s is %.3f, above its bound of %.3f\n", name.c_str(), dValue, dBound);
+    }
+    return dValue <= dBound;
+}
+
+bool rowAtLeast(const std::string &name, double dValue, const char *pUnit, double dBound) {
+    row(name, dValue, pUnit);
+    if (dValue < dBound) {
+        std::fprintf(stderr, "bench: %s is %.3f, below its bound of %.3f\n", name.c_str(), dValue, dBound);
+    }
+    return dValue >= dBound;
+}
+
 double percentile(std::vector<double> &samples, double dShare) {
     if (samples.empty()) {
         return 0;

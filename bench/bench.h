@@ -17,6 +17,10 @@ void require(bool bHolds, const char *pWhat);
 
 // Prints one row.
 void row(const std::string &name, double dValue, const char *pUnit);
+// The same for a figure that is to hold. Returns whether it does; one that does not is named on standard
+// error.
+bool rowAtMost(const std::string &name, double dValue, const char *pUnit, double dBound);
+bool rowAtLeast(const std::string &name, double dValue, const char *pUnit, double dBound);
 
 // The value below which the given share (0 to 1) of the samples lies; 0 for none. Sorts the samples.
 double percentile(std::vector<double> &samples, double dShare);

@@ -150,12 +150,11 @@ bool fileBench(double dSeconds) {
     const double dCost = (static_cast<double>(after.tv_sec - before.tv_sec) +
                           static_cast<double>(after.tv_nsec - before.tv_nsec) / 1e9) /
                          dSeconds * 100;
-    const double d99 = percentile(errors, 0.99);
     row("file.pace_p50", percentile(errors, 0.5), "ms");
-    row("file.pace_p99", d99, "ms");
-    row("file.last", dLast, "ms");
-    row("file.cost", dCost, "%_of_a_core");
-    return d99 <= kPaceBoundMs && dLast <= kLastBoundMs && dCost <= kCostBound;
+    bool bHolds = rowAtMost("file.pace_p99", percentile(errors, 0.99), "ms", kPaceBoundMs);
+    bHolds &= rowAtMost("file.last", dLast, "ms", kLastBoundMs);
+    bHolds &= rowAtMost("file.cost", dCost, "%_of_a_core", kCostBound);
+    return bHolds;
 }
 
 } // namespace bench

@@ -76,14 +76,16 @@ bool serviceBench(double dSeconds) {
     const double dBefore = processSeconds();
     std::this_thread::sleep_for(std::chrono::duration<double>(dSeconds));
     const double dIdle = (processSeconds() - dBefore) / dSeconds * 100;
-    row("service.idle", dIdle, "%_of_a_core");
+    bool bHolds = rowAtMost("service.idle", dIdle, "%_of_a_core", kIdleBound);
 
     std::vector<double> delays;
-    bool bAll = true;
     for (int i = 0; i < kStarts; ++i) {
         const unsigned long ulStart = vexa_time(nullptr) + 4;
         const double dDelay = startDelay(iAnnouncements, ulStart);
-        bAll &= dDelay >= 0;
+        if (dDelay < 0) {
+            std::fprintf(stderr, "bench: a due cast was not announced\n");
+            bHolds = false;
+        }
         delays.push_back(dDelay);
         while (vexa_time(nullptr) < ulStart + kApart) {
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -92,8 +94,8 @@ bool serviceBench(double dSeconds) {
     p_qxapi_close_pccast(nullptr);
     close(iAnnouncements);
     row("service.start_p50", percentile(delays, 0.5), "ms_after_its_second");
-    row("service.start_worst", percentile(delays, 1), "ms_after_its_second");
-    return bAll && dIdle < kIdleBound && percentile(delays, 1) < kStartBound;
+    bHolds &= rowAtMost("service.start_worst", percentile(delays, 1), "ms_after_its_second", kStartBound);
+    return bHolds;
 }
 
 } // namespace bench
