@@ -155,9 +155,11 @@ int takeDueRecord(List *pHandle, unsigned long ulOnAirCT, unsigned long ulDueTim
     return 0;
 }
 
-template <typename List>
-int takeHeadRecord(List *pHandle, RecordOf<List> **ppRecord, const char *pOperation,
-                   int iLine = __builtin_LINE()) {
+// Has the caller's slot filled from the head's record, if there is one. Returns 1; 0 for none, -1 for a full
+// slot.
+template <typename List, typename Fill>
+int fillFromHead(List *pHandle, RecordOf<List> *const *ppRecord, const char *pOperation, int iLine,
+                 Fill fill) {
     if (!isUsable(pHandle)) {
         return 0;
     }
@@ -168,26 +170,24 @@ int takeHeadRecord(List *pHandle, RecordOf<List> **ppRecord, const char *pOperat
     if (hold == nullptr || headRecord(pHandle) == nullptr) {
         return 0;
     }
-    *ppRecord = take(pHandle, nullptr);
-    pHandle->iFLAGChange = 1;
+    fill();
     return 1;
+}
+
+template <typename List>
+int takeHeadRecord(List *pHandle, RecordOf<List> **ppRecord, const char *pOperation,
+                   int iLine = __builtin_LINE()) {
+    return fillFromHead(pHandle, ppRecord, pOperation, iLine, [=] {
+        *ppRecord = take(pHandle, nullptr);
+        pHandle->iFLAGChange = 1;
+    });
 }
 
 template <typename List>
 int copyHeadRecord(List *pHandle, RecordOf<List> **ppRecord, const char *pOperation,
                    int iLine = __builtin_LINE()) {
-    if (!isUsable(pHandle)) {
-        return 0;
-    }
-    if (!isEmptySlot<List>(ppRecord, pOperation)) {
-        return -1;
-    }
-    const KTMUTEXHold hold = RecordKind<List>::lock(pHandle, iLine);
-    if (hold == nullptr || headRecord(pHandle) == nullptr) {
-        return 0;
-    }
-    RecordKind<List>::copy(headRecord(pHandle), ppRecord);
-    return 1;
+    return fillFromHead(pHandle, ppRecord, pOperation, iLine,
+                        [=] { RecordKind<List>::copy(headRecord(pHandle), ppRecord); });
 }
 
 template <typename List>

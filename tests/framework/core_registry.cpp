@@ -58,22 +58,4 @@ TEST_F(Registry, SlaveOverridesMasterAndGarbledLinesHarmNoOthers) {
     }
 }
 
-TEST_F(Registry, MissingOrUnreadableFilesLeaveTheOther) {
-    EXPECT_EQ(QX_OpenRegistry("/master", "/slave", 0x10000002), nullptr);
-    EXPECT_EQ(QX_OpenRegistry(nullptr, nullptr, 0), nullptr);
-    QX_CloseRegistry(nullptr);
-    write("/slave", "/A=slave\n");
-    EXPECT_EQ(value("/A"), "slave");
-    std::filesystem::remove(Root + "/slave");
-    std::filesystem::create_directory(Root + "/slave");
-    write("/master", "/A=master\n");
-    EXPECT_EQ(value("/A"), "master");
-
-    ts_qx_registry *pRegistry = QX_OpenRegistry("/master", nullptr, 0x10000002);
-    ASSERT_NE(pRegistry, nullptr);
-    EXPECT_STREQ(pRegistry->pOperations->pLookup(pRegistry, "/A", nullptr), "master");
-    EXPECT_EQ(pRegistry->pOperations->pLookup(pRegistry, nullptr, nullptr), nullptr);
-    QX_CloseRegistry(pRegistry);
-}
-
 } // namespace

@@ -4,10 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <atomic>
 #include <cstdlib>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 #ifdef HAVE_OPENSSL
@@ -62,22 +60,6 @@ TEST_P(Seed, WholeBlocksAreDecryptedAndTheRestIsLeft) {
             }
         }
     }
-}
-
-TEST_P(Seed, ThreadsWithKeysOfTheirOwnDoNotMix) {
-    std::vector<std::thread> Threads;
-    std::atomic<int> iWrong{0};
-    for (const VECTOR &Vector : Vectors)
-        Threads.emplace_back([&iWrong, &Vector, Decrypt = GetParam()] {
-            for (int iTime = 0; iTime < 2000; iTime++) {
-                BLOCK Block = Vector.Cipher;
-                Decrypt(Block.data(), Block.size(), Vector.Key.data());
-                iWrong += Block != Vector.Plain;
-            }
-        });
-    for (std::thread &Thread : Threads)
-        Thread.join();
-    EXPECT_EQ(iWrong, 0);
 }
 
 #ifdef HAVE_OPENSSL

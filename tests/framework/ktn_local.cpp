@@ -250,25 +250,4 @@ TEST_F(Local, OnlyTheSameUserAndRootMayTalk) {
     EXPECT_FALSE(Allowed(65534, 0)); // a user of another user namespace
 }
 
-TEST_F(Local, CallsOutOfTurnFailWithoutHarm) {
-    KTNET_ENDPOINT *pDesc = reinterpret_cast<KTNET_ENDPOINT *>(this);
-    EXPECT_EQ(ktn_xapi_ktnet_init_with_version(&pDesc, 0, 1), -1);
-    EXPECT_EQ(pDesc, nullptr);
-    EXPECT_EQ(ktn_xapi_ktnet_init_with_version(nullptr, 0, 2), -1);
-    EXPECT_EQ(ktn_xapi_ktnet_delete(&pDesc), 0);
-    EXPECT_EQ(ktn_xapi_ktnet_create(nullptr), -EINVAL);
-    EXPECT_EQ(ktn_xapi_rx_poll_socket(-1, 10000), -EBADF);
-    EXPECT_EQ(ktn_xapi_rx_poll_socket(1000000, 10000), -EBADF);
-    EXPECT_EQ(ktn_xapi_ktnet_create(endpoint(0, "", "", 0, 0).get()), -EINVAL);
-
-    const ENDPOINT Server = serve();
-    EXPECT_EQ(ktn_xapi_ktnet_create(Server.get()), -EALREADY);
-    EXPECT_EQ(ktn_xapi_ktnet_accept(Server.get(), &pDesc), 0) << "nobody is there";
-    EXPECT_EQ(ktn_xapi_rx_poll_socket(Server->iSocket, 0), 0);
-    EXPECT_EQ(ktn_xapi_ktnet_close(Server.get()), 1);
-    EXPECT_EQ(ktn_xapi_ktnet_close(Server.get()), 0);
-    EXPECT_EQ(ktn_xapi_ktnet_accept(Server.get(), &pDesc), -EBADF);
-    EXPECT_EQ(ktn_xapi_ktnet_create(Server.get()), 1) << "and the path is free again";
-}
-
 } // namespace

@@ -106,14 +106,6 @@ TEST(MediaAsf, LyingSizesAndCountsLoseNoPacket) {
     }
 }
 
-TEST(MediaAsf, SampleIsPlayedWholeInItsTime) {
-    const std::string sSample = sampleBytes("sample.asf");
-    const DRAINED Drained = play(sSample);
-    ASSERT_EQ(Drained.DueMs.size(), 243U);
-    EXPECT_TRUE(Drained.sBytes == sSample.substr(659 + 50, 243 * 1400));
-    EXPECT_NEAR(Drained.DueMs.back(), 6000, 100);
-}
-
 TEST(MediaAsf, DamagedPacketGoesOutInItsPlace) {
     std::string sPackets = packetsBytes({0, 40, 80, 120});
     sPackets[2 * PACKET] = '\xFF'; // an error correction that is no such thing

@@ -110,22 +110,6 @@ TEST(MediaCast, ExplicitTargetReplacesTheStationsAndTheCastersHopLimitStandsIn) 
     EXPECT_EQ(Receiver.iHops, 16);
 }
 
-TEST(MediaCast, WhatIsNoStationIsRefusedAndNothingSent) {
-    const MEMORYFILE Good(stationText("239.1.2.6", 6005, -1)), Bad("[Address]\r\nIP Port=0x1\r\n"), Empty("");
-    const std::pair<const char *, unsigned int> aCase[] = {
-        {nullptr, 0},           {"/nowhere/station.nsc", 0}, {"/tmp", 0},
-        {"/dev/zero", 0},       {Bad.sPath.c_str(), 0},      {Empty.sPath.c_str(), 0},
-        {Good.sPath.c_str(), 2}};
-    for (const auto &[pszFile, uiFormatIndex] : aCase) {
-        const ASFCASTER pCaster = openAsf();
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(pCaster->pSetStation(pCaster.get(), pszFile, uiFormatIndex), 0);
-        EXPECT_EQ(send(pCaster, "x"), 0);
-        const std::string sReport = testing::internal::GetCapturedStderr();
-        EXPECT_NE(sReport.find(pszFile ? pszFile : "no file"), std::string::npos) << sReport;
-    }
-}
-
 TEST(MediaCast, OversizedPacketFails) {
     RECEIVER Receiver("127.0.0.1", 6006);
     const ASFCASTER pAsf = openAsf();

@@ -97,38 +97,3 @@ TEST(MediaNsc, LiesAreRefusedWithTheirLine) {
         EXPECT_NE(sReason.find(pszReason), std::string::npos) << pszReason << ": " << sReason;
     }
 }
-
-TEST(MediaNsc, StationOfTheSampleCarriesItsHeader) {
-    NSCSTATION Station;
-    std::string sReason;
-    ASSERT_TRUE(nscRead(SAMPLES "sample.nsc", Station, sReason)) << sReason;
-    EXPECT_EQ(Station.sName, "Sample station");
-    EXPECT_EQ(Station.sAddress, "239.192.48.179");
-    const std::vector<unsigned char> &Header = Station.Formats.at(0).Header;
-    EXPECT_EQ(std::string(Header.begin(), Header.end()), sampleBytes("sample.asf").substr(0, 659 + 50));
-}
-
-TEST(MediaNsc, WrittenStationIsReadBack) {
-    NSCSTATION Station;
-    Station.sName = "02 \xEB\x89\xB4\xEC\x8A\xA4 \xF0\x9F\x93\xBA";
-    Station.sAddress = "239.192.48.179";
-    Station.usPort = 8080;
-    Station.iHops = 16;
-    Station.Formats.push_back({1, 0x7FF, {1, 2, 3, 4, 5}, "high"});
-
-    const std::string sText = nscWrite(Station);
-
-    EXPECT_NE(sText.find("IP Address=" + std::string(ADDRESS) +
-                         "\r\nIP Port=0x00001F90\r\n"
-                         "Time To Live=0x00000010\r\n[Formats]\r\nFormat1=02"),
-              std::string::npos)
-        << sText;
-    NSCSTATION Read;
-    std::string sReason;
-    ASSERT_TRUE(nscParse(sText, Read, sReason)) << sReason;
-    EXPECT_EQ(Read.sName, Station.sName);
-    EXPECT_EQ(Read.sVersion, "3.0");
-    EXPECT_EQ(Read.Formats[0].Header, Station.Formats[0].Header);
-    EXPECT_EQ(Read.Formats[0].uiFormatID, 0x7FFU);
-    EXPECT_EQ(Read.Formats[0].sDescription, "high");
-}

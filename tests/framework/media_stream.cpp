@@ -99,27 +99,6 @@ TEST(MediaStream, PlayoutTakesTheFilesTimeAndHoldsTheScheduleAfterADelay) {
     EXPECT_LE(std::clock() - lProcessor, CLOCKS_PER_SEC * 35 / 100); // it sleeps in between
 }
 
-TEST(MediaStream, OnePacketIsLentAtATime) {
-    const MEMORYFILE File(transportStream(700, 2));
-    const STREAMOWNER pStream = startedStream(File.sPath);
-    ts_qxapi_packet *pPacket = pStream->pNextPacket(pStream.get());
-    ASSERT_NE(pPacket, nullptr);
-    usleep(20'000);
-    EXPECT_EQ(pStream->pNextPacket(pStream.get()), nullptr);
-    EXPECT_EQ(pStream->pIsAtEnd(pStream.get()), 0);
-    EXPECT_EQ(pPacket->pData[12], 0); // what is lent stays
-    EXPECT_EQ(pPacket->pData[16], 0x80);
-    pStream->pReleasePacket(pStream.get(), pPacket);
-    EXPECT_NE(pStream->pNextPacket(pStream.get()), nullptr);
-}
-
-TEST(MediaStream, AsfFileIsKnownByItsContent) {
-    const STREAMOWNER pStream = startedStream(SAMPLES "sample.asf");
-    const ts_qxapi_packet *pPacket = pStream->pNextPacket(pStream.get());
-    ASSERT_NE(pPacket, nullptr);
-    EXPECT_EQ(pPacket->uiLength, 1400U);
-}
-
 TEST(MediaStream, FileThatShrinksEndsAndOneThatGrowsGoesOn) {
     const std::string sFile = transportStream(7000, 20);
     for (const bool bGrow : {false, true}) {

@@ -84,23 +84,6 @@ TEST_F(FoundationTest, CopyingFamilyOwnsItsPayloads) {
     EXPECT_EQ(KTLISTmDelete(&pList), 1);
 }
 
-TEST_F(FoundationTest, InsertionWithoutMemoryChangesNothing) {
-    KTLIST *pList = nullptr;
-    EXPECT_EQ(withoutAllocation(1, [&] { return KTLISTCreate(&pList); }), -1);
-    ASSERT_EQ(KTLISTCreate(&pList), 1);
-    for (const long lNth : {1l, 2l}) { // the node; the copy
-        const int iCopyFailed = lNth == 1 ? -1 : 0;
-        EXPECT_EQ(withoutAllocation(lNth, [&] { return KTLISTmInsert(pList, a, 2, nullptr); }), iCopyFailed);
-        EXPECT_EQ(withoutAllocation(lNth, [&] { return KTLISTmAInsert(pList, a, 2, nullptr); }), -1);
-        EXPECT_EQ(withoutAllocation(lNth, [&] { return KTLISTmInsertHead(pList, a, 2); }), iCopyFailed);
-    }
-    EXPECT_EQ(withoutAllocation(1, [&] { return KTLISTpInsert(pList, a, 2, nullptr); }), -1);
-    EXPECT_EQ(withoutAllocation(1, [&] { return KTLISTpInsertHead(pList, a, 2); }), -1);
-    EXPECT_EQ(order(pList), "");
-    EXPECT_EQ(pList->ulTotalSize, 0u);
-    KTLISTpDelete(&pList);
-}
-
 TEST_F(FoundationTest, TryLockMapsEachOutcomeAndPausesAfterEachAttempt) {
     KTMUTEX pMutex = nullptr;
     EXPECT_EQ(KTMUTEXTryLock(nullptr, 1000), -1);

@@ -36,24 +36,6 @@ protected:
     }
 };
 
-TEST_F(FrameTest, HostReadsNamesTablesAndVersion) {
-    EXPECT_STREQ(QX_PlugIn_Name(), "PCCAST Plugin");
-    EXPECT_EQ(QX_PlugIn_Version(), 50726146u);
-    EXPECT_EQ(p_qxapi_control_pccast(nullptr, 0), 50726146);
-    EXPECT_EQ(p_qxapi_control_pccast(nullptr, 7), 1);
-    EXPECT_EQ(p_qxapi_control_pccast(nullptr, -1), 1);
-    const auto table = [](const char *const *ppTable) {
-        std::string text;
-        for (; *ppTable != nullptr; ++ppTable) {
-            text += std::string(*ppTable) + ",";
-        }
-        return text;
-    };
-    const std::string names = "QX_PCCASTSTREAMCommander,QX_PCCASTMBCCommander,";
-    EXPECT_EQ(table(p_qxapi_name_table_pccast), names);
-    EXPECT_EQ(table(QX_PlugIn_Map), names + ",,,,,,,,,");
-}
-
 TEST_F(FrameTest, OpenAndCloseSayWhatTheyDo) {
     const char *const texts[] = {"a"};
     const ts_qxapi_plugin_argument arguments{1, texts};
@@ -147,14 +129,6 @@ TEST_F(FrameTest, WaitForAnEngineIsBounded) {
     const int iLeft = ktWaitForAEngine(&block, 1000);
     EXPECT_GT(iLeft, 500);
     EXPECT_LT(iLeft, 1000);
-}
-
-TEST_F(FrameTest, SignalIsPrintedAndNothingElse) {
-    pccastSignalHandler(15);
-    pccastSignalHandler(-1);
-    const std::string head = "[pccastmain:#] \033[2;31m ",
-                      tail = " signal occured  \033[1;41m[SIGNAL]\033[0m\n";
-    EXPECT_EQ(out(), head + "15" + tail + head + "-1" + tail);
 }
 
 TEST_F(FrameTest, RegistrySwitchesAServiceOff) {

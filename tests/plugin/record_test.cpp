@@ -77,33 +77,6 @@ TEST_F(RecordTest, CopyHoldsEveryFieldAndTheKeyOnlyWithEncryption) {
     }
 }
 
-// Every allocation of a make and of a copy is refused once.
-TEST_F(RecordTest, RecordsWithoutMemoryAreNotHalfMade) {
-    const int results[] = {0, -1, 0}; // the record; its source or file; its destination
-    for (const unsigned long ulType : {1ul, 2ul}) {
-        for (long lNth = 1; lNth <= 3; ++lNth) {
-            CASTInfo *pInfo = nullptr;
-            EXPECT_EQ(withoutAllocation(lNth, [&] { return MAKECASTInfo(&pInfo, "s", "d", "f", ulType); }),
-                      results[lNth - 1]);
-            EXPECT_EQ(pInfo, nullptr);
-        }
-    }
-    CASTInfo *pInfo = cast({.iEncryption = 2, .key = {1, 2, 3}});
-    for (long lNth = 1; lNth <= 4; ++lNth) {
-        CASTInfo *pCopy = nullptr;
-        EXPECT_EQ(withoutAllocation(lNth, [&] { return COPYaCASTInfo(pInfo, &pCopy); }), lNth == 4 ? 1 : 0);
-        EXPECT_TRUE(script::allocationFailed());
-        ASSERT_EQ(pCopy != nullptr, lNth == 4);
-        if (pCopy != nullptr) { // the key is the one thing that a copy can do without
-            EXPECT_EQ(pCopy->pEncryptionKey, nullptr);
-            EXPECT_EQ(pCopy->iEncryptionKeyLen, 3);
-            EXPECT_EQ(pCopy->iEncryptionType, 2);
-        }
-        ELIMINATECASTInfo(&pCopy);
-    }
-    ELIMINATECASTInfo(&pInfo);
-}
-
 TEST_F(RecordTest, ValidationAsksForWhatTheTypeNeeds) {
     struct Case {
         unsigned long ulType;
@@ -133,62 +106,31 @@ TEST_F(RecordTest, ValidationAsksForWhatTheTypeNeeds) {
     EXPECT_EQ(VALIDATEMSGInfo(nullptr), -1);
 }
 
-TEST_F(RecordTest, PrintingSaysEachFieldOfItsType) {
-    CASTList list{};
-    EXPECT_EQ(DESTROYCASTList(&list), 0); // there is none
-    CREATECASTList(&list);
-    CASTInfo *pFile = cast({.ulType = 1, .ulEPGID = 7, .ulET = START + 61}), *pStream = cast({.ulType = 3});
-    INSERTCASTInfo(&list, cast({.ulType = 2, .ulEPGID = 8}));
-    pFile->ulMSID = 5;
-    pStream->ulCASTType = 6;
-    PRINTCASTInfo(nullptr, nullptr);
-    PRINTCASTInfo(pFile, "me");
-    PRINTCASTInfo(pStream, "me");
-    PRINTCASTList(&list, "you");
-    PRINTCASTList(&list, nullptr);
-    const std::string head = "\t ulCMD:1\n\t ulCASTType:",
-                      start = "\n\t ulCT:Thu Jan  1 00:01:40 1970\n"
-                              "\t ulST:Sun Sep  9 01:46:40 2001\n",
-                      rest =
-                          "\t pDSTIP:Port = 224.2.2.2:5000\n\t ulSTREAMFormat:8225\n\t iEncryptionType:0\n";
-    const std::string listed = "PRINTCASTInfo: Caller[PRINTCASTList]\n" + head + "2\n\t uliEPGID:8" + start +
-                               "\t ulET:Sun Sep  9 01:48:20 2001\n" + rest +
-                               "\t pSRCIP:Port =  224.1.1.1:9100\n" +
-                               "SHOW LIST: 1 total, iFLAGChange:1 ]------------------\n";
-    EXPECT_EQ(out(), "PRINTCASTInfo: Caller[UNKNOWN]\n\tpInfo is NULL\nPRINTCASTInfo: Caller[me]\n" + head +
-                         "1\n\t uliEPGID:7" + start + "\t ulET:Sun Sep  9 01:47:41 2001\n" + rest +
-                         "\t pCASTFile =  /a.ts\n\t ulMSID =  5\n" + "PRINTCASTInfo: Caller[me]\n" + head +
-                         "6\n\t uliEPGID:1" + start + "\t ulET:Sun Sep  9 01:48:20 2001\n" + rest +
-                         "\t---> INVALID CASTType[6]\n" + "-----------------[ SHOW LIST: Caller::you()\n" +
-                         listed + "-----------------[ SHOW LIST: Caller::UNKNOWN()\n" + listed);
-    ELIMINATECASTInfo(&pFile);
-    ELIMINATECASTInfo(&pStream);
-    DESTROYCASTList(&list);
-}
-
-TEST_F(RecordTest, MessageCopyHoldsEveryFieldAndNeedsAText) {
-    MSGInfo *pInfo = nullptr, *pCopy = nullptr;
-    ASSERT_EQ(MAKEMSGInfo(&pInfo, "text"), 1);
-    *pInfo = MSGInfo{1, 2, 3, 4, 5, 6, 7, 8, 9, pInfo->pMSGSTR};
-    ASSERT_EQ(COPYaMSGInfo(pInfo, &pCopy), 1);
-    EXPECT_STREQ(pCopy->pMSGSTR, "text");
-    EXPECT_NE(pCopy->pMSGSTR, pInfo->pMSGSTR);
-    EXPECT_EQ(memcmp(pCopy, pInfo, offsetof(MSGInfo, pMSGSTR)), 0);
-    EXPECT_EQ(COPYaMSGInfo(pInfo, &pCopy), -1);
-    EXPECT_EQ(MAKEMSGInfo(&pCopy, "x"), -1);
-    EXPECT_EQ(out(), "COPYaMSGInfo(): ppMSGDST is NOT EMPTY\nMAKEMSGInfo(): pInfo is NOT EMPTY\n");
-    ELIMINATEMSGInfo(&pCopy);
-    EXPECT_EQ(ELIMINATEMSGInfo(&pCopy), 0);
-    const MSGInfo bare{};
-    EXPECT_EQ(COPYaMSGInfo(&bare, &pCopy), 0);
-    EXPECT_EQ(COPYaMSGInfo(nullptr, &pCopy), 0);
-    EXPECT_EQ(MAKEMSGInfo(&pCopy, nullptr), -1);
-    for (const long lNth : {1l, 2l}) { // the record; its text
-        EXPECT_EQ(withoutAllocation(lNth, [&] { return MAKEMSGInfo(&pCopy, "x"); }), lNth == 1 ? 0 : -1);
-        EXPECT_EQ(withoutAllocation(lNth, [&] { return COPYaMSGInfo(pInfo, &pCopy); }), 0);
-        EXPECT_EQ(pCopy, nullptr);
+// Every allocation of a make and of a copy is refused once.
+TEST_F(RecordTest, RecordsWithoutMemoryAreNotHalfMade) {
+    const int results[] = {0, -1, 0}; // the record; its source or file; its destination
+    for (const unsigned long ulType : {1ul, 2ul}) {
+        for (long lNth = 1; lNth <= 3; ++lNth) {
+            CASTInfo *pInfo = nullptr;
+            EXPECT_EQ(withoutAllocation(lNth, [&] { return MAKECASTInfo(&pInfo, "s", "d", "f", ulType); }),
+                      results[lNth - 1]);
+            EXPECT_EQ(pInfo, nullptr);
+        }
     }
-    ELIMINATEMSGInfo(&pInfo);
+    CASTInfo *pInfo = cast({.iEncryption = 2, .key = {1, 2, 3}});
+    for (long lNth = 1; lNth <= 4; ++lNth) {
+        CASTInfo *pCopy = nullptr;
+        EXPECT_EQ(withoutAllocation(lNth, [&] { return COPYaCASTInfo(pInfo, &pCopy); }), lNth == 4 ? 1 : 0);
+        EXPECT_TRUE(script::allocationFailed());
+        ASSERT_EQ(pCopy != nullptr, lNth == 4);
+        if (pCopy != nullptr) { // the key is the one thing that a copy can do without
+            EXPECT_EQ(pCopy->pEncryptionKey, nullptr);
+            EXPECT_EQ(pCopy->iEncryptionKeyLen, 3);
+            EXPECT_EQ(pCopy->iEncryptionType, 2);
+        }
+        ELIMINATECASTInfo(&pCopy);
+    }
+    ELIMINATECASTInfo(&pInfo);
 }
 
 } // namespace

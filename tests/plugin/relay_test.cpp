@@ -175,28 +175,4 @@ TEST_F(RelayTest, CastEndsWithItsSourceOrAFailedChunkOnly) {
     EXPECT_EQ(engine.block.eState, ENGINE_RUNNING);
 }
 
-TEST_F(RelayTest, OpenersWriteTheDebugLogByLevel) {
-    const char *const reinit = "[DEBUG_LEVEL_4] initMSTREAMRxNetEx():# rx. network reinitializing\n",
-                      *const ok = "[DEBUG_LEVEL_0] -------------initSTREAMTxNet():#, MESSAGE, "
-                                  "KTNetCreate(p(224.2.2.2), l(NULL), p(5000)) ok\n",
-                      *const failed = "[DEBUG_LEVEL_0] initMSTREAMRxNetEx():#, ERROR, KTNetCreate() return "
-                                      "0xfffffff7(-9)\n";
-    std::string expected;
-    gPrintStdOut = 1;
-    for (const int iLevel : {0, 4}) {
-        gDebugLevel = iLevel;
-        onAir({});
-        engine.finish();
-        script::fail(Step::CREATE, "rx ", -9);
-        engine.handOver(cast({}));
-        ASSERT_TRUE(engine.becomes(ENGINE_FAILED));
-        engineMove(&engine.block, ENGINE_FAILED, ENGINE_IDLE);
-        const std::string first = iLevel == 4 ? reinit : "";
-        expected += first + ok + first + failed;
-        EXPECT_EQ(std::regex_replace(out(), std::regex(R"(\[\d{4}-\d\d-\d\d [\d:]{8}\] )"), ""), expected);
-    }
-    gPrintStdOut = 0;
-    gDebugLevel = 0;
-}
-
 } // namespace

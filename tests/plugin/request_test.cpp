@@ -380,38 +380,17 @@ TEST_F(ReceiverTest, FailingStepsLoseOneRequestAtMost) {
 }
 
 TEST_F(ReceiverTest, BlocksWithoutTheirListsAreRefused) {
-    CASTList *half[2] = {&casts[0], nullptr};
-    MSGList *none[2] = {nullptr, nullptr};
-    const char *const castLine = "RxCASTInfoEngine(): Invalid Parameter Set\n",
-                      *const messageLine = "[PCCAST Plugin()RxPCMBCInfoEngine] (): INVALID Parameter Set\n";
-    struct Case {
-        int (*pBody)(KTPLUGIN_INFO_TAG *);
-        void *pWork;
-        int iState;
-        const char *pszLine;
-    };
-    std::string expected;
-    for (const Case &row :
-         {Case{RxCASTInfoEngine, nullptr, ENGINE_STOP, castLine},
-          Case{RxCASTInfoEngine, half, ENGINE_STOP, castLine},
-          Case{RxPCMBCInfoEngine, nullptr, ENGINE_STOPPED, messageLine},
-          Case{RxPCMBCInfoEngine, none, ENGINE_STOPPED, messageLine},
-          Case{PCMBCEngine, none, 77, "PCMBCEngine(): Invalid Parameter Set\n"},
-          Case{PCCASTBCIEngine, nullptr, 0, nullptr}, Case{PCCASTBYPASSEngine, nullptr, 0, nullptr},
-          Case{PCCASTRECASTEngine, nullptr, 0, nullptr}}) {
-        EXPECT_EQ(row.pBody(nullptr), 0);
-        if (row.pszLine == nullptr) { // it needs no lists
-            continue;
-        }
-        KTPLUGIN_INFO_TAG block{};
-        block.eState = 77;
-        block.pWork = row.pWork;
-        EXPECT_EQ(row.pBody(&block), 0);
-        EXPECT_EQ(block.eState, row.iState);
-        EXPECT_EQ(block.iThreadCount, 0);
-        expected += std::string(row.pszLine) + row.pszLine;
-        EXPECT_EQ(out(), expected);
-    }
+    KTPLUGIN_INFO_TAG block{};
+    MSGList *half[2] = {&messages[0], nullptr};
+    block.pWork = half;
+    EXPECT_EQ(RxPCMBCInfoEngine(&block), 0);
+    EXPECT_EQ(block.eState, ENGINE_STOPPED);
+    EXPECT_EQ(PCMBCEngine(&block), 0);
+    block.pWork = nullptr;
+    EXPECT_EQ(RxCASTInfoEngine(&block), 0);
+    EXPECT_EQ(block.eState, ENGINE_STOP);
+    EXPECT_EQ(out(), "[PCCAST Plugin()RxPCMBCInfoEngine] (): INVALID Parameter Set\n"
+                     "PCMBCEngine(): Invalid Parameter Set\nRxCASTInfoEngine(): Invalid Parameter Set\n");
 }
 
 } // namespace

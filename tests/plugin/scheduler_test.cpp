@@ -210,30 +210,6 @@ TEST_F(SchedulerTest, StopDuringAWaitOfTheSupervisorIsAnswered) {
     }
 }
 
-TEST_F(SchedulerTest, HundredOpensAndClosesLeaveNothing) {
-    storeFile(1000000);
-    char szText[] = "message";
-    QX_PlugIn_Close();
-    script::settle(1);
-    const long lBlocks = script::liveBlocks();
-    for (unsigned int ui = 0; ui < 100; ++ui) {
-        QX_PlugIn_Open();
-        for (const CastFields &fields :
-             {relay(1, 100, START, START + 1000), file(2, 100, START, START + 1000),
-              stop(relay(3, 1, START, START + 1000), 1)}) {
-            send(fields);
-        }
-        MSGInfo message{0, 1, ui % 2, 1, START, START + 1000, 5, 0, 0, szText};
-        QX_PCCASTMBCCommander(PCMBC_CMD_MSG, &message);
-        script::settle(ui % 8); // the requests are caught at different points of their road
-        QX_PlugIn_Close();
-        EXPECT_TRUE(script::threadsEnd());
-        ASSERT_EQ(script::liveBlocks(), lBlocks) << ui;
-        ASSERT_EQ(script::liveEndpoints(), 0) << ui;
-    }
-    EXPECT_EQ(count(out(), "Timeout"), 0u);
-}
-
 // Every allocation of the supervisor's own is refused once: the service then lacks a list or loses a cast,
 // but it opens, goes on, and closes whole.
 TEST_F(SchedulerTest, SupervisorWithoutMemoryLosesACastAtMost) {
