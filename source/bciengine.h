@@ -6,18 +6,13 @@
 
 #include <pccast/castinfo.h>
 
+#include "wire.h"
+
 #include <qxapi_ktn.h>
 
 #include <cstdint>
 
 extern "C" {
-
-constexpr uint32_t BCI_CMD_ONAIR = 0x40030; // a cast is on air
-constexpr uint32_t BCI_CMD_END = 0x40033;   // a cast has ended
-constexpr uint32_t BCI_TYPE_FILE = 16;      // stored-file cast
-constexpr uint32_t BCI_TYPE_STREAM = 1;     // relayed stream
-constexpr uint32_t BCI_FORMAT_ASF = 3;      // the station file is attached
-constexpr uint32_t BCI_FORMAT_H264 = 2;     // the destination address and port are attached
 
 // What is announced. Times in seconds.
 typedef struct BCIInfo {
