@@ -1,6 +1,6 @@
 /* plugin.h - the entry points by which a host loads, opens and closes the service.
  *
- * The host calls them one at a time; they take no lock. */
+ * The host calls them one at a time. They take no lock. */
 #ifndef PCCAST_PLUGIN_H
 #define PCCAST_PLUGIN_H
 
@@ -8,37 +8,39 @@
 extern "C" {
 #endif
 
-/* Twelve entries: the two command names, nine empty texts, null. */
+/* Twelve entries: the names of the two exported commanders, nine empty texts, null. */
 extern const char *const QX_PlugIn_Map[12];
-/* The names of the exported commanders, ended by null. */
+
+/* The names of the two exported commanders, then null. */
 extern const char *const p_qxapi_name_table_pccast[3];
 
-/* "PCCAST Plugin" */
+/* Returns "PCCAST Plugin". */
 const char *QX_PlugIn_Name(void);
 
-/* 0x03060502 */
+/* Returns 0x03060502. */
 unsigned int QX_PlugIn_Version(void);
 
-/* Opens the service: starts its threads and returns when the supervisor runs. A failure is printed. The two
- * sockets of commander.h are there some tens of milliseconds later: a request submitted before is lost.
- * Returns 1. */
+/* Opens the service: starts its threads and returns when the supervisor runs. The two sockets of commander.h
+ * appear some tens of milliseconds later. A request submitted before that is lost.
+ * Returns 1, also after a failure; a failure is printed. */
 int QX_PlugIn_Open(void);
 
-/* Stops the service and returns when its supervisor has ended. Returns 1. */
+/* Stops the service. Returns 1 when the supervisor has ended. */
 int QX_PlugIn_Close(void);
 
 /* Does nothing. */
 void QX_Dummy(void);
 
-/* As QX_PlugIn_Open. Returns 1. */
+/* Does the same as QX_PlugIn_Open. Returns 1. */
 int p_qxapi_open_pccast(void);
 
-struct ts_qxapi_plugin_argument; /* the host's plug-in arguments, of the host framework */
+/* The host's plug-in arguments. The host framework defines them. */
+struct ts_qxapi_plugin_argument;
 
-/* As QX_PlugIn_Close, after passing pArguments (may be null) to the framework. Returns 1. */
+/* Passes pArguments (may be null) to the framework, then does the same as QX_PlugIn_Close. Returns 1. */
 int p_qxapi_close_pccast(const struct ts_qxapi_plugin_argument *pArguments);
 
-/* iRequest 0: returns QX_PlugIn_Version(). Any other request: returns 1. pHandle is ignored. */
+/* Returns QX_PlugIn_Version() for iRequest 0, and 1 for any other request. pHandle is ignored. */
 int p_qxapi_control_pccast(void *pHandle, int iRequest);
 
 /* Prints the signal's number on standard output and returns. Async-signal-safe. */
