@@ -1,3 +1,4 @@
+// The records of cast requests and their list. The contracts stand in castinfo.h and castlistmgr.h.
 #include "castlistmgr.h"
 
 #include "castformat.h"
@@ -18,7 +19,7 @@ struct Eliminate {
 };
 using OwnedCast = std::unique_ptr<CASTInfo, Eliminate>;
 
-// An owned copy; null for a missing text, and when memory runs out.
+// Returns a copy that the caller owns; null if there is no text or memory runs out.
 char *copyText(const char *pText) {
     char *pCopy = nullptr;
     KTCOPYString(pText, &pCopy);
@@ -174,10 +175,12 @@ template <>
 struct RecordKind<CASTList> {
     using Record = CASTInfo;
     static constexpr const char *kHandle = "ppCASTList", *kSlot = "ppCASTInfo";
-    static constexpr auto eliminate = ELIMINATECASTInfo;
-    static constexpr auto copy = COPYaCASTInfo;
-    static constexpr auto compare = COMPARECASTInfo;
 
+    static int eliminate(CASTInfo **ppInfo) { return ELIMINATECASTInfo(ppInfo); }
+    static int copy(const CASTInfo *pSrc, CASTInfo **ppCASTDST) { return COPYaCASTInfo(pSrc, ppCASTDST); }
+    static int compare(const CASTInfo *pA, const CASTInfo *pB, int iMode) {
+        return COMPARECASTInfo(pA, pB, iMode);
+    }
     static KTMUTEXHold lock(const CASTList *pCASTList, int) { return KTMUTEXLock(pCASTList->pMutex); }
     static void print(const CASTInfo *pInfo) { PRINTCASTInfo(pInfo, "PRINTCASTList"); }
 };
@@ -189,13 +192,13 @@ int CREATECASTList(CASTList *pCASTList) {
 int DESTROYCASTList(CASTList *pCASTList) {
     if (pCASTList == nullptr || pCASTList->pMutex == nullptr) {
         if (pCASTList != nullptr) {
-            releaseRecords(pCASTList); // the mutex could not be made, so nothing was ever filed
+            releaseRecords(pCASTList); // without a mutex nothing was ever filed
         }
         return 0;
     }
     int iResult = 0;
     {
-        // Nobody else uses the list any more: what it holds is released whether or not the lock is had.
+        // Nobody else uses the list any more. So its records are released even without the lock.
         const KTMUTEXHold hold = KTMUTEXLock(pCASTList->pMutex);
         iResult = releaseRecords(pCASTList);
     }
@@ -211,7 +214,8 @@ int INSERTCASTInfo(CASTList *pCASTList, CASTInfo *pInfo) {
     if (hold == nullptr) {
         return 0;
     }
-    // A stop request without an equal one is the first that the supervisor meets, and ends the cast on air.
+    // A stop request with no equal goes to the head. There the supervisor finds it first and ends the cast on
+    // air.
     bool bLast = true;
     const bool bTaken = pInfo->ulCMD == CAST_CMD_STOP ? insertRevocation(pCASTList, pInfo)
                                                       : insertInOrder(pCASTList, pInfo, &bLast);
@@ -224,7 +228,7 @@ int INSERTCASTInfo(CASTList *pCASTList, CASTInfo *pInfo) {
 
 int PATCHaNode(CASTList *pCASTList, unsigned long ulOnAirCT, unsigned long ulDueTime, CASTInfo **ppCASTInfo) {
     const auto isDue = [=](const CASTInfo *pInfo) {
-        // A stop request that is as old as the cast on air counts too.
+        // A stop request made in the same second as the cast on air must still end it.
         if (pInfo->ulCMD == CAST_CMD_STOP) {
             return pInfo->ulST <= ulDueTime && ulOnAirCT <= pInfo->ulCT;
         }

@@ -30,8 +30,9 @@ enum E_KTMU_PLUGIN_STATE : int32_t {
 
 typedef struct KTPLUGIN_INFO_TAG {
     // The controller writes three changes: 1 -> 2, -1 -> 0, and 3 over anything but 4. The thread writes
-    // everything else. Its idle, running and failed never overwrite 3 or 4. Both may write at the same
-    // moment. So a change that depends on the old value is always one compare-and-exchange.
+    // everything else. It sets its first state over anything. Later its idle, running and failed never
+    // overwrite 3 or 4. Both sides may write at the same moment. So a change that depends on the old value is
+    // always one compare-and-exchange.
     std::atomic<int32_t> eState;
     // The thread adds 1 when it starts to work. It subtracts 1 as its last act but one. Whoever has seen the
     // 1 and then sees 0 knows: the thread has left its loop and released what it held.

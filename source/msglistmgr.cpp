@@ -1,3 +1,4 @@
+// The records of PC messages and their list. The contracts stand in msginfo.h and msglistmgr.h.
 #include "msglistmgr.h"
 
 #include "recordlist.h"
@@ -104,11 +105,13 @@ template <>
 struct RecordKind<MSGList> {
     using Record = MSGInfo;
     static constexpr const char *kHandle = "ppMSGList", *kSlot = "ppMSGInfo";
-    static constexpr auto eliminate = ELIMINATEMSGInfo;
-    static constexpr auto copy = COPYaMSGInfo;
-    static constexpr auto compare = COMPAREMSGInfo;
 
-    // A lock that cannot be had is printed.
+    static int eliminate(MSGInfo **ppInfo) { return ELIMINATEMSGInfo(ppInfo); }
+    static int copy(const MSGInfo *pSrc, MSGInfo **ppMSGDST) { return COPYaMSGInfo(pSrc, ppMSGDST); }
+    static int compare(const MSGInfo *pA, const MSGInfo *pB, int iMode) {
+        return COMPAREMSGInfo(pA, pB, iMode);
+    }
+    // Prints a failure to get the lock.
     static KTMUTEXHold lock(const MSGList *pMSGList, int iLine) {
         KTMUTEXHold hold = KTMUTEXLock(pMSGList->pMutex);
         if (hold == nullptr) {
@@ -130,7 +133,7 @@ int DESTROYMSGList(MSGList *pMSGList) {
     int iResult = 0;
     {
         const KTMUTEXHold hold = RecordKind<MSGList>::lock(pMSGList, __LINE__);
-        // Without a mutex nothing was ever filed: the list alone is released.
+        // Without a mutex nothing was ever filed. Then no lock is needed to release the list.
         if (hold != nullptr || pMSGList->pMutex == nullptr) {
             iResult = releaseRecords(pMSGList);
         }
@@ -192,7 +195,7 @@ void trace(int iLine) {
     std::printf("%s:%s():%d\n", kModule, "diagMSGListMain", iLine);
 }
 
-// Files a copy of the template with the given times and EPG id. Returns the insertion's result.
+// Files a copy of the template with creation and start time ulTime. Returns the insertion's result.
 int diagInsert(MSGList *pMSGList, const MSGInfo *pTemplate, unsigned long ulTime, unsigned long uliEPGID) {
     MSGInfo *pInfo = nullptr;
     if (COPYaMSGInfo(pTemplate, &pInfo) != 1) {
@@ -216,7 +219,7 @@ int diagMSGListMain(void) {
     trace(__LINE__);
     int iResult = CREATEMSGList(&list);
     if (iResult < 1) {
-        DESTROYMSGList(&list); // one of mutex and list may have been made
+        DESTROYMSGList(&list); // the mutex or the list may exist
         return iResult;
     }
     MSGInfo *pTemplate = nullptr;

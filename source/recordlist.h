@@ -1,8 +1,9 @@
-// recordlist.h - what the list of casts and the list of messages have in common: a handle of a mutex and a
-// list, its records filed by their creation time, newest first, taken out when they are due.
+// recordlist.h - what the list of casts and the list of messages have in common.
 //
-// Included by the two lists' own files alone. Each operation takes the list's mutex for its whole run. A node
-// without a record is passed over.
+// A handle holds a mutex and a list. The list keeps its records by creation time, newest first. Records are
+// taken out when they are due. Only castlistmgr.cpp and msglistmgr.cpp include this file. An operation takes
+// the list's mutex for its whole run, unless its comment says that the caller holds it. It skips a node
+// without a record.
 #ifndef PCCAST_RECORDLIST_H
 #define PCCAST_RECORDLIST_H
 
@@ -12,10 +13,10 @@
 
 #include <cstdio>
 
-// What tells a kind of list from the other, by the type of its handle:
-//   Record                      the record; ulCT, ulST, ulET are read here
-//   kHandle, kSlot              how messages name a handle and a caller's slot for a record
-//   lock(pHandle, iLine)        takes the mutex; iLine: of the operation, for a message
+// What differs between the two kinds of list. The type of the handle selects the kind.
+//   Record                      the record, with its times ulCT and ulET
+//   kHandle, kSlot              the names of a handle and of a caller's slot in printed messages
+//   lock(pHandle, iLine)        takes the mutex; iLine is the operation's line, for a printed message
 //   eliminate, copy, compare    the record's own operations
 //   print(pRecord)              prints one record of a listing
 template <typename List>
@@ -24,14 +25,14 @@ struct RecordKind;
 template <typename List>
 using RecordOf = typename RecordKind<List>::Record;
 
-constexpr unsigned long kRecordNodeSize = 100; // what every node is filed with; nothing reads it
+constexpr unsigned long kRecordNodeSize = 100; // every node is filed with this size; nothing reads it
 
 template <typename List>
 bool isUsable(const List *pHandle) {
     return pHandle != nullptr && pHandle->pMutex != nullptr && pHandle->pList != nullptr;
 }
 
-// Whether a caller's slot may be filled; a full one is refused in the name of the operation.
+// Whether the caller's slot is empty. A full slot is printed, with the operation's name.
 template <typename List>
 bool isEmptySlot(RecordOf<List> *const *ppRecord, const char *pOperation) {
     if (*ppRecord != nullptr) {
@@ -46,13 +47,13 @@ RecordOf<List> *recordOf(const KTLIST_NODE *pNode) {
     return static_cast<RecordOf<List> *>(pNode->pData);
 }
 
-// The head's record; null when there is no node, or none in it.
+// The head's record; null if there is no node or the node has no record.
 template <typename List>
 RecordOf<List> *headRecord(const List *pHandle) {
     return pHandle->pList->pHead == nullptr ? nullptr : recordOf<List>(pHandle->pList->pHead);
 }
 
-// Takes out the record behind the place in the list; it is the caller's.
+// Takes out the record behind the place. The caller owns it. The caller of take and drop holds the mutex.
 template <typename List>
 RecordOf<List> *take(List *pHandle, KTLIST_NODE *pPlace) {
     return static_cast<RecordOf<List> *>(ktlistRemoveAfter(pHandle->pList, pPlace));
@@ -79,8 +80,8 @@ int createRecordList(List *pHandle, const char *pOperation) {
     return pHandle->pMutex != nullptr && pHandle->pList != nullptr ? 1 : 0;
 }
 
-// Releases the list and its records; the caller holds the mutex, or nobody else knows the list any more.
-// Returns 1 when there was a record, else 0.
+// Releases the list and its records. The caller holds the mutex, or nobody else uses the list any more.
+// Returns 1 if there was a record, else 0.
 template <typename List>
 int releaseRecords(List *pHandle) {
     if (pHandle->pList == nullptr) {
@@ -96,7 +97,7 @@ int releaseRecords(List *pHandle) {
 }
 
 // Files a request that takes another one back. The caller holds the mutex. The first equal record is
-// released, and so is the request. If none is equal, the request goes to the head, where it is met first. A
+// released, and so is the request. If no record is equal, the request goes to the head, to be taken first. A
 // node without a record is never equal. Returns whether the list has taken the request.
 template <typename List>
 bool insertRevocation(List *pHandle, RecordOf<List> *pRecord) {
@@ -112,7 +113,8 @@ bool insertRevocation(List *pHandle, RecordOf<List> *pRecord) {
     return KTLISTpInsertHead(pHandle->pList, pRecord, kRecordNodeSize) > 0;
 }
 
-// The caller holds the mutex. Returns whether the list has taken the record; *pbLast: it is the oldest one.
+// Files a record behind all that are as new or newer. The caller holds the mutex. *pbLast: whether the record
+// is now the oldest in the list. Returns whether the list has taken the record.
 template <typename List>
 bool insertInOrder(List *pHandle, RecordOf<List> *pRecord, bool *pbLast) {
     KTLIST *pList = pHandle->pList;
@@ -127,7 +129,8 @@ bool insertInOrder(List *pHandle, RecordOf<List> *pRecord, bool *pbLast) {
                               : KTLISTpInsert(pList, pRecord, kRecordNodeSize, pPlace)) > 0;
 }
 
-// Takes the first record of which isDue(pRecord) is true, and drops the expired ones before it.
+// Takes out the first record for which isDue(pRecord) is true. Drops the expired records before it.
+// Returns 1 taken; 0 none due or no lock; -1 the caller's slot is full (printed).
 template <typename List, typename IsDue>
 int takeDueRecord(List *pHandle, IsDue isDue, RecordOf<List> **ppRecord, const char *pOperation,
                   int iLine = __builtin_LINE()) {
@@ -156,8 +159,8 @@ int takeDueRecord(List *pHandle, IsDue isDue, RecordOf<List> **ppRecord, const c
     return 0;
 }
 
-// Has the caller's slot filled from the head's record, if there is one. Returns 1; 0 for none, -1 for a full
-// slot.
+// Calls fill() under the lock if the head has a record and the caller's slot is empty.
+// Returns 1 called; 0 no record or no lock; -1 the slot is full (printed).
 template <typename List, typename Fill>
 int fillFromHead(List *pHandle, RecordOf<List> *const *ppRecord, const char *pOperation, int iLine,
                  Fill fill) {

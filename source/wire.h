@@ -1,31 +1,33 @@
-// wire.h - the numbers that stand on the wire: the words of each kind of frame, the commands, the tags of the
-// items, the group and the ports.
+// wire.h - the numbers on the wire: the words of each kind of frame, the commands, the tags of the items, the
+// group and the ports.
 //
-// Included by whoever builds or reads a frame: the two request modules, the two engines that send to the
-// network, `pccast watch` and the benchmarks. docs/wire-formats.md describes the bytes. The paths of the
-// local sockets and the commands of the requests are in the public headers.
+// Everything that builds or reads a frame includes it: the two request modules, the two engines that send
+// announcements and messages, `pccast watch` and the benchmarks. docs/wire-formats.md describes the bytes.
+// The paths of the local sockets and the commands of the requests are in the public headers.
 #ifndef PCCAST_WIRE_H
 #define PCCAST_WIRE_H
 
 #include <cstdint>
 
-// What an announcement says: its command, and two of its items.
+// The command of an announcement.
 enum BCICommand : uint32_t {
     BCI_CMD_ONAIR = 0x40030, // a cast is on air
     BCI_CMD_END = 0x40033    // a cast has ended
 };
+// Its type item.
 enum BCIType : uint32_t {
-    BCI_TYPE_STREAM = 1, // relayed stream
-    BCI_TYPE_FILE = 16   // stored-file cast
+    BCI_TYPE_STREAM = 1, // a relayed stream
+    BCI_TYPE_FILE = 16   // a stored file
 };
+// Its format item.
 enum BCIFormat : uint32_t {
-    BCI_FORMAT_H264 = 2, // the destination's address and port are attached
-    BCI_FORMAT_ASF = 3   // the station file is attached
+    BCI_FORMAT_H264 = 2, // the destination's address and port follow
+    BCI_FORMAT_ASF = 3   // the station file follows
 };
 
 namespace wire {
 
-constexpr const char *kGroup = "224.9.9.9"; // of announcements and broadcasts
+constexpr const char *kGroup = "224.9.9.9"; // announcements and message broadcasts go to it
 
 // ---- cast request, on the local socket
 namespace castrequest {
@@ -43,7 +45,7 @@ constexpr unsigned short kDestinationPort = 9;
 constexpr unsigned short kDestination = 10;
 constexpr unsigned short kFile = 11;
 constexpr unsigned short kFormat = 12;
-constexpr unsigned short kStreamId = 13; // 14 is used by nobody
+constexpr unsigned short kStreamId = 13; // nobody uses 14
 constexpr unsigned short kEncryption = 15;
 constexpr unsigned short kKey = 16;
 constexpr unsigned short kSplit = 17;
@@ -53,7 +55,7 @@ constexpr unsigned short kSplit = 17;
 namespace messagerequest {
 constexpr unsigned int kIdent = 200;
 constexpr unsigned int kService = 205;
-constexpr unsigned int kReceiveIdent = 205; // what the receiver presents to the library
+constexpr unsigned int kReceiveIdent = 205; // the receiver asks the library for this ident
 } // namespace messagerequest
 
 // ---- message broadcast, on the network
@@ -64,10 +66,10 @@ constexpr unsigned short kPort = 9367;
 constexpr unsigned short kSendTime = 0x004B;
 } // namespace broadcast
 
-// ---- items of the message request and of the broadcast
+// ---- items that a message request and a message broadcast share
 namespace message {
-constexpr unsigned short kCreationTime = 0x0003; // request only
-constexpr unsigned short kPriority = 0x000E;     // request only
+constexpr unsigned short kCreationTime = 0x0003; // only in a request
+constexpr unsigned short kPriority = 0x000E;     // only in a request
 constexpr unsigned short kStartTime = 0x000B;
 constexpr unsigned short kEndTime = 0x000C;
 constexpr unsigned short kAttribute1 = 0x5001;
