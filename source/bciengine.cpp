@@ -1,4 +1,5 @@
-// The announcement engine: tells the receivers what is on air. On a thread of its own.
+// The announcement engine: tells the receivers what is on air. Runs on a thread of its own. Owns the record
+// of the current announcement, its packet and the multicast endpoint.
 #include "bciengine.h"
 
 #include "castformat.h"
@@ -23,24 +24,27 @@ namespace {
 
 constexpr const char *kModule = "bciengine";
 
-constexpr unsigned long kSilence = 10;     // seconds that must have passed since the last transmission
-constexpr unsigned long kEndDuration = 20; // seconds for which an end is announced
-// A file that fills a datagram alone cannot be announced, so it is not read into memory either.
-constexpr off_t kStationFileMax = KTNET_UDP_FRAME_MAX - 88; // less the frame's header and the other items
+// More seconds than these must have passed since the last transmission.
+constexpr unsigned long kSilence = 10;
+// An end is announced for these seconds.
+constexpr unsigned long kEndDuration = 20;
+// The largest station file that fits a datagram, beside the frame's header and the other items.
+constexpr off_t kStationFileMax = KTNET_UDP_FRAME_MAX - 88;
 
 namespace tag = wire::announcement;
 
-// The items that both announcements begin with, behind the CRC; then those of an on-air announcement, and
-// what it adds for a transport stream.
+// Behind the CRC, every announcement begins with these items.
 constexpr ItemRow<BCIInfo> kHeadItems[] = {
     {tag::kEPGID, &BCIInfo::uliEPGID},
     {tag::kType, &BCIInfo::ulType},
     {tag::kFormat, &BCIInfo::ulFormat},
 };
+// An on-air announcement continues with these.
 constexpr ItemRow<BCIInfo> kTimeItems[] = {
     {tag::kStartTime, &BCIInfo::ulST},
     {tag::kEndTime, &BCIInfo::ulET},
 };
+// An on-air announcement of an H.264 format adds these.
 constexpr ItemRow<BCIInfo> kDestinationItems[] = {
     {tag::kAddress, &BCIInfo::pDSTIP},
     {tag::kDestinationPort, &BCIInfo::usDSTPort},
@@ -57,7 +61,7 @@ unsigned long now() {
 
 // ---- announcement packets
 
-// An item list under construction that remembers whether memory ran out on the way.
+// The items of an announcement that is being built. bComplete: whether every item could be added.
 struct Announcement {
     KTPacket packet;
     bool bComplete;
@@ -70,7 +74,7 @@ void appendRows(Announcement *pAnnouncement, const Rows &rows, const BCIInfo *pB
     }
 }
 
-// Adds an item of its own: behind the others, or before them.
+// Adds an item behind the others or before them.
 void insert(Announcement *pAnnouncement, bool bAppend, unsigned short usTag, unsigned long ulLength,
             const void *pValue) {
     if (KTPacketInsertItem(&pAnnouncement->packet, bAppend ? 1 : 0, usTag, ulLength, pValue) < 1) {
@@ -78,7 +82,7 @@ void insert(Announcement *pAnnouncement, bool bAppend, unsigned short usTag, uns
     }
 }
 
-// Puts the CRC item over all that has been appended so far at the head.
+// Computes the CRC of all items so far and puts it before them as an item.
 void insertCRC(Announcement *pAnnouncement) {
     unsigned char *pBytes = nullptr;
     const int iLength = KTPacketBuild(&pAnnouncement->packet, &pBytes);
@@ -91,7 +95,7 @@ void insertCRC(Announcement *pAnnouncement) {
     insert(pAnnouncement, false, tag::kCRC, sizeof uiCRC, &uiCRC);
 }
 
-// Lays the items out as the packet's payload and releases the list. Returns the payload's length, 0 for none.
+// Makes the items the packet's payload and releases them. Returns the payload's length; 0 if there is none.
 int finish(Announcement *pAnnouncement, KTNET_PACKET *pPacket) {
     pPacket->pPayload = nullptr;
     const int iLength =
@@ -101,6 +105,7 @@ int finish(Announcement *pAnnouncement, KTNET_PACKET *pPacket) {
     return iLength;
 }
 
+// An announcement with the items that every announcement begins with.
 Announcement begin(const BCIInfo *pBCI) {
     Announcement announcement{{}, true};
     KTPacketInit(&announcement.packet);
@@ -108,8 +113,7 @@ Announcement begin(const BCIInfo *pBCI) {
     return announcement;
 }
 
-// Reads what the open file holds, with a terminating zero behind it. Returns null when it cannot be read
-// whole.
+// Reads the whole file and puts a zero behind it. Returns null if it cannot read all of it.
 Bytes readWhole(int iFile, off_t lSize) {
     Bytes pContents(static_cast<unsigned char *>(std::calloc(static_cast<size_t>(lSize) + 1, 1)));
     off_t lRead = 0;
@@ -123,12 +127,13 @@ Bytes readWhole(int iFile, off_t lSize) {
     return pContents;
 }
 
-// Appends the station file and its CRC. Returns false, with the reason printed, when it cannot be had.
+// Appends the station file and its CRC. Returns false if it cannot, and prints why.
 bool appendStation(Announcement *pAnnouncement) {
-    // A FIFO in the file's place must not hold the announcements up.
+    // O_NONBLOCK: a FIFO in place of the file must not block the announcements.
     const int iFile = open(kStationFile, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (iFile <= 0) {
-        if (iFile == 0) { // taken for a failure; it only comes in a host that has closed its standard input
+        // 0 counts as a failure. It occurs only in a host without standard input.
+        if (iFile == 0) {
             close(iFile);
         }
         std::printf("Can NOT open CRC32 Source File[%s]\n", kStationFile);
@@ -156,7 +161,7 @@ bool appendStation(Announcement *pAnnouncement) {
     return true;
 }
 
-// Builds the on-air announcement. Returns the payload's length; 0 when it is abandoned.
+// Builds the on-air announcement. Returns the payload's length; 0 if it cannot be built.
 int makeOnAirPacket(const BCIInfo *pBCI, KTNET_PACKET *pPacket) {
     Announcement announcement = begin(pBCI);
     appendRows(&announcement, kTimeItems, pBCI);
@@ -248,16 +253,20 @@ int makeBCIEndPacket(const BCIInfo *pBCI, KTNET_PACKET *pPacket) {
 
 namespace {
 
-// What the announcement thread keeps from one request to the next.
+// The announcement thread keeps this from one request to the next.
 struct BCIState {
     KTNET_ENDPOINT *pEndpoint;
-    int iNetResult; // of the last opening or sending; 0 or less: the endpoint is opened before the next use
-    unsigned long ulLastSend; // time of the last transmission, whatever became of it
-    bool bOnAirSent;          // an on-air announcement is the last one sent
+    // The result of the last opening or sending. 0 or less: open the endpoint before the next use.
+    int iNetResult;
+    // The time of the last transmission, whether or not it worked.
+    unsigned long ulLastSend;
+    // Whether the last announcement sent was an on-air announcement.
+    bool bOnAirSent;
     BCIInfo record;
     KTNET_PACKET packet;
 };
 
+// Opens the endpoint if the last result asks for it. Returns whether it is open.
 bool isEndpointOpen(BCIState *pState) {
     if (pState->iNetResult <= 0) {
         pState->iNetResult = initBCITxNet(&pState->pEndpoint);
@@ -265,9 +274,9 @@ bool isEndpointOpen(BCIState *pState) {
     return pState->iNetResult > 0;
 }
 
-// Replaces the record by that of the request. One that means nothing to the receivers has yet ended the cast
-// on air before it, so that cast's record stays and is announced as ended. Returns false when there is
-// nothing to announce.
+// Replaces the record by the record of the request. Some requests cannot be announced, but they too have
+// ended the cast on air. Then the record of that cast stays, and its end is announced. Returns false if there
+// is nothing to announce.
 bool mapRequest(BCIState *pState, const CASTInfo *pRequest) {
     BCIInfo mapped{};
     if (PCCASTtoBCIInfo(pRequest, &mapped) < 1) {
@@ -302,7 +311,7 @@ void sendAnnouncement(BCIState *pState) {
     pState->ulLastSend = now();
 }
 
-// Repeats the announcement until its end time, a failing transmission, or a request to finish or stop.
+// Repeats the announcement until its end time, a failed transmission, or a request to finish or stop.
 void announce(const KTPLUGIN_INFO_TAG *pBlock, BCIState *pState) {
     pState->packet = KTNET_PACKET{};
     pState->packet.uiIdent = wire::announcement::kIdent;
@@ -324,8 +333,8 @@ void announce(const KTPLUGIN_INFO_TAG *pBlock, BCIState *pState) {
     pState->packet.pPayload = nullptr;
 }
 
-// Takes the request in the slot and announces it. The slot is emptied once the state has left idle or the
-// request has been given up.
+// Takes the request from the slot and announces it. Empties the slot only after the state has left idle or
+// the request has been given up.
 void takeRequest(KTPLUGIN_INFO_TAG *pBlock, CASTInfo *pRequest, BCIState *pState) {
     const bool bAnnounce = isEndpointOpen(pState) && mapRequest(pState, pRequest);
     if (bAnnounce) {
@@ -339,7 +348,7 @@ void takeRequest(KTPLUGIN_INFO_TAG *pBlock, CASTInfo *pRequest, BCIState *pState
     ELIMINATECASTInfo(&pRequest);
 }
 
-// The receivers are told that the cast last announced is over, once.
+// Tells the receivers once that the cast announced last is over.
 void announceShutdown(BCIState *pState) {
     if (!pState->bOnAirSent || !isEndpointOpen(pState)) {
         return;

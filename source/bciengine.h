@@ -1,6 +1,6 @@
-// bciengine.h - the announcement engine's record and packets.
+// bciengine.h - the record and the packets of the announcement engine.
 //
-// Used by the announcement thread alone, and by the tests.
+// Only the announcement thread and the tests call these.
 #ifndef PCCAST_BCIENGINE_H
 #define PCCAST_BCIENGINE_H
 
@@ -14,32 +14,39 @@
 
 extern "C" {
 
-// What is announced. Times in seconds.
+// What is announced. Times are in seconds.
 typedef struct BCIInfo {
-    uint32_t ulCMD; // BCI_CMD_...
+    // BCI_CMD_...
+    uint32_t ulCMD;
     unsigned long uliEPGID;
-    uint32_t ulType;   // BCI_TYPE_...
-    uint32_t ulFormat; // BCI_FORMAT_..., or the cast's own format value
+    // BCI_TYPE_...
+    uint32_t ulType;
+    // BCI_FORMAT_..., or the cast's own format value.
+    uint32_t ulFormat;
     unsigned long ulST;
-    unsigned long ulET; // the announcement is repeated until then
-    char *pDSTIP;       // owned; H.264 formats only
+    // The announcement is repeated until then.
+    unsigned long ulET;
+    // The record owns it. H.264 formats only, like usDSTPort.
+    char *pDSTIP;
     unsigned short usDSTPort;
 } BCIInfo;
 
-// Fills the record from a request; pDSTIP is copied only into an empty field. An unknown format is printed
-// and taken as it is. Returns 1; -1 when the command or the type is none that can be announced (that field is
-// then left as it was) or a pointer is null.
+// Fills the record from a request. Copies pDSTIP only into an empty field. Prints an unknown format and takes
+// it as it is.
+// Returns 1; -1 a pointer is null, or the command or the type cannot be announced (that field is
+// then unchanged).
 int PCCASTtoBCIInfo(const CASTInfo *pInfo, BCIInfo *pBCI);
 
-// Releases pDSTIP and sets it to null. A null record is ignored.
+// Releases pDSTIP and sets it to null. Does nothing for a null record.
 void ELIMINATEBCIInfo(BCIInfo *pBCI);
 
-// Opens the announcement endpoint into *ppDesc, after closing one that is there. Returns a positive result,
-// or the failing call's (0 or less; *ppDesc is then null).
+// Closes the endpoint in *ppDesc, if any, and opens the announcement endpoint there.
+// Returns a positive result, or the result of the call that failed: 0 or less, and *ppDesc is null.
 int initBCITxNet(KTNET_ENDPOINT **ppDesc);
 
-// Sets the command and builds the end announcement into pPacket; the caller releases pPayload with free.
-// Returns the payload's length; 0 when memory runs out (pPayload is then null).
+// Sets the packet's command and builds the end announcement as its payload. The caller releases pPayload with
+// free.
+// Returns the payload's length; 0 if memory runs out (pPayload is then null).
 int makeBCIEndPacket(const BCIInfo *pBCI, KTNET_PACKET *pPacket);
 }
 

@@ -1,4 +1,5 @@
-// The bypass relay engine: carries a live stream from the PC to its group. On a thread of its own.
+// The bypass engine: relays a live stream from the PC to its group. Runs on a thread of its own. Owns the
+// cast on air and the relay's two endpoints.
 #include "bypassengine.h"
 
 #include "engines.h"
@@ -54,10 +55,10 @@ int initSTREAMTxNet(KTNET_ENDPOINT **ppDesc, const char *pszPeer, const char *ps
 namespace {
 
 constexpr unsigned long kDatagramMax = 65536;
-constexpr unsigned long kKeySize = 16; // what the decryption calls read
+constexpr unsigned long kKeySize = 16; // the decryption calls read this many bytes
 constexpr const char *kReceiveInterface = "127.0.0.1";
 
-// One cast on the relay: its endpoints, its key, and how its datagrams are treated.
+// The cast on air, its endpoints, and its key filled up with zeros.
 struct Relay {
     const CASTInfo *pCast;
     KTNET_ENDPOINT *pReceiver;
@@ -70,8 +71,7 @@ bool isDecrypted(const CASTInfo *pCast) {
            pCast->iEncryptionType == CAST_ENCRYPTION_FAST_SEED;
 }
 
-// Fills the key up with zeros to the size that the decryption reads. Returns false (printed) when one is
-// needed and there is none.
+// Copies the key of an encrypted cast. Returns false if the cast brings no key (printed).
 bool takeKey(Relay *pRelay) {
     const CASTInfo *pCast = pRelay->pCast;
     if (!isDecrypted(pCast)) {
@@ -87,7 +87,8 @@ bool takeKey(Relay *pRelay) {
     return true;
 }
 
-// A relay onto its own source would feed itself without end. Returns whether it is none (printed).
+// Returns whether source and destination differ. If they do not (printed), the relay would feed itself
+// without end.
 bool leadsElsewhere(const CASTInfo *pCast) {
     if (pCast->usSRCPort == pCast->usDSTPort && pCast->pSRCIP != nullptr && pCast->pDSTIP != nullptr &&
         std::strcmp(pCast->pSRCIP, pCast->pDSTIP) == 0) {
@@ -99,7 +100,7 @@ bool leadsElsewhere(const CASTInfo *pCast) {
     return true;
 }
 
-// Opens both ends. Returns whether the cast can go on air; the reason why not is printed.
+// Opens both endpoints. Returns whether the cast can go on air. Reports the reason if it cannot.
 bool openRelay(Relay *pRelay) {
     const CASTInfo *pCast = pRelay->pCast;
     if (!takeKey(pRelay) || !leadsElsewhere(pCast) ||
@@ -132,8 +133,8 @@ int sendPacket(const Relay *pRelay, unsigned char *pData, unsigned long ulLength
     return ktn_xapi_ktnet_tx_a_packet(pRelay->pSender, 0, &buffer);
 }
 
-// Sends each chunk that lies whole within the datagram; what is left behind the last one is dropped. Returns
-// the result of the last send, 1 when there was none.
+// Sends each chunk that lies whole within the datagram. Drops the bytes behind the last whole chunk. Returns
+// the result of the last send; 1 if nothing was sent.
 int sendChunks(const Relay *pRelay, unsigned char *pData, unsigned long ulLength) {
     int iResult = 1;
     unsigned long ulOffset = 0;
@@ -151,7 +152,7 @@ int sendChunks(const Relay *pRelay, unsigned char *pData, unsigned long ulLength
     return iResult;
 }
 
-// Sends one received datagram on. Returns false when the cast is to end.
+// Sends one received datagram on. Returns false if the cast must end.
 bool forward(const Relay *pRelay, unsigned char *pData, unsigned long ulLength) {
     decrypt(pRelay, pData, ulLength);
     switch (pRelay->pCast->iASFSplit) {
@@ -176,7 +177,8 @@ void relay(const KTPLUGIN_INFO_TAG *pBlock, const Relay *pRelay, unsigned char *
         if (iReadable <= 0) {
             std::fprintf(stderr, "%s() waiting for bypass stream source\n", "PCCASTBYPASSEngine");
             std::fflush(stderr);
-            if (iReadable < 0) { // an error returns at once: the line is for every time-out
+            // An error returns at once. The pause keeps the line as rare as after a time-out.
+            if (iReadable < 0) {
                 KTuSleep(static_cast<int>(pRelay->pReceiver->uiTimeoutMs) * 1000);
             }
             continue;
@@ -189,7 +191,7 @@ void relay(const KTPLUGIN_INFO_TAG *pBlock, const Relay *pRelay, unsigned char *
     }
 }
 
-// Carries the cast in the slot. The slot is emptied once the state has left idle.
+// Carries the cast in the slot. Empties the slot only after the state has left idle.
 void carryCast(KTPLUGIN_INFO_TAG *pBlock, CASTInfo *pCast, unsigned char *pBuffer) {
     Relay endpoints{pCast, nullptr, nullptr, {}};
     if (openRelay(&endpoints)) {

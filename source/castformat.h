@@ -1,10 +1,12 @@
 // castformat.h - the families of cast types and content formats, and the station file of the ASF casts.
+//
+// The request receiver, the list of casts and the cast engines use it. It is safe on every thread.
 #ifndef PCCAST_CASTFORMAT_H
 #define PCCAST_CASTFORMAT_H
 
 #include <pccast/castinfo.h>
 
-// The station description of the ASF casts: sent to the receivers as it is, and given to the ASF caster.
+// The station description of the ASF casts. The announcement carries it, and the ASF caster reads it.
 constexpr const char *kStationFile = "/fixdata/bypass.nsc";
 
 inline bool isStream(unsigned long ulCASTType) {

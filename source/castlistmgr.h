@@ -1,7 +1,7 @@
 // castlistmgr.h - the locked list of cast requests, newest first.
 //
 // The request receiver files requests. The supervisor takes them out and puts them back. Every operation
-// holds the list's own mutex for its whole run, and no other mutex. The list owns the records in it.
+// locks the list's own mutex and no other. The list owns the records in it.
 #ifndef PCCAST_CASTLISTMGR_H
 #define PCCAST_CASTLISTMGR_H
 

@@ -1,7 +1,7 @@
-// filecast.h - the two file cast drivers: each plays one stored file from start to end on the calling thread.
+// filecast.h - the two file cast drivers. Each plays one stored file from start to end.
 //
-// Called by the recast engine. A driver owns its stream and its caster for the call's duration; the engine's
-// control block it only reads.
+// The recast engine calls them on its thread. A driver owns its stream and its caster during the call. It
+// only reads the engine's control block.
 #ifndef PCCAST_FILECAST_H
 #define PCCAST_FILECAST_H
 
@@ -9,32 +9,43 @@
 
 extern "C" {
 
-// Filled by the caller, read-only to the driver.
+// The caller fills these records. The drivers only read them.
 typedef struct ASFCASTARG {
-    unsigned int uiMode; // the caster's mode
+    // The caster's mode.
+    unsigned int uiMode;
     const char *pszFile;
-    const char *pszNSC;         // station file
-    unsigned int uiFormatIndex; // format within the station file
-    const char *pszTarget;      // null: the station file's
+    // Path of the station file.
+    const char *pszNSC;
+    // The format within the station file.
+    unsigned int uiFormatIndex;
+    // Address to send to; null: the target of the station file.
+    const char *pszTarget;
     unsigned int uiTargetPort;
     KTPLUGIN_INFO_TAG *pBlock;
-    CASTInfo *pInfo; // for the log record
+    // For the log record.
+    CASTInfo *pInfo;
 } ASFCASTARG;
 
 typedef struct TSCASTARG {
-    unsigned int uiMode; // the caster's mode
-    const char *pszAux;  // first text of the caster's set-up; may be null
+    // The caster's mode.
+    unsigned int uiMode;
+    // The first text of the caster's set-up; may be null.
+    const char *pszAux;
     const char *pszFile;
-    const char *pszTarget;      // "address:port"
-    unsigned int uiCasterParam; // last number of the caster's set-up
+    // Where to send to: "address:port".
+    const char *pszTarget;
+    // The last number of the caster's set-up: the hop limit.
+    unsigned int uiCasterParam;
     KTPLUGIN_INFO_TAG *pBlock;
-    CASTInfo *pInfo; // for the log record
+    // For the log record.
+    CASTInfo *pInfo;
 } TSCASTARG;
 
-// Play the file until it is exhausted, the block's eState is above 1, the process breaks off or a send fails,
-// and write one "play" log record. Failures are reported through qxapi_assert_gateway. Return 1 ended
-// normally; -1 the stream could not be opened or started (no log record) or the caster could not be opened;
-// any other value is the failed send's result.
+// Play the file, then write one "play" log record. Playing ends at the end of the file, when eState is above
+// 1, when the process is told to break off, or when a send fails. Failures are reported through
+// qxapi_assert_gateway, but a failed send only by the ASF driver.
+// Return 1 ended normally; -1 the stream could not be opened or started (then there is no log record), or the
+// caster could not be opened. Any other value is the result of the send that failed.
 int qxbox_asfcast(ASFCASTARG *pArg);
 int qxbox_tscast(TSCASTARG *pArg);
 }

@@ -1,5 +1,7 @@
-// filecastloop.h - what the two file cast drivers have in common: the loop from stream to caster, and the
-// times and texts of the log record.
+// filecastloop.h - what the two file cast drivers have in common: the loop from stream to caster, and the log
+// record.
+//
+// Only the drivers include it. Everything runs on the recast thread.
 #ifndef PCCAST_FILECASTLOOP_H
 #define PCCAST_FILECASTLOOP_H
 
@@ -11,11 +13,13 @@
 #include <ctime>
 #include <memory>
 
+// A stream that closes at the end of its scope.
 struct CloseStream {
     void operator()(ts_qxapi_stream *pStream) const { qxapi_close_stream(pStream); }
 };
 using Stream = std::unique_ptr<ts_qxapi_stream, CloseStream>;
 
+// The local calendar time, by the host's clock.
 inline tm filecastNow() {
     unsigned long ulSeconds = 0;
     tm local{};
@@ -24,7 +28,8 @@ inline tm filecastNow() {
     return local;
 }
 
-// Opens and starts the stream. Returns it, or null after a report in the driver's name.
+// Opens and starts the stream. Returns the stream. A failure is reported with the driver's name, and null is
+// returned.
 inline Stream filecastOpen(const char *pszFile, const char *pModule, const char *pDriver,
                            int iLine = __builtin_LINE()) {
     Stream pStream(qxapi_open_stream(pszFile));
@@ -39,7 +44,8 @@ inline Stream filecastOpen(const char *pszFile, const char *pModule, const char 
     return pStream;
 }
 
-// Hands each packet that falls due to send, which returns 1 to go on. Returns 1, or what send returned last.
+// Calls send(packet) for each packet when it is due. send returns 1 to go on. Returns 1, or the result of
+// send that ended the loop.
 template <typename Send>
 int filecastPlay(ts_qxapi_stream *pStream, const KTPLUGIN_INFO_TAG *pBlock, Send send) {
     int iResult = 1;
@@ -58,8 +64,8 @@ int filecastPlay(ts_qxapi_stream *pStream, const KTPLUGIN_INFO_TAG *pBlock, Send
     return iResult;
 }
 
-// Writes the playout's record to the host's log.
-// pszNSC: the station file that the playout went by; null leaves it out.
+// Writes the record of the cast to the host's log. start, end: when the file was played.
+// pszNSC: path of the station file; null: the record names none.
 inline void filecastLog(const tm &start, const tm &end, const CASTInfo *pInfo, const char *pszNSC) {
     qxapi_log_printf(
         "play",

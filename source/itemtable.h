@@ -1,7 +1,7 @@
-// itemtable.h - a message as a table: one row for each item, with its tag and the member that it carries.
+// itemtable.h - a packet as a table: one row for each item, with its tag and the member that it carries.
 //
-// The type of the member decides how the item is built and how it is read. A row that pairs a tag with a
-// member that no item can carry does not compile.
+// The two request modules and the two sending engines keep such tables. The type of the member decides how
+// its item is built and read. A row does not compile if no item can carry the type of its member.
 #ifndef PCCAST_ITEMTABLE_H
 #define PCCAST_ITEMTABLE_H
 
@@ -12,7 +12,7 @@
 #include <type_traits>
 #include <variant>
 
-// An owned block and its length in bytes.
+// A block that the record owns, and its length in bytes.
 template <typename Record>
 struct ItemBlock {
     unsigned char *Record::*pData;
@@ -22,23 +22,24 @@ struct ItemBlock {
 template <typename Record>
 struct ItemRow {
     unsigned short usTag;
-    // Numbers, an owned NUL-terminated text, an owned block.
+    // A number, a NUL-terminated text that the record owns, or a block that it owns.
     std::variant<unsigned long Record::*, unsigned int Record::*, int Record::*, unsigned short Record::*,
                  char * Record::*, ItemBlock<Record>>
         member;
-    // Of a number on the wire; 0: 2 for an unsigned short, 4 for the others. A wider member is cut to its
-    // low-order bytes.
+    // The size of a number on the wire. 0 means 2 for an unsigned short and 4 for the other types. Of a wider
+    // member only the low-order bytes are sent.
     unsigned long ulBytes = 0;
-    unsigned long ulWhenEmpty = 0; // the number that an item of length 0 stands for
+    // The number that an item of length 0 stands for.
+    unsigned long ulWhenEmpty = 0;
 };
 
+// The size in bytes of a number on the wire. ulBytes: of its row.
 template <typename Number>
 unsigned long itemNumberSize(unsigned long ulBytes) {
     return ulBytes != 0 ? ulBytes : std::is_same_v<Number, unsigned short> ? 2 : 4;
 }
 
-// Appends the item of the row's member. A text or block that is missing is left out. Returns false when
-// memory runs out.
+// Appends the item of the row's member. Leaves out a missing text or block. Returns false if memory runs out.
 template <typename Record>
 bool itemAppend(KTPacket *pPacket, const ItemRow<Record> &row, const Record &record) {
     const auto append = [&](unsigned long ulLength, const void *pValue) {
@@ -60,7 +61,8 @@ bool itemAppend(KTPacket *pPacket, const ItemRow<Record> &row, const Record &rec
         row.member);
 }
 
-// An owned, NUL-terminated copy of the item's value; null for an item of length 0, and when memory runs out.
+// Returns a NUL-terminated copy of the item's value. The caller owns it. Null for an item of length 0, and if
+// memory runs out.
 template <typename Byte>
 Byte *itemCopyValue(const KTPacketItem &item) {
     if (item.ulLength == 0) {
@@ -74,14 +76,14 @@ Byte *itemCopyValue(const KTPacketItem &item) {
     return pCopy;
 }
 
-// The item's number. A value shorter than ulBytes is filled up with zeros.
+// Reads the item's number, of at most ulBytes bytes. The missing bytes of a shorter value are 0.
 inline unsigned int itemNumber(const KTPacketItem &item, unsigned long ulBytes) {
     unsigned char value[4] = {};
     std::memcpy(value, item.pValue, item.ulLength < ulBytes ? item.ulLength : ulBytes);
     return ktpacketGetDWORD(value);
 }
 
-// Stores the item's value in the row's member. What an owned member held before is released.
+// Stores the item's value in the row's member. Releases the text or block that the member held before.
 template <typename Record>
 void itemStore(const ItemRow<Record> &row, const KTPacketItem &item, Record *pRecord) {
     std::visit(
@@ -105,7 +107,7 @@ void itemStore(const ItemRow<Record> &row, const KTPacketItem &item, Record *pRe
         row.member);
 }
 
-// Appends the items of all rows, in their order. Returns false when memory runs out.
+// Appends the items of all rows, in their order. Returns false if memory runs out.
 template <typename Record, typename Rows>
 bool itemAppendAll(KTPacket *pPacket, const Rows &rows, const Record &record) {
     for (const ItemRow<Record> &row : rows) {
@@ -116,7 +118,7 @@ bool itemAppendAll(KTPacket *pPacket, const Rows &rows, const Record &record) {
     return true;
 }
 
-// Stores the item in the member of its tag, if a row has it.
+// Stores the item's value in the member of its tag. Ignores a tag that no row has.
 template <typename Record, typename Rows>
 void itemStoreByTag(const Rows &rows, const KTPacketItem &item, Record *pRecord) {
     for (const ItemRow<Record> &row : rows) {

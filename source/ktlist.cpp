@@ -1,3 +1,4 @@
+// The list, the mutex, the pause and the text copy of ktlist.h.
 #include "ktlist.h"
 
 #include <sys/select.h>
@@ -12,10 +13,10 @@ namespace {
 
 constexpr int kLockPauseMicroseconds = 10'000;
 
-// What becomes of a copy that cannot be allocated.
+// The result of an insertion without memory for its copy.
 constexpr int kCopyFailed = -2;
 
-// The place of an insertion: after a node, or at the head.
+// Where an insertion goes: to the head, behind a node, or to the tail.
 struct Place {
     bool bHead;
     KTLIST_NODE *pAfter; // null: the tail
@@ -30,7 +31,7 @@ void link(KTLIST *pList, KTLIST_NODE *pNode, Place place) {
     }
 }
 
-// Returns the new iCount, -1, or kCopyFailed.
+// Returns the new iCount; kCopyFailed; -1 any other failure.
 int insert(KTLIST *pList, const void *pData, unsigned long ulSize, Place place, bool bCopy) {
     if (pList == nullptr || pData == nullptr || pList->iCount == INT32_MAX) {
         return -1;
@@ -55,7 +56,7 @@ int insert(KTLIST *pList, const void *pData, unsigned long ulSize, Place place, 
     return ++pList->iCount;
 }
 
-// Takes the node behind the place out of the list without releasing it.
+// Takes the node behind the place out of the list. Does not release it.
 void unlinkAfter(KTLIST *pList, KTLIST_NODE *pPlace) {
     KTLIST_NODE *pNode = ktlistAfter(pList, pPlace);
     if (pNode == pList->pTail) {
@@ -65,7 +66,7 @@ void unlinkAfter(KTLIST *pList, KTLIST_NODE *pPlace) {
     --pList->iCount;
 }
 
-// As above, for a node that has to be looked for. Returns whether it was there.
+// Finds the node and takes it out of the list. Returns whether it was there.
 bool unlink(KTLIST *pList, const KTLIST_NODE *pNode) {
     KTLIST_NODE *pPlace = nullptr;
     KTLIST_NODE *pWalk = nullptr;
@@ -135,7 +136,7 @@ int KTMUTEXTryLock(KTMUTEX pMutex, int iRetries) {
     if (pMutex == nullptr) {
         return -1;
     }
-    // The pause follows the successful attempt too: it paces the threads that poll a list.
+    // The pause follows success too. It slows down the threads that poll a list.
     int iResult = attempt(pMutex);
     KTuSleep(kLockPauseMicroseconds);
     for (int i = 0; iResult <= 0 && i < iRetries; ++i) {
@@ -159,8 +160,8 @@ int KTMUTEXDelete(KTMUTEX *ppMutex) {
 }
 
 KTMUTEXHold KTMUTEXLock(KTMUTEX pMutex) {
-    // An errno of the attempt comes back positive as well, and then nothing is held.
-    return KTMUTEXHold(KTMUTEXTryLock(pMutex, KTMUTEX_RETRIES) == 1 ? pMutex : nullptr);
+    // A positive result other than 1 is an errno: nothing is locked then.
+    return KTMUTEXHold(KTMUTEXTryLock(pMutex, kMutexRetries) == 1 ? pMutex : nullptr);
 }
 
 int KTLISTCreate(KTLIST **ppList) {

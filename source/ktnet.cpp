@@ -1,3 +1,4 @@
+// The settings of every endpoint, and the openers that apply them.
 #include "ktnet.h"
 
 #include <pccast/commander.h>
@@ -8,7 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
-// The library's records, as the system relies on them.
+// The layout of the library's records. The system relies on it.
 static_assert(offsetof(KTNET_ENDPOINT, uiKind) == 12 && offsetof(KTNET_ENDPOINT, iSocket) == 16);
 static_assert(offsetof(KTNET_ENDPOINT, szPeer) == 20 && sizeof(KTNET_ENDPOINT::szPeer) == 128);
 static_assert(offsetof(KTNET_ENDPOINT, szLocal) == 148 && sizeof(KTNET_ENDPOINT::szLocal) == 128);
@@ -25,11 +26,11 @@ static_assert(offsetof(KTNET_BUFFER, pBuffer) == 0 && offsetof(KTNET_BUFFER, ulB
 
 namespace {
 
-constexpr int kHops = 5; // one limit for all: a stream and the messages reach where the announcements do
+constexpr int kHops = 5; // the same for all, so that streams and messages reach as far as announcements
 constexpr int kVersion = 2;
-constexpr int kDefault = -1; // the field keeps the library's default
+constexpr int kDefault = -1; // leave the field at the library's default
 
-// How an endpoint is set up. Rows without an address or a port take the opener's.
+// The settings of an endpoint. A row without an address or a port takes the opener's.
 struct KTNET_SETTING {
     KTNET_USE eUse;
     unsigned int uiKind;
@@ -121,7 +122,7 @@ int open(KTNET_ENDPOINT **ppDesc, const KTNET_SETTING *pSetting, const char *psz
         return -1;
     }
     const int iInit = ktn_xapi_ktnet_init_with_version(ppDesc, pSetting->iMode, kVersion);
-    // The local endpoints go on after a 0 that brought a descriptor, the UDP ones take it for a failure.
+    // A 0 with a descriptor is good enough for a local endpoint. For a UDP endpoint 0 is a failure.
     const bool bFailed = pSetting->uiKind == KTNET_KIND_LOCAL ? iInit < 0 : iInit <= 0;
     if (bFailed) {
         return iInit;

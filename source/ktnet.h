@@ -1,14 +1,14 @@
-// ktnet.h - the system's layer over the network endpoint library: one opener per kind of endpoint.
+// ktnet.h - opens the endpoints of the network library, with one opener for each kind.
 //
-// Nobody else sets endpoint fields, but for uiError, which a receiver clears. The engines call the openers,
-// use the library's calls on the descriptor, and close it with KTNETClose. A descriptor belongs to the thread
-// that opened it.
+// The engines and the request sender call the openers. They use the library's calls on the descriptor and
+// close it with KTNETClose. Nobody else sets endpoint fields, except that a receiver clears uiError. A
+// descriptor belongs to the thread that opened it.
 #ifndef PCCAST_KTNET_H
 #define PCCAST_KTNET_H
 
 #include <qxapi_ktn.h>
 
-// The endpoints of the system, rows of the settings table in ktnet.cpp.
+// The endpoints of the system. Each is a row of the settings table in ktnet.cpp.
 enum KTNET_USE {
     KTNET_CAST_RECEIVER,    // local server, cast requests
     KTNET_MESSAGE_RECEIVER, // local server, message requests
@@ -20,24 +20,29 @@ enum KTNET_USE {
     KTNET_STREAM_SENDER     // multicast sender, the relayed stream
 };
 
-// The step whose result an opener returned.
+// The step of opening that gave an opener's result.
 enum KTNET_STEP { KTNET_STEP_INIT, KTNET_STEP_CREATE };
 
-// Each opener makes a descriptor in *ppDesc, configures it for eUse and creates its socket. *ppDesc receives
-// whatever the library left there, also after a failure: the caller passes it to KTNETClose.
-// Returns the library's result (positive, with a descriptor: open); -1 for an address that does not fit
-// (printed) or a row of another kind. *peStep (may be null) tells which step the result is of.
+// The openers make a descriptor in *ppDesc, set its fields for eUse and create its socket. After a failure
+// *ppDesc may still hold a descriptor: the caller passes it to KTNETClose in any case.
+// peStep: may be null; *peStep tells which step gave the result.
+// Return the library's result: positive, with a descriptor, means open. Return -1 also for an address that is
+// too long (printed) and for a row of another kind.
+
+// Local sockets.
 int KTNETOpenServer(KTNET_ENDPOINT **ppDesc, KTNET_USE eUse, KTNET_STEP *peStep);
 int KTNETOpenClient(KTNET_ENDPOINT **ppDesc, KTNET_USE eUse, KTNET_STEP *peStep);
-// pszPeer, usPort: where to send, or what to receive, in rows that name none. A sender gets a hop limit
-// of 5.
-// pszLocal: address of the interface; null: the library's choice.
+
+// UDP sockets. A sender gets a hop limit of 5.
+// pszPeer: where to send to, or what to receive; null: the address of the row.
+// usPort: the port, if the row has none.
+// pszLocal: address of the interface; null: the library chooses.
 int KTNETOpenSender(KTNET_ENDPOINT **ppDesc, KTNET_USE eUse, const char *pszPeer, unsigned short usPort,
                     const char *pszLocal, KTNET_STEP *peStep);
 int KTNETOpenReceiver(KTNET_ENDPOINT **ppDesc, KTNET_USE eUse, const char *pszPeer, unsigned short usPort,
                       const char *pszLocal, KTNET_STEP *peStep);
 
-// Closes the descriptor's socket and releases the descriptor; null is ignored.
+// Closes the socket, releases the descriptor and sets *ppDesc to null. Does nothing if *ppDesc is null.
 void KTNETClose(KTNET_ENDPOINT **ppDesc);
 
 #endif

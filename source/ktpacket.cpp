@@ -1,3 +1,4 @@
+// Builds and reads item packets. The contracts stand in ktpacket.h.
 #include "ktpacket.h"
 
 #include <climits>
@@ -35,7 +36,7 @@ int KTPacketInsertItem(KTPacket *pPacket, int iAppend, unsigned short usTag, uns
     if (pPacket == nullptr || pValue == nullptr) {
         return 0;
     }
-    // The result is the packet's new size, so a packet ends where that can no longer be told.
+    // The result is the packet's new size. So the packet may not grow beyond an int.
     if (ulLength > INT_MAX - kLongHeader || pPacket->ulSize + headerSize(ulLength) + ulLength > INT_MAX) {
         return -1;
     }
@@ -106,7 +107,7 @@ int KTPacketGetAnItem(const unsigned char *pData, KTPacketItem *pItem) {
         pItem->ulLength = ktpacketGetDWORD(pData + 4);
         ulHeader = kLongHeader;
     }
-    // The reading fields are not written through: the buffer stays the caller's, const or not.
+    // Nobody writes through the fields of an item that was read. So the cast does no harm.
     pItem->pValue = const_cast<unsigned char *>(pData) + ulHeader;
     pItem->pNext = reinterpret_cast<KTPacketItem *>(pItem->pValue + pItem->ulLength);
     return static_cast<int>(ulHeader + pItem->ulLength);

@@ -1,8 +1,9 @@
-// ktpacket.h - the item packet: a run of tagged values, built item by item, read in place.
+// ktpacket.h - the item packet: a row of tagged values. It is built item by item and read in place.
 //
-// On the wire an item is tag (16 bits), length (16 bits), value; a value of 65535 bytes or more has FFFF in
-// the length field and a 32-bit length behind it. Little-endian, no header, count or terminator of its own.
-// A packet and its buffer belong to one thread.
+// On the wire an item is tag (16 bits), length (16 bits), value. For a value of 65535 bytes or more, the
+// length field holds FFFF and a 32-bit length follows it. All numbers are little-endian. A packet has no
+// header, count or terminator of its own. The engines and the request modules use it. A packet and its buffer
+// belong to one thread.
 #ifndef PCCAST_KTPACKET_H
 #define PCCAST_KTPACKET_H
 
@@ -10,9 +11,11 @@ extern "C" {
 
 typedef struct KTPacketItem {
     unsigned short usTag;
-    unsigned long ulLength;     // bytes of the value
-    unsigned char *pValue;      // building: an owned copy; reading: inside the received buffer
-    struct KTPacketItem *pNext; // building: the next item; reading: the first byte after this item
+    unsigned long ulLength; // bytes of the value
+    // Building: a copy that the item owns. Reading: points into the received buffer.
+    unsigned char *pValue;
+    // Building: the next item. Reading: the first byte behind this item.
+    struct KTPacketItem *pNext;
 } KTPacketItem;
 
 typedef struct KTPacket {
@@ -21,35 +24,38 @@ typedef struct KTPacket {
     KTPacketItem *pTail;
 } KTPacket;
 
+// Makes the packet empty. Does not release items.
 void KTPacketInit(KTPacket *pPacket);
 
-// Adds an item with a copy of ulLength bytes: after the last one when iAppend is not 0, else before the
-// first. Returns the new ulSize; 0 packet or value missing; -1 no memory, or a packet whose size no longer
-// fits the result. Nothing is added unless the result is positive.
+// Adds an item with a copy of ulLength bytes at pValue. iAppend 0 puts it before the first item, any other
+// value behind the last item. Adds nothing unless the result is positive.
+// Returns the new ulSize; 0 no packet or no value; -1 no memory, or the new size would not fit an int.
 int KTPacketInsertItem(KTPacket *pPacket, int iAppend, unsigned short usTag, unsigned long ulLength,
                        const void *pValue);
 
-// Lays the items out in a new buffer in *ppBuffer, which the caller releases with free. The items stay.
-// Returns the bytes laid out; 0 no packet or nothing in it (*ppBuffer untouched), or no memory (*ppBuffer
-// null).
+// Lays the items out in a new buffer, *ppBuffer. The caller releases it with free. The items stay.
+// Returns the number of bytes; 0 no packet, no ppBuffer or no items (*ppBuffer keeps its value), or no memory
+// (*ppBuffer is null).
 int KTPacketBuild(KTPacket *pPacket, unsigned char **ppBuffer);
 
-// Releases the items; the packet needs KTPacketInit before it is used again. Returns 0.
+// Releases the items. Call KTPacketInit before you use the packet again. Returns 0.
 int KTPacketCleanUp(KTPacket *pPacket);
 
-// Reads the item at pData, unchecked: the caller knows that a whole item is there. Returns its whole size.
+// Reads the item at pData without a check: the caller knows that a whole item is there. Returns the item's
+// size in bytes, with tag and length.
 int KTPacketGetAnItem(const unsigned char *pData, KTPacketItem *pItem);
 
+// Read a little-endian number of 16 or 32 bits.
 unsigned short ktpacketGetWORD(const unsigned char *pValue);
 unsigned int ktpacketGetDWORD(const unsigned char *pValue);
 }
 
-// Reads the item at *pulOffset of ulTotal received bytes if it lies whole within them, and moves the offset
-// behind it. False at the end, and at an item that does not fit: a reader's walk stops there.
+// Reads the item at offset *pulOffset of ulTotal received bytes and moves the offset behind it. Returns false
+// at the end, and at an item that reaches beyond the end. A reader stops there.
 bool ktpacketNextItem(const unsigned char *pData, unsigned long ulTotal, unsigned long *pulOffset,
                       KTPacketItem *pItem);
 
-// Whether the ulTotal received bytes are whole items from the first to the last.
+// Whether the ulTotal received bytes are whole items and nothing else.
 bool ktpacketAddsUp(const unsigned char *pData, unsigned long ulTotal);
 
 #endif

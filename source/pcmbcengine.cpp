@@ -1,6 +1,6 @@
-// The message broadcast engine: keeps one PC message on air, repeats it with a pause that grows with its
-// text, and changes it for a newer, a prioritised or a cancelling one. Runs on a thread of its own; owns the
-// current message and the multicast endpoint, shares the two lists with the message receiver.
+// The message broadcast engine: keeps one PC message on air and repeats it. The pause grows with the text. A
+// newer message or one with priority takes its place, and a cancel request ends it. Runs on a thread of its
+// own. Owns the current message and the multicast endpoint. Shares the two lists with the message receiver.
 
 #include "engines.h"
 #include "itemtable.h"
@@ -18,12 +18,12 @@
 namespace {
 
 constexpr const char *kModule = "pcmbcengine";
-constexpr unsigned long kHorizon = 2;   // seconds by which a message is taken ahead of its start time
+constexpr unsigned long kHorizon = 2;   // a message is taken so many seconds before its start
 constexpr unsigned long kPause = 7;     // seconds between two broadcasts of a message
-constexpr double kPausePerByte = 0.2;   // and what each byte of its text adds
-constexpr unsigned short kShowings = 1; // how often a receiver shows a packet: the engine itself repeats
+constexpr double kPausePerByte = 0.2;   // seconds that each byte of the text adds
+constexpr unsigned short kShowings = 1; // a receiver shows each packet once: the engine repeats it
 
-// One packet. Its text stays the message's.
+// The fields of one packet. The message still owns the text.
 struct BroadcastPacket {
     unsigned long ulSendTime;
     unsigned long ulST;
@@ -36,7 +36,7 @@ struct BroadcastPacket {
 
 namespace tag = wire::message;
 
-// The items of a packet, in the order in which they are sent.
+// The items of a packet, in the order of sending.
 constexpr ItemRow<BroadcastPacket> kItems[] = {
     {wire::broadcast::kSendTime, &BroadcastPacket::ulSendTime},
     {tag::kStartTime, &BroadcastPacket::ulST},
@@ -47,17 +47,17 @@ constexpr ItemRow<BroadcastPacket> kItems[] = {
     {tag::kText, &BroadcastPacket::pText},
 };
 
-// What the thread keeps across passes.
+// The thread keeps this from pass to pass.
 struct Broadcast {
     MSGList *pPriority;
     MSGList *pNormal;
-    MSGInfo *pCurrent; // owned; null: none on air
+    MSGInfo *pCurrent; // the message on air, owned; null for none
     unsigned long ulNextSend;
-    // Of the last opening or sending. Negative: the endpoint is opened before the next use. 0: no more is
-    // sent.
+    // The result of the last opening or sending. Negative: open the endpoint before the next use. 0: send
+    // nothing any more.
     int iNetResult;
     KTNET_ENDPOINT *pEndpoint;
-    unsigned long ulNow; // the time last read
+    unsigned long ulNow; // the time that readClock read last
 };
 
 unsigned long readClock(Broadcast *pState) {
@@ -70,10 +70,11 @@ void releaseCurrent(Broadcast *pState) {
     }
 }
 
-// Files the current message back; one that the list does not take is lost. There is no current message then.
+// Puts the current message back into the list. If the list does not take it, it is lost. In any case there is
+// no current message then.
 void fileCurrent(Broadcast *pState, MSGList *pList) {
     if (INSERTMSGInfo(pList, pState->pCurrent) > 0) {
-        pState->pCurrent = nullptr; // the list's
+        pState->pCurrent = nullptr; // the list owns it now
     }
     releaseCurrent(pState);
 }
@@ -93,7 +94,8 @@ void expireCurrent(Broadcast *pState) {
     }
 }
 
-// Takes the next message of the priority list. Returns the one that is to become current, null for none.
+// Takes the next message of the priority list and makes room for it. Returns the message that becomes
+// current; null for none.
 MSGInfo *takePriority(Broadcast *pState) {
     if (!hasNodes(pState->pPriority)) {
         return nullptr;
@@ -106,7 +108,7 @@ MSGInfo *takePriority(Broadcast *pState) {
         return nullptr;
     }
     if (isCancel(pTaken)) {
-        // It concerns the prioritised message on air or nobody.
+        // A cancel request of this list can only end a message on air that has priority.
         if (bPrioritised && COMPAREMSGInfo(pTaken, pState->pCurrent, 0) == 0) {
             releaseCurrent(pState);
         }
@@ -121,8 +123,8 @@ MSGInfo *takePriority(Broadcast *pState) {
     return pTaken;
 }
 
-// Takes the next message of the normal list, unless a prioritised one is on air. Returns the one that is to
-// become current, null for none.
+// Takes the next message of the normal list and makes room for it. Takes none while a message with priority
+// is on air. Returns the message that becomes current; null for none.
 MSGInfo *takeNormal(Broadcast *pState) {
     if (pState->pCurrent != nullptr && pState->pCurrent->ulPriority != 0) {
         return nullptr;
@@ -150,7 +152,7 @@ MSGInfo *takeNormal(Broadcast *pState) {
     return pTaken;
 }
 
-// Sets the endpoint up when its last result was negative. Returns whether it can be used.
+// Opens the endpoint if its last result was negative. Returns whether it can be used.
 bool isEndpointUsable(Broadcast *pState) {
     if (pState->iNetResult < 0) {
         KTNETClose(&pState->pEndpoint);
@@ -163,7 +165,8 @@ bool isEndpointUsable(Broadcast *pState) {
     return pState->iNetResult > 0;
 }
 
-// Lays the packet's items out. Returns their length; 0 (and null) when memory runs out.
+// Builds the payload in a new buffer. The caller releases it with free. Returns its length; 0 if memory runs
+// out, and *ppPayload stays null.
 unsigned long buildPayload(const MSGInfo *pInfo, unsigned long ulSendTime, unsigned char **ppPayload) {
     const BroadcastPacket fields{ulSendTime,     pInfo->ulST,    pInfo->ulET,   kShowings,
                                  pInfo->ulAttr3, pInfo->ulAttr1, pInfo->pMSGSTR};
@@ -185,7 +188,7 @@ void sendBroadcast(Broadcast *pState) {
     packet.ulPayloadLen = packet.ulPayloadSize = buildPayload(pState->pCurrent, ulSendTime, &pPayload);
     packet.pPayload = pPayload;
     if (pPayload == nullptr) {
-        std::fprintf(stderr, "pcmbc msg xmit fail\n"); // no memory; the endpoint is as good as before
+        std::fprintf(stderr, "pcmbc msg xmit fail\n"); // no memory: the endpoint is still good
         return;
     }
     pState->iNetResult = ktn_xapi_ktnet_tx_data(pState->pEndpoint, &packet);
@@ -198,8 +201,8 @@ void sendBroadcast(Broadcast *pState) {
     }
 }
 
-// Counts an attempt, whether or not anything was sent, and sets the pause that follows it. A text that no
-// datagram can carry asks for no time to be read: it must not keep the others off the air for hours.
+// Counts an attempt and sets the pause that follows it, whether or not the packet was sent. A text that fits
+// no datagram adds nothing to the pause. Otherwise it would keep all other messages off the air for hours.
 void countAttempt(Broadcast *pState) {
     MSGInfo *pCurrent = pState->pCurrent;
     size_t ulText = std::strlen(pCurrent->pMSGSTR);
@@ -210,7 +213,7 @@ void countAttempt(Broadcast *pState) {
             kModule, __LINE__, pCurrent->uliEPGID, ulText);
         ulText = 0;
     }
-    --pCurrent->ulRepeat; // 0 wraps: such a message is repeated until its end time
+    --pCurrent->ulRepeat; // 0 wraps around: such a message is repeated until its end time
     const double dPause = kPausePerByte * static_cast<double>(ulText);
     pState->ulNextSend = static_cast<unsigned long>(static_cast<double>(pState->ulNow + kPause) + dPause);
     if (pCurrent->ulRepeat == 0) {
@@ -233,6 +236,7 @@ void broadcastCurrent(Broadcast *pState) {
     countAttempt(pState);
 }
 
+// One pass: drops an expired message, takes a new one, sends the current one if it is due.
 void pass(Broadcast *pState) {
     expireCurrent(pState);
     MSGInfo *pTaken = takePriority(pState);

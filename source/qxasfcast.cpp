@@ -1,4 +1,4 @@
-// The ASF file cast driver.
+// The ASF file cast driver. Runs on the recast thread. Owns its stream and its caster.
 #include "filecast.h"
 
 #include "filecastloop.h"
@@ -14,7 +14,8 @@ struct CloseCaster {
 };
 using Caster = std::unique_ptr<ts_qxapi_asfcast, CloseCaster>;
 
-// Opens the caster for the playout. A station or target that it refuses is reported, and the playout goes on.
+// Opens the caster. If it refuses the station or the target, that is reported, and the file is played all the
+// same.
 Caster openCaster(const ASFCASTARG *pArg) {
     Caster pCaster(qxapi_open_asfcast());
     if (pCaster == nullptr) {

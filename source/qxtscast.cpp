@@ -1,4 +1,4 @@
-// The transport stream file cast driver.
+// The transport stream file cast driver. Runs on the recast thread. Owns its stream and its caster.
 #include "filecast.h"
 
 #include "filecastloop.h"
@@ -8,7 +8,7 @@ namespace {
 constexpr const char *kModule = "qxtscast";
 constexpr const char *kDriver = "qxbox_tscast";
 constexpr int kReserved = -1;
-constexpr unsigned int kDefaultPort = 2777; // where the target text names none
+constexpr unsigned int kDefaultPort = 2777; // for a target without a port
 
 struct CloseCaster {
     void operator()(ts_qxapi_tscast *pCaster) const { qxapi_close_tscast(pCaster); }
@@ -22,7 +22,7 @@ Caster openCaster(const TSCASTARG *pArg) {
         return nullptr;
     }
     pCaster->uiMode = pArg->uiMode;
-    // A set-up that fails shows in the first send.
+    // If the set-up fails, the first send fails too.
     pCaster->pSetUp(pCaster.get(), pArg->pszAux, kReserved, pArg->pszTarget, kDefaultPort,
                     pArg->uiCasterParam);
     return pCaster;

@@ -1,5 +1,5 @@
-// The recast engine: plays stored files onto the multicast network, one cast at a time, on a thread of its
-// own.
+// The recast engine: plays stored files to their groups, one cast at a time. Runs on a thread of its own.
+// Owns the cast on air. Calls the two file cast drivers.
 
 #include "castformat.h"
 #include "engines.h"
@@ -16,7 +16,7 @@
 namespace {
 
 constexpr unsigned int kHops = 16; // hop limit of the transport stream caster
-constexpr int kNotPlayed = 0;      // what playing a request that cannot be played results in
+constexpr int kNotPlayed = 0;      // the result for a request that cannot be played
 
 struct Free {
     void operator()(char *pText) const { std::free(pText); }
@@ -59,7 +59,8 @@ int playTS(KTPLUGIN_INFO_TAG *pBlock, CASTInfo *pCast, const char *pszFile) {
     return qxbox_tscast(&argument);
 }
 
-// Plays the cast with the driver of its format. Returns the driver's result, 1 for an unknown format.
+// Plays the cast with the driver of its format. Returns the driver's result; 1 for an unknown format;
+// kNotPlayed if no driver was called for another reason.
 int play(KTPLUGIN_INFO_TAG *pBlock, CASTInfo *pCast, const char *pszFile) {
     if (pszFile == nullptr) {
         return kNotPlayed; // no memory for the copy of the name
@@ -76,7 +77,7 @@ int play(KTPLUGIN_INFO_TAG *pBlock, CASTInfo *pCast, const char *pszFile) {
     return 1;
 }
 
-// Carries the cast in the slot. The slot is emptied once the state has left idle.
+// Carries the cast in the slot. Empties the slot only after the state has left idle.
 void carryCast(KTPLUGIN_INFO_TAG *pBlock, CASTInfo *pCast) {
     if (pCast->pCASTFile == nullptr || pCast->pDSTIP == nullptr) {
         reportArguments(pCast);

@@ -1,11 +1,11 @@
-// timetext.h - the calendar text of a time for the printed records.
+// timetext.h - the calendar text of a time, for printed records. It is safe on every thread.
 #ifndef PCCAST_TIMETEXT_H
 #define PCCAST_TIMETEXT_H
 
 #include <array>
 #include <ctime>
 
-// Holds a ctime text; a time that has none (a year that does not fit) reads as a question mark.
+// Holds the text that ctime gives. A year too large for ctime gives a question mark.
 struct TimeText {
     std::array<char, 32> text;
 };

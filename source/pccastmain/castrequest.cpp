@@ -1,5 +1,6 @@
-// The cast request on its way into the plug-in: the commander and its sender, on the caller's thread, and the
-// receiver thread that files what arrives. One connection carries one request.
+// The way of a cast request into the plug-in. The commander and its sender run on the caller's thread. The
+// receiver runs on a thread of its own and files each request that arrives. One connection carries one
+// request. The receiver owns its socket. The supervisor owns the two lists.
 
 #include <pccast/commander.h>
 
@@ -22,13 +23,13 @@
 
 namespace {
 
-constexpr int kConnected = 0; // the least result of connecting that counts as connected
+constexpr int kConnected = 0; // the smallest result of connecting that means connected
 
 using Row = ItemRow<CASTInfo>;
 namespace tag = wire::castrequest;
 
-// The items of a request, in the order in which they are sent. Every request has the first and the last
-// table, and between them the one of its type.
+// The items of a request, in the order of sending. Every request has the first and the last table. Between
+// them comes the table of its type.
 constexpr Row kHeadItems[] = {
     {tag::kCommand, &CASTInfo::ulCMD},         {tag::kEPGID, &CASTInfo::uliEPGID},
     {tag::kCreationTime, &CASTInfo::ulCT},     {tag::kStartTime, &CASTInfo::ulST},
@@ -57,7 +58,8 @@ bool appendItems(KTPacket *pPacket, const CASTInfo &info) {
            itemAppendAll(pPacket, kTailItems, info);
 }
 
-// Lays the request out in a buffer of its own. Returns its length; 0 (and null) when memory runs out.
+// Builds the request in a new buffer. The caller releases it with free. Returns its length; 0 if memory runs
+// out, and *ppPayload stays null.
 unsigned long buildRequest(const CASTInfo *pInfo, unsigned char **ppPayload) {
     KTPacket packet;
     KTPacketInit(&packet);
@@ -114,7 +116,7 @@ void decodeRequest(const KTNET_PACKET &packet, CASTInfo *pDecoding) {
     }
 }
 
-// Files a copy of the decoded request in the list of its type; one that cannot be copied or filed is dropped.
+// Files a copy of the decoded request in the list of its type. Drops a request that it cannot copy or file.
 void fileRequest(CASTList *const *ppLists, const CASTInfo *pDecoding, unsigned int uiCommand) {
     CASTList *pList = nullptr;
     if (isStream(pDecoding->ulCASTType)) {
@@ -135,8 +137,8 @@ void fileRequest(CASTList *const *ppLists, const CASTInfo *pDecoding, unsigned i
     }
 }
 
-// Takes one connection and the request that it carries. pDecoding keeps, for an item that a request lacks,
-// the value of an earlier one.
+// Accepts one connection and takes its request. If the request lacks an item, pDecoding still holds the value
+// of an earlier request.
 void serveConnection(KTNET_ENDPOINT *pServer, CASTList *const *ppLists, CASTInfo *pDecoding) {
     KTNET_ENDPOINT *pConnection = nullptr;
     pServer->uiError = 0;
@@ -144,7 +146,7 @@ void serveConnection(KTNET_ENDPOINT *pServer, CASTList *const *ppLists, CASTInfo
         KTNET_PACKET packet{};
         packet.uiIdent = wire::castrequest::kIdent;
         if (ktn_xapi_ktnet_rx_data(pConnection, &packet) > 0) {
-            // One whose items do not add up is refused whole, before it has touched the decoding record.
+            // A request whose items do not add up must not touch the decoding record.
             if (ktpacketAddsUp(packet.pPayload, packet.ulPayloadLen)) {
                 decodeRequest(packet, pDecoding);
                 fileRequest(ppLists, pDecoding, packet.uiCommand);
@@ -162,7 +164,7 @@ void serveConnection(KTNET_ENDPOINT *pServer, CASTList *const *ppLists, CASTInfo
     pServer->uiError = 0;
 }
 
-// Serves the socket until it fails or the thread is asked to stop. iResult: that of opening the server.
+// Serves the socket until it fails or the thread is asked to stop. iResult: the result of opening it.
 void serve(const KTPLUGIN_INFO_TAG *pBlock, KTNET_ENDPOINT *pServer, int iResult, CASTList *const *ppLists,
            CASTInfo *pDecoding) {
     while (iResult >= 0 && pBlock->eState <= ENGINE_FINISH) {

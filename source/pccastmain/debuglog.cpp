@@ -1,3 +1,4 @@
+// The debug log. The contracts stand in debuglog.h.
 #include "debuglog.h"
 
 #include <cstdarg>
@@ -20,17 +21,17 @@ constinit thread_local int32_t gUserLevel = 0;
 
 namespace {
 
-// Guards the four texts and gFD, and keeps each line whole.
+// Guards the four texts and gFD. Keeps each line whole.
 std::mutex logMutex;
 
 tm localNow() {
-    const time_t now = time(nullptr);
+    const time_t now = std::time(nullptr);
     tm result{};
     localtime_r(&now, &result);
     return result;
 }
 
-// The value of the variable that the format and the process name make; null when there is none.
+// The value of the variable named by the format and the process name; null if there is none.
 const char *variable(const char *pFormat) {
     char name[100];
 #pragma GCC diagnostic push
@@ -45,13 +46,13 @@ int32_t number(const char *pFormat) {
     return pText == nullptr ? 0 : std::atoi(pText);
 }
 
-// Copies what fits. Returns whether all of it did.
+// Copies as much as fits. Returns whether everything fitted.
 template <size_t Size>
 bool copyText(char (&target)[Size], const char *pText) {
     return std::snprintf(target, Size, "%s", pText) < static_cast<int>(Size);
 }
 
-// Forms the file name of a date. A name that does not fit is left empty, and so never opened.
+// Makes the file name for a date. A name that does not fit becomes empty, and an empty name is never opened.
 void nameFile(const tm &date) {
     char day[16] = "";
     std::strftime(day, sizeof day, "%Y-%m-%d.txt", &date);
@@ -77,7 +78,7 @@ void openFile() {
     copyText(gszOldFileName, gszCurFileName);
 }
 
-// With the lock held.
+// The caller holds the lock.
 void switchFile() {
     nameFile(localNow());
     if (std::strcmp(gszCurFileName, gszOldFileName) == 0) {
@@ -104,7 +105,7 @@ void initDebug(const char *processName, const char *logDirectory) {
     if (gFileLog != 0) {
         const char *pDirectory = logDirectory != nullptr ? logDirectory : variable("KTDEBUG_PATH_%s");
         if (!copyText(gszLogPath, pDirectory != nullptr ? pDirectory : "/tmp")) {
-            gszLogPath[0] = '\0'; // half a path would be another folder
+            gszLogPath[0] = '\0'; // a cut path would name another folder
         }
         nameFile(date);
         openFile();

@@ -1,3 +1,4 @@
+// The diagnostic driver. Runs on the thread of its caller, and owns the records that it submits.
 #include "diag.h"
 
 #include <pccast/pccast.h>
@@ -16,7 +17,7 @@
 
 namespace {
 
-// SIGTERM is reported, not obeyed, so it must not shorten a pause either.
+// SIGTERM only prints a line. So it must not shorten a pause.
 void sleepThrough(unsigned int uiSeconds) {
     const unsigned long ulEnd = vexa_time(nullptr) + uiSeconds;
     for (unsigned long ulNow = ulEnd - uiSeconds; ulNow < ulEnd; ulNow = vexa_time(nullptr)) {
@@ -24,7 +25,7 @@ void sleepThrough(unsigned int uiSeconds) {
     }
 }
 
-// The receivers come to listen a moment after the opening has returned; a request sent before that is lost.
+// The receivers start to listen a moment after the plug-in is open. A request sent before that is lost.
 void waitForReceivers() {
     constexpr int kPasses = 300;
     for (int i = 0; i < kPasses; ++i) {
@@ -51,12 +52,12 @@ void installSignalHandler() {
     sigaction(SIGTERM, &action, nullptr);
 }
 
-// One step of the message sequence. A step without a text sends the record of an earlier one as it stands.
+// One step of the message series. A step without a text sends the record of an earlier step again.
 struct MessageStep {
     unsigned long ulCMD;
     int iRecord;
     unsigned long ulPriority;
-    unsigned long ulLifetime; // seconds from now until the end time
+    unsigned long ulLifetime; // seconds until the end time
     unsigned long ulRepeat;
     const char *pText;
     unsigned int uiPause; // seconds after the step
@@ -99,7 +100,7 @@ void sendMessages() {
     }
 }
 
-// The format stays unknown: the cast is announced, and nothing is played.
+// The format stays 0, an unknown format. So the cast is announced, and no file is played.
 void fillRequest(CASTInfo *pInfo) {
     pInfo->ulCMD = CAST_CMD_START;
     pInfo->ulCT = 100;
@@ -123,7 +124,7 @@ int diagPCCASTMain(void) {
         fillRequest(pCastA);
         pCastA->ulMSID = 34742;
     }
-    // A second sample, of a relay, is made in passing and not sent: what makes it is exercised.
+    // The second record is a relay. It is not sent: this only tries out how a relay is made.
     CASTInfo *pCastB = nullptr;
     const int iResult = MAKECASTInfo(&pCastB, "224.1.1.1", "224.2.2.2", sampleFile("CASTFILE2.asf").c_str(),
                                      CAST_TYPE_STREAM);

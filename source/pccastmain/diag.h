@@ -1,14 +1,16 @@
-// diag.h - the diagnostic driver: runs the whole plug-in in its own process with built-in requests.
+// diag.h - the diagnostic driver: runs the whole plug-in with built-in requests.
+//
+// The program diagpccast calls it on its main thread.
 #ifndef PCCAST_DIAG_H
 #define PCCAST_DIAG_H
 
 extern "C" {
 
-// Opens the plug-in, submits one file cast and a sequence of messages, waits for them to be over (330 seconds
-// in all), and closes it. The cast names no format: it is announced for 200 seconds, and nothing is played.
-// The two sample files that the records name are CASTFILE.asf and CASTFILE2.asf in the folder that the
-// environment variable PCCAST_SAMPLES names, else in that of the installed samples. Returns the result of
-// making the second cast sample.
+// Opens the plug-in, submits one file cast and a series of messages, waits until they are over, and closes
+// the plug-in. This takes 330 seconds. The cast has no format: it is announced for 200 seconds, and no file
+// is played. The records name the sample files CASTFILE.asf and CASTFILE2.asf. Their folder is the value of
+// the environment variable PCCAST_SAMPLES, or the folder of the installed samples.
+// Returns the result of making the second cast record.
 int diagPCCASTMain(void);
 }
 

@@ -1,10 +1,10 @@
-// The program diagpccast: the diagnostic driver in a process of its own.
+// The program diagpccast: runs the diagnostic driver in a process of its own.
 #include "diag.h"
 
 #include <cstdio>
 
 int main(int argc, char **) {
-    // It starts at once and is heard on the network for minutes: who asks for help must not set it off.
+    // The driver sends to the network for minutes. Asking for help must not start it.
     if (argc > 1) {
         std::fprintf(stderr, "diagpccast: takes no arguments. It announces a cast and sends messages for 330 "
                              "seconds, on the network; see diagpccast(1)\n");

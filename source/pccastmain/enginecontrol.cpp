@@ -1,4 +1,5 @@
-// The two ends of a control block: how a controller waits for a thread to end, and how a thread signs off.
+// How a controller waits for a thread to end, and how a cast engine signs off. The contracts stand in
+// engines.h.
 
 #include "engines.h"
 

@@ -1,4 +1,5 @@
-// The exported entry points: how a host opens, closes and asks the plug-in. Runs on the host's thread.
+// The exported entry points, by which a host opens, closes and queries the plug-in. They run on the host's
+// thread. This file owns the supervisor's control block.
 
 #include <pccast/plugin.h>
 
@@ -34,8 +35,8 @@ void *supervisorThread(void *pBlock) {
     return nullptr;
 }
 
-// The supervisor subtracts itself from the count and then writes its last state; only after that write is the
-// block no longer its own.
+// The supervisor first subtracts itself from the count. Then it writes its last state. Only after that write
+// is the block free.
 bool hasEnded(const KTPLUGIN_INFO_TAG *pBlock) {
     return pBlock->eState == ENGINE_STOPPED && pBlock->iThreadCount == 0;
 }
@@ -79,7 +80,7 @@ int __qxapi_close_pccast__() {
         engineRequestStop(pBlock);
         ktWaitForAEngine(pBlock, kCloseLimit);
     }
-    // The supervisor's own waits for its engines are bounded, so this one ends too.
+    // The supervisor waits for its engines for a limited time only. So this loop ends too.
     while (!hasEnded(pBlock)) {
         vexa_load_balance();
     }

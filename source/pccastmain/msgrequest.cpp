@@ -1,5 +1,6 @@
-// The PC message request on its way into the plug-in: the commander and its sender, on the caller's thread,
-// and the receiver thread that files what arrives. One connection carries one request.
+// The way of a message request into the plug-in. The commander and its sender run on the caller's thread. The
+// receiver runs on a thread of its own and files each message that arrives. One connection carries one
+// request. The receiver owns its socket. The supervisor owns the two lists.
 
 #include <pccast/commander.h>
 #include <pccast/plugin.h>
@@ -21,11 +22,11 @@
 
 namespace {
 
-constexpr int kConnected = 1; // the least result of connecting that counts as connected
+constexpr int kConnected = 1; // the smallest result of connecting that means connected
 
 namespace tag = wire::message;
 
-// The items of a request, in the order in which they are sent.
+// The items of a request, in the order of sending.
 constexpr ItemRow<MSGInfo> kItems[] = {
     {tag::kCreationTime, &MSGInfo::ulCT},     {tag::kPriority, &MSGInfo::ulPriority},
     {tag::kStartTime, &MSGInfo::ulST},        {tag::kEndTime, &MSGInfo::ulET},
@@ -33,7 +34,8 @@ constexpr ItemRow<MSGInfo> kItems[] = {
     {tag::kRepeat, &MSGInfo::ulRepeat, 2, 1}, {tag::kText, &MSGInfo::pMSGSTR},
 };
 
-// Lays the request out in a buffer of its own. Returns its length; 0 (and null) when memory runs out.
+// Builds the request in a new buffer. The caller releases it with free. Returns its length; 0 if memory runs
+// out, and *ppPayload stays null.
 unsigned long buildRequest(const MSGInfo *pInfo, unsigned char **ppPayload) {
     KTPacket packet;
     KTPacketInit(&packet);
@@ -91,7 +93,7 @@ void decodeRequest(const KTNET_PACKET &packet, MSGInfo *pWorking) {
 }
 
 void handleRequest(MSGList *const *ppLists, const KTNET_PACKET &packet, MSGInfo *pWorking) {
-    // One whose items do not add up is refused whole, before it has touched the working record.
+    // A request whose items do not add up must not touch the working record.
     if (!ktpacketAddsUp(packet.pPayload, packet.ulPayloadLen)) {
         std::printf(
             "[%s:%d] \e[2;31m message request of %lu bytes does not add up, dropped \e[1;41m[ERROR]\e[0m\n",
@@ -125,7 +127,8 @@ void serveConnection(KTNET_ENDPOINT *pServer, MSGList *const *ppLists, MSGInfo *
         }
     }
     if (pConnection == nullptr) {
-        vexa_load_balance(); // what could not be accepted stays pending, and the next poll returns at once
+        // The connection is still waiting, so the next poll returns at once. Pause before it.
+        vexa_load_balance();
     }
     KTNETClose(&pConnection);
     pServer->uiError = 0;
@@ -145,8 +148,8 @@ int RxPCMBCInfoEngine(KTPLUGIN_INFO_TAG *pBlock) {
     ++pBlock->iThreadCount;
     pBlock->eState = ENGINE_RUNNING;
 
-    // The times, attributes and repeats that a request lacks keep the values of an earlier one; before the
-    // first they are 0.
+    // If a request lacks its times, attributes or repeats, the record still holds those of an earlier
+    // request. Before the first request they are 0.
     MSGInfo working{};
     while (pBlock->eState <= ENGINE_FINISH) {
         KTNET_ENDPOINT *pServer = nullptr;

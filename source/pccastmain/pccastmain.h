@@ -1,4 +1,5 @@
-// pccastmain.h - what the files of this module share among themselves.
+// pccastmain.h - what the files of this folder share: the module's name, and the state between the host's
+// entry points and the supervisor.
 #ifndef PCCAST_PCCASTMAIN_H
 #define PCCAST_PCCASTMAIN_H
 
@@ -7,15 +8,15 @@
 #include <atomic>
 #include <cstdint>
 
-// The name by which this module's files appear in messages.
+// The module's name in printed messages.
 constexpr const char *kModule = "pccastmain";
 
-// The supervisor's control block; null while the plug-in is closed. Written by the open and close routines,
-// which the host calls one at a time.
+// The supervisor's control block; null while the plug-in is closed. Only the open and close routines write
+// it. The host calls them one at a time.
 extern "C" KTPLUGIN_INFO_TAG *gpPCCASTPluginInfo;
 
-// How many supervisors have ever started. Each raises it once, right after its state has become 1; the opener
-// waits for the change, so that a supervisor that starts and ends at once is not missed.
+// How many supervisors have ever started. Each adds 1 right after it has set its state to 1. The open routine
+// waits for the change. So it also sees a supervisor that starts and ends at once.
 extern std::atomic<uint32_t> gSupervisorStarts;
 
 #endif

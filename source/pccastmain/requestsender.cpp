@@ -1,3 +1,4 @@
+// Sends a request over an endpoint of its own. The contract stands in requestsender.h.
 #include "requestsender.h"
 
 #include "pccastmain.h"

@@ -1,8 +1,8 @@
-// The supervisor thread: owns the lists and the engines' control blocks, starts the engines, decides which
-// cast request goes on air, and stops the engines one and all.
+// The supervisor thread: starts the engines, decides which cast request goes on air, and stops the engines.
+// It owns the lists and the engines' control blocks.
 //
-// Everything that an engine can reach lives in one Service block, so that it can be kept as a whole if an
-// engine ever outlives its bounded wait.
+// Everything that an engine can reach lives in one Service block. If an engine does not end in time, the
+// whole block is kept.
 
 #include "castlistmgr.h"
 #include "debuglog.h"
@@ -20,9 +20,9 @@
 
 namespace {
 
-constexpr unsigned long kHorizon = 2;    // seconds by which a request is taken ahead of its start time
-constexpr int kEngineLimit = 1000;       // units of ktWaitForAEngine at shutdown
-constexpr long kSignOffPasses = 100'000; // bound of the waits for a thread's first and last writes
+constexpr unsigned long kHorizon = 2;    // a request is taken so many seconds before its start
+constexpr int kEngineLimit = 1000;       // iLimit of ktWaitForAEngine at shutdown
+constexpr long kSignOffPasses = 100'000; // most passes of waiting for a thread's first or last write
 
 enum EngineIndex { RX_MESSAGE, BROADCAST, RX_CAST, ANNOUNCEMENT, BYPASS, RECAST };
 
@@ -36,12 +36,12 @@ void *threadMain(void *pBlock) {
     return nullptr;
 }
 
-// In start order, which is the order of being stopped as well.
+// The engines in the order of starting. They are stopped in the same order.
 struct EngineRow {
     const char *pName;
     ThreadBody pBody;
     Work eWork;
-    bool bSignsOff; // writes ENGINE_STOPPED after it has left the count
+    bool bSignsOff; // writes ENGINE_STOPPED after it has subtracted 1 from iThreadCount
 };
 constexpr EngineRow kEngines[] = {
     {"RxPCMBCInfoEngine", threadMain<RxPCMBCInfoEngine>, Work::Messages, true},
@@ -53,12 +53,13 @@ constexpr EngineRow kEngines[] = {
 };
 constexpr int kEngineCount = static_cast<int>(std::size(kEngines));
 
-// A list with the request of it that was last taken out: pending until its start time, then on air.
+// A list and the request last taken out of it. This request is pending until its start time. Then it is on
+// air.
 struct Channel {
     CASTList list;
     CASTInfo *pCurrent; // owned; null: none
     bool bStartPending; // pCurrent has been taken but not yet started
-    bool bReported;     // that pCurrent cannot be handed over
+    bool bReported;     // it has been printed that pCurrent cannot be handed over
 };
 
 struct Service {
@@ -107,7 +108,7 @@ Service *createService() {
     return pService;
 }
 
-// Starts every engine, whatever becomes of the others. Returns whether all have been started.
+// Starts every engine, even if another one cannot be started. Returns whether all have been started.
 bool startEngines(Service *pService) {
     bool bAll = true;
     for (int i = 0; i < kEngineCount; ++i) {
@@ -123,16 +124,17 @@ bool startEngines(Service *pService) {
 
 // ---- hand-over
 
-// Ends what the engine has on air and acknowledges a failure report.
+// Asks the engine to end its cast. Clears a failure report.
 void requestFinish(KTPLUGIN_INFO_TAG *pEngine) {
     engineMove(pEngine, ENGINE_RUNNING, ENGINE_FINISH);
     engineMove(pEngine, ENGINE_FAILED, ENGINE_IDLE);
 }
 
-// Waits until the engine has answered every hand-over and is idle, asking it to finish as often as needed: a
-// copy that it takes up only now is ended as well. Returns false when the supervisor is asked to stop first.
+// Waits until the engine's slot is empty and the engine is idle. Asks it to finish in every pass, since it
+// may take up a cast from the slot only now. Returns false if the supervisor is asked to stop first.
 bool waitUntilFree(const KTPLUGIN_INFO_TAG *pSelf, KTPLUGIN_INFO_TAG *pEngine) {
-    // The slot is read before the state: once it is empty, the state has left 0 for the copy that was in it.
+    // Read the slot before the state. When the slot is empty, the state has already left 0 for the cast in
+    // it.
     while (enginePeek(pEngine) != nullptr || pEngine->eState != ENGINE_IDLE) {
         if (isAskedToStop(pSelf)) {
             return false;
@@ -143,8 +145,8 @@ bool waitUntilFree(const KTPLUGIN_INFO_TAG *pSelf, KTPLUGIN_INFO_TAG *pEngine) {
     return true;
 }
 
-// Waits until the engine has answered the hand-over: its cast is, or was, on air or has failed. Returns false
-// when the supervisor is asked to stop first.
+// Waits until the engine has answered the hand-over. Its cast is then on air, over or failed. Returns false
+// if the supervisor is asked to stop first.
 bool waitUntilTaken(const KTPLUGIN_INFO_TAG *pSelf, const KTPLUGIN_INFO_TAG *pEngine) {
     while (enginePeek(pEngine) != nullptr) {
         if (isAskedToStop(pSelf)) {
@@ -155,14 +157,15 @@ bool waitUntilTaken(const KTPLUGIN_INFO_TAG *pSelf, const KTPLUGIN_INFO_TAG *pEn
     return true;
 }
 
-// Puts a copy of the channel's current entry into the engine's slot. Returns whether it is there.
+// Puts a copy of the channel's current request into the engine's slot. Returns whether it did.
 bool handOver(KTPLUGIN_INFO_TAG *pEngine, Channel *pChannel) {
     CASTInfo *pSlot = enginePeek(pEngine);
     if (COPYaCASTInfo(pChannel->pCurrent, &pSlot) == 1) {
         pEngine->pWork = pSlot;
         return true;
     }
-    if (!pChannel->bReported) { // once: it is tried again in every pass
+    // Every pass tries again. Print it only once.
+    if (!pChannel->bReported) {
         std::printf(
             "[%s:%d] \e[2;31m can NOT hand over the cast of EPG id %lu, trying on \e[1;41m[ERROR]\e[0m\n",
             kModule, __LINE__, pChannel->pCurrent->uliEPGID);
@@ -181,11 +184,11 @@ void releaseCurrent(Channel *pChannel) {
     pChannel->bReported = false;
 }
 
-// A newer request takes the current entry's place: the entry waits for its turn again while it has not ended.
+// Makes room for a newer request. The current request goes back to its list, unless its end time has passed.
 void putBackCurrent(Channel *pChannel) {
     if (pChannel->pCurrent->ulET > now()) {
         if (INSERTCASTInfo(&pChannel->list, pChannel->pCurrent) > 0) {
-            pChannel->pCurrent = nullptr; // the list's
+            pChannel->pCurrent = nullptr; // the list owns it now
         } else {
             std::printf(
                 "[%s:%d] \e[2;31m cast of EPG id %lu cannot be put back, dropped \e[1;41m[ERROR]\e[0m\n",
@@ -195,6 +198,7 @@ void putBackCurrent(Channel *pChannel) {
     releaseCurrent(pChannel);
 }
 
+// Takes the next due request out of the list and makes it current.
 void pickStep(Channel *pChannel) {
     if (pChannel->list.iFLAGChange == 0 || pChannel->list.pList == nullptr ||
         pChannel->list.pList->iCount <= 0) {
@@ -220,7 +224,7 @@ void pickStep(Channel *pChannel) {
     pChannel->bStartPending = true;
 }
 
-// Whether the current entry is to be started now; one that has ended while it was pending is released.
+// Whether the current request must start now. Releases it if its end time has passed while it was pending.
 bool isCurrentDue(Channel *pChannel) {
     if (pChannel->pCurrent == nullptr || !pChannel->bStartPending || pChannel->pCurrent->ulST > now()) {
         return false;
@@ -232,8 +236,8 @@ bool isCurrentDue(Channel *pChannel) {
     return true;
 }
 
-// Hands the due entry to the announcement engine and, when it starts a cast, to the engine that carries it.
-// All engines are free. A hand-over that fails leaves the entry pending, for the next pass.
+// Hands the due request to the announcement engine. If it starts a cast, pEngine gets it too. Both engines
+// are free. If a hand-over fails, the request stays pending for the next pass.
 void startCurrent(const KTPLUGIN_INFO_TAG *pSelf, Service *pService, Channel *pChannel,
                   KTPLUGIN_INFO_TAG *pEngine) {
     if (!handOver(&pService->engines[ANNOUNCEMENT], pChannel)) {
@@ -248,7 +252,7 @@ void startCurrent(const KTPLUGIN_INFO_TAG *pSelf, Service *pService, Channel *pC
     }
 }
 
-// A due request of the bypass list ends whatever is on air.
+// Starts a due request of the bypass list. It ends every cast on air first.
 void bypassStartStep(const KTPLUGIN_INFO_TAG *pSelf, Service *pService) {
     if (!isCurrentDue(&pService->bypass)) {
         return;
@@ -264,7 +268,8 @@ void bypassStartStep(const KTPLUGIN_INFO_TAG *pSelf, Service *pService) {
     startCurrent(pSelf, pService, &pService->bypass, &pService->engines[BYPASS]);
 }
 
-// A live relay is never ended for a stored file: the entry stays pending until the bypass engine is idle.
+// Starts a due request of the recast list. A file cast never ends a relay. So the request stays pending until
+// the bypass engine is idle.
 void recastStartStep(const KTPLUGIN_INFO_TAG *pSelf, Service *pService) {
     if (pService->recast.pCurrent == nullptr || !pService->recast.bStartPending ||
         pService->engines[BYPASS].eState != ENGINE_IDLE || !isCurrentDue(&pService->recast)) {
@@ -281,9 +286,9 @@ void recastStartStep(const KTPLUGIN_INFO_TAG *pSelf, Service *pService) {
     startCurrent(pSelf, pService, &pService->recast, &pService->engines[RECAST]);
 }
 
-// A failed cast is handed to the announcement engine as ended, and dropped. The engine has the end in hand
-// for 20 seconds and sends it by its own cadence; the schedule goes on meanwhile, and a request that falls
-// due before takes the end's place: a cast that fails must not hold up one that works.
+// Hands a failed cast to the announcement engine as ended, and drops it. The engine announces the end for 20
+// seconds at its own pace. The schedule goes on meanwhile. A request that is due within these seconds takes
+// the place of the end: a cast that fails must not hold up a cast that works.
 void failureStep(const KTPLUGIN_INFO_TAG *pSelf, Service *pService, Channel *pChannel,
                  KTPLUGIN_INFO_TAG *pEngine) {
     if (!engineMove(pEngine, ENGINE_FAILED, ENGINE_IDLE)) {
@@ -293,7 +298,7 @@ void failureStep(const KTPLUGIN_INFO_TAG *pSelf, Service *pService, Channel *pCh
     if (!waitUntilFree(pSelf, pAnnouncement)) {
         return;
     }
-    // A pending entry is not the one that failed: that one had already made room for it.
+    // A pending request has not failed. The failed cast has already made room for it.
     if (pChannel->pCurrent == nullptr || pChannel->bStartPending) {
         return;
     }
@@ -321,6 +326,7 @@ void schedulingLoop(const KTPLUGIN_INFO_TAG *pSelf, Service *pService) {
 
 // ---- shutdown
 
+// Waits until the condition is true, for at most kSignOffPasses passes. Returns whether it is true.
 template <typename Condition>
 bool waitBounded(Condition condition) {
     for (long lPasses = 0; !condition(); ++lPasses) {
@@ -332,10 +338,10 @@ bool waitBounded(Condition condition) {
     return true;
 }
 
-// Stops every engine. Returns whether all have ended and none can touch the service any more.
+// Stops every engine. Returns whether all have ended. Then no engine can touch the service any more.
 bool stopEngines(Service *pService) {
-    // A thread that has been started but has not yet run cannot be told from one that has ended, and would
-    // run on released memory later: let each check in first.
+    // Before its first write, a started thread looks like a thread that has ended. Later it would run on
+    // released memory. So wait for the first write of each thread.
     bool bAllEnded = true;
     for (int i = 0; i < kEngineCount; ++i) {
         const KTPLUGIN_INFO_TAG *pEngine = &pService->engines[i];
@@ -346,8 +352,7 @@ bool stopEngines(Service *pService) {
             bAllEnded = false;
         }
     }
-    // Asked one after the other but all at once, so that their waits overlap: closing takes as long as the
-    // slowest of them, not as long as all together.
+    // Ask all of them before waiting for any. So closing takes only as long as the slowest engine.
     for (KTPLUGIN_INFO_TAG &engine : pService->engines) {
         engineRequestStop(&engine);
     }
@@ -366,6 +371,7 @@ bool stopEngines(Service *pService) {
     return bAllEnded;
 }
 
+// No engine uses the service any more.
 void destroyService(Service *pService) {
     releaseCurrent(&pService->bypass);
     releaseCurrent(&pService->recast);

@@ -1,3 +1,4 @@
+// Looks a service up in the registry. The contract stands in serviceswitch.h.
 #include "serviceswitch.h"
 
 #include "pccastmain.h"

@@ -1,5 +1,6 @@
-// serviceswitch.h - lets the machine's registry switch a service off. Any thread; nothing is held between
-// calls.
+// serviceswitch.h - lets the machine's registry switch a service off.
+//
+// The two senders of commander.h call it. It may run on any thread, and it keeps nothing between calls.
 #ifndef PCCAST_SERVICESWITCH_H
 #define PCCAST_SERVICESWITCH_H
 
@@ -9,8 +10,8 @@ extern "C" {
 #define PCCAST_CAST_SERVICE "/ORVEN/SERVICE/PCSTREAM"
 #define PCCAST_MESSAGE_SERVICE "/ORVEN/SERVICE/PCMBC"
 
-// Returns 0 when the registry's value of keyPath is DISABLE or a leading part of it, in any case of letters
-// (printed each time); 1 in every other case, the registry that cannot be opened included.
+// Returns 0 if the registry's value of keyPath is DISABLE or a leading part of that word (printed each time).
+// Upper and lower case are the same. Returns 1 in every other case, also if the registry cannot be opened.
 int verifyINBTService(const char *keyPath);
 }
 

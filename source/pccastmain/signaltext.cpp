@@ -1,4 +1,4 @@
-// The line that a signal leaves on the console.
+// Prints a line when a signal arrives. Runs in the signal handler, on whichever thread the signal interrupts.
 
 #include <pccast/plugin.h>
 
@@ -10,7 +10,7 @@
 
 namespace {
 
-// Puts the decimal digits of a value at pOut. Returns behind the last one.
+// Writes the value in decimal at pOut. Returns the place behind the last digit.
 char *putNumber(char *pOut, int iValue) {
     char digits[12];
     int iCount = 0;
@@ -29,6 +29,7 @@ char *putNumber(char *pOut, int iValue) {
     return pOut;
 }
 
+// Writes the text at pOut, without its terminating zero. Returns the place behind it.
 char *putText(char *pOut, const char *pText) {
     while (*pText != '\0') {
         *pOut++ = *pText++;
@@ -39,8 +40,8 @@ char *putText(char *pOut, const char *pText) {
 } // namespace
 
 void pccastSignalHandler(int iSignal) {
-    // The interrupted thread may hold the output's lock, so the line is put together here and written at
-    // once.
+    // The interrupted thread may hold the lock of standard output. So the line is built here and written with
+    // one system call.
     const int iError = errno;
     char line[128];
     char *pOut = putText(line, "[");
