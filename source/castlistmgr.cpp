@@ -245,6 +245,14 @@ int REMOVECASTInfo(CASTList *pCASTList, const CASTInfo *pInfo) {
     return removeEqualRecords(pCASTList, pInfo);
 }
 
+int castlistRemoveRequest(CASTList *pCASTList, const CASTInfo *pInfo) {
+    bool bFound = false;
+    return removeRecords(pCASTList, [&](const CASTInfo *pRecord) {
+        bFound = !bFound && COMPARECASTInfo(pInfo, pRecord, 0) == 0 && pInfo->ulCT == pRecord->ulCT;
+        return bFound;
+    });
+}
+
 int REMOVEHeadCASTList(CASTList *pCASTList) {
     return removeHeadRecord(pCASTList);
 }

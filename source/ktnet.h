@@ -21,7 +21,7 @@ enum KTNET_USE {
 };
 
 // The step whose result an opener returned.
-enum KTNET_STEP { KTNET_STEP_INIT, KTNET_STEP_CREATE };
+enum KTNET_STEP { KTNET_STEP_INIT, KTNET_STEP_CONFIGURE, KTNET_STEP_CREATE };
 
 // Each opener makes a descriptor in *ppDesc, configures it for eUse and creates its socket. *ppDesc receives
 // whatever the library left there, also after a failure: the caller passes it to KTNETClose.
@@ -34,8 +34,9 @@ int KTNETOpenClient(KTNET_ENDPOINT **ppDesc, KTNET_USE eUse, KTNET_STEP *peStep)
 // pszLocal: address of the interface; null: the library's choice.
 int KTNETOpenSender(KTNET_ENDPOINT **ppDesc, KTNET_USE eUse, const char *pszPeer, unsigned short usPort,
                     const char *pszLocal, KTNET_STEP *peStep);
+// pInitialised: called once the library has initialised the descriptor, before anything else.
 int KTNETOpenReceiver(KTNET_ENDPOINT **ppDesc, KTNET_USE eUse, const char *pszPeer, unsigned short usPort,
-                      const char *pszLocal, KTNET_STEP *peStep);
+                      const char *pszLocal, KTNET_STEP *peStep, void (*pInitialised)());
 
 // Closes the descriptor's socket and releases the descriptor; null is ignored.
 void KTNETClose(KTNET_ENDPOINT **ppDesc);

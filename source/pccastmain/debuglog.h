@@ -29,7 +29,8 @@ extern constinit thread_local int32_t gUserLevel;
 // name behind them, and opens the day's file when file logging is on. A file that an earlier call opened is
 // closed. processName: null for "DEFAULT"; up to 80 characters, so that every variable's name fits its 100
 // bytes. logDirectory: null for the variable's, or /tmp. A directory of 100 characters or more, or a file
-// name of 160 or more, leaves the file output off.
+// name of 160 or more, leaves the file output off. So does a file that is a link, belongs to another user, or
+// is no regular one. A new file can be read by its owner alone.
 void initDebug(const char *processName, const char *logDirectory);
 
 // Switches to today's file if the date has changed since the file was opened.
