@@ -11,26 +11,47 @@
 #include <qxapi.h>
 #include <vexa_pgl.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 
+namespace {
+
+// The library's call whose result an opener returned; null when the address did not fit, which is printed.
+const char *callOf(KTNET_STEP eStep) {
+    switch (eStep) {
+    case KTNET_STEP_INIT:
+        return "KTNetInit";
+    case KTNET_STEP_CREATE:
+        return "KTNetCreate";
+    default:
+        return nullptr;
+    }
+}
+
+void reportOpening(const char *pOpener, KTNET_STEP eStep, int iResult, int iLine = __builtin_LINE()) {
+    if (callOf(eStep) != nullptr) {
+        PCCAST_DEBUG(0, "%s():%d, ERROR, %s() return %#x(%d)\n", pOpener, iLine, callOf(eStep),
+                     static_cast<unsigned int>(iResult), iResult);
+    }
+}
+
+} // namespace
+
 int initMSTREAMRxNetEx(KTNET_ENDPOINT **ppDesc, const char *pszPeer, unsigned short usPort,
                        const char *pszLocal) {
     KTNETClose(ppDesc);
     KTNET_STEP eStep = KTNET_STEP_INIT;
-    const int iResult = KTNETOpenReceiver(ppDesc, KTNET_STREAM_RECEIVER, pszPeer, usPort, pszLocal, &eStep);
-    if (eStep == KTNET_STEP_INIT) {
-        PCCAST_DEBUG(0, "%s():%d, ERROR, KTNetInit() return %#x(%d)\n", "initMSTREAMRxNetEx", __LINE__,
-                     static_cast<unsigned int>(iResult), iResult);
-        return iResult;
-    }
-    PCCAST_DEBUG(4, "%s():%d rx. network reinitializing\n", "initMSTREAMRxNetEx", __LINE__);
+    const int iResult =
+        KTNETOpenReceiver(ppDesc, KTNET_STREAM_RECEIVER, pszPeer, usPort, pszLocal, &eStep, [] {
+            PCCAST_DEBUG(4, "%s():%d rx. network reinitializing\n", "initMSTREAMRxNetEx", __LINE__);
+        });
     if (iResult <= 0) {
-        PCCAST_DEBUG(0, "%s():%d, ERROR, KTNetCreate() return %#x(%d)\n", "initMSTREAMRxNetEx", __LINE__,
-                     static_cast<unsigned int>(iResult), iResult);
+        reportOpening("initMSTREAMRxNetEx", eStep, iResult);
         return iResult;
     }
     return 1;
@@ -42,9 +63,7 @@ int initSTREAMTxNet(KTNET_ENDPOINT **ppDesc, const char *pszPeer, const char *ps
     const auto usPort = static_cast<unsigned short>(iPort);
     const int iResult = KTNETOpenSender(ppDesc, KTNET_STREAM_SENDER, pszPeer, usPort, pszLocal, &eStep);
     if (iResult <= 0) {
-        PCCAST_DEBUG(0, "%s():%d, ERROR, %s() return %#x(%d)\n", "initSTREAMTxNet", __LINE__,
-                     eStep == KTNET_STEP_INIT ? "KTNetInit" : "KTNetCreate",
-                     static_cast<unsigned int>(iResult), iResult);
+        reportOpening("initSTREAMTxNet", eStep, iResult);
         return iResult;
     }
     PCCAST_DEBUG(0, "-------------%s():%d, MESSAGE, KTNetCreate(p(%s), l(%s), p(%d)) ok\n", "initSTREAMTxNet",
@@ -87,23 +106,34 @@ bool takeKey(Relay *pRelay) {
     return true;
 }
 
-// Returns whether source and destination differ. If they do not (printed), the relay would feed itself
-// without end.
-bool leadsElsewhere(const CASTInfo *pCast) {
-    if (pCast->usSRCPort == pCast->usDSTPort && pCast->pSRCIP != nullptr && pCast->pDSTIP != nullptr &&
-        std::strcmp(pCast->pSRCIP, pCast->pDSTIP) == 0) {
-        std::printf(
-            "%s():%d \e[1;41m[cast of EPG id %lu has %s:%u for its source and its destination]\e[0m\n",
-            "PCCASTBYPASSEngine", __LINE__, pCast->uliEPGID, pCast->pSRCIP, pCast->usSRCPort);
-        return false;
+// A relay onto its own source feeds itself without end where what it sends comes back to it: with an address
+// of this machine, or with a group that it sends by the loopback interface, on which it receives. A group
+// that it sends by another interface is a fine destination for the stream of the same group on the loopback
+// interface. Returns whether it is no such relay (printed). Both endpoints are open.
+bool leadsElsewhere(const Relay *pRelay) {
+    const CASTInfo *pCast = pRelay->pCast;
+    if (pCast->usSRCPort != pCast->usDSTPort || std::strcmp(pCast->pSRCIP, pCast->pDSTIP) != 0) {
+        return true;
     }
-    return true;
+    // The sender is connected, so its own address is that of the interface that it sends by.
+    sockaddr_in local{};
+    socklen_t uiLength = sizeof local;
+    getsockname(pRelay->pSender->iSocket, reinterpret_cast<sockaddr *>(&local), &uiLength);
+    const bool bGroup = IN_MULTICAST(ntohl(inet_addr(pCast->pDSTIP)));
+    const bool bByLoopback = ntohl(local.sin_addr.s_addr) >> IN_CLASSA_NSHIFT == IN_LOOPBACKNET;
+    if (bGroup && !bByLoopback) {
+        return true;
+    }
+    std::printf("%s():%d \e[1;41m[cast of EPG id %lu would feed itself: %s:%u is its source and its "
+                "destination]\e[0m\n",
+                "PCCASTBYPASSEngine", __LINE__, pCast->uliEPGID, pCast->pSRCIP, pCast->usSRCPort);
+    return false;
 }
 
 // Opens both endpoints. Returns whether the cast can go on air. Reports the reason if it cannot.
 bool openRelay(Relay *pRelay) {
     const CASTInfo *pCast = pRelay->pCast;
-    if (!takeKey(pRelay) || !leadsElsewhere(pCast) ||
+    if (!takeKey(pRelay) ||
         initMSTREAMRxNetEx(&pRelay->pReceiver, pCast->pSRCIP, pCast->usSRCPort, kReceiveInterface) <= 0) {
         return false;
     }
@@ -112,7 +142,7 @@ bool openRelay(Relay *pRelay) {
         PRINTCASTInfo(pCast, "PCCASTBYPASSEngine");
         return false;
     }
-    return true;
+    return leadsElsewhere(pRelay);
 }
 
 void decrypt(const Relay *pRelay, unsigned char *pData, unsigned long ulLength) {

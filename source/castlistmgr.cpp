@@ -2,6 +2,7 @@
 #include "castlistmgr.h"
 
 #include "castformat.h"
+#include "consoletext.h"
 #include "recordlist.h"
 #include "timetext.h"
 
@@ -26,8 +27,9 @@ char *copyText(const char *pText) {
     return pCopy;
 }
 
-const char *orNull(const char *pText) {
-    return pText == nullptr ? "NULL" : pText;
+// What a record's text looks like on the console.
+ConsoleText orNull(const char *pText) {
+    return consoleText(pText, "NULL");
 }
 
 } // namespace
@@ -157,14 +159,14 @@ int PRINTCASTInfo(const CASTInfo *pInfo, const char *pCaller) {
                 pInfo->ulCASTType, pInfo->uliEPGID, timeText(pInfo->ulCT).text.data());
     std::printf("\t ulST:%.24s\n", timeText(pInfo->ulST).text.data());
     std::printf("\t ulET:%.24s\n", timeText(pInfo->ulET).text.data());
-    std::printf("\t pDSTIP:Port = %s:%d\n", orNull(pInfo->pDSTIP), pInfo->usDSTPort);
+    std::printf("\t pDSTIP:Port = %s:%d\n", orQuestion(orNull(pInfo->pDSTIP)), pInfo->usDSTPort);
     std::printf("\t ulSTREAMFormat:%lu\n", pInfo->ulSTREAMFormat);
     std::printf("\t iEncryptionType:%d\n", pInfo->iEncryptionType);
     if (pInfo->ulCASTType == CAST_TYPE_FILE) {
-        std::printf("\t pCASTFile =  %s\n", orNull(pInfo->pCASTFile));
+        std::printf("\t pCASTFile =  %s\n", orQuestion(orNull(pInfo->pCASTFile)));
         std::printf("\t ulMSID =  %lu\n", pInfo->ulMSID);
     } else if (isStream(pInfo->ulCASTType)) {
-        std::printf("\t pSRCIP:Port =  %s:%d\n", orNull(pInfo->pSRCIP), pInfo->usSRCPort);
+        std::printf("\t pSRCIP:Port =  %s:%d\n", orQuestion(orNull(pInfo->pSRCIP)), pInfo->usSRCPort);
     } else {
         std::printf("\t---> INVALID CASTType[%lu]\n", pInfo->ulCASTType);
     }
@@ -247,6 +249,14 @@ int GETCOPYaCASTInfo(CASTList *pCASTList, CASTInfo **ppCASTInfo) {
 
 int REMOVECASTInfo(CASTList *pCASTList, const CASTInfo *pInfo) {
     return removeEqualRecords(pCASTList, pInfo);
+}
+
+int castlistRemoveRequest(CASTList *pCASTList, const CASTInfo *pInfo) {
+    bool bFound = false;
+    return removeRecords(pCASTList, [&](const CASTInfo *pRecord) {
+        bFound = !bFound && COMPARECASTInfo(pInfo, pRecord, 0) == 0 && pInfo->ulCT == pRecord->ulCT;
+        return bFound;
+    });
 }
 
 int REMOVEHeadCASTList(CASTList *pCASTList) {

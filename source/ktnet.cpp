@@ -112,8 +112,9 @@ bool configure(KTNET_ENDPOINT *pDesc, const KTNET_SETTING &setting, const char *
     return true;
 }
 
+// pInitialised: called between the library's initialisation and what follows; null: nothing is.
 int open(KTNET_ENDPOINT **ppDesc, const KTNET_SETTING *pSetting, const char *pszPeer, unsigned short usPort,
-         const char *pszLocal, KTNET_STEP *peStep) {
+         const char *pszLocal, KTNET_STEP *peStep, void (*pInitialised)() = nullptr) {
     KTNET_STEP eStep = KTNET_STEP_INIT;
     KTNET_STEP &step = peStep != nullptr ? *peStep : eStep;
     step = KTNET_STEP_INIT;
@@ -130,10 +131,14 @@ int open(KTNET_ENDPOINT **ppDesc, const KTNET_SETTING *pSetting, const char *psz
     if (*ppDesc == nullptr) {
         return pSetting->uiKind == KTNET_KIND_LOCAL ? iInit : -1;
     }
-    step = KTNET_STEP_CREATE;
+    if (pInitialised != nullptr) {
+        pInitialised();
+    }
+    step = KTNET_STEP_CONFIGURE;
     if (!configure(*ppDesc, *pSetting, pszPeer, usPort, pszLocal)) {
         return -1;
     }
+    step = KTNET_STEP_CREATE;
     return ktn_xapi_ktnet_create(*ppDesc);
 }
 
@@ -157,8 +162,8 @@ int KTNETOpenSender(KTNET_ENDPOINT **ppDesc, KTNET_USE eUse, const char *pszPeer
 }
 
 int KTNETOpenReceiver(KTNET_ENDPOINT **ppDesc, KTNET_USE eUse, const char *pszPeer, unsigned short usPort,
-                      const char *pszLocal, KTNET_STEP *peStep) {
-    return open(ppDesc, settingOf(eUse, KTNET_KIND_UDP, 1), pszPeer, usPort, pszLocal, peStep);
+                      const char *pszLocal, KTNET_STEP *peStep, void (*pInitialised)()) {
+    return open(ppDesc, settingOf(eUse, KTNET_KIND_UDP, 1), pszPeer, usPort, pszLocal, peStep, pInitialised);
 }
 
 void KTNETClose(KTNET_ENDPOINT **ppDesc) {

@@ -20,8 +20,8 @@ enum KTNET_USE {
     KTNET_STREAM_SENDER     // multicast sender, the relayed stream
 };
 
-// The step of opening that gave an opener's result.
-enum KTNET_STEP { KTNET_STEP_INIT, KTNET_STEP_CREATE };
+// The step whose result an opener returned.
+enum KTNET_STEP { KTNET_STEP_INIT, KTNET_STEP_CONFIGURE, KTNET_STEP_CREATE };
 
 // The openers make a descriptor in *ppDesc, set its fields for eUse and create its socket. After a failure
 // *ppDesc may still hold a descriptor: the caller passes it to KTNETClose in any case.
@@ -39,8 +39,9 @@ int KTNETOpenClient(KTNET_ENDPOINT **ppDesc, KTNET_USE eUse, KTNET_STEP *peStep)
 // pszLocal: address of the interface; null: the library chooses.
 int KTNETOpenSender(KTNET_ENDPOINT **ppDesc, KTNET_USE eUse, const char *pszPeer, unsigned short usPort,
                     const char *pszLocal, KTNET_STEP *peStep);
+// pInitialised: called once the library has initialised the descriptor, before anything else.
 int KTNETOpenReceiver(KTNET_ENDPOINT **ppDesc, KTNET_USE eUse, const char *pszPeer, unsigned short usPort,
-                      const char *pszLocal, KTNET_STEP *peStep);
+                      const char *pszLocal, KTNET_STEP *peStep, void (*pInitialised)());
 
 // Closes the socket, releases the descriptor and sets *ppDesc to null. Does nothing if *ppDesc is null.
 void KTNETClose(KTNET_ENDPOINT **ppDesc);

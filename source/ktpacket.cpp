@@ -136,11 +136,3 @@ bool ktpacketNextItem(const unsigned char *pData, unsigned long ulTotal, unsigne
     *pulOffset += ulHeader + pItem->ulLength;
     return true;
 }
-
-bool ktpacketAddsUp(const unsigned char *pData, unsigned long ulTotal) {
-    unsigned long ulOffset = 0;
-    KTPacketItem item;
-    while (ktpacketNextItem(pData, ulTotal, &ulOffset, &item)) {
-    }
-    return ulOffset == ulTotal;
-}

@@ -55,7 +55,4 @@ unsigned int ktpacketGetDWORD(const unsigned char *pValue);
 bool ktpacketNextItem(const unsigned char *pData, unsigned long ulTotal, unsigned long *pulOffset,
                       KTPacketItem *pItem);
 
-// Whether the ulTotal received bytes are whole items and nothing else.
-bool ktpacketAddsUp(const unsigned char *pData, unsigned long ulTotal);
-
 #endif

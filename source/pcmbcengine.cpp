@@ -53,8 +53,9 @@ struct Broadcast {
     MSGList *pNormal;
     MSGInfo *pCurrent; // the message on air, owned; null for none
     unsigned long ulNextSend;
-    // The result of the last opening or sending. Negative: open the endpoint before the next use. 0: send
-    // nothing any more.
+    unsigned long ulPause; // the pause that ulNextSend ends
+    // Of the last opening or sending. Negative: the endpoint is opened before the next use. 0: no more is
+    // sent.
     int iNetResult;
     KTNET_ENDPOINT *pEndpoint;
     unsigned long ulNow; // the time that readClock read last
@@ -201,21 +202,25 @@ void sendBroadcast(Broadcast *pState) {
     }
 }
 
-// Counts an attempt and sets the pause that follows it, whether or not the packet was sent. A text that fits
-// no datagram adds nothing to the pause. Otherwise it would keep all other messages off the air for hours.
+// Seconds from one broadcast of a text to the next.
+double pauseAfter(size_t ulText) {
+    return static_cast<double>(kPause) + kPausePerByte * static_cast<double>(ulText);
+}
+
+// Counts an attempt, whether or not anything was sent, and sets the pause that follows it. A text that no
+// datagram can carry is not sent, and its pause is as long as that of any text of its length.
 void countAttempt(Broadcast *pState) {
     MSGInfo *pCurrent = pState->pCurrent;
-    size_t ulText = std::strlen(pCurrent->pMSGSTR);
+    const size_t ulText = std::strlen(pCurrent->pMSGSTR);
     if (ulText > PCMBC_TEXT_MAX) {
         std::printf(
             "[%s:%d] \e[2;31m message of EPG id %lu: %zu bytes of text do not fit a datagram, not sent "
             "\e[1;41m[ERROR]\e[0m\n",
             kModule, __LINE__, pCurrent->uliEPGID, ulText);
-        ulText = 0;
     }
-    --pCurrent->ulRepeat; // 0 wraps around: such a message is repeated until its end time
-    const double dPause = kPausePerByte * static_cast<double>(ulText);
-    pState->ulNextSend = static_cast<unsigned long>(static_cast<double>(pState->ulNow + kPause) + dPause);
+    --pCurrent->ulRepeat; // 0 wraps: such a message is repeated until its end time
+    pState->ulPause = static_cast<unsigned long>(pauseAfter(ulText));
+    pState->ulNextSend = pState->ulNow + pState->ulPause;
     if (pCurrent->ulRepeat == 0) {
         releaseCurrent(pState);
     }
@@ -227,6 +232,10 @@ void broadcastCurrent(Broadcast *pState) {
         return;
     }
     readClock(pState);
+    // A clock that was set back must not stretch the pause by as much.
+    if (pState->ulNextSend > pState->ulNow + pState->ulPause) {
+        pState->ulNextSend = pState->ulNow + pState->ulPause;
+    }
     if (pState->pCurrent->ulET <= pState->ulNow || pState->ulNextSend > pState->ulNow) {
         return;
     }
@@ -259,7 +268,10 @@ int PCMBCEngine(KTPLUGIN_INFO_TAG *pBlock) {
     }
     ++pBlock->iThreadCount;
     pBlock->eState = ENGINE_RUNNING;
-    Broadcast state{ppLists[0], ppLists[1], nullptr, 0, -1, nullptr, 0};
+    Broadcast state{};
+    state.pPriority = ppLists[0];
+    state.pNormal = ppLists[1];
+    state.iNetResult = -1;
     while (pBlock->eState <= ENGINE_FINISH) {
         pass(&state);
         vexa_load_balance();

@@ -1,6 +1,7 @@
 // The ASF file cast driver. Runs on the recast thread. Owns its stream and its caster.
 #include "filecast.h"
 
+#include "consoletext.h"
 #include "filecastloop.h"
 
 namespace {
@@ -37,7 +38,7 @@ Caster openCaster(const ASFCASTARG *pArg) {
 } // namespace
 
 int qxbox_asfcast(ASFCASTARG *pArg) {
-    qxapi_printf("cast \"\e[1;32m%s\e[0m\"\n", pArg->pszFile);
+    qxapi_printf("cast \"\e[1;32m%s\e[0m\"\n", orQuestion(consoleText(pArg->pszFile, "NULL")));
     const Stream pStream = filecastOpen(pArg->pszFile, kModule, kDriver);
     if (pStream == nullptr) {
         return -1;

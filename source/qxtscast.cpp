@@ -1,6 +1,7 @@
 // The transport stream file cast driver. Runs on the recast thread. Owns its stream and its caster.
 #include "filecast.h"
 
+#include "consoletext.h"
 #include "filecastloop.h"
 
 namespace {
@@ -31,8 +32,9 @@ Caster openCaster(const TSCASTARG *pArg) {
 } // namespace
 
 int qxbox_tscast(TSCASTARG *pArg) {
-    qxapi_printf("cast \"\e[1;32m%s\e[0m\" to \"\e[1;37m%s\e[0m\"\n", pArg->pszFile,
-                 qxapi_check_string(pArg->pszTarget));
+    qxapi_printf("cast \"\e[1;32m%s\e[0m\" to \"\e[1;37m%s\e[0m\"\n",
+                 orQuestion(consoleText(pArg->pszFile, "NULL")),
+                 orQuestion(consoleText(qxapi_check_string(pArg->pszTarget), "NULL")));
     const Stream pStream = filecastOpen(pArg->pszFile, kModule, kDriver);
     if (pStream == nullptr) {
         return -1;

@@ -2,6 +2,7 @@
 // Owns the cast on air. Calls the two file cast drivers.
 
 #include "castformat.h"
+#include "consoletext.h"
 #include "engines.h"
 #include "filecast.h"
 #include "ktlist.h"
@@ -27,9 +28,10 @@ void reportArguments(const CASTInfo *pCast) {
     constexpr const char *kName = "PCCASTRECASTEngine";
     const auto uiMSID = static_cast<unsigned int>(pCast->ulMSID & 0xFFFF);
     std::printf("%s[%d] check the recast arguments:\n", kName, __LINE__);
-    std::printf("%s[%d] : FileName = %s\n", kName, __LINE__, qxapi_check_string_ex(pCast->pCASTFile, "NULL"));
+    std::printf("%s[%d] : FileName = %s\n", kName, __LINE__,
+                orQuestion(consoleText(pCast->pCASTFile, "NULL")));
     std::printf("%s[%d] : IP = %s, PORT = %u\n", kName, __LINE__,
-                qxapi_check_string_ex(pCast->pDSTIP, "NULL"), static_cast<unsigned int>(pCast->usDSTPort));
+                orQuestion(consoleText(pCast->pDSTIP, "NULL")), static_cast<unsigned int>(pCast->usDSTPort));
     std::printf("%s[%d] : MSID = %u[%x]\n", kName, __LINE__, uiMSID, uiMSID);
 }
 

@@ -194,8 +194,9 @@ int copyHeadRecord(List *pHandle, RecordOf<List> **ppRecord, const char *pOperat
                         [=] { RecordKind<List>::copy(headRecord(pHandle), ppRecord); });
 }
 
-template <typename List>
-int removeEqualRecords(List *pHandle, const RecordOf<List> *pKey, int iLine = __builtin_LINE()) {
+// Removes and releases every record of which isWanted(pRecord) is true. Returns 1 when there was one, else 0.
+template <typename List, typename IsWanted>
+int removeRecords(List *pHandle, IsWanted isWanted, int iLine = __builtin_LINE()) {
     if (!isUsable(pHandle)) {
         return 0;
     }
@@ -206,7 +207,7 @@ int removeEqualRecords(List *pHandle, const RecordOf<List> *pKey, int iLine = __
     int iResult = 0;
     KTLIST_NODE *pPlace = nullptr;
     while (KTLIST_NODE *pNode = ktlistAfter(pHandle->pList, pPlace)) {
-        if (RecordKind<List>::compare(pKey, recordOf<List>(pNode), 0) == 0) {
+        if (isWanted(recordOf<List>(pNode))) {
             drop(pHandle, pPlace);
             pHandle->iFLAGChange = 1;
             iResult = 1;
@@ -215,6 +216,14 @@ int removeEqualRecords(List *pHandle, const RecordOf<List> *pKey, int iLine = __
         }
     }
     return iResult;
+}
+
+template <typename List>
+int removeEqualRecords(List *pHandle, const RecordOf<List> *pKey, int iLine = __builtin_LINE()) {
+    return removeRecords(
+        pHandle,
+        [=](const RecordOf<List> *pRecord) { return RecordKind<List>::compare(pKey, pRecord, 0) == 0; },
+        iLine);
 }
 
 template <typename List>

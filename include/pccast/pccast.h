@@ -6,5 +6,6 @@
 #include <pccast/commander.h>
 #include <pccast/msginfo.h>
 #include <pccast/plugin.h>
+#include <pccast/view.h>
 
 #endif

@@ -25,7 +25,9 @@ unsigned int QX_PlugIn_Version(void);
  * Returns 1, also after a failure; a failure is printed. */
 int QX_PlugIn_Open(void);
 
-/* Stops the service. Returns 1 when the supervisor has ended. */
+/* Stops the service and returns when its supervisor has ended. A thread that hangs is waited for for about 50
+ * seconds; then it is named on the console, and what it can reach is kept as long as the process lives.
+ * Returns 1. */
 int QX_PlugIn_Close(void);
 
 /* Does nothing. */

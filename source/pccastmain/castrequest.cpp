@@ -114,6 +114,7 @@ void decodeRequest(const KTNET_PACKET &packet, CASTInfo *pDecoding) {
         itemStoreByTag(kFileItems, item, pDecoding);
         itemStoreByTag(kTailItems, item, pDecoding);
     }
+    reportRest("cast", ulOffset, packet.ulPayloadLen);
 }
 
 // Files a copy of the decoded request in the list of its type. Drops a request that it cannot copy or file.
@@ -146,15 +147,8 @@ void serveConnection(KTNET_ENDPOINT *pServer, CASTList *const *ppLists, CASTInfo
         KTNET_PACKET packet{};
         packet.uiIdent = wire::castrequest::kIdent;
         if (ktn_xapi_ktnet_rx_data(pConnection, &packet) > 0) {
-            // A request whose items do not add up must not touch the decoding record.
-            if (ktpacketAddsUp(packet.pPayload, packet.ulPayloadLen)) {
-                decodeRequest(packet, pDecoding);
-                fileRequest(ppLists, pDecoding, packet.uiCommand);
-            } else {
-                std::printf("[%s:%d] \e[2;31m cast request of %lu bytes does not add up, dropped "
-                            "\e[1;41m[ERROR]\e[0m\n",
-                            kModule, __LINE__, packet.ulPayloadLen);
-            }
+            decodeRequest(packet, pDecoding);
+            fileRequest(ppLists, pDecoding, packet.uiCommand);
         }
         if (packet.pPayload != nullptr) {
             ktn_xapi_free(packet.pPayload);

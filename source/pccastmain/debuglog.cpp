@@ -1,6 +1,11 @@
 // The debug log. The contracts stand in debuglog.h.
 #include "debuglog.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -21,8 +26,10 @@ constinit thread_local int32_t gUserLevel = 0;
 
 namespace {
 
-// Guards the four texts and gFD. Keeps each line whole.
+// Guards the four texts, gFD and the two flags, and keeps each line whole.
 std::mutex logMutex;
+bool bPathFits;        // gszLogPath holds the whole path
+bool bFailureReported; // that the open file takes no more
 
 tm localNow() {
     const time_t now = std::time(nullptr);
@@ -58,7 +65,7 @@ void nameFile(const tm &date) {
     std::strftime(day, sizeof day, "%Y-%m-%d.txt", &date);
     const int iLength =
         std::snprintf(gszCurFileName, sizeof gszCurFileName, "%s/%s@%s", gszLogPath, gszProcessName, day);
-    if (gszLogPath[0] == '\0' || iLength >= static_cast<int>(sizeof gszCurFileName)) {
+    if (!bPathFits || iLength >= static_cast<int>(sizeof gszCurFileName)) {
         gszCurFileName[0] = '\0';
     }
 }
@@ -71,9 +78,26 @@ void closeFile() {
     }
 }
 
+// Everybody may write to /tmp. A link, another user's file, and what is no regular file are not written to.
+FILE *openOwnFile(const char *pName) {
+    const int iFile = open(pName, O_RDWR | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600);
+    struct stat status {};
+    if (iFile < 0) {
+        return nullptr;
+    }
+    FILE *pFile = fstat(iFile, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid()
+                      ? fdopen(iFile, "a+")
+                      : nullptr;
+    if (pFile == nullptr) {
+        close(iFile);
+    }
+    return pFile;
+}
+
 void openFile() {
+    bFailureReported = false;
     if (gszCurFileName[0] != '\0') {
-        gFD = std::fopen(gszCurFileName, "a+e");
+        gFD = openOwnFile(gszCurFileName);
     }
     copyText(gszOldFileName, gszCurFileName);
 }
@@ -88,9 +112,10 @@ void switchFile() {
     openFile();
 }
 
-void writeLine(FILE *pFile, const char *pStamp, int iLevel, const char *pText) {
-    std::fprintf(pFile, "%s [DEBUG_LEVEL_%d] %s", pStamp, iLevel, pText);
-    std::fflush(pFile);
+// Returns whether the file has taken the line.
+bool writeLine(FILE *pFile, const char *pStamp, int iLevel, const char *pText) {
+    return std::fprintf(pFile, "%s [DEBUG_LEVEL_%d] %s", pStamp, iLevel, pText) >= 0 &&
+           std::fflush(pFile) == 0;
 }
 
 } // namespace
@@ -104,9 +129,7 @@ void initDebug(const char *processName, const char *logDirectory) {
     closeFile();
     if (gFileLog != 0) {
         const char *pDirectory = logDirectory != nullptr ? logDirectory : variable("KTDEBUG_PATH_%s");
-        if (!copyText(gszLogPath, pDirectory != nullptr ? pDirectory : "/tmp")) {
-            gszLogPath[0] = '\0'; // a cut path would name another folder
-        }
+        bPathFits = copyText(gszLogPath, pDirectory != nullptr ? pDirectory : "/tmp");
         nameFile(date);
         openFile();
     }
@@ -130,8 +153,9 @@ void DEBUG_LEVEL_COMMON(int level, const char *text) {
     }
     if (gFileLog != 0) {
         switchFile();
-        if (gFD != nullptr) {
-            writeLine(gFD, stamp, level, text);
+        if (gFD != nullptr && !writeLine(gFD, stamp, level, text) && !bFailureReported) {
+            std::fprintf(stderr, "the debug log %s loses lines: %s\n", gszCurFileName, std::strerror(errno));
+            bFailureReported = true;
         }
     }
 }

@@ -28,7 +28,8 @@ std::atomic<uint32_t> gSupervisorStarts{0};
 namespace {
 
 constexpr unsigned int kVersion = 0x03060502;
-constexpr int kCloseLimit = 50; // units of ktWaitForAEngine
+constexpr int kCloseLimit = 50;     // units of ktWaitForAEngine
+constexpr int kSignOffPasses = 100; // for the last write of a supervisor that has left the count
 
 void *supervisorThread(void *pBlock) {
     PCCASTPluginMain(static_cast<KTPLUGIN_INFO_TAG *>(pBlock));
@@ -80,11 +81,19 @@ int __qxapi_close_pccast__() {
         engineRequestStop(pBlock);
         ktWaitForAEngine(pBlock, kCloseLimit);
     }
-    // The supervisor waits for its engines for a limited time only. So this loop ends too.
-    while (!hasEnded(pBlock)) {
+    for (int i = 0; i < kSignOffPasses && !hasEnded(pBlock); ++i) {
         vexa_load_balance();
     }
-    std::free(pBlock);
+    if (hasEnded(pBlock)) {
+        std::free(pBlock);
+    } else {
+        // The supervisor still waits, and writes to its block when that is over: the block is left to it.
+        const char *pEngine = gStoppingEngine;
+        std::printf(
+            "[%s:%d] \e[2;31m %s does not end: the service is closed without it, and what it uses is kept "
+            "\e[1;41m[ERROR]\e[0m\n",
+            kModule, __LINE__, pEngine != nullptr ? pEngine : "PCCASTPluginMain");
+    }
     gpPCCASTPluginInfo = nullptr;
     qxapi_printf(" \e[1;32m*\e[0m Close PCCast plugin\n");
     return 1;

@@ -90,16 +90,10 @@ void decodeRequest(const KTNET_PACKET &packet, MSGInfo *pWorking) {
     while (ktpacketNextItem(packet.pPayload, packet.ulPayloadLen, &ulOffset, &item)) {
         itemStoreByTag(kItems, item, pWorking);
     }
+    reportRest("message", ulOffset, packet.ulPayloadLen);
 }
 
 void handleRequest(MSGList *const *ppLists, const KTNET_PACKET &packet, MSGInfo *pWorking) {
-    // A request whose items do not add up must not touch the working record.
-    if (!ktpacketAddsUp(packet.pPayload, packet.ulPayloadLen)) {
-        std::printf(
-            "[%s:%d] \e[2;31m message request of %lu bytes does not add up, dropped \e[1;41m[ERROR]\e[0m\n",
-            kModule, __LINE__, packet.ulPayloadLen);
-        return;
-    }
     decodeRequest(packet, pWorking);
     if (pWorking->pMSGSTR == nullptr) {
         std::printf("%s(iEPGID[%lu](0x0%8lX)): NULL PCMessage Received\n", "RxPCMBCInfoEngine",

@@ -18,6 +18,8 @@
 #include <iterator>
 #include <new>
 
+std::atomic<const char *> gStoppingEngine{nullptr};
+
 namespace {
 
 constexpr unsigned long kHorizon = 2;    // a request is taken so many seconds before its start
@@ -58,6 +60,7 @@ constexpr int kEngineCount = static_cast<int>(std::size(kEngines));
 struct Channel {
     CASTList list;
     CASTInfo *pCurrent; // owned; null: none
+    CASTInfo *pOnAir;   // owned copy of the request last given to the engine; null: none
     bool bStartPending; // pCurrent has been taken but not yet started
     bool bReported;     // it has been printed that pCurrent cannot be handed over
 };
@@ -157,11 +160,19 @@ bool waitUntilTaken(const KTPLUGIN_INFO_TAG *pSelf, const KTPLUGIN_INFO_TAG *pEn
     return true;
 }
 
-// Puts a copy of the channel's current request into the engine's slot. Returns whether it did.
-bool handOver(KTPLUGIN_INFO_TAG *pEngine, Channel *pChannel) {
+// Puts a copy of the request into the engine's slot. Returns whether it is there.
+bool putInSlot(KTPLUGIN_INFO_TAG *pEngine, const CASTInfo *pInfo) {
     CASTInfo *pSlot = enginePeek(pEngine);
-    if (COPYaCASTInfo(pChannel->pCurrent, &pSlot) == 1) {
-        pEngine->pWork = pSlot;
+    if (COPYaCASTInfo(pInfo, &pSlot) != 1) {
+        return false;
+    }
+    pEngine->pWork = pSlot;
+    return true;
+}
+
+// Hands the channel's current entry to the engine. Returns whether it did.
+bool handOver(KTPLUGIN_INFO_TAG *pEngine, Channel *pChannel) {
+    if (putInSlot(pEngine, pChannel->pCurrent)) {
         return true;
     }
     // Every pass tries again. Print it only once.
@@ -247,7 +258,12 @@ void startCurrent(const KTPLUGIN_INFO_TAG *pSelf, Service *pService, Channel *pC
         releaseCurrent(pChannel);
         return;
     }
-    if (handOver(pEngine, pChannel) && waitUntilTaken(pSelf, pEngine)) {
+    if (!handOver(pEngine, pChannel)) {
+        return;
+    }
+    ELIMINATECASTInfo(&pChannel->pOnAir);
+    COPYaCASTInfo(pChannel->pCurrent, &pChannel->pOnAir);
+    if (waitUntilTaken(pSelf, pEngine)) {
         pChannel->bStartPending = false;
     }
 }
@@ -286,9 +302,20 @@ void recastStartStep(const KTPLUGIN_INFO_TAG *pSelf, Service *pService) {
     startCurrent(pSelf, pService, &pService->recast, &pService->engines[RECAST]);
 }
 
-// Hands a failed cast to the announcement engine as ended, and drops it. The engine announces the end for 20
-// seconds at its own pace. The schedule goes on meanwhile. A request that is due within these seconds takes
-// the place of the end: a cast that fails must not hold up a cast that works.
+// Hands the request to the announcement engine as ended. The engine has the end in hand for 20 seconds and
+// sends it by its own cadence. The schedule goes on meanwhile: a request that falls due before takes the
+// end's place, so that a cast that fails does not hold up one that works.
+void announceFailure(const KTPLUGIN_INFO_TAG *pSelf, KTPLUGIN_INFO_TAG *pAnnouncement, CASTInfo *pFailed) {
+    std::printf("[%s:%d] \e[2;31m cast of EPG id %lu failed, dropped; its end is handed to the announcements "
+                "\e[1;41m[ERROR]\e[0m\n",
+                kModule, __LINE__, pFailed->uliEPGID);
+    pFailed->ulCMD = CAST_CMD_END;
+    if (putInSlot(pAnnouncement, pFailed)) {
+        waitUntilTaken(pSelf, pAnnouncement);
+    }
+}
+
+// A failed cast is announced as ended, and leaves the schedule.
 void failureStep(const KTPLUGIN_INFO_TAG *pSelf, Service *pService, Channel *pChannel,
                  KTPLUGIN_INFO_TAG *pEngine) {
     if (!engineMove(pEngine, ENGINE_FAILED, ENGINE_IDLE)) {
@@ -298,18 +325,16 @@ void failureStep(const KTPLUGIN_INFO_TAG *pSelf, Service *pService, Channel *pCh
     if (!waitUntilFree(pSelf, pAnnouncement)) {
         return;
     }
-    // A pending request has not failed. The failed cast has already made room for it.
-    if (pChannel->pCurrent == nullptr || pChannel->bStartPending) {
-        return;
+    if (pChannel->pCurrent != nullptr && !pChannel->bStartPending) {
+        announceFailure(pSelf, pAnnouncement, pChannel->pCurrent);
+        releaseCurrent(pChannel);
+    } else if (pChannel->pCurrent != nullptr && pChannel->pOnAir != nullptr) {
+        // A newer request is pending, and the one that failed has gone back to the list. It would return from
+        // there when the newer one is over.
+        castlistRemoveRequest(&pChannel->list, pChannel->pOnAir);
+        announceFailure(pSelf, pAnnouncement, pChannel->pOnAir);
     }
-    std::printf("[%s:%d] \e[2;31m cast of EPG id %lu failed, dropped; its end is handed to the announcements "
-                "\e[1;41m[ERROR]\e[0m\n",
-                kModule, __LINE__, pChannel->pCurrent->uliEPGID);
-    pChannel->pCurrent->ulCMD = CAST_CMD_END;
-    if (handOver(pAnnouncement, pChannel)) {
-        waitUntilTaken(pSelf, pAnnouncement);
-    }
-    releaseCurrent(pChannel);
+    ELIMINATECASTInfo(&pChannel->pOnAir);
 }
 
 void schedulingLoop(const KTPLUGIN_INFO_TAG *pSelf, Service *pService) {
@@ -338,45 +363,54 @@ bool waitBounded(Condition condition) {
     return true;
 }
 
-// Stops every engine. Returns whether all have ended. Then no engine can touch the service any more.
+// Waits until a started thread has checked in. One that has been started but has not yet run cannot be told
+// from one that has ended, and would run on released memory later. Returns false (printed) when it does not.
+bool hasCheckedIn(const KTPLUGIN_INFO_TAG *pEngine, const char *pName) {
+    if (waitBounded([=] { return pEngine->iThreadCount > 0 && pEngine->eState != ENGINE_STOPPED; })) {
+        return true;
+    }
+    std::printf("[%s:%d] \e[2;31m %s does not begin: its lists are kept \e[1;41m[ERROR]\e[0m\n", kModule,
+                __LINE__, pName);
+    return false;
+}
+
+// Asks one engine to stop and waits for it. Returns whether it has ended and can touch nothing any more; the
+// reason why not is printed.
+bool stopEngine(KTPLUGIN_INFO_TAG *pEngine, const EngineRow &row, bool bStarted) {
+    const bool bCheckedIn = !bStarted || hasCheckedIn(pEngine, row.pName);
+    engineRequestStop(pEngine);
+    ktWaitForAEngine(pEngine, kEngineLimit);
+    const bool bSignsOff = bStarted && row.bSignsOff;
+    if (pEngine->iThreadCount == 0 &&
+        (!bSignsOff || waitBounded([=] { return pEngine->eState == ENGINE_STOPPED; }))) {
+        return bCheckedIn;
+    }
+    std::printf("[%s:%d] \e[2;31m %s does not end: its lists are kept \e[1;41m[ERROR]\e[0m\n", kModule,
+                __LINE__, row.pName);
+    return false;
+}
+
+// Stops the engines one after the other, the receivers first: nothing new comes in while the casts end.
+// Returns whether all have ended and none can touch the service any more.
 bool stopEngines(Service *pService) {
-    // Before its first write, a started thread looks like a thread that has ended. Later it would run on
-    // released memory. So wait for the first write of each thread.
     bool bAllEnded = true;
     for (int i = 0; i < kEngineCount; ++i) {
-        const KTPLUGIN_INFO_TAG *pEngine = &pService->engines[i];
-        if (pService->bStarted[i] &&
-            !waitBounded([=] { return pEngine->iThreadCount > 0 && pEngine->eState != ENGINE_STOPPED; })) {
-            std::printf("[%s:%d] \e[2;31m %s does not begin: its lists are kept \e[1;41m[ERROR]\e[0m\n",
-                        kModule, __LINE__, kEngines[i].pName);
-            bAllEnded = false;
-        }
+        gStoppingEngine = kEngines[i].pName;
+        bAllEnded = stopEngine(&pService->engines[i], kEngines[i], pService->bStarted[i]) && bAllEnded;
     }
-    // Ask all of them before waiting for any. So closing takes only as long as the slowest engine.
-    for (KTPLUGIN_INFO_TAG &engine : pService->engines) {
-        engineRequestStop(&engine);
-    }
-    for (int i = 0; i < kEngineCount; ++i) {
-        KTPLUGIN_INFO_TAG *pEngine = &pService->engines[i];
-        ktWaitForAEngine(pEngine, kEngineLimit);
-        const bool bEnded =
-            pEngine->iThreadCount == 0 && (!pService->bStarted[i] || !kEngines[i].bSignsOff ||
-                                           waitBounded([=] { return pEngine->eState == ENGINE_STOPPED; }));
-        if (!bEnded) {
-            std::printf("[%s:%d] \e[2;31m %s does not end: its lists are kept \e[1;41m[ERROR]\e[0m\n",
-                        kModule, __LINE__, kEngines[i].pName);
-            bAllEnded = false;
-        }
-    }
+    gStoppingEngine = nullptr;
     return bAllEnded;
 }
 
-// No engine uses the service any more.
+void releaseChannel(Channel *pChannel) {
+    releaseCurrent(pChannel);
+    ELIMINATECASTInfo(&pChannel->pOnAir);
+    DESTROYCASTList(&pChannel->list);
+}
+
 void destroyService(Service *pService) {
-    releaseCurrent(&pService->bypass);
-    releaseCurrent(&pService->recast);
-    DESTROYCASTList(&pService->bypass.list);
-    DESTROYCASTList(&pService->recast.list);
+    releaseChannel(&pService->bypass);
+    releaseChannel(&pService->recast);
     DESTROYMSGList(&pService->priority);
     DESTROYMSGList(&pService->normal);
     std::free(pService);
