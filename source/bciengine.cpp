@@ -8,6 +8,7 @@
 #include "ktlist.h"
 #include "ktnet.h"
 #include "ktpacket.h"
+#include "view.h"
 
 #include <qxapi.h>
 #include <vexa_pgl.h>
@@ -309,6 +310,7 @@ void sendAnnouncement(BCIState *pState) {
     }
     pState->packet.ulReserved = 0;
     pState->ulLastSend = now();
+    viewCount(gViewAnnouncements, pState->iNetResult >= 0, pState->ulLastSend);
 }
 
 // Repeats the announcement until its end time, a failed transmission, or a request to finish or stop.
@@ -356,8 +358,9 @@ void announceShutdown(BCIState *pState) {
     if (makeBCIEndPacket(&pState->record, &pState->packet) > 0) {
         pState->packet.ulReserved = 0;
         pState->packet.uiStatus = 0;
-        pState->packet.uiParam = static_cast<unsigned int>(now());
-        ktn_xapi_ktnet_tx_data(pState->pEndpoint, &pState->packet);
+        const unsigned long ulNow = now();
+        pState->packet.uiParam = static_cast<unsigned int>(ulNow);
+        viewCount(gViewAnnouncements, ktn_xapi_ktnet_tx_data(pState->pEndpoint, &pState->packet) >= 0, ulNow);
     }
     std::free(pState->packet.pPayload);
     pState->packet.pPayload = nullptr;

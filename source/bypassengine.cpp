@@ -7,11 +7,13 @@
 #include "ktnet.h"
 #include "ktpacket.h"
 #include "pccastmain/debuglog.h"
+#include "view.h"
 
 #include <qxapi.h>
 #include <vexa_pgl.h>
 
 #include <arpa/inet.h>
+#include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -74,6 +76,7 @@ int initSTREAMTxNet(KTNET_ENDPOINT **ppDesc, const char *pszPeer, const char *ps
 namespace {
 
 constexpr unsigned long kDatagramMax = 65536;
+constexpr ViewTraffic &kTraffic = gViewTraffic[VIEW_BYPASS];
 constexpr unsigned long kKeySize = 16; // the decryption calls read this many bytes
 constexpr const char *kReceiveInterface = "127.0.0.1";
 
@@ -83,6 +86,13 @@ struct Relay {
     KTNET_ENDPOINT *pReceiver;
     KTNET_ENDPOINT *pSender;
     unsigned char key[kKeySize];
+    unsigned int uiReason; // PCCAST_REASON_..., why it cannot go on air
+};
+
+// Counts the traffic of a cast. Only its own thread uses it; the counts are read elsewhere.
+struct Meter {
+    unsigned long ulSecond;             // the one that is being counted
+    unsigned long ulDatagrams, ulBytes; // counted when it began
 };
 
 bool isDecrypted(const CASTInfo *pCast) {
@@ -96,6 +106,7 @@ bool takeKey(Relay *pRelay) {
     if (!isDecrypted(pCast)) {
         return true;
     }
+    pRelay->uiReason = PCCAST_REASON_KEY;
     if (pCast->pEncryptionKey == nullptr || pCast->iEncryptionKeyLen <= 0) {
         std::printf("%s():%d \e[1;41m[cast of EPG id %lu wants decryption but brings no key]\e[0m\n",
                     "PCCASTBYPASSEngine", __LINE__, pCast->uliEPGID);
@@ -133,15 +144,20 @@ bool leadsElsewhere(const Relay *pRelay) {
 // Opens both endpoints. Returns whether the cast can go on air. Reports the reason if it cannot.
 bool openRelay(Relay *pRelay) {
     const CASTInfo *pCast = pRelay->pCast;
-    if (!takeKey(pRelay) ||
-        initMSTREAMRxNetEx(&pRelay->pReceiver, pCast->pSRCIP, pCast->usSRCPort, kReceiveInterface) <= 0) {
+    if (!takeKey(pRelay)) {
         return false;
     }
+    pRelay->uiReason = PCCAST_REASON_SOURCE;
+    if (initMSTREAMRxNetEx(&pRelay->pReceiver, pCast->pSRCIP, pCast->usSRCPort, kReceiveInterface) <= 0) {
+        return false;
+    }
+    pRelay->uiReason = PCCAST_REASON_DESTINATION;
     if (initSTREAMTxNet(&pRelay->pSender, pCast->pDSTIP, nullptr, pCast->usDSTPort) <= 0) {
         std::printf("%s():%d \e[1;41m[Initialize FAILURE]\e[0m\n", "PCCASTBYPASSEngine", __LINE__);
         PRINTCASTInfo(pCast, "PCCASTBYPASSEngine");
         return false;
     }
+    pRelay->uiReason = PCCAST_REASON_LOOP;
     return leadsElsewhere(pRelay);
 }
 
@@ -160,7 +176,11 @@ void decrypt(const Relay *pRelay, unsigned char *pData, unsigned long ulLength) 
 
 int sendPacket(const Relay *pRelay, unsigned char *pData, unsigned long ulLength) {
     KTNET_BUFFER buffer{pData, ulLength};
-    return ktn_xapi_ktnet_tx_a_packet(pRelay->pSender, 0, &buffer);
+    const int iResult = ktn_xapi_ktnet_tx_a_packet(pRelay->pSender, 0, &buffer);
+    if (iResult <= 0) {
+        viewAdd(kTraffic.ulFailed, 1);
+    }
+    return iResult;
 }
 
 // Sends each chunk that lies whole within the datagram. Drops the bytes behind the last whole chunk. Returns
@@ -199,14 +219,62 @@ bool forward(const Relay *pRelay, unsigned char *pData, unsigned long ulLength) 
     }
 }
 
+// Notes what the kernel has dropped on the receiving socket because it was not fetched in time.
+void noteDrops(const Relay *pRelay) {
+    uint32_t words[SK_MEMINFO_VARS] = {};
+    socklen_t uiLength = sizeof words;
+    if (getsockopt(pRelay->pReceiver->iSocket, SOL_SOCKET, SO_MEMINFO, words, &uiLength) == 0) {
+        viewSet(kTraffic.ulDropped, words[SK_MEMINFO_DROPS]);
+    }
+}
+
+// Once a second: what the second that has ended has brought.
+void noteSecond(const Relay *pRelay, Meter *pMeter, unsigned long ulNow) {
+    const unsigned long ulDatagrams = kTraffic.ulDatagrams.load(std::memory_order_relaxed);
+    const unsigned long ulBytes = kTraffic.ulBytes.load(std::memory_order_relaxed);
+    viewSet(kTraffic.ulDatagramsPerSecond, ulDatagrams - pMeter->ulDatagrams);
+    viewSet(kTraffic.ulBytesPerSecond, ulBytes - pMeter->ulBytes);
+    *pMeter = {ulNow, ulDatagrams, ulBytes};
+    noteDrops(pRelay);
+}
+
+// A second without a datagram has passed.
+void noteSilence(unsigned long ulNow) {
+    viewAdd(kTraffic.ulSilence, 1);
+    if (kTraffic.ulSilentSince == 0) {
+        viewSet(kTraffic.ulSilentSince, ulNow);
+        viewSilent(VIEW_BYPASS);
+    }
+}
+
+void noteDatagram(unsigned long ulLength, unsigned long ulNow) {
+    viewAdd(kTraffic.ulDatagrams, 1);
+    viewAdd(kTraffic.ulBytes, ulLength);
+    viewSet(kTraffic.ulLastArrival, ulNow);
+    if (kTraffic.ulSilentSince.load(std::memory_order_relaxed) != 0) {
+        viewHeard(VIEW_BYPASS);
+        viewSet(kTraffic.ulSilentSince, 0);
+    }
+}
+
 // Relays datagram by datagram until the end time, a request to finish or stop, or the end of the source.
-void relay(const KTPLUGIN_INFO_TAG *pBlock, const Relay *pRelay, unsigned char *pBuffer) {
-    while (pBlock->eState <= ENGINE_RUNNING && pRelay->pCast->ulET > vexa_time(nullptr)) {
+// Returns why it ended: PCCAST_REASON_..., none when it was asked to.
+unsigned int relay(const KTPLUGIN_INFO_TAG *pBlock, const Relay *pRelay, unsigned char *pBuffer) {
+    Meter meter{vexa_time(nullptr), 0, 0};
+    while (pBlock->eState <= ENGINE_RUNNING) {
+        const unsigned long ulNow = vexa_time(nullptr);
+        if (pRelay->pCast->ulET <= ulNow) {
+            return PCCAST_REASON_END_TIME;
+        }
+        if (ulNow != meter.ulSecond) {
+            noteSecond(pRelay, &meter, ulNow);
+        }
         const int iReadable =
             ktn_xapi_rx_poll_socket(pRelay->pReceiver->iSocket, pRelay->pReceiver->uiTimeoutMs);
         if (iReadable <= 0) {
             std::fprintf(stderr, "%s() waiting for bypass stream source\n", "PCCASTBYPASSEngine");
             std::fflush(stderr);
+            noteSilence(ulNow);
             // An error returns at once. The pause keeps the line as rare as after a time-out.
             if (iReadable < 0) {
                 KTuSleep(static_cast<int>(pRelay->pReceiver->uiTimeoutMs) * 1000);
@@ -215,28 +283,38 @@ void relay(const KTPLUGIN_INFO_TAG *pBlock, const Relay *pRelay, unsigned char *
         }
         const ssize_t lLength =
             recvfrom(pRelay->pReceiver->iSocket, pBuffer, kDatagramMax, 0, nullptr, nullptr);
-        if (lLength <= 0 || !forward(pRelay, pBuffer, static_cast<unsigned long>(lLength))) {
-            return;
+        if (lLength <= 0) {
+            return PCCAST_REASON_SOURCE_LOST;
+        }
+        noteDatagram(static_cast<unsigned long>(lLength), ulNow);
+        if (!forward(pRelay, pBuffer, static_cast<unsigned long>(lLength))) {
+            return PCCAST_REASON_SEND;
         }
     }
+    return PCCAST_REASON_NONE;
 }
 
 // Carries the cast in the slot. Empties the slot only after the state has left idle.
 void carryCast(KTPLUGIN_INFO_TAG *pBlock, CASTInfo *pCast, unsigned char *pBuffer) {
-    Relay endpoints{pCast, nullptr, nullptr, {}};
+    Relay endpoints{pCast, nullptr, nullptr, {}, PCCAST_REASON_NONE};
+    viewResetTraffic(VIEW_BYPASS);
     if (openRelay(&endpoints)) {
+        viewStarted(VIEW_BYPASS);
         engineReport(pBlock, ENGINE_RUNNING);
         engineAcknowledge(pBlock);
         std::fprintf(stderr, "\e[2;42m\t\t\t\t[PC BYPASS OnAir]\e[0m\n");
-        relay(pBlock, &endpoints, pBuffer);
+        const unsigned int uiReason = relay(pBlock, &endpoints, pBuffer);
+        noteDrops(&endpoints);
         KTNETClose(&endpoints.pSender);
         KTNETClose(&endpoints.pReceiver);
         ELIMINATECASTInfo(&pCast);
+        viewEnded(VIEW_BYPASS, uiReason);
         engineReportIdle(pBlock);
         return;
     }
     KTNETClose(&endpoints.pSender);
     KTNETClose(&endpoints.pReceiver);
+    viewFailed(VIEW_BYPASS, endpoints.uiReason);
     engineReport(pBlock, ENGINE_FAILED);
     engineAcknowledge(pBlock);
     ELIMINATECASTInfo(&pCast);

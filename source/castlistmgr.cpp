@@ -212,19 +212,26 @@ int INSERTCASTInfo(CASTList *pCASTList, CASTInfo *pInfo) {
     if (!isUsable(pCASTList) || pInfo == nullptr) {
         return 0;
     }
-    const KTMUTEXHold hold = KTMUTEXLock(pCASTList->pMutex);
+    Removed<CASTList> cancelled;
+    KTMUTEXHold hold = KTMUTEXLock(pCASTList->pMutex);
     if (hold == nullptr) {
         return 0;
     }
     // A stop request with no equal goes to the head. There the supervisor finds it first and ends the cast on
     // air.
     bool bLast = true;
-    const bool bTaken = pInfo->ulCMD == CAST_CMD_STOP ? insertRevocation(pCASTList, pInfo)
+    const bool bTaken = pInfo->ulCMD == CAST_CMD_STOP ? insertRevocation(pCASTList, pInfo, &cancelled)
                                                       : insertInOrder(pCASTList, pInfo, &bLast);
     if (!bTaken) {
         return 0;
     }
     pCASTList->iFLAGChange = bLast ? 1 : pCASTList->iFLAGChange + 1;
+    hold.reset();
+    if (cancelled.pFirst != nullptr) {
+        releaseRemoved<CASTList>(&cancelled, [=](const CASTInfo *pRecord) { viewCancelled(pRecord, pInfo); });
+        viewDone(pInfo);
+        ELIMINATECASTInfo(&pInfo);
+    }
     return 1;
 }
 
@@ -253,10 +260,15 @@ int REMOVECASTInfo(CASTList *pCASTList, const CASTInfo *pInfo) {
 
 int castlistRemoveRequest(CASTList *pCASTList, const CASTInfo *pInfo) {
     bool bFound = false;
-    return removeRecords(pCASTList, [&](const CASTInfo *pRecord) {
-        bFound = !bFound && COMPARECASTInfo(pInfo, pRecord, 0) == 0 && pInfo->ulCT == pRecord->ulCT;
-        return bFound;
-    });
+    return removeRecords(
+        pCASTList,
+        [&](const CASTInfo *pRecord) {
+            const bool bThis =
+                !bFound && COMPARECASTInfo(pInfo, pRecord, 0) == 0 && pInfo->ulCT == pRecord->ulCT;
+            bFound = bFound || bThis;
+            return bThis;
+        },
+        viewReleased);
 }
 
 int REMOVEHeadCASTList(CASTList *pCASTList) {

@@ -6,6 +6,7 @@
 #define PCCAST_FILECASTLOOP_H
 
 #include "engines.h"
+#include "view.h"
 
 #include <qxapi.h>
 #include <vexa_pgl.h>
@@ -14,6 +15,10 @@
 #include <memory>
 
 // A stream that closes at the end of its scope.
+// Weak: a host's framework may not tell how far a stream has come.
+extern "C" __attribute__((weak)) int qxapi_stream_progress(const ts_qxapi_stream *pStream,
+                                                           ts_qxapi_stream_progress *pProgress);
+
 struct CloseStream {
     void operator()(ts_qxapi_stream *pStream) const { qxapi_close_stream(pStream); }
 };
@@ -44,6 +49,19 @@ inline Stream filecastOpen(const char *pszFile, const char *pModule, const char 
     return pStream;
 }
 
+// Counts one attempt to send a packet, and how far the playout has come.
+inline void noteSent(const ts_qxapi_stream *pStream, unsigned int uiLength, bool bSent) {
+    ViewTraffic &traffic = gViewTraffic[VIEW_RECAST];
+    viewAdd(bSent ? traffic.ulDatagrams : traffic.ulFailed, 1);
+    viewAdd(traffic.ulBytes, bSent ? uiLength : 0);
+    ts_qxapi_stream_progress progress{};
+    if (qxapi_stream_progress != nullptr && qxapi_stream_progress(pStream, &progress) == 1) {
+        viewSet(traffic.ulPositionMs, progress.ulPositionMs);
+        viewSet(traffic.ulLengthMs, progress.ulLengthMs);
+        viewSet(traffic.ulLate, progress.ulLate);
+    }
+}
+
 // Calls send(packet) for each packet when it is due. send returns 1 to go on. Returns 1, or the result of
 // send that ended the loop.
 template <typename Send>
@@ -58,6 +76,7 @@ int filecastPlay(ts_qxapi_stream *pStream, const KTPLUGIN_INFO_TAG *pBlock, Send
             qxapi_load_balance();
         } else {
             iResult = send(pPacket);
+            noteSent(pStream, pPacket->uiLength, iResult == 1);
             pStream->pReleasePacket(pStream, pPacket);
         }
     } while (vexa_get_global_break() == 0 && iResult == 1 && pBlock->eState <= ENGINE_RUNNING);

@@ -234,10 +234,15 @@ int KTLISTmRemove(KTLIST *pList, KTLIST_NODE *pNode) {
     return 1;
 }
 
-void *ktlistRemoveAfter(KTLIST *pList, KTLIST_NODE *pPlace) {
+KTLIST_NODE *ktlistUnlinkAfter(KTLIST *pList, KTLIST_NODE *pPlace) {
     KTLIST_NODE *pNode = ktlistAfter(pList, pPlace);
-    void *pData = pNode->pData;
     unlinkAfter(pList, pPlace);
+    return pNode;
+}
+
+void *ktlistRemoveAfter(KTLIST *pList, KTLIST_NODE *pPlace) {
+    KTLIST_NODE *pNode = ktlistUnlinkAfter(pList, pPlace);
+    void *pData = pNode->pData;
     std::free(pNode);
     return pData;
 }

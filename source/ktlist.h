@@ -92,6 +92,9 @@ inline KTLIST_NODE *ktlistAfter(const KTLIST *pList, const KTLIST_NODE *pPlace) 
     return pPlace != nullptr ? pPlace->pNext : pList->pHead;
 }
 
+// Unlinks the node behind the place; there must be one. The caller releases it with free.
+KTLIST_NODE *ktlistUnlinkAfter(KTLIST *pList, KTLIST_NODE *pPlace);
+
 // Unlinks and releases the node behind the place. There must be one. Returns the node's data. It does not
 // search, so a walk that removes many nodes holds the lock no longer than a walk that removes none.
 void *ktlistRemoveAfter(KTLIST *pList, KTLIST_NODE *pPlace);

@@ -148,17 +148,24 @@ int INSERTMSGInfo(MSGList *pMSGList, MSGInfo *pInfo) {
     if (!isUsable(pMSGList) || pInfo == nullptr) {
         return 0;
     }
-    const KTMUTEXHold hold = RecordKind<MSGList>::lock(pMSGList, __LINE__);
+    Removed<MSGList> cancelled;
+    KTMUTEXHold hold = RecordKind<MSGList>::lock(pMSGList, __LINE__);
     if (hold == nullptr) {
         return 0;
     }
     bool bLast = false;
-    const bool bTaken = pInfo->ulCMD == PCMBC_CMD_CANCEL ? insertRevocation(pMSGList, pInfo)
+    const bool bTaken = pInfo->ulCMD == PCMBC_CMD_CANCEL ? insertRevocation(pMSGList, pInfo, &cancelled)
                                                          : insertInOrder(pMSGList, pInfo, &bLast);
     if (!bTaken) {
         return 0;
     }
     pMSGList->iFLAGChange = 1;
+    hold.reset();
+    if (cancelled.pFirst != nullptr) {
+        releaseRemoved<MSGList>(&cancelled, [=](const MSGInfo *pRecord) { viewCancelled(pRecord, pInfo); });
+        viewDone(pInfo);
+        ELIMINATEMSGInfo(&pInfo);
+    }
     return 1;
 }
 

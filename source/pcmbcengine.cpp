@@ -7,6 +7,7 @@
 #include "ktnet.h"
 #include "ktpacket.h"
 #include "msglistmgr.h"
+#include "view.h"
 #include "wire.h"
 
 #include <vexa_pgl.h>
@@ -73,9 +74,12 @@ void releaseCurrent(Broadcast *pState) {
 
 // Puts the current message back into the list. If the list does not take it, it is lost. In any case there is
 // no current message then.
-void fileCurrent(Broadcast *pState, MSGList *pList) {
+void fileCurrent(Broadcast *pState, MSGList *pList, const MSGInfo *pFor) {
+    viewReplaced(pState->pCurrent, pFor);
     if (INSERTMSGInfo(pList, pState->pCurrent) > 0) {
         pState->pCurrent = nullptr; // the list owns it now
+    } else {
+        viewDropped(pState->pCurrent, PCCAST_REASON_LOCK);
     }
     releaseCurrent(pState);
 }
@@ -90,6 +94,7 @@ bool hasNodes(const MSGList *pList) {
 
 void expireCurrent(Broadcast *pState) {
     if (pState->pCurrent != nullptr && pState->pCurrent->ulET <= readClock(pState)) {
+        viewFinished(pState->pCurrent, PCCAST_REASON_END_TIME);
         releaseCurrent(pState);
         pState->ulNextSend = pState->ulNow; // the next message may go out at once
     }
@@ -111,15 +116,17 @@ MSGInfo *takePriority(Broadcast *pState) {
     if (isCancel(pTaken)) {
         // A cancel request of this list can only end a message on air that has priority.
         if (bPrioritised && COMPAREMSGInfo(pTaken, pState->pCurrent, 0) == 0) {
+            viewCancelled(pState->pCurrent, pTaken);
             releaseCurrent(pState);
         }
+        viewDone(pTaken);
         ELIMINATEMSGInfo(&pTaken);
         return nullptr;
     }
     if (bPrioritised && pState->pCurrent->ulET > pState->ulNow) {
-        fileCurrent(pState, pState->pPriority);
+        fileCurrent(pState, pState->pPriority, pTaken);
     } else if (pState->pCurrent != nullptr) {
-        fileCurrent(pState, pState->pNormal);
+        fileCurrent(pState, pState->pNormal, pTaken);
     }
     return pTaken;
 }
@@ -141,15 +148,19 @@ MSGInfo *takeNormal(Broadcast *pState) {
     }
     if (isCancel(pTaken)) {
         if (COMPAREMSGInfo(pTaken, pState->pCurrent, 0) == 0) {
+            viewCancelled(pState->pCurrent, pTaken);
             releaseCurrent(pState);
         }
+        viewDone(pTaken);
         ELIMINATEMSGInfo(&pTaken);
         return nullptr;
     }
     if (pState->pCurrent != nullptr && pState->pCurrent->ulET > pState->ulNow) {
-        fileCurrent(pState, pState->pNormal);
+        fileCurrent(pState, pState->pNormal, pTaken);
+    } else if (pState->pCurrent != nullptr) {
+        viewFinished(pState->pCurrent, PCCAST_REASON_END_TIME);
+        releaseCurrent(pState);
     }
-    releaseCurrent(pState);
     return pTaken;
 }
 
@@ -178,7 +189,7 @@ unsigned long buildPayload(const MSGInfo *pInfo, unsigned long ulSendTime, unsig
     return static_cast<unsigned long>(iLength);
 }
 
-void sendBroadcast(Broadcast *pState) {
+bool sendBroadcast(Broadcast *pState) {
     const unsigned long ulSendTime = readClock(pState);
     unsigned char *pPayload = nullptr;
     KTNET_PACKET packet{};
@@ -190,7 +201,7 @@ void sendBroadcast(Broadcast *pState) {
     packet.pPayload = pPayload;
     if (pPayload == nullptr) {
         std::fprintf(stderr, "pcmbc msg xmit fail\n"); // no memory: the endpoint is still good
-        return;
+        return false;
     }
     pState->iNetResult = ktn_xapi_ktnet_tx_data(pState->pEndpoint, &packet);
     if (pState->iNetResult <= 0) {
@@ -200,6 +211,7 @@ void sendBroadcast(Broadcast *pState) {
     if (pState->iNetResult < 0) {
         KTNETClose(&pState->pEndpoint);
     }
+    return pState->iNetResult > 0;
 }
 
 // Seconds from one broadcast of a text to the next.
@@ -209,7 +221,7 @@ double pauseAfter(size_t ulText) {
 
 // Counts an attempt, whether or not anything was sent, and sets the pause that follows it. A text that no
 // datagram can carry is not sent, and its pause is as long as that of any text of its length.
-void countAttempt(Broadcast *pState) {
+void countAttempt(Broadcast *pState, bool bSent) {
     MSGInfo *pCurrent = pState->pCurrent;
     const size_t ulText = std::strlen(pCurrent->pMSGSTR);
     if (ulText > PCMBC_TEXT_MAX) {
@@ -221,7 +233,9 @@ void countAttempt(Broadcast *pState) {
     --pCurrent->ulRepeat; // 0 wraps: such a message is repeated until its end time
     pState->ulPause = static_cast<unsigned long>(pauseAfter(ulText));
     pState->ulNextSend = pState->ulNow + pState->ulPause;
+    viewSent(pCurrent, bSent);
     if (pCurrent->ulRepeat == 0) {
+        viewFinished(pCurrent, PCCAST_REASON_REPEATS);
         releaseCurrent(pState);
     }
 }
@@ -239,10 +253,9 @@ void broadcastCurrent(Broadcast *pState) {
     if (pState->pCurrent->ulET <= pState->ulNow || pState->ulNextSend > pState->ulNow) {
         return;
     }
-    if (isEndpointUsable(pState)) {
-        sendBroadcast(pState);
-    }
-    countAttempt(pState);
+    const bool bSent = isEndpointUsable(pState) && sendBroadcast(pState);
+    viewCount(gViewBroadcasts, bSent, pState->ulNow);
+    countAttempt(pState, bSent);
 }
 
 // One pass: drops an expired message, takes a new one, sends the current one if it is due.
@@ -254,6 +267,7 @@ void pass(Broadcast *pState) {
     }
     if (pTaken != nullptr) {
         pState->pCurrent = pTaken;
+        viewCurrent(pTaken);
     }
     broadcastCurrent(pState);
 }

@@ -6,6 +6,7 @@
 #include "engines.h"
 #include "filecast.h"
 #include "ktlist.h"
+#include "view.h"
 
 #include <qxapi.h>
 #include <vexa_pgl.h>
@@ -79,10 +80,24 @@ int play(KTPLUGIN_INFO_TAG *pBlock, CASTInfo *pCast, const char *pszFile) {
     return 1;
 }
 
+// Why a playout with this result failed.
+unsigned int reasonOf(int iResult) {
+    switch (iResult) {
+    case kNotPlayed:
+        return PCCAST_REASON_DESTINATION;
+    case -1:
+        // The drivers give the same for a file that cannot be played and for a way out that fails.
+        return gViewTraffic[VIEW_RECAST].ulDatagrams == 0 ? PCCAST_REASON_FILE : PCCAST_REASON_SEND;
+    default:
+        return PCCAST_REASON_SEND;
+    }
+}
+
 // Carries the cast in the slot. Empties the slot only after the state has left idle.
 void carryCast(KTPLUGIN_INFO_TAG *pBlock, CASTInfo *pCast) {
     if (pCast->pCASTFile == nullptr || pCast->pDSTIP == nullptr) {
         reportArguments(pCast);
+        viewFailed(VIEW_RECAST, PCCAST_REASON_INCOMPLETE);
         engineReport(pBlock, ENGINE_FAILED);
         engineAcknowledge(pBlock);
         ELIMINATECASTInfo(&pCast);
@@ -91,10 +106,19 @@ void carryCast(KTPLUGIN_INFO_TAG *pBlock, CASTInfo *pCast) {
     char *pCopy = nullptr;
     KTCOPYString(pCast->pCASTFile, &pCopy);
     const Text pszFile(pCopy);
+    viewResetTraffic(VIEW_RECAST);
+    viewStarted(VIEW_RECAST);
     engineReport(pBlock, ENGINE_RUNNING);
     engineAcknowledge(pBlock);
-    if (play(pBlock, pCast, pszFile.get()) != 1) {
+    const int iResult = play(pBlock, pCast, pszFile.get());
+    if (iResult != 1) {
+        viewFailed(VIEW_RECAST, reasonOf(iResult));
         engineReport(pBlock, ENGINE_FAILED);
+    } else {
+        const bool bPlayed = isASFFormat(pCast->ulSTREAMFormat) || isH264Format(pCast->ulSTREAMFormat);
+        viewEnded(VIEW_RECAST, pBlock->eState > ENGINE_RUNNING ? PCCAST_REASON_NONE
+                               : bPlayed                       ? PCCAST_REASON_FILE_END
+                                                               : PCCAST_REASON_FORMAT);
     }
     ELIMINATECASTInfo(&pCast);
     engineReportIdle(pBlock);

@@ -8,10 +8,12 @@
 #define PCCAST_RECORDLIST_H
 
 #include "ktlist.h"
+#include "view.h"
 
 #include <vexa_pgl.h>
 
 #include <cstdio>
+#include <cstdlib>
 
 // What differs between the two kinds of list. The type of the handle selects the kind.
 //   Record                      the record, with its times ulCT and ulET
@@ -65,6 +67,33 @@ void drop(List *pHandle, KTLIST_NODE *pPlace) {
     RecordKind<List>::eliminate(&pRecord);
 }
 
+// Records that have left a list under its lock. They are released after it, so that nothing is told of them
+// while a lock is held.
+template <typename List>
+struct Removed {
+    KTLIST_NODE *pFirst = nullptr;
+};
+
+// Moves the record behind the place into the removed ones.
+template <typename List>
+void moveOut(List *pHandle, KTLIST_NODE *pPlace, Removed<List> *pRemoved) {
+    KTLIST_NODE *pNode = ktlistUnlinkAfter(pHandle->pList, pPlace);
+    pNode->pNext = pRemoved->pFirst;
+    pRemoved->pFirst = pNode;
+}
+
+// Calls tell(pRecord) for each removed record and releases it.
+template <typename List, typename Tell>
+void releaseRemoved(Removed<List> *pRemoved, Tell tell) {
+    while (KTLIST_NODE *pNode = pRemoved->pFirst) {
+        pRemoved->pFirst = pNode->pNext;
+        RecordOf<List> *pRecord = recordOf<List>(pNode);
+        tell(pRecord);
+        RecordKind<List>::eliminate(&pRecord);
+        std::free(pNode);
+    }
+}
+
 template <typename List>
 int createRecordList(List *pHandle, const char *pOperation) {
     if (pHandle == nullptr) {
@@ -96,16 +125,15 @@ int releaseRecords(List *pHandle) {
     return iResult;
 }
 
-// Files a request that takes another one back. The caller holds the mutex. The first equal record is
-// released, and so is the request. If no record is equal, the request goes to the head, to be taken first. A
-// node without a record is never equal. Returns whether the list has taken the request.
+// Files a request that takes another one back. The caller holds the mutex. The first equal record is removed.
+// If no record is equal, the request goes to the head, to be taken first. A node without a record is never
+// equal. Returns whether a record was removed or the list has taken the request.
 template <typename List>
-bool insertRevocation(List *pHandle, RecordOf<List> *pRecord) {
+bool insertRevocation(List *pHandle, RecordOf<List> *pRecord, Removed<List> *pRemoved) {
     KTLIST_NODE *pPlace = nullptr;
     while (KTLIST_NODE *pNode = ktlistAfter(pHandle->pList, pPlace)) {
         if (RecordKind<List>::compare(pRecord, recordOf<List>(pNode), 0) == 0) {
-            drop(pHandle, pPlace);
-            RecordKind<List>::eliminate(&pRecord);
+            moveOut(pHandle, pPlace, pRemoved);
             return true;
         }
         pPlace = pNode;
@@ -140,23 +168,27 @@ int takeDueRecord(List *pHandle, IsDue isDue, RecordOf<List> **ppRecord, const c
     if (!isEmptySlot<List>(ppRecord, pOperation)) {
         return -1;
     }
-    const KTMUTEXHold hold = RecordKind<List>::lock(pHandle, iLine);
-    if (hold == nullptr) {
-        return 0;
-    }
-    KTLIST_NODE *pPlace = nullptr;
-    while (KTLIST_NODE *pNode = ktlistAfter(pHandle->pList, pPlace)) {
-        const RecordOf<List> *pRecord = recordOf<List>(pNode);
-        if (pRecord != nullptr && pRecord->ulET <= vexa_time(nullptr)) {
-            drop(pHandle, pPlace);
-        } else if (pRecord != nullptr && isDue(pRecord)) {
-            *ppRecord = take(pHandle, pPlace);
-            return 1;
-        } else {
-            pPlace = pNode;
+    Removed<List> expired;
+    {
+        const KTMUTEXHold hold = RecordKind<List>::lock(pHandle, iLine);
+        if (hold == nullptr) {
+            return 0;
+        }
+        KTLIST_NODE *pPlace = nullptr;
+        while (KTLIST_NODE *pNode = ktlistAfter(pHandle->pList, pPlace)) {
+            const RecordOf<List> *pRecord = recordOf<List>(pNode);
+            if (pRecord != nullptr && pRecord->ulET <= vexa_time(nullptr)) {
+                moveOut(pHandle, pPlace, &expired);
+            } else if (pRecord != nullptr && isDue(pRecord)) {
+                *ppRecord = take(pHandle, pPlace);
+                break;
+            } else {
+                pPlace = pNode;
+            }
         }
     }
-    return 0;
+    releaseRemoved<List>(&expired, viewExpired);
+    return *ppRecord != nullptr ? 1 : 0;
 }
 
 // Calls fill() under the lock if the head has a record and the caller's slot is empty.
@@ -194,36 +226,44 @@ int copyHeadRecord(List *pHandle, RecordOf<List> **ppRecord, const char *pOperat
                         [=] { RecordKind<List>::copy(headRecord(pHandle), ppRecord); });
 }
 
-// Removes and releases every record of which isWanted(pRecord) is true. Returns 1 when there was one, else 0.
-template <typename List, typename IsWanted>
-int removeRecords(List *pHandle, IsWanted isWanted, int iLine = __builtin_LINE()) {
+// Removes and releases every record of which isWanted(pRecord) is true, and calls tell(pRecord) before.
+// Returns 1 when there was one, else 0.
+template <typename List, typename IsWanted, typename Tell>
+int removeRecords(List *pHandle, IsWanted isWanted, Tell tell, int iLine = __builtin_LINE()) {
     if (!isUsable(pHandle)) {
         return 0;
     }
-    const KTMUTEXHold hold = RecordKind<List>::lock(pHandle, iLine);
-    if (hold == nullptr) {
-        return 0;
-    }
-    int iResult = 0;
-    KTLIST_NODE *pPlace = nullptr;
-    while (KTLIST_NODE *pNode = ktlistAfter(pHandle->pList, pPlace)) {
-        if (isWanted(recordOf<List>(pNode))) {
-            drop(pHandle, pPlace);
-            pHandle->iFLAGChange = 1;
-            iResult = 1;
-        } else {
-            pPlace = pNode;
+    Removed<List> removed;
+    {
+        const KTMUTEXHold hold = RecordKind<List>::lock(pHandle, iLine);
+        if (hold == nullptr) {
+            return 0;
+        }
+        KTLIST_NODE *pPlace = nullptr;
+        while (KTLIST_NODE *pNode = ktlistAfter(pHandle->pList, pPlace)) {
+            if (isWanted(recordOf<List>(pNode))) {
+                moveOut(pHandle, pPlace, &removed);
+                pHandle->iFLAGChange = 1;
+            } else {
+                pPlace = pNode;
+            }
         }
     }
+    const int iResult = removed.pFirst != nullptr ? 1 : 0;
+    releaseRemoved<List>(&removed, tell);
     return iResult;
 }
+
+// For a record of which nothing is told.
+template <typename List>
+void tellNothing(const RecordOf<List> *) {}
 
 template <typename List>
 int removeEqualRecords(List *pHandle, const RecordOf<List> *pKey, int iLine = __builtin_LINE()) {
     return removeRecords(
         pHandle,
         [=](const RecordOf<List> *pRecord) { return RecordKind<List>::compare(pKey, pRecord, 0) == 0; },
-        iLine);
+        tellNothing<List>, iLine);
 }
 
 template <typename List>

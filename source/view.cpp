@@ -44,7 +44,9 @@ struct Living {
     bool bTold = false; // that it is filed
     bool bInList = false;
     bool bOnAir = false;
-    bool bOver = false; // it has been on air, and will not return by itself
+    bool bMet = false;   // stop or cancel request: it has met something
+    bool bShown = false; // message: broadcast since it is current
+    bool bOver = false;  // it has been on air, and will not return by itself
 };
 
 struct Event {
@@ -315,6 +317,16 @@ void viewClose() noexcept {
     });
 }
 
+void viewResetTraffic(ViewEngine eEngine) noexcept {
+    ViewTraffic &words = gViewTraffic[eEngine];
+    for (std::atomic<unsigned long> *pWord :
+         {&words.ulDatagrams, &words.ulBytes, &words.ulFailed, &words.ulDropped, &words.ulSilence,
+          &words.ulSilentSince, &words.ulLastArrival, &words.ulDatagramsPerSecond, &words.ulBytesPerSecond,
+          &words.ulPositionMs, &words.ulLengthMs, &words.ulLate}) {
+        viewSet(*pWord, 0);
+    }
+}
+
 void viewPass() noexcept {
     ++gPasses;
 }
@@ -349,15 +361,19 @@ void viewCancelled(const void *pRecord, const void *pBy) noexcept {
     change([&](View &state) {
         Living *pLiving = known(state, pRecord);
         Living *pRevocation = known(state, pBy);
-        const SharedRequest pRequest = pRevocation == nullptr ? nullptr : pRevocation->pRequest;
-        if (pLiving != nullptr) {
-            note(state, PCCAST_EVENT_CANCELLED, PCCAST_REASON_STOP, *pLiving, pRequest);
-            forget(state, pLiving);
+        if (pLiving == nullptr || pRevocation == nullptr) {
+            return;
         }
-        if (pRevocation != nullptr) {
-            note(state, PCCAST_EVENT_DONE, PCCAST_REASON_NONE, *pRevocation);
-            forget(state, pRevocation);
+        const bool bEnds =
+            pLiving->pRequest->bCast && !pLiving->bInList && (pLiving->bOnAir || pLiving->bOver);
+        if (!bEnds) {
+            note(state, PCCAST_EVENT_CANCELLED, PCCAST_REASON_STOP, *pLiving, pRevocation->pRequest);
+            pRevocation->bMet = true;
         }
+        if (!pLiving->pRequest->bCast) {
+            pLiving->bOnAir = false;
+        }
+        forget(state, pLiving);
     });
 }
 
@@ -369,8 +385,14 @@ void viewDropped(const void *pRecord, unsigned int uiReason) noexcept {
     last(pRecord, PCCAST_EVENT_DROPPED, uiReason);
 }
 
-void viewDone(const void *pRecord, unsigned int uiReason) noexcept {
-    last(pRecord, PCCAST_EVENT_DONE, uiReason);
+void viewDone(const void *pRecord) noexcept {
+    change([&](View &state) {
+        if (Living *pLiving = known(state, pRecord)) {
+            note(state, PCCAST_EVENT_DONE, pLiving->bMet ? PCCAST_REASON_NONE : PCCAST_REASON_NOTHING,
+                 *pLiving);
+            forget(state, pLiving);
+        }
+    });
 }
 
 // ---- casts
@@ -458,6 +480,8 @@ void viewEnded(ViewEngine eEngine, unsigned int uiReason) noexcept {
             if (uiReason == PCCAST_REASON_NEWER) {
                 uiKind = PCCAST_EVENT_PREEMPTED;
                 pLiving->ulPreemptedBy = pOther->ulNumber;
+            } else if (Living *pStop = pOther == nullptr ? nullptr : find(state, pOther->ulNumber)) {
+                pStop->bMet = true;
             }
         }
         pLiving->bOnAir = false;
@@ -516,17 +540,21 @@ void viewCurrent(const MSGInfo *pInfo) noexcept {
         if (Living *pLiving = known(state, pInfo)) {
             pLiving->bInList = false;
             pLiving->bOnAir = true;
-            pLiving->ulStarted = note(state, PCCAST_EVENT_CURRENT, PCCAST_REASON_NONE, *pLiving).ulTime;
+            pLiving->bShown = false;
         }
     });
 }
 
-void viewSent(const MSGInfo *pInfo) noexcept {
+void viewSent(const MSGInfo *pInfo, bool bSent) noexcept {
     change([&](View &state) {
         if (Living *pLiving = known(state, pInfo)) {
+            if (!pLiving->bShown) {
+                pLiving->bShown = true;
+                pLiving->ulStarted = note(state, PCCAST_EVENT_CURRENT, PCCAST_REASON_NONE, *pLiving).ulTime;
+            }
             // A count that began at 0 has wrapped: until the end time.
             pLiving->ulRepeatsLeft = pLiving->pRequest->message.ulRepeat == 0 ? 0 : pInfo->ulRepeat;
-            note(state, PCCAST_EVENT_SENT, PCCAST_REASON_NONE, *pLiving);
+            note(state, PCCAST_EVENT_SENT, bSent ? PCCAST_REASON_NONE : PCCAST_REASON_SEND, *pLiving);
         }
     });
 }
@@ -537,7 +565,9 @@ void viewReplaced(const MSGInfo *pInfo, const MSGInfo *pBy) noexcept {
         if (Living *pLiving = known(state, pInfo)) {
             pLiving->bInList = true;
             pLiving->bOnAir = false;
-            note(state, PCCAST_EVENT_REPLACED, PCCAST_REASON_NEWER, *pLiving, pOther);
+            if (pLiving->bShown) {
+                note(state, PCCAST_EVENT_REPLACED, PCCAST_REASON_NEWER, *pLiving, pOther);
+            }
         }
     });
 }

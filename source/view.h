@@ -46,12 +46,12 @@ void viewFiled(unsigned long ulRequest) noexcept;
 // It is not taken, and never was in a list. Also for one that viewArrives has not seen.
 void viewRefused(const CASTInfo *pInfo, unsigned int uiReason) noexcept;
 void viewRefused(const MSGInfo *pInfo, unsigned int uiReason) noexcept;
-// pBy has taken back pRecord, which waited in a list (or, a message, was current). pBy has done its work too.
+// pBy, a stop or cancel request, takes pRecord back. A cast that is on air is not told as cancelled: it ends.
 void viewCancelled(const void *pRecord, const void *pBy) noexcept;
 void viewExpired(const void *pRecord) noexcept;
 void viewDropped(const void *pRecord, unsigned int uiReason) noexcept;
-// A stop or cancel request has been carried out. uiReason: PCCAST_REASON_NOTHING when it met nothing.
-void viewDone(const void *pRecord, unsigned int uiReason) noexcept;
+// A stop or cancel request has done what it could.
+void viewDone(const void *pRecord) noexcept;
 
 // ---- casts
 void viewTaken(const CASTInfo *pInfo) noexcept;
@@ -72,8 +72,11 @@ void viewSilent(ViewEngine eEngine) noexcept;
 void viewHeard(ViewEngine eEngine) noexcept;
 
 // ---- messages: called by the broadcast engine
+//
+// Two messages that are equally old change places in every pass. So a message is told as current, and as
+// replaced, only when it is broadcast in between.
 void viewCurrent(const MSGInfo *pInfo) noexcept;
-void viewSent(const MSGInfo *pInfo) noexcept;
+void viewSent(const MSGInfo *pInfo, bool bSent) noexcept;
 void viewReplaced(const MSGInfo *pInfo, const MSGInfo *pBy) noexcept;
 void viewFinished(const MSGInfo *pInfo, unsigned int uiReason) noexcept;
 
@@ -101,6 +104,9 @@ inline void viewSet(std::atomic<unsigned long> &ulWord, unsigned long ulValue) {
 inline void viewAdd(std::atomic<unsigned long> &ulWord, unsigned long ulMore) {
     viewSet(ulWord, ulWord.load(std::memory_order_relaxed) + ulMore);
 }
+
+// Called by the engine before a cast.
+void viewResetTraffic(ViewEngine eEngine) noexcept;
 
 // One attempt to send.
 inline void viewCount(ViewSender &sender, bool bSent, unsigned long ulNow) {

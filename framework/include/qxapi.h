@@ -124,6 +124,16 @@ struct ts_qxapi_stream {
  * Returns the stream, or null (the reason is on standard error). */
 struct ts_qxapi_stream *qxapi_open_stream(const char *pszFile);
 
+/* How far a stream has come. */
+struct ts_qxapi_stream_progress {
+    unsigned long ulPositionMs; /* play-out time of the packet handed out last, from the stream's begin */
+    unsigned long ulLengthMs;   /* play-out time of the whole file; 0: not known */
+    unsigned long ulLate;       /* packets handed out more than 10 ms after their time */
+};
+
+/* Fills *pProgress for a started stream; called by the thread that reads it. Returns 1, or 0 (nothing known). */
+int qxapi_stream_progress(const struct ts_qxapi_stream *pStream, struct ts_qxapi_stream_progress *pProgress);
+
 /* Closes the file and releases the stream. A null stream is ignored. */
 void qxapi_close_stream(struct ts_qxapi_stream *pStream);
 

@@ -13,6 +13,7 @@
 #include "pccastmain.h"
 #include "requestsender.h"
 #include "serviceswitch.h"
+#include "view.h"
 #include "wire.h"
 
 #include <vexa_pgl.h>
@@ -127,15 +128,23 @@ void fileRequest(CASTList *const *ppLists, const CASTInfo *pDecoding, unsigned i
     }
     CASTInfo *pCopy = nullptr;
     if (pList == nullptr || COPYaCASTInfo(pDecoding, &pCopy) != 1) {
+        CASTInfo shown = *pDecoding;
+        shown.ulCMD = uiCommand;
+        viewRefused(&shown,
+                    VALIDATECASTInfo(pDecoding) == 1 ? PCCAST_REASON_MEMORY : PCCAST_REASON_INCOMPLETE);
         return;
     }
     pCopy->ulCMD = uiCommand;
+    const unsigned long ulRequest = viewArrives(pCopy);
     if (INSERTCASTInfo(pList, pCopy) < 1) {
         std::printf(
             "[%s:%d] \e[2;31m cast request of EPG id %lu cannot be filed, dropped \e[1;41m[ERROR]\e[0m\n",
             kModule, __LINE__, pCopy->uliEPGID);
+        viewRefused(pCopy, PCCAST_REASON_LOCK);
         ELIMINATECASTInfo(&pCopy);
+        return;
     }
+    viewFiled(ulRequest);
 }
 
 // Accepts one connection and takes its request. If the request lacks an item, pDecoding still holds the value

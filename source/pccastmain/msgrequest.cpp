@@ -13,6 +13,7 @@
 #include "pccastmain.h"
 #include "requestsender.h"
 #include "serviceswitch.h"
+#include "view.h"
 #include "wire.h"
 
 #include <vexa_pgl.h>
@@ -98,13 +99,21 @@ void handleRequest(MSGList *const *ppLists, const KTNET_PACKET &packet, MSGInfo 
     if (pWorking->pMSGSTR == nullptr) {
         std::printf("%s(iEPGID[%lu](0x0%8lX)): NULL PCMessage Received\n", "RxPCMBCInfoEngine",
                     pWorking->uliEPGID, pWorking->uliEPGID);
+        viewRefused(pWorking, PCCAST_REASON_INCOMPLETE);
         return;
     }
     MSGInfo *pCopy = nullptr;
-    if (COPYaMSGInfo(pWorking, &pCopy) == 1 &&
-        INSERTMSGInfo(ppLists[pCopy->ulPriority == 1 ? 0 : 1], pCopy) < 1) {
-        ELIMINATEMSGInfo(&pCopy);
+    if (COPYaMSGInfo(pWorking, &pCopy) != 1) {
+        viewRefused(pWorking, PCCAST_REASON_MEMORY);
+        return;
     }
+    const unsigned long ulRequest = viewArrives(pCopy);
+    if (INSERTMSGInfo(ppLists[pCopy->ulPriority == 1 ? 0 : 1], pCopy) < 1) {
+        viewRefused(pCopy, PCCAST_REASON_LOCK);
+        ELIMINATEMSGInfo(&pCopy);
+        return;
+    }
+    viewFiled(ulRequest);
 }
 
 void serveConnection(KTNET_ENDPOINT *pServer, MSGList *const *ppLists, MSGInfo *pWorking) {

@@ -9,6 +9,7 @@
 #include "engines.h"
 #include "msglistmgr.h"
 #include "pccastmain.h"
+#include "view.h"
 
 #include <qxapi.h>
 #include <vexa_pgl.h>
@@ -111,6 +112,16 @@ Service *createService() {
     return pService;
 }
 
+// The view tells of these threads until it is closed.
+void openView(const KTPLUGIN_INFO_TAG *pSelf, const Service *pService) {
+    ViewThread threads[PCCAST_VIEW_THREADS] = {{"PCCASTPluginMain", pSelf}};
+    static_assert(std::size(threads) == kEngineCount + 1);
+    for (int i = 0; i < kEngineCount; ++i) {
+        threads[i + 1] = {kEngines[i].pName, &pService->engines[i]};
+    }
+    viewOpen(threads);
+}
+
 // Starts every engine, even if another one cannot be started. Returns whether all have been started.
 bool startEngines(Service *pService) {
     bool bAll = true;
@@ -189,6 +200,7 @@ bool handOver(KTPLUGIN_INFO_TAG *pEngine, Channel *pChannel) {
 
 void releaseCurrent(Channel *pChannel) {
     if (pChannel->pCurrent != nullptr) {
+        viewReleased(pChannel->pCurrent);
         ELIMINATECASTInfo(&pChannel->pCurrent);
     }
     pChannel->bStartPending = false;
@@ -198,12 +210,14 @@ void releaseCurrent(Channel *pChannel) {
 // Makes room for a newer request. The current request goes back to its list, unless its end time has passed.
 void putBackCurrent(Channel *pChannel) {
     if (pChannel->pCurrent->ulET > now()) {
+        viewPutBack(pChannel->pCurrent);
         if (INSERTCASTInfo(&pChannel->list, pChannel->pCurrent) > 0) {
             pChannel->pCurrent = nullptr; // the list owns it now
         } else {
             std::printf(
                 "[%s:%d] \e[2;31m cast of EPG id %lu cannot be put back, dropped \e[1;41m[ERROR]\e[0m\n",
                 kModule, __LINE__, pChannel->pCurrent->uliEPGID);
+            viewDropped(pChannel->pCurrent, PCCAST_REASON_LOCK);
         }
     }
     releaseCurrent(pChannel);
@@ -224,8 +238,10 @@ void pickStep(Channel *pChannel) {
     if (pPicked == nullptr) {
         return;
     }
+    viewTaken(pPicked);
     if (pChannel->pCurrent != nullptr) {
         if (pPicked->ulCMD == CAST_CMD_STOP) {
+            viewCancelled(pChannel->pCurrent, pPicked);
             releaseCurrent(pChannel);
         } else {
             putBackCurrent(pChannel);
@@ -250,14 +266,16 @@ bool isCurrentDue(Channel *pChannel) {
 // Hands the due request to the announcement engine. If it starts a cast, pEngine gets it too. Both engines
 // are free. If a hand-over fails, the request stays pending for the next pass.
 void startCurrent(const KTPLUGIN_INFO_TAG *pSelf, Service *pService, Channel *pChannel,
-                  KTPLUGIN_INFO_TAG *pEngine) {
+                  KTPLUGIN_INFO_TAG *pEngine, ViewEngine eView) {
     if (!handOver(&pService->engines[ANNOUNCEMENT], pChannel)) {
         return;
     }
     if (pChannel->pCurrent->ulCMD != CAST_CMD_START) {
+        viewDone(pChannel->pCurrent);
         releaseCurrent(pChannel);
         return;
     }
+    viewHandedOver(eView, pChannel->pCurrent);
     if (!handOver(pEngine, pChannel)) {
         return;
     }
@@ -273,6 +291,8 @@ void bypassStartStep(const KTPLUGIN_INFO_TAG *pSelf, Service *pService) {
     if (!isCurrentDue(&pService->bypass)) {
         return;
     }
+    viewEndsFor(VIEW_BYPASS, pService->bypass.pCurrent);
+    viewEndsFor(VIEW_RECAST, pService->bypass.pCurrent);
     for (const EngineIndex eEngine : {ANNOUNCEMENT, BYPASS, RECAST}) {
         requestFinish(&pService->engines[eEngine]);
     }
@@ -281,7 +301,7 @@ void bypassStartStep(const KTPLUGIN_INFO_TAG *pSelf, Service *pService) {
             return;
         }
     }
-    startCurrent(pSelf, pService, &pService->bypass, &pService->engines[BYPASS]);
+    startCurrent(pSelf, pService, &pService->bypass, &pService->engines[BYPASS], VIEW_BYPASS);
 }
 
 // Starts a due request of the recast list. A file cast never ends a relay. So the request stays pending until
@@ -291,6 +311,7 @@ void recastStartStep(const KTPLUGIN_INFO_TAG *pSelf, Service *pService) {
         pService->engines[BYPASS].eState != ENGINE_IDLE || !isCurrentDue(&pService->recast)) {
         return;
     }
+    viewEndsFor(VIEW_RECAST, pService->recast.pCurrent);
     for (const EngineIndex eEngine : {ANNOUNCEMENT, RECAST}) {
         requestFinish(&pService->engines[eEngine]);
     }
@@ -299,7 +320,7 @@ void recastStartStep(const KTPLUGIN_INFO_TAG *pSelf, Service *pService) {
             return;
         }
     }
-    startCurrent(pSelf, pService, &pService->recast, &pService->engines[RECAST]);
+    startCurrent(pSelf, pService, &pService->recast, &pService->engines[RECAST], VIEW_RECAST);
 }
 
 // Hands the request to the announcement engine as ended. The engine has the end in hand for 20 seconds and
@@ -345,6 +366,7 @@ void schedulingLoop(const KTPLUGIN_INFO_TAG *pSelf, Service *pService) {
         failureStep(pSelf, pService, &pService->bypass, &pService->engines[BYPASS]);
         failureStep(pSelf, pService, &pService->recast, &pService->engines[RECAST]);
         recastStartStep(pSelf, pService);
+        viewPass();
         vexa_load_balance();
     }
 }
@@ -396,14 +418,18 @@ bool stopEngines(Service *pService) {
     bool bAllEnded = true;
     for (int i = 0; i < kEngineCount; ++i) {
         gStoppingEngine = kEngines[i].pName;
+        if (i == BYPASS || i == RECAST) {
+            viewEndsFor(i == BYPASS ? VIEW_BYPASS : VIEW_RECAST, nullptr);
+        }
         bAllEnded = stopEngine(&pService->engines[i], kEngines[i], pService->bStarted[i]) && bAllEnded;
     }
     gStoppingEngine = nullptr;
     return bAllEnded;
 }
 
+// What still waits is not told of: it neither ended nor expired.
 void releaseChannel(Channel *pChannel) {
-    releaseCurrent(pChannel);
+    ELIMINATECASTInfo(&pChannel->pCurrent);
     ELIMINATECASTInfo(&pChannel->pOnAir);
     DESTROYCASTList(&pChannel->list);
 }
@@ -428,10 +454,13 @@ int PCCASTPluginMain(KTPLUGIN_INFO_TAG *pBlock) {
     if (pService == nullptr) {
         std::printf("[%s:%d] \e[2;31m no memory for the service \e[1;41m[ERROR]\e[0m\n", kModule, __LINE__);
     } else {
+        openView(pBlock, pService);
         if (startEngines(pService)) {
             schedulingLoop(pBlock, pService);
         }
-        if (stopEngines(pService)) {
+        const bool bAllEnded = stopEngines(pService);
+        viewClose();
+        if (bAllEnded) {
             destroyService(pService);
         }
     }
