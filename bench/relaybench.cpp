@@ -102,7 +102,7 @@ Result runEngine(int iEncryptionType, double dSeconds) {
     require(MAKECASTInfo(&pCast, kSource, kDestination, nullptr, CAST_TYPE_STREAM) == 1, "cast record");
     pCast->ulCMD = CAST_CMD_START;
     pCast->usSRCPort = pCast->usDSTPort = kPort;
-    pCast->ulET = static_cast<unsigned long>(time(nullptr)) + 3600;
+    pCast->ulET = static_cast<unsigned long>(std::time(nullptr)) + 3600;
     pCast->iEncryptionType = iEncryptionType;
     pCast->iEncryptionKeyLen = 16;
     pCast->pEncryptionKey = static_cast<unsigned char *>(std::calloc(16, 1));

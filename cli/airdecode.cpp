@@ -9,57 +9,57 @@
 
 namespace {
 
-constexpr unsigned int SERVICE_AIR = 204;
+constexpr unsigned int kServiceAir = 204;
 
-constexpr unsigned short TAG_CHECK = 1100;
-constexpr unsigned short TAG_STATION_CHECK = 1101;
-constexpr unsigned short TAG_STATION = 1103;
+constexpr unsigned short kTagCheck = 1100;
+constexpr unsigned short kTagStationCheck = 1101;
+constexpr unsigned short kTagStation = 1103;
 
 // The kinds of frame by identification word and command.
-struct FRAME_KIND {
+struct FrameKind {
     unsigned int uiIdent;
     unsigned int uiCommand;
-    AIR_KIND eKind;
+    AirKind eKind;
 };
-constexpr std::array<FRAME_KIND, 3> FRAME_KINDS{
+constexpr std::array<FrameKind, 3> kFrameKinds{
     {{1234, 0x40030, AIR_ANNOUNCEMENT}, {1234, 0x40033, AIR_END}, {14, 0x40020, AIR_MESSAGE}}};
 
 // The items of either kind: numbers with their length on the wire, texts of any length.
-struct NUMBER_ITEM {
+struct NumberItem {
     bool bMessage;
     unsigned short usTag;
     unsigned long ulLength;
     const char *pszName;
-    std::optional<unsigned int> AIR_RECORD::*pField;
+    std::optional<unsigned int> AirRecord::*pField;
 };
-constexpr std::array<NUMBER_ITEM, 12> NUMBER_ITEMS{{
-    {false, 0x0701, 4, "programme", &AIR_RECORD::uiEPGID},
-    {false, 0x701D, 4, "type", &AIR_RECORD::uiType},
-    {false, 0x701C, 4, "format", &AIR_RECORD::uiFormat},
-    {false, 0x7011, 4, "start time", &AIR_RECORD::uiST},
-    {false, 0x7012, 4, "end time", &AIR_RECORD::uiET},
-    {false, 0x7017, 2, "port", &AIR_RECORD::uiPort},
-    {true, 0x004B, 4, "send time", &AIR_RECORD::uiMessageTime},
-    {true, 0x000B, 4, "start time", &AIR_RECORD::uiST},
-    {true, 0x000C, 4, "end time", &AIR_RECORD::uiET},
-    {true, 0x500A, 2, "showings", &AIR_RECORD::uiShowings},
-    {true, 0x5003, 4, "attribute 3", &AIR_RECORD::uiAttr3},
-    {true, 0x5001, 4, "attribute 1", &AIR_RECORD::uiAttr1},
+constexpr std::array<NumberItem, 12> kNumberItems{{
+    {false, 0x0701, 4, "programme", &AirRecord::uiEPGID},
+    {false, 0x701D, 4, "type", &AirRecord::uiType},
+    {false, 0x701C, 4, "format", &AirRecord::uiFormat},
+    {false, 0x7011, 4, "start time", &AirRecord::uiST},
+    {false, 0x7012, 4, "end time", &AirRecord::uiET},
+    {false, 0x7017, 2, "port", &AirRecord::uiPort},
+    {true, 0x004B, 4, "send time", &AirRecord::uiMessageTime},
+    {true, 0x000B, 4, "start time", &AirRecord::uiST},
+    {true, 0x000C, 4, "end time", &AirRecord::uiET},
+    {true, 0x500A, 2, "showings", &AirRecord::uiShowings},
+    {true, 0x5003, 4, "attribute 3", &AirRecord::uiAttr3},
+    {true, 0x5001, 4, "attribute 1", &AirRecord::uiAttr1},
 }};
 
-struct TEXT_ITEM {
+struct TextItem {
     bool bMessage;
     unsigned short usTag;
-    std::optional<std::string> AIR_RECORD::*pField;
+    std::optional<std::string> AirRecord::*pField;
 };
-constexpr std::array<TEXT_ITEM, 3> TEXT_ITEMS{{
-    {false, 0x7014, &AIR_RECORD::sAddress},
-    {false, TAG_STATION, &AIR_RECORD::sStation},
-    {true, 0x500B, &AIR_RECORD::sText},
+constexpr std::array<TextItem, 3> kTextItems{{
+    {false, 0x7014, &AirRecord::sAddress},
+    {false, kTagStation, &AirRecord::sStation},
+    {true, 0x500B, &AirRecord::sText},
 }};
 
-void noteItem(const KTPacketItem &item, bool bMessage, AIR_RECORD *pRecord) {
-    for (const NUMBER_ITEM &number : NUMBER_ITEMS) {
+void noteItem(const KTPacketItem &item, bool bMessage, AirRecord *pRecord) {
+    for (const NumberItem &number : kNumberItems) {
         if (number.bMessage != bMessage || number.usTag != item.usTag) {
             continue;
         }
@@ -73,7 +73,7 @@ void noteItem(const KTPacketItem &item, bool bMessage, AIR_RECORD *pRecord) {
             number.ulLength == 2 ? ktpacketGetWORD(item.pValue) : ktpacketGetDWORD(item.pValue);
         return;
     }
-    for (const TEXT_ITEM &text : TEXT_ITEMS) {
+    for (const TextItem &text : kTextItems) {
         if (text.bMessage == bMessage && text.usTag == item.usTag) {
             pRecord->*text.pField = std::string(reinterpret_cast<const char *>(item.pValue), item.ulLength);
             return;
@@ -81,15 +81,16 @@ void noteItem(const KTPacketItem &item, bool bMessage, AIR_RECORD *pRecord) {
     }
 }
 
-AIR_CHECK compareCheck(const KTPacketItem &item, const unsigned char *pBytes, unsigned long ulLength,
-                       const char *pszWhat, AIR_RECORD *pRecord) {
+AirCheck compareCheck(const KTPacketItem &item, const unsigned char *pBytes, unsigned long ulLength,
+                      const char *pszWhat, AirRecord *pRecord) {
     std::array<char, 128> aText{};
     const unsigned int uiComputed = qxapi_crc32(0xFFFFFFFFu, pBytes, ulLength);
     if (item.ulLength != 4) {
-        snprintf(aText.data(), aText.size(), "the CRC of %s has %lu bytes, not 4", pszWhat, item.ulLength);
+        std::snprintf(aText.data(), aText.size(), "the CRC of %s has %lu bytes, not 4", pszWhat,
+                      item.ulLength);
     } else if (ktpacketGetDWORD(item.pValue) != uiComputed) {
-        snprintf(aText.data(), aText.size(), "the CRC of %s is %08X, its bytes give %08X", pszWhat,
-                 ktpacketGetDWORD(item.pValue), uiComputed);
+        std::snprintf(aText.data(), aText.size(), "the CRC of %s is %08X, its bytes give %08X", pszWhat,
+                      ktpacketGetDWORD(item.pValue), uiComputed);
     } else {
         return AIR_CHECK_GOOD;
     }
@@ -99,12 +100,12 @@ AIR_CHECK compareCheck(const KTPacketItem &item, const unsigned char *pBytes, un
 
 // An announcement's checks: the first item's CRC covers what lies behind it up to the station file's CRC, or
 // the end; that one covers the station file's bytes.
-void checkAnnouncement(const unsigned char *pPayload, unsigned long ulLength, AIR_RECORD *pRecord) {
+void checkAnnouncement(const unsigned char *pPayload, unsigned long ulLength, AirRecord *pRecord) {
     KTPacketItem first{};
     KTPacketItem stationCheck{};
     unsigned long ulOffset = 0;
     unsigned long ulCoverEnd = ulLength;
-    if (!ktpacketNextItem(pPayload, ulLength, &ulOffset, &first) || first.usTag != TAG_CHECK) {
+    if (!ktpacketNextItem(pPayload, ulLength, &ulOffset, &first) || first.usTag != kTagCheck) {
         pRecord->sProblems.emplace_back("it does not begin with its CRC");
         return;
     }
@@ -112,7 +113,7 @@ void checkAnnouncement(const unsigned char *pPayload, unsigned long ulLength, AI
     KTPacketItem item{};
     for (unsigned long ulItem = ulOffset; ktpacketNextItem(pPayload, ulLength, &ulOffset, &item);
          ulItem = ulOffset) {
-        if (item.usTag == TAG_STATION_CHECK) {
+        if (item.usTag == kTagStationCheck) {
             stationCheck = item;
             ulCoverEnd = ulItem;
             break;
@@ -129,8 +130,8 @@ void checkAnnouncement(const unsigned char *pPayload, unsigned long ulLength, AI
 
 } // namespace
 
-AIR_RECORD decodeAir(const unsigned char *pBytes, unsigned long ulLength) {
-    AIR_RECORD record;
+AirRecord decodeAir(const unsigned char *pBytes, unsigned long ulLength) {
+    AirRecord record;
     KTNET_FRAME frame{};
     const int iFrame = ktn_xapi_frame_decode(pBytes, ulLength, &frame);
     if (iFrame != KTNET_FRAME_GOOD) {
@@ -142,8 +143,8 @@ AIR_RECORD decodeAir(const unsigned char *pBytes, unsigned long ulLength) {
     record.uiService = frame.uiService;
     record.uiCommand = frame.uiCommand;
     record.uiSendTime = frame.uiParam;
-    for (const FRAME_KIND &kind : FRAME_KINDS) {
-        if (frame.uiService == SERVICE_AIR && frame.uiIdent == kind.uiIdent &&
+    for (const FrameKind &kind : kFrameKinds) {
+        if (frame.uiService == kServiceAir && frame.uiIdent == kind.uiIdent &&
             frame.uiCommand == kind.uiCommand) {
             record.eKind = kind.eKind;
         }
@@ -176,7 +177,7 @@ AIR_RECORD decodeAir(const unsigned char *pBytes, unsigned long ulLength) {
     return record;
 }
 
-std::string airTypeText(const AIR_RECORD &record) {
+std::string airTypeText(const AirRecord &record) {
     if (!record.uiType) {
         return "-";
     }
@@ -190,7 +191,7 @@ std::string airTypeText(const AIR_RECORD &record) {
     }
 }
 
-std::string airFormatText(const AIR_RECORD &record) {
+std::string airFormatText(const AirRecord &record) {
     if (!record.uiFormat) {
         return "-";
     }
@@ -201,7 +202,7 @@ std::string airFormatText(const AIR_RECORD &record) {
     case 3:
         return "ASF";
     default:
-        snprintf(aText.data(), aText.size(), "0x%x", *record.uiFormat);
+        std::snprintf(aText.data(), aText.size(), "0x%x", *record.uiFormat);
         return aText.data();
     }
 }

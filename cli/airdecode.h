@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-enum AIR_KIND {
+enum AirKind {
     AIR_BROKEN,       // no frame, or a frame whose items cannot be read: sProblems says why
     AIR_UNKNOWN,      // a good frame that is neither an announcement nor a message
     AIR_ANNOUNCEMENT, // a cast is on air
@@ -17,10 +17,10 @@ enum AIR_KIND {
     AIR_MESSAGE       // a text to show
 };
 
-enum AIR_CHECK { AIR_CHECK_ABSENT, AIR_CHECK_GOOD, AIR_CHECK_WRONG };
+enum AirCheck { AIR_CHECK_ABSENT, AIR_CHECK_GOOD, AIR_CHECK_WRONG };
 
-struct AIR_RECORD {
-    AIR_KIND eKind = AIR_BROKEN;
+struct AirRecord {
+    AirKind eKind = AIR_BROKEN;
     std::vector<std::string> sProblems; // what did not hold; a text of our own, safe to print
 
     // The frame's header words, once it is a frame.
@@ -37,9 +37,9 @@ struct AIR_RECORD {
     std::optional<unsigned int> uiET;
     std::optional<std::string> sAddress;
     std::optional<unsigned int> uiPort;
-    AIR_CHECK eCheck = AIR_CHECK_ABSENT;        // the announcement's own CRC
-    AIR_CHECK eStationCheck = AIR_CHECK_ABSENT; // the station file's CRC
-    std::optional<std::string> sStation;        // the station file
+    AirCheck eCheck = AIR_CHECK_ABSENT;        // the announcement's own CRC
+    AirCheck eStationCheck = AIR_CHECK_ABSENT; // the station file's CRC
+    std::optional<std::string> sStation;       // the station file
     std::optional<unsigned int> uiMessageTime;
     std::optional<unsigned int> uiShowings;
     std::optional<unsigned int> uiAttr1;
@@ -48,10 +48,10 @@ struct AIR_RECORD {
 };
 
 // Decodes one whole datagram of ulLength bytes.
-AIR_RECORD decodeAir(const unsigned char *pBytes, unsigned long ulLength);
+AirRecord decodeAir(const unsigned char *pBytes, unsigned long ulLength);
 
 // Words for a record's values.
-std::string airTypeText(const AIR_RECORD &record);   // "stream", "file", "type 7", "-"
-std::string airFormatText(const AIR_RECORD &record); // "ASF", "H.264", "0x2000", "-"
+std::string airTypeText(const AirRecord &record);   // "stream", "file", "type 7", "-"
+std::string airFormatText(const AirRecord &record); // "ASF", "H.264", "0x2000", "-"
 
 #endif

@@ -8,10 +8,10 @@
 
 namespace {
 
-constexpr std::array<const char *, 5> KIND_WORDS{"BROKEN", "UNKNOWN", "ON AIR", "ENDED", "MESSAGE"};
-constexpr std::array<const char *, 5> KIND_NAMES{"broken", "unknown", "on-air", "end", "message"};
+constexpr std::array<const char *, 5> kKindWords{"BROKEN", "UNKNOWN", "ON AIR", "ENDED", "MESSAGE"};
+constexpr std::array<const char *, 5> kKindNames{"broken", "unknown", "on-air", "end", "message"};
 
-std::string checkText(AIR_CHECK eCheck, const char *pszWhat) {
+std::string checkText(AirCheck eCheck, const char *pszWhat) {
     switch (eCheck) {
     case AIR_CHECK_GOOD:
         return std::string("  ") + pszWhat + " ok";
@@ -22,7 +22,7 @@ std::string checkText(AIR_CHECK eCheck, const char *pszWhat) {
     }
 }
 
-std::string announcementLine(const AIR_RECORD &record, unsigned long ulNow) {
+std::string announcementLine(const AirRecord &record, unsigned long ulNow) {
     std::string sLine =
         "epg " + std::to_string(*record.uiEPGID) + "  " + airTypeText(record) + "  " + airFormatText(record);
     const std::string sDestination = airDestination(record);
@@ -58,7 +58,7 @@ void addText(std::string *psJSON, const char *pszName, const std::optional<std::
     }
 }
 
-void addCheck(std::string *psJSON, const char *pszName, AIR_CHECK eCheck) {
+void addCheck(std::string *psJSON, const char *pszName, AirCheck eCheck) {
     if (eCheck != AIR_CHECK_ABSENT) {
         *psJSON += std::string(",\"") + pszName + "\":" + (eCheck == AIR_CHECK_GOOD ? "true" : "false");
     }
@@ -66,7 +66,7 @@ void addCheck(std::string *psJSON, const char *pszName, AIR_CHECK eCheck) {
 
 } // namespace
 
-std::string airDestination(const AIR_RECORD &record) {
+std::string airDestination(const AirRecord &record) {
     if (record.sAddress) {
         return textForTerminal(*record.sAddress) + ":" +
                (record.uiPort ? std::to_string(*record.uiPort) : "?");
@@ -74,8 +74,8 @@ std::string airDestination(const AIR_RECORD &record) {
     return record.sStation ? "the station's group" : "";
 }
 
-std::string airLine(const AIR_RECORD &record, unsigned long ulNow, const std::string &sSender) {
-    std::string sLine = writeTime(ulNow) + "  " + KIND_WORDS[record.eKind] + "  ";
+std::string airLine(const AirRecord &record, unsigned long ulNow, const std::string &sSender) {
+    std::string sLine = writeTime(ulNow) + "  " + kKindWords[record.eKind] + "  ";
     if (record.eKind == AIR_ANNOUNCEMENT || record.eKind == AIR_END) {
         sLine += announcementLine(record, ulNow) + "  ";
     } else if (record.eKind == AIR_MESSAGE) {
@@ -89,9 +89,9 @@ std::string airLine(const AIR_RECORD &record, unsigned long ulNow, const std::st
     return sLine;
 }
 
-std::string airJSON(const AIR_RECORD &record, unsigned long ulNow, const std::string &sSender) {
+std::string airJSON(const AirRecord &record, unsigned long ulNow, const std::string &sSender) {
     std::string sJSON = "{\"heard\":" + std::to_string(ulNow) + ",\"by\":" + textForJSON(sSender) +
-                        ",\"kind\":\"" + KIND_NAMES[record.eKind] + "\"";
+                        ",\"kind\":\"" + kKindNames[record.eKind] + "\"";
     if (record.uiIdent != 0 || record.uiService != 0) {
         sJSON += ",\"ident\":" + std::to_string(record.uiIdent) +
                  ",\"service\":" + std::to_string(record.uiService) +

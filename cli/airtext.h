@@ -7,10 +7,10 @@
 #include "airdecode.h"
 
 // One line without its newline. ulNow: when it was heard, seconds; sSender: its address.
-std::string airLine(const AIR_RECORD &record, unsigned long ulNow, const std::string &sSender);
-std::string airJSON(const AIR_RECORD &record, unsigned long ulNow, const std::string &sSender);
+std::string airLine(const AirRecord &record, unsigned long ulNow, const std::string &sSender);
+std::string airJSON(const AirRecord &record, unsigned long ulNow, const std::string &sSender);
 
 // The destination "address:port", or "the station's group", or empty.
-std::string airDestination(const AIR_RECORD &record);
+std::string airDestination(const AirRecord &record);
 
 #endif

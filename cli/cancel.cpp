@@ -9,14 +9,14 @@
 
 namespace {
 
-struct CANCEL_OPTIONS {
+struct CancelOptions {
     std::string sIdentity;
     bool bPriority = false;
     std::string sPlugin;
 };
 
-int cancel(const CANCEL_OPTIONS &options) {
-    MESSAGE_IDENTITY identity{};
+int cancel(const CancelOptions &options) {
+    MessageIdentity identity{};
     const int iExit = checkArgument("IDENTITY", readMessageIdentity(options.sIdentity, &identity));
     if (iExit != EXIT_DONE) {
         return iExit;
@@ -35,7 +35,7 @@ int cancel(const CANCEL_OPTIONS &options) {
 
 void addCancelCommand(CLI::App &app, int &iExitCode) {
     auto *const pCommand = app.add_subcommand("cancel", "take a message back");
-    auto options = std::make_shared<CANCEL_OPTIONS>();
+    auto options = std::make_shared<CancelOptions>();
     pCommand->add_option("IDENTITY", options->sIdentity, "the line that message printed")
         ->type_name("")
         ->required();

@@ -11,10 +11,10 @@
 #include <vector>
 
 // Numbers travel in 32 bits, so no time may lie beyond 2106-02-07T06:28:15Z.
-constexpr unsigned long CLI_WIRE_MAX = 0xFFFFFFFFul;
+constexpr unsigned long kNumberMax = 0xFFFFFFFFul;
 
 // What makes two cast requests the same to the service, and the format that its end is announced with.
-struct CAST_IDENTITY {
+struct CastIdentity {
     unsigned long ulEPGID;
     unsigned long ulType;
     unsigned long ulST;
@@ -24,7 +24,7 @@ struct CAST_IDENTITY {
 };
 
 // What makes two messages the same to the service, and which of its two lists holds this one.
-struct MESSAGE_IDENTITY {
+struct MessageIdentity {
     unsigned long ulEPGID;
     unsigned long ulCT;
     unsigned long ulST;
@@ -46,13 +46,13 @@ std::string readFormat(std::string_view sText, unsigned long *pulFormat);
 // 1 to 16 bytes, two hexadecimal digits each.
 std::string readKey(std::string_view sText, std::vector<unsigned char> *pKey);
 // EPG:TYPE:START:END:PORT:FORMAT, the times in seconds since the epoch.
-std::string readCastIdentity(std::string_view sText, CAST_IDENTITY *pIdentity);
+std::string readCastIdentity(std::string_view sText, CastIdentity *pIdentity);
 // EPG:CREATED:START:END[:priority|:normal]
-std::string readMessageIdentity(std::string_view sText, MESSAGE_IDENTITY *pIdentity);
+std::string readMessageIdentity(std::string_view sText, MessageIdentity *pIdentity);
 
 std::string writeFormat(unsigned long ulFormat);
-std::string writeCastIdentity(const CAST_IDENTITY &identity);
-std::string writeMessageIdentity(const MESSAGE_IDENTITY &identity);
+std::string writeCastIdentity(const CastIdentity &identity);
+std::string writeMessageIdentity(const MessageIdentity &identity);
 
 // Local date and time "2026-11-24 18:00:00", or the time of day alone.
 std::string writeTime(unsigned long ulTime);

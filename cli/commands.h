@@ -12,7 +12,7 @@ namespace CLI {
 class App;
 }
 
-enum PCCAST_EXIT {
+enum ExitCode {
     EXIT_DONE = 0,         // done
     EXIT_USAGE = 64,       // the command line cannot be understood
     EXIT_BAD_DATA = 65,    // understood, but it cannot be cast or sent so

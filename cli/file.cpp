@@ -18,8 +18,8 @@
 
 namespace {
 
-struct FILE_OPTIONS {
-    REQUEST_OPTIONS request;
+struct FileOptions {
+    RequestOptions request;
     std::string sPath;
     std::string sDestination;
     std::string sFormat;
@@ -32,7 +32,7 @@ int findFile(const std::string &sPath, std::string *psWhole) {
     struct stat state {};
     if (realpath(sPath.c_str(), aWhole.data()) == nullptr || stat(aWhole.data(), &state) != 0 ||
         access(aWhole.data(), R_OK) != 0) {
-        return sayAndReturn(EXIT_NO_INPUT, sPath + ": " + strerror(errno));
+        return sayAndReturn(EXIT_NO_INPUT, sPath + ": " + std::strerror(errno));
     }
     if (!S_ISREG(state.st_mode)) {
         return sayAndReturn(EXIT_NO_INPUT,
@@ -44,7 +44,7 @@ int findFile(const std::string &sPath, std::string *psWhole) {
 }
 
 bool beginsAsASF(const std::string &sPath) {
-    static constexpr std::array<unsigned char, 16> HEADER_OBJECT{
+    static constexpr std::array<unsigned char, 16> kHeaderObject{
         0x30, 0x26, 0xB2, 0x75, 0x8E, 0x66, 0xCF, 0x11, 0xA6, 0xD9, 0x00, 0xAA, 0x00, 0x62, 0xCE, 0x6C};
     std::array<unsigned char, 16> aHead{};
     const int iFile = open(sPath.c_str(), O_RDONLY | O_CLOEXEC);
@@ -52,7 +52,7 @@ bool beginsAsASF(const std::string &sPath) {
     if (iFile >= 0) {
         close(iFile);
     }
-    return lRead == static_cast<ssize_t>(aHead.size()) && aHead == HEADER_OBJECT;
+    return lRead == static_cast<ssize_t>(aHead.size()) && aHead == kHeaderObject;
 }
 
 // The format by the file's content, judged by the reader that will play it.
@@ -68,10 +68,10 @@ int findFormat(const std::string &sPath, unsigned long *pulFormat) {
     return EXIT_DONE;
 }
 
-int castFile(const FILE_OPTIONS &options) {
-    CAST_REQUEST request{};
-    REQUEST_TIMES times{};
-    CAST_IDENTITY &identity = request.identity;
+int castFile(const FileOptions &options) {
+    CastRequest request{};
+    RequestTimes times{};
+    CastIdentity &identity = request.identity;
     int iExit =
         checkArgument("--to", readEndpoint(options.sDestination, &request.sDestination, &identity.usPort));
     if (iExit == EXIT_DONE && !options.sFormat.empty()) {
@@ -81,7 +81,7 @@ int castFile(const FILE_OPTIONS &options) {
         iExit = checkArgument("--stream-id", readNumber(options.sMSID, 0xFFFF, &request.ulMSID));
     }
     if (iExit == EXIT_DONE) {
-        iExit = readRequestOptions(options.request, CAST_DEFAULT_FOR, &times);
+        iExit = readRequestOptions(options.request, kCastDefaultFor, &times);
     }
     if (iExit == EXIT_DONE) {
         iExit = findFile(options.sPath, &request.sFile);
@@ -101,7 +101,7 @@ int castFile(const FILE_OPTIONS &options) {
     warnWithoutStationFile(identity.ulFormat);
     iExit = sendCast(options.request.sPlugin, CAST_CMD_START, request);
     if (iExit == EXIT_DONE) {
-        printf("%s\n", writeCastIdentity(identity).c_str());
+        std::printf("%s\n", writeCastIdentity(identity).c_str());
         sayAndReturn(EXIT_DONE, "cast of " + request.sFile + " to " + options.sDestination +
                                     " requested from " + writeTime(times.ulST) + " until " +
                                     writeTime(times.ulET) +
@@ -114,7 +114,7 @@ int castFile(const FILE_OPTIONS &options) {
 
 void addFileCommand(CLI::App &app, int &iExitCode) {
     auto *const pCommand = app.add_subcommand("file", "cast a stored ASF or transport stream file");
-    auto options = std::make_shared<FILE_OPTIONS>();
+    auto options = std::make_shared<FileOptions>();
     pCommand->add_option("PATH", options->sPath, "the file")->type_name("")->required();
     pCommand
         ->add_option("--to", options->sDestination,

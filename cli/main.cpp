@@ -8,12 +8,12 @@
 
 namespace {
 
-constexpr void (*COMMANDS[])(CLI::App &, int &) = {
+constexpr void (*kCommands[])(CLI::App &, int &) = {
     addServeCommand,   addRelayCommand,  addFileCommand,  addStopCommand,
     addMessageCommand, addCancelCommand, addWatchCommand, addStationCommand,
 };
 
-constexpr const char *FOOTER =
+constexpr const char *kFooter =
     R"(Times: now, +30s, +5m, +1h, 18:00, 2026-11-24T18:00:00 (local time), 2026-11-24T18:00:00Z, @SECONDS.
 Addresses: ADDRESS:PORT, for example 239.1.2.3:5000. Numbers: decimal, or hexadecimal behind 0x.
 
@@ -28,8 +28,8 @@ Example:
 } // namespace
 
 int sayAndReturn(int iExitCode, const std::string &sText) {
-    fflush(stdout);
-    fprintf(stderr, "pccast: %s\n", sText.c_str());
+    std::fflush(stdout);
+    std::fprintf(stderr, "pccast: %s\n", sText.c_str());
     return iExitCode;
 }
 
@@ -43,14 +43,14 @@ std::string helpExample(const std::string &sExample) {
 }
 
 int main(int iArguments, char **ppArguments) {
-    signal(SIGPIPE, SIG_IGN); // a peer that hangs up is an error to report, not the end
+    std::signal(SIGPIPE, SIG_IGN); // a peer that hangs up is an error to report, not the end
 
     CLI::App app("Casts live streams and stored files onto multicast groups and shows messages.", "pccast");
     app.set_version_flag("--version", "pccast " PCCAST_VERSION);
     app.require_subcommand(1);
-    app.footer(FOOTER);
+    app.footer(kFooter);
     int iExitCode = EXIT_DONE;
-    for (const auto pAddCommand : COMMANDS) {
+    for (const auto pAddCommand : kCommands) {
         pAddCommand(app, iExitCode);
     }
     // An argument that nothing takes is named before what is missing: often it is the same one, mistyped.
@@ -69,7 +69,7 @@ int main(int iArguments, char **ppArguments) {
     } catch (const CLI::ParseError &error) {
         iExitCode = app.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
     }
-    if (fflush(stdout) != 0 || ferror(stdout) != 0) {
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
         return sayAndReturn(iExitCode == EXIT_DONE ? EXIT_INTERNAL : iExitCode,
                             "standard output cannot be written; what was to go there is lost");
     }

@@ -16,7 +16,7 @@ namespace CLI {
 class App;
 }
 
-struct PLUGIN {
+struct Plugin {
     decltype(&QX_PlugIn_Name) pName;
     decltype(&QX_PlugIn_Version) pVersion;
     decltype(&p_qxapi_open_pccast) pOpen;
@@ -38,6 +38,6 @@ void addPluginOption(CLI::App *pCommand, std::string &sPath);
 // Loads the plug-in at sPath, or, when that is empty, the one that belongs to this program, and checks its
 // name, its version and that it publishes both commanders. Returns EXIT_DONE, or EXIT_UNAVAILABLE (the reason
 // is on standard error).
-int loadPlugin(const std::string &sPath, PLUGIN *pPlugin);
+int loadPlugin(const std::string &sPath, Plugin *pPlugin);
 
 #endif

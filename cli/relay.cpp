@@ -9,8 +9,8 @@
 
 namespace {
 
-struct RELAY_OPTIONS {
-    REQUEST_OPTIONS request;
+struct RelayOptions {
+    RequestOptions request;
     std::string sSource;
     std::string sDestination;
     std::string sFormat = "ts";
@@ -21,10 +21,10 @@ struct RELAY_OPTIONS {
     bool bChunks = false;
 };
 
-int relay(const RELAY_OPTIONS &options) {
-    CAST_REQUEST request{};
-    REQUEST_TIMES times{};
-    CAST_IDENTITY &identity = request.identity;
+int relay(const RelayOptions &options) {
+    CastRequest request{};
+    RequestTimes times{};
+    CastIdentity &identity = request.identity;
     int iExit =
         checkArgument("SOURCE", readEndpoint(options.sSource, &request.sSource, &request.usSourcePort));
     if (iExit == EXIT_DONE) {
@@ -43,7 +43,7 @@ int relay(const RELAY_OPTIONS &options) {
         request.iEncryptionType = options.bFastSeed ? CAST_ENCRYPTION_FAST_SEED : CAST_ENCRYPTION_SEED;
     }
     if (iExit == EXIT_DONE) {
-        iExit = readRequestOptions(options.request, CAST_DEFAULT_FOR, &times);
+        iExit = readRequestOptions(options.request, kCastDefaultFor, &times);
     }
     if (iExit != EXIT_DONE) {
         return iExit;
@@ -61,7 +61,7 @@ int relay(const RELAY_OPTIONS &options) {
     warnWithoutStationFile(identity.ulFormat);
     iExit = sendCast(options.request.sPlugin, CAST_CMD_START, request);
     if (iExit == EXIT_DONE) {
-        printf("%s\n", writeCastIdentity(identity).c_str());
+        std::printf("%s\n", writeCastIdentity(identity).c_str());
         sayAndReturn(EXIT_DONE, "relay of " + options.sSource + " to " + options.sDestination +
                                     " requested from " + writeTime(times.ulST) + " until " +
                                     writeTime(times.ulET) + "; pccast stop takes the line above");
@@ -73,7 +73,7 @@ int relay(const RELAY_OPTIONS &options) {
 
 void addRelayCommand(CLI::App &app, int &iExitCode) {
     auto *const pCommand = app.add_subcommand("relay", "cast the live stream that arrives at SOURCE");
-    auto options = std::make_shared<RELAY_OPTIONS>();
+    auto options = std::make_shared<RelayOptions>();
     pCommand
         ->add_option(
             "SOURCE", options->sSource,

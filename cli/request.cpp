@@ -13,7 +13,7 @@
 #include <cstring>
 #include <memory>
 
-void addRequestOptions(CLI::App *pCommand, REQUEST_OPTIONS &options, const char *pszDefaultFor) {
+void addRequestOptions(CLI::App *pCommand, RequestOptions &options, const char *pszDefaultFor) {
     pCommand->add_option("--epg", options.sEPG, "the programme that it belongs to (default 1)")
         ->type_name("N");
     pCommand->add_option("--start", options.sStart, "when it starts (default now)")->type_name("TIME");
@@ -26,10 +26,10 @@ void addRequestOptions(CLI::App *pCommand, REQUEST_OPTIONS &options, const char 
     addPluginOption(pCommand, options.sPlugin);
 }
 
-int readRequestOptions(const REQUEST_OPTIONS &options, unsigned long ulDefaultFor, REQUEST_TIMES *pTimes) {
+int readRequestOptions(const RequestOptions &options, unsigned long ulDefaultFor, RequestTimes *pTimes) {
     const unsigned long ulNow = vexa_time(nullptr);
-    REQUEST_TIMES times{0, ulNow, 0, 0};
-    int iExit = checkArgument("--epg", readNumber(options.sEPG, CLI_WIRE_MAX, &times.ulEPGID));
+    RequestTimes times{0, ulNow, 0, 0};
+    int iExit = checkArgument("--epg", readNumber(options.sEPG, kNumberMax, &times.ulEPGID));
     if (iExit == EXIT_DONE) {
         iExit = checkArgument("--start", readTime(options.sStart, ulNow, &times.ulST));
     }
@@ -45,7 +45,7 @@ int readRequestOptions(const REQUEST_OPTIONS &options, unsigned long ulDefaultFo
     if (iExit != EXIT_DONE) {
         return iExit;
     }
-    if (times.ulET > CLI_WIRE_MAX) {
+    if (times.ulET > kNumberMax) {
         return sayAndReturn(EXIT_BAD_DATA,
                             "the end would lie beyond 2106-02-07T06:28:15Z, the last time that fits "
                             "the 32 bits on the wire; give an earlier end or a shorter duration");
@@ -63,8 +63,8 @@ int readRequestOptions(const REQUEST_OPTIONS &options, unsigned long ulDefaultFo
     return EXIT_DONE;
 }
 
-int sendCast(const std::string &sPlugin, unsigned long ulCMD, const CAST_REQUEST &request) {
-    PLUGIN plugin{};
+int sendCast(const std::string &sPlugin, unsigned long ulCMD, const CastRequest &request) {
+    Plugin plugin{};
     const int iLoaded = loadPlugin(sPlugin, &plugin);
     if (iLoaded != EXIT_DONE) {
         return iLoaded;
@@ -86,20 +86,20 @@ int sendCast(const std::string &sPlugin, unsigned long ulCMD, const CAST_REQUEST
     pInfo->ulMSID = request.ulMSID;
     pInfo->iASFSplit = request.iASFSplit;
     if (!request.key.empty()) {
-        pInfo->pEncryptionKey = static_cast<unsigned char *>(malloc(request.key.size()));
+        pInfo->pEncryptionKey = static_cast<unsigned char *>(std::malloc(request.key.size()));
         if (pInfo->pEncryptionKey == nullptr) {
             return sayAndReturn(EXIT_INTERNAL, "no memory for the key");
         }
-        memcpy(pInfo->pEncryptionKey, request.key.data(), request.key.size());
+        std::memcpy(pInfo->pEncryptionKey, request.key.data(), request.key.size());
         pInfo->iEncryptionKeyLen = static_cast<int>(request.key.size());
         pInfo->iEncryptionType = request.iEncryptionType;
     }
     return submitCast(plugin, ulCMD, pInfo);
 }
 
-int sendMessage(const std::string &sPlugin, unsigned long ulCMD, const MESSAGE_IDENTITY &identity,
+int sendMessage(const std::string &sPlugin, unsigned long ulCMD, const MessageIdentity &identity,
                 unsigned long ulRepeat, const std::string &sText) {
-    PLUGIN plugin{};
+    Plugin plugin{};
     const int iLoaded = loadPlugin(sPlugin, &plugin);
     if (iLoaded != EXIT_DONE) {
         return iLoaded;
@@ -121,9 +121,10 @@ int sendMessage(const std::string &sPlugin, unsigned long ulCMD, const MESSAGE_I
 
 void warnWithoutStationFile(unsigned long ulFormat) {
     if (isASFFormat(ulFormat) && access(kStationFile, R_OK) != 0) {
-        fprintf(stderr,
-                "pccast: note: %s: %s; without it an ASF cast is not announced and a file of it not played "
-                "(pccast station writes one)\n",
-                kStationFile, strerror(errno));
+        std::fprintf(
+            stderr,
+            "pccast: note: %s: %s; without it an ASF cast is not announced and a file of it not played "
+            "(pccast station writes one)\n",
+            kStationFile, std::strerror(errno));
     }
 }

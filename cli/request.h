@@ -16,10 +16,10 @@ class App;
 }
 
 // Seconds that a cast lasts when neither --end nor --for is given: 1h.
-constexpr unsigned long CAST_DEFAULT_FOR = 3600;
+constexpr unsigned long kCastDefaultFor = 3600;
 
 // The options as given; addRequestOptions fills in what is not.
-struct REQUEST_OPTIONS {
+struct RequestOptions {
     std::string sEPG = "1";
     std::string sStart = "now";
     std::string sEnd;
@@ -28,7 +28,7 @@ struct REQUEST_OPTIONS {
 };
 
 // The options as read.
-struct REQUEST_TIMES {
+struct RequestTimes {
     unsigned long ulEPGID;
     unsigned long ulCT; // now
     unsigned long ulST;
@@ -36,8 +36,8 @@ struct REQUEST_TIMES {
 };
 
 // A cast request before it is one: texts and key are copied into the record.
-struct CAST_REQUEST {
-    CAST_IDENTITY identity; // with it the destination port
+struct CastRequest {
+    CastIdentity identity; // with it the destination port
     unsigned long ulCT;
     std::string sSource;
     unsigned short usSourcePort;
@@ -50,15 +50,15 @@ struct CAST_REQUEST {
 };
 
 // pszDefaultFor: the help's words for how long it lasts when neither --end nor --for is given.
-void addRequestOptions(CLI::App *pCommand, REQUEST_OPTIONS &options, const char *pszDefaultFor);
+void addRequestOptions(CLI::App *pCommand, RequestOptions &options, const char *pszDefaultFor);
 
 // ulDefaultFor: seconds from start to end when neither --end nor --for is given. Returns EXIT_DONE;
 // EXIT_USAGE or EXIT_BAD_DATA (an end that has passed or does not follow the start), said on standard error.
-int readRequestOptions(const REQUEST_OPTIONS &options, unsigned long ulDefaultFor, REQUEST_TIMES *pTimes);
+int readRequestOptions(const RequestOptions &options, unsigned long ulDefaultFor, RequestTimes *pTimes);
 
 // Loads the plug-in and submits; the exit code, everything but success said on standard error.
-int sendCast(const std::string &sPlugin, unsigned long ulCMD, const CAST_REQUEST &request);
-int sendMessage(const std::string &sPlugin, unsigned long ulCMD, const MESSAGE_IDENTITY &identity,
+int sendCast(const std::string &sPlugin, unsigned long ulCMD, const CastRequest &request);
+int sendMessage(const std::string &sPlugin, unsigned long ulCMD, const MessageIdentity &identity,
                 unsigned long ulRepeat, const std::string &sText);
 
 // Says on standard error when an ASF cast lacks the host's station file.

@@ -22,18 +22,18 @@
 
 namespace {
 
-struct SERVE_OPTIONS {
+struct ServeOptions {
     std::string sInterface;
     std::string sPlugin;
 };
 
-constexpr std::array<const char *, 2> SOCKETS{PCCAST_CAST_SOCKET, PCCAST_MESSAGE_SOCKET};
-constexpr std::chrono::milliseconds LOOK_INTERVAL{20};
-constexpr int LISTEN_LOOKS = 250; // 5 s for both sockets to be served
+constexpr std::array<const char *, 2> kSockets{PCCAST_CAST_SOCKET, PCCAST_MESSAGE_SOCKET};
+constexpr std::chrono::milliseconds kLookInterval{20};
+constexpr int kListenLooks = 250; // 5 s for both sockets to be served
 
 // Says why the sockets cannot be had when another service serves one of them, or something is in the way.
 int checkSocketsFree() {
-    for (const char *pszSocket : SOCKETS) {
+    for (const char *pszSocket : kSockets) {
         const int iError = probeSocket(pszSocket);
         if (iError == EACCES) {
             return sayForeignSocket(pszSocket);
@@ -45,7 +45,7 @@ int checkSocketsFree() {
         // A refused connection is a stale file, which the service replaces; no file is the usual case.
         if (iError != ENOENT && iError != ECONNREFUSED) {
             return sayAndReturn(EXIT_UNAVAILABLE,
-                                std::string(pszSocket) + " cannot be used: " + strerror(iError));
+                                std::string(pszSocket) + " cannot be used: " + std::strerror(iError));
         }
     }
     return EXIT_DONE;
@@ -63,7 +63,7 @@ void warnWithoutRoute() {
         return;
     }
     if (connect(iSocket, reinterpret_cast<const struct sockaddr *>(&group), sizeof group) != 0) {
-        sayAndReturn(EXIT_DONE, std::string("nothing can be sent to 224.9.9.9: ") + strerror(errno) +
+        sayAndReturn(EXIT_DONE, std::string("nothing can be sent to 224.9.9.9: ") + std::strerror(errno) +
                                     "; give --interface, or a route: ip route add 224.0.0.0/4 dev eth0");
     }
     close(iSocket);
@@ -73,9 +73,9 @@ void warnWithoutRoute() {
 // time, null when both are served.
 const char *waitUntilServed() {
     const char *pszMissing = nullptr;
-    for (int i = 0; i < LISTEN_LOOKS; ++i) {
+    for (int i = 0; i < kListenLooks; ++i) {
         pszMissing = nullptr;
-        for (const char *pszSocket : SOCKETS) {
+        for (const char *pszSocket : kSockets) {
             if (probeSocket(pszSocket) != 0) {
                 pszMissing = pszSocket;
             }
@@ -83,13 +83,13 @@ const char *waitUntilServed() {
         if (pszMissing == nullptr) {
             return nullptr;
         }
-        std::this_thread::sleep_for(LOOK_INTERVAL);
+        std::this_thread::sleep_for(kLookInterval);
     }
     return pszMissing;
 }
 
 // Closes on a thread of its own, so that a further signal gets an answer meanwhile.
-int closePlugin(const PLUGIN &plugin, const sigset_t &signals) {
+int closePlugin(const Plugin &plugin, const sigset_t &signals) {
     std::atomic<bool> bClosed{false};
     int iResult = 0;
     std::thread closer([&] {
@@ -100,15 +100,15 @@ int closePlugin(const PLUGIN &plugin, const sigset_t &signals) {
     while (!bClosed.load()) {
         const int iSignal = sigtimedwait(&signals, nullptr, &interval);
         if (iSignal > 0) {
-            printf("pccast: %s: already closing, one moment\n", strsignal(iSignal));
+            std::printf("pccast: %s: already closing, one moment\n", strsignal(iSignal));
         }
     }
     closer.join();
     return iResult;
 }
 
-int serve(const SERVE_OPTIONS &options) {
-    setvbuf(stdout, nullptr, _IOLBF, 0);
+int serve(const ServeOptions &options) {
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
     int iExit = checkInterface(options.sInterface);
     if (iExit != EXIT_DONE) {
         return iExit;
@@ -117,7 +117,7 @@ int serve(const SERVE_OPTIONS &options) {
         setenv("KTNET_MULTICAST_IF", options.sInterface.c_str(), 1);
     }
 
-    PLUGIN plugin{};
+    Plugin plugin{};
     iExit = loadPlugin(options.sPlugin, &plugin);
     if (iExit == EXIT_DONE) {
         iExit = checkSocketsFree();
@@ -143,12 +143,13 @@ int serve(const SERVE_OPTIONS &options) {
         return sayAndReturn(EXIT_UNAVAILABLE, std::string("the service did not start to listen on ") +
                                                   pszMissing + "; its reason is above");
     }
-    printf("pccast: %s %u.%u.%u.%u serves casts on %s and messages on %s, sending by %s; Ctrl-C or SIGTERM "
-           "ends it\n",
-           plugin.pName(), plugin.pVersion() >> 24, plugin.pVersion() >> 16 & 0xFF,
-           plugin.pVersion() >> 8 & 0xFF, plugin.pVersion() & 0xFF, SOCKETS[0], SOCKETS[1],
-           options.sInterface.empty() ? "the interface that the routing table names"
-                                      : options.sInterface.c_str());
+    std::printf(
+        "pccast: %s %u.%u.%u.%u serves casts on %s and messages on %s, sending by %s; Ctrl-C or SIGTERM "
+        "ends it\n",
+        plugin.pName(), plugin.pVersion() >> 24, plugin.pVersion() >> 16 & 0xFF,
+        plugin.pVersion() >> 8 & 0xFF, plugin.pVersion() & 0xFF, kSockets[0], kSockets[1],
+        options.sInterface.empty() ? "the interface that the routing table names"
+                                   : options.sInterface.c_str());
 
     if (options.sInterface.empty()) {
         warnWithoutRoute();
@@ -156,11 +157,11 @@ int serve(const SERVE_OPTIONS &options) {
 
     int iSignal = 0;
     sigwait(&signals, &iSignal);
-    printf("pccast: %s: closing the service\n", strsignal(iSignal));
+    std::printf("pccast: %s: closing the service\n", strsignal(iSignal));
     if (closePlugin(plugin, signals) != 1) {
         return sayAndReturn(EXIT_INTERNAL, "the plug-in did not close cleanly");
     }
-    printf("pccast: closed\n");
+    std::printf("pccast: closed\n");
     return EXIT_DONE;
 }
 
@@ -169,7 +170,7 @@ int serve(const SERVE_OPTIONS &options) {
 void addServeCommand(CLI::App &app, int &iExitCode) {
     auto *const pCommand =
         app.add_subcommand("serve", "run the service in this process until Ctrl-C or SIGTERM");
-    auto options = std::make_shared<SERVE_OPTIONS>();
+    auto options = std::make_shared<ServeOptions>();
     pCommand->add_option("--interface", options->sInterface, "send multicast by this interface")
         ->type_name("NAME|ADDRESS");
     addPluginOption(pCommand, options->sPlugin);

@@ -12,7 +12,7 @@
 namespace {
 
 // Returns EXIT_DONE when the service is switched on and listens, else says why not.
-int checkService(const PLUGIN &plugin, const char *pszKeyPath, const char *pszSocket) {
+int checkService(const Plugin &plugin, const char *pszKeyPath, const char *pszSocket) {
     if (plugin.pVerifyService(pszKeyPath) < 1) {
         return sayAndReturn(EXIT_SWITCHED_OFF, std::string("the registry switches the service off (") +
                                                    pszKeyPath + "=DISABLE); nothing was sent");
@@ -29,14 +29,14 @@ int checkService(const PLUGIN &plugin, const char *pszKeyPath, const char *pszSo
         return sayForeignSocket(pszSocket);
     default:
         return sayAndReturn(EXIT_UNAVAILABLE, std::string("the service on ") + pszSocket +
-                                                  " cannot be reached: " + strerror(iError));
+                                                  " cannot be reached: " + std::strerror(iError));
     }
 }
 
 // Validates as the commander of the kind does, and sends.
-template <typename RECORD>
-int submit(int (*pValidate)(const RECORD *), int (*pSend)(unsigned long, const RECORD *), unsigned long ulCMD,
-           RECORD *pInfo) {
+template <typename Record>
+int submit(int (*pValidate)(const Record *), int (*pSend)(unsigned long, const Record *), unsigned long ulCMD,
+           Record *pInfo) {
     pInfo->ulCMD = ulCMD;
     if (pValidate(pInfo) < 1) {
         return sayAndReturn(EXIT_BAD_DATA, "the request is not complete; nothing was sent");
@@ -46,7 +46,7 @@ int submit(int (*pValidate)(const RECORD *), int (*pSend)(unsigned long, const R
         return EXIT_DONE;
     }
     return sayAndReturn(EXIT_UNAVAILABLE, std::string("the service did not take the request") +
-                                              (iSent < 0 ? std::string(": ") + strerror(-iSent) : "") +
+                                              (iSent < 0 ? std::string(": ") + std::strerror(-iSent) : "") +
                                               "; submit it again");
 }
 
@@ -59,7 +59,7 @@ int probeSocket(const char *pszPath) {
     }
     struct sockaddr_un address {};
     address.sun_family = AF_UNIX;
-    strncpy(address.sun_path, pszPath, sizeof address.sun_path - 1);
+    std::strncpy(address.sun_path, pszPath, sizeof address.sun_path - 1);
     const int iResult = connect(iSocket, reinterpret_cast<const struct sockaddr *>(&address), sizeof address);
     const int iError = iResult == 0 ? 0 : errno;
     close(iSocket);
@@ -73,12 +73,12 @@ int sayForeignSocket(const char *pszPath) {
                                               "requests come from that user or from root");
 }
 
-int submitCast(const PLUGIN &plugin, unsigned long ulCMD, CASTInfo *pInfo) {
+int submitCast(const Plugin &plugin, unsigned long ulCMD, CASTInfo *pInfo) {
     const int iCheck = checkService(plugin, PCCAST_CAST_SERVICE, PCCAST_CAST_SOCKET);
     return iCheck == EXIT_DONE ? submit(plugin.pValidateCast, plugin.pSendCast, ulCMD, pInfo) : iCheck;
 }
 
-int submitMessage(const PLUGIN &plugin, unsigned long ulCMD, MSGInfo *pInfo) {
+int submitMessage(const Plugin &plugin, unsigned long ulCMD, MSGInfo *pInfo) {
     const int iCheck = checkService(plugin, PCCAST_MESSAGE_SERVICE, PCCAST_MESSAGE_SOCKET);
     return iCheck == EXIT_DONE ? submit(plugin.pValidateMessage, plugin.pSendMessage, ulCMD, pInfo) : iCheck;
 }

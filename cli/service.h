@@ -15,7 +15,7 @@ int sayForeignSocket(const char *pszPath);
 
 // Submits the record with command ulCMD, which is written into it. Returns EXIT_DONE: it was sent;
 // EXIT_SWITCHED_OFF, EXIT_UNAVAILABLE or EXIT_BAD_DATA (incomplete), said on standard error.
-int submitCast(const PLUGIN &plugin, unsigned long ulCMD, CASTInfo *pInfo);
-int submitMessage(const PLUGIN &plugin, unsigned long ulCMD, MSGInfo *pInfo);
+int submitCast(const Plugin &plugin, unsigned long ulCMD, CASTInfo *pInfo);
+int submitMessage(const Plugin &plugin, unsigned long ulCMD, MSGInfo *pInfo);
 
 #endif

@@ -18,7 +18,7 @@
 
 namespace {
 
-struct STATION_OPTIONS {
+struct StationOptions {
     std::string sFile;
     std::string sGroup;
     unsigned int uiPort = 0;
@@ -69,17 +69,17 @@ int replaceFile(const std::string &sFile, const std::string &sText) {
         bWritten = lWritten > 0;
         ulAt += bWritten ? static_cast<std::size_t>(lWritten) : 0;
     }
-    if (bWritten && close(iFile) == 0 && rename(sNew.c_str(), sFile.c_str()) == 0) {
+    if (bWritten && close(iFile) == 0 && std::rename(sNew.c_str(), sFile.c_str()) == 0) {
         return EXIT_DONE;
     }
-    const std::string sReason = strerror(errno);
+    const std::string sReason = std::strerror(errno);
     if (iFile >= 0) {
         unlink(sNew.c_str());
     }
     return sayAndReturn(EXIT_INTERNAL, sFile + " cannot be written: " + sReason);
 }
 
-int writeStation(const STATION_OPTIONS &options) {
+int writeStation(const StationOptions &options) {
     NSCSTATION station;
     std::string sReason;
     if (options.sGroup.empty() || options.uiPort == 0) {
@@ -102,25 +102,25 @@ int writeStation(const STATION_OPTIONS &options) {
     if (!options.sOutput.empty() && options.sOutput != "-") {
         return replaceFile(options.sOutput, sText);
     }
-    fwrite(sText.data(), 1, sText.size(), stdout);
+    std::fwrite(sText.data(), 1, sText.size(), stdout);
     return EXIT_DONE;
 }
 
-int showStation(const STATION_OPTIONS &options) {
+int showStation(const StationOptions &options) {
     NSCSTATION station;
     std::string sReason;
     if (!nscRead(options.sFile.c_str(), station, sReason)) {
         const bool bThere = access(options.sFile.c_str(), R_OK) == 0;
         return sayAndReturn(bThere ? EXIT_BAD_DATA : EXIT_NO_INPUT, options.sFile + ": " + sReason);
     }
-    printf("name        %s\n", textForTerminal(station.sName).c_str());
-    printf("version     %s\n", textForTerminal(station.sVersion).c_str());
-    printf("target      %s:%u\n", station.sAddress.c_str(), station.usPort);
-    printf("hop limit   %s\n", station.iHops < 0 ? "not named" : std::to_string(station.iHops).c_str());
+    std::printf("name        %s\n", textForTerminal(station.sName).c_str());
+    std::printf("version     %s\n", textForTerminal(station.sVersion).c_str());
+    std::printf("target      %s:%u\n", station.sAddress.c_str(), station.usPort);
+    std::printf("hop limit   %s\n", station.iHops < 0 ? "not named" : std::to_string(station.iHops).c_str());
     for (const NSCFORMAT &format : station.Formats) {
-        printf("format %-4u Format ID %u, header of %zu bytes%s%s\n", format.uiIndex, format.uiFormatID,
-               format.Header.size(), format.sDescription.empty() ? "" : ", ",
-               textForTerminal(format.sDescription).c_str());
+        std::printf("format %-4u Format ID %u, header of %zu bytes%s%s\n", format.uiIndex, format.uiFormatID,
+                    format.Header.size(), format.sDescription.empty() ? "" : ", ",
+                    textForTerminal(format.sDescription).c_str());
     }
     return EXIT_DONE;
 }
@@ -130,7 +130,7 @@ int showStation(const STATION_OPTIONS &options) {
 void addStationCommand(CLI::App &app, int &iExitCode) {
     auto *const pCommand =
         app.add_subcommand("station", "write the station file that an ASF file is cast with, or show one");
-    auto options = std::make_shared<STATION_OPTIONS>();
+    auto options = std::make_shared<StationOptions>();
     pCommand->add_option("FILE", options->sFile, "the ASF file; with --show the station file")
         ->type_name("")
         ->required();

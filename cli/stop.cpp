@@ -9,7 +9,7 @@
 
 namespace {
 
-struct STOP_OPTIONS {
+struct StopOptions {
     std::string sIdentity;
     std::string sEPG;
     std::string sType = "2";
@@ -20,9 +20,9 @@ struct STOP_OPTIONS {
     std::string sPlugin;
 };
 
-int readParts(const STOP_OPTIONS &options, unsigned long ulNow, CAST_IDENTITY *pIdentity) {
+int readParts(const StopOptions &options, unsigned long ulNow, CastIdentity *pIdentity) {
     unsigned long ulPort = 0;
-    int iExit = checkArgument("--epg", readNumber(options.sEPG, CLI_WIRE_MAX, &pIdentity->ulEPGID));
+    int iExit = checkArgument("--epg", readNumber(options.sEPG, kNumberMax, &pIdentity->ulEPGID));
     if (iExit == EXIT_DONE) {
         iExit = checkArgument(
             "--type", readNumber(options.sType, CAST_TYPE_STREAM_2, &pIdentity->ulType, CAST_TYPE_FILE));
@@ -44,7 +44,7 @@ int readParts(const STOP_OPTIONS &options, unsigned long ulNow, CAST_IDENTITY *p
 }
 
 // Says why there is no use in stopping a cast whose end has passed. Only a relay ends at it.
-int sayItsTimeIsOver(const CAST_IDENTITY &identity) {
+int sayItsTimeIsOver(const CastIdentity &identity) {
     const std::string sOver = writeTime(identity.ulET);
     if (identity.ulType != CAST_TYPE_FILE) {
         return sayAndReturn(EXIT_BAD_DATA,
@@ -59,9 +59,9 @@ int sayItsTimeIsOver(const CAST_IDENTITY &identity) {
             std::to_string(identity.usPort) + " --format " + writeFormat(identity.ulFormat));
 }
 
-int stop(const STOP_OPTIONS &options) {
+int stop(const StopOptions &options) {
     const unsigned long ulNow = vexa_time(nullptr);
-    CAST_REQUEST request{};
+    CastRequest request{};
     int iExit = EXIT_DONE;
     if (!options.sIdentity.empty()) {
         iExit = checkArgument("IDENTITY", readCastIdentity(options.sIdentity, &request.identity));
@@ -94,7 +94,7 @@ int stop(const STOP_OPTIONS &options) {
 
 void addStopCommand(CLI::App &app, int &iExitCode) {
     auto *const pCommand = app.add_subcommand("stop", "take a waiting cast back, or end the one on air");
-    auto options = std::make_shared<STOP_OPTIONS>();
+    auto options = std::make_shared<StopOptions>();
     pCommand->add_option("IDENTITY", options->sIdentity, "the line that relay or file printed")
         ->type_name("");
     pCommand->add_option("--epg", options->sEPG, "without IDENTITY: the cast's programme")->type_name("N");

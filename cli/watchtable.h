@@ -10,40 +10,39 @@
 
 // A cast as its announcements tell it. A service has one cast on air at a time: a newer one of the same
 // sender takes its place without an end announcement for the older.
-struct WATCH_CAST {
+struct WatchCast {
     std::string sSender;
-    AIR_RECORD record;
+    AirRecord record;
     unsigned long ulHeard; // the last announcement
     unsigned long ulEnded; // when its end was heard or it was replaced; 0 while it is on air
 };
 
-struct WATCH_MESSAGE {
+struct WatchMessage {
     std::string sSender;
-    AIR_RECORD record;
+    AirRecord record;
     unsigned long ulHeard;
     unsigned long ulTimes;
 };
 
-struct WATCH_PROBLEM {
+struct WatchProblem {
     std::string sSender;
     std::string sText;
     unsigned long ulHeard;
 };
 
 // Newest first, each list bounded.
-struct WATCH_STATE {
-    std::deque<WATCH_CAST> casts;
-    std::deque<WATCH_MESSAGE> messages;
-    std::deque<WATCH_PROBLEM> problems;
+struct WatchState {
+    std::deque<WatchCast> casts;
+    std::deque<WatchMessage> messages;
+    std::deque<WatchProblem> problems;
     unsigned long ulDatagrams = 0;
 };
 
-void watchNote(WATCH_STATE *pState, const AIR_RECORD &record, unsigned long ulNow,
-               const std::string &sSender);
+void watchNote(WatchState *pState, const AirRecord &record, unsigned long ulNow, const std::string &sSender);
 
 // The table as lines of at most uColumns columns, at most uRows of them. bColour: with colour escapes, which
 // do not count as columns.
-std::vector<std::string> watchDraw(const WATCH_STATE &state, unsigned long ulNow, size_t uColumns,
+std::vector<std::string> watchDraw(const WatchState &state, unsigned long ulNow, size_t uColumns,
                                    size_t uRows, bool bColour);
 
 #endif
