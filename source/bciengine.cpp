@@ -3,6 +3,7 @@
 
 #include "castformat.h"
 #include "engines.h"
+#include "itemtable.h"
 #include "ktlist.h"
 #include "ktnet.h"
 #include "ktpacket.h"
@@ -14,34 +15,35 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 
 namespace {
 
 constexpr const char *kModule = "bciengine";
 
-constexpr unsigned int kIdent = 1234;
-constexpr unsigned int kService = 204;
 constexpr unsigned long kSilence = 10;     // seconds that must have passed since the last transmission
 constexpr unsigned long kEndDuration = 20; // seconds for which an end is announced
 // A file that fills a datagram alone cannot be announced, so it is not read into memory either.
 constexpr off_t kStationFileMax = KTNET_UDP_FRAME_MAX - 88; // less the frame's header and the other items
 
-enum ItemTag : unsigned short {
-    TAG_CRC = 1100,
-    TAG_EPG_ID = 0x0701,
-    TAG_TYPE = 0x701D,
-    TAG_FORMAT = 0x701C,
-    TAG_START_TIME = 0x7011,
-    TAG_END_TIME = 0x7012,
-    TAG_ADDRESS = 0x7014,
-    TAG_PORT = 0x7017,
-    TAG_STATION_CRC = 1101,
-    TAG_STATION = 1103
+namespace tag = wire::announcement;
+
+// The items that both announcements begin with, behind the CRC; then those of an on-air announcement, and
+// what it adds for a transport stream.
+constexpr ItemRow<BCIInfo> kHeadItems[] = {
+    {tag::kEPGID, &BCIInfo::uliEPGID},
+    {tag::kType, &BCIInfo::ulType},
+    {tag::kFormat, &BCIInfo::ulFormat},
+};
+constexpr ItemRow<BCIInfo> kTimeItems[] = {
+    {tag::kStartTime, &BCIInfo::ulST},
+    {tag::kEndTime, &BCIInfo::ulET},
+};
+constexpr ItemRow<BCIInfo> kDestinationItems[] = {
+    {tag::kAddress, &BCIInfo::pDSTIP},
+    {tag::kDestinationPort, &BCIInfo::usDSTPort},
 };
 
 struct Free {
@@ -61,16 +63,19 @@ struct Announcement {
     bool bComplete;
 };
 
-void append(Announcement *pAnnouncement, ItemTag eTag, unsigned long ulLength, const void *pValue) {
-    if (KTPacketInsertItem(&pAnnouncement->packet, 1, eTag, ulLength, pValue) < 1) {
+template <typename Rows>
+void appendRows(Announcement *pAnnouncement, const Rows &rows, const BCIInfo *pBCI) {
+    if (!itemAppendAll(&pAnnouncement->packet, rows, *pBCI)) {
         pAnnouncement->bComplete = false;
     }
 }
 
-// The low-order bytes of a number, as they stand in memory.
-template <typename Number>
-void appendNumber(Announcement *pAnnouncement, ItemTag eTag, Number number) {
-    append(pAnnouncement, eTag, std::min<size_t>(sizeof number, 4), &number);
+// Adds an item of its own: behind the others, or before them.
+void insert(Announcement *pAnnouncement, bool bAppend, unsigned short usTag, unsigned long ulLength,
+            const void *pValue) {
+    if (KTPacketInsertItem(&pAnnouncement->packet, bAppend ? 1 : 0, usTag, ulLength, pValue) < 1) {
+        pAnnouncement->bComplete = false;
+    }
 }
 
 // Puts the CRC item over all that has been appended so far at the head.
@@ -83,9 +88,7 @@ void insertCRC(Announcement *pAnnouncement) {
         return;
     }
     const unsigned int uiCRC = qxapi_crc32(0xFFFFFFFF, pBytes, static_cast<unsigned long>(iLength));
-    if (KTPacketInsertItem(&pAnnouncement->packet, 0, TAG_CRC, sizeof uiCRC, &uiCRC) < 1) {
-        pAnnouncement->bComplete = false;
-    }
+    insert(pAnnouncement, false, tag::kCRC, sizeof uiCRC, &uiCRC);
 }
 
 // Lays the items out as the packet's payload and releases the list. Returns the payload's length, 0 for none.
@@ -98,13 +101,10 @@ int finish(Announcement *pAnnouncement, KTNET_PACKET *pPacket) {
     return iLength;
 }
 
-// The items that both announcements begin with, behind the CRC.
 Announcement begin(const BCIInfo *pBCI) {
     Announcement announcement{{}, true};
     KTPacketInit(&announcement.packet);
-    appendNumber(&announcement, TAG_EPG_ID, pBCI->uliEPGID);
-    appendNumber(&announcement, TAG_TYPE, pBCI->ulType);
-    appendNumber(&announcement, TAG_FORMAT, pBCI->ulFormat);
+    appendRows(&announcement, kHeadItems, pBCI);
     return announcement;
 }
 
@@ -150,20 +150,19 @@ bool appendStation(Announcement *pAnnouncement) {
         return false;
     }
     const auto ulSize = static_cast<unsigned long>(lSize);
-    appendNumber(pAnnouncement, TAG_STATION_CRC, qxapi_crc32(0xFFFFFFFF, pContents.get(), ulSize));
-    append(pAnnouncement, TAG_STATION, ulSize, pContents.get());
+    const unsigned int uiCRC = qxapi_crc32(0xFFFFFFFF, pContents.get(), ulSize);
+    insert(pAnnouncement, true, tag::kStationCRC, sizeof uiCRC, &uiCRC);
+    insert(pAnnouncement, true, tag::kStation, ulSize, pContents.get());
     return true;
 }
 
 // Builds the on-air announcement. Returns the payload's length; 0 when it is abandoned.
 int makeOnAirPacket(const BCIInfo *pBCI, KTNET_PACKET *pPacket) {
     Announcement announcement = begin(pBCI);
-    appendNumber(&announcement, TAG_START_TIME, pBCI->ulST);
-    appendNumber(&announcement, TAG_END_TIME, pBCI->ulET);
+    appendRows(&announcement, kTimeItems, pBCI);
     if (pBCI->ulFormat == BCI_FORMAT_H264) {
         if (pBCI->pDSTIP != nullptr) {
-            append(&announcement, TAG_ADDRESS, std::strlen(pBCI->pDSTIP), pBCI->pDSTIP);
-            appendNumber(&announcement, TAG_PORT, pBCI->usDSTPort);
+            appendRows(&announcement, kDestinationItems, pBCI);
         } else {
             std::printf("[%s:%d] \e[2;31m h.264 casting info invalid\e[1;41m[ERROR]\e[0m\n", kModule,
                         __LINE__);
@@ -192,7 +191,7 @@ int PCCASTtoBCIInfo(const CASTInfo *pInfo, BCIInfo *pBCI) {
     }
     if (pInfo->ulCASTType == CAST_TYPE_FILE) {
         pBCI->ulType = BCI_TYPE_FILE;
-    } else if (pInfo->ulCASTType == CAST_TYPE_STREAM || pInfo->ulCASTType == CAST_TYPE_STREAM_2) {
+    } else if (isStream(pInfo->ulCASTType)) {
         pBCI->ulType = BCI_TYPE_STREAM;
     } else {
         iResult = -1;
@@ -252,7 +251,7 @@ namespace {
 // What the announcement thread keeps from one request to the next.
 struct BCIState {
     KTNET_ENDPOINT *pEndpoint;
-    int iEndpoint; // last result of opening or using the endpoint; 0 or less: open it before the next use
+    int iNetResult; // of the last opening or sending; 0 or less: the endpoint is opened before the next use
     unsigned long ulLastSend; // time of the last transmission, whatever became of it
     bool bOnAirSent;          // an on-air announcement is the last one sent
     BCIInfo record;
@@ -260,10 +259,10 @@ struct BCIState {
 };
 
 bool isEndpointOpen(BCIState *pState) {
-    if (pState->iEndpoint <= 0) {
-        pState->iEndpoint = initBCITxNet(&pState->pEndpoint);
+    if (pState->iNetResult <= 0) {
+        pState->iNetResult = initBCITxNet(&pState->pEndpoint);
     }
-    return pState->iEndpoint > 0;
+    return pState->iNetResult > 0;
 }
 
 // Replaces the record by that of the request. One that means nothing to the receivers has yet ended the cast
@@ -288,10 +287,10 @@ bool mapRequest(BCIState *pState, const CASTInfo *pRequest) {
     return true;
 }
 
-void transmit(BCIState *pState) {
+void sendAnnouncement(BCIState *pState) {
     pState->packet.uiStatus = 0;
-    pState->iEndpoint = ktn_xapi_ktnet_tx_data(pState->pEndpoint, &pState->packet);
-    if (pState->iEndpoint < 0) {
+    pState->iNetResult = ktn_xapi_ktnet_tx_data(pState->pEndpoint, &pState->packet);
+    if (pState->iNetResult < 0) {
         std::printf("%s():%d KTNetTxData Error[0x%08X(%d), 0x%08X(%d)]\n", "PCCASTBCIEngine", __LINE__,
                     pState->pEndpoint->uiError, static_cast<int>(pState->pEndpoint->uiError),
                     pState->packet.uiStatus, static_cast<int>(pState->packet.uiStatus));
@@ -306,19 +305,19 @@ void transmit(BCIState *pState) {
 // Repeats the announcement until its end time, a failing transmission, or a request to finish or stop.
 void announce(const KTPLUGIN_INFO_TAG *pBlock, BCIState *pState) {
     pState->packet = KTNET_PACKET{};
-    pState->packet.uiIdent = kIdent;
-    pState->packet.uiService = kService;
+    pState->packet.uiIdent = wire::announcement::kIdent;
+    pState->packet.uiService = wire::announcement::kService;
     pState->packet.uiCommand = pState->record.ulCMD;
     const int iLength = pState->record.ulCMD == BCI_CMD_END
                             ? makeBCIEndPacket(&pState->record, &pState->packet)
                             : makeOnAirPacket(&pState->record, &pState->packet);
     const Bytes release(pState->packet.pPayload);
-    while (iLength > 0 && pState->iEndpoint > 0 && pBlock->eState <= ENGINE_RUNNING &&
+    while (iLength > 0 && pState->iNetResult > 0 && pBlock->eState <= ENGINE_RUNNING &&
            pState->record.ulET > now()) {
         const unsigned long ulNow = now();
         pState->packet.uiParam = static_cast<unsigned int>(ulNow);
         if (ulNow - pState->ulLastSend > kSilence) {
-            transmit(pState);
+            sendAnnouncement(pState);
         }
         vexa_load_balance();
     }
@@ -364,7 +363,7 @@ int PCCASTBCIEngine(KTPLUGIN_INFO_TAG *pBlock) {
     ++pBlock->iThreadCount;
     pBlock->eState = ENGINE_IDLE;
     BCIState state{};
-    state.iEndpoint = -1;
+    state.iNetResult = -1;
     while (pBlock->eState <= ENGINE_FINISH) {
         CASTInfo *pRequest = enginePeek(pBlock);
         if (pRequest != nullptr) {

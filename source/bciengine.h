@@ -1,6 +1,6 @@
-// bciengine.h - the announcement engine's record and packets, and the relay's endpoints.
+// bciengine.h - the announcement engine's record and packets.
 //
-// Used by the two engine threads of this module alone (and their tests).
+// Used by the announcement thread alone, and by the tests.
 #ifndef PCCAST_BCIENGINE_H
 #define PCCAST_BCIENGINE_H
 
@@ -41,13 +41,6 @@ int initBCITxNet(KTNET_ENDPOINT **ppDesc);
 // Sets the command and builds the end announcement into pPacket; the caller releases pPayload with free.
 // Returns the payload's length; 0 when memory runs out (pPayload is then null).
 int makeBCIEndPacket(const BCIInfo *pBCI, KTNET_PACKET *pPacket);
-
-// Open the relay's endpoints into *ppDesc, after closing one that is there. *ppDesc receives what the library
-// left also after a failure; the caller closes it. pszPeer: group or address; pszLocal: receiving interface,
-// may be null. Return 1, or the failing call's result (0 or less), which goes to the debug log.
-int initMSTREAMRxNetEx(KTNET_ENDPOINT **ppDesc, const char *pszPeer, unsigned short usPort,
-                       const char *pszLocal);
-int initSTREAMTxNet(KTNET_ENDPOINT **ppDesc, const char *pszPeer, const char *pszLocal, int iPort);
 }
 
 #endif

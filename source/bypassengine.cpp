@@ -1,5 +1,5 @@
 // The bypass relay engine: carries a live stream from the PC to its group. On a thread of its own.
-#include "bciengine.h"
+#include "bypassengine.h"
 
 #include "engines.h"
 #include "ktlist.h"
@@ -191,20 +191,20 @@ void relay(const KTPLUGIN_INFO_TAG *pBlock, const Relay *pRelay, unsigned char *
 
 // Carries the cast in the slot. The slot is emptied once the state has left idle.
 void carryCast(KTPLUGIN_INFO_TAG *pBlock, CASTInfo *pCast, unsigned char *pBuffer) {
-    Relay cast{pCast, nullptr, nullptr, {}};
-    if (openRelay(&cast)) {
+    Relay endpoints{pCast, nullptr, nullptr, {}};
+    if (openRelay(&endpoints)) {
         engineReport(pBlock, ENGINE_RUNNING);
         engineAcknowledge(pBlock);
         std::fprintf(stderr, "\e[2;42m\t\t\t\t[PC BYPASS OnAir]\e[0m\n");
-        relay(pBlock, &cast, pBuffer);
-        KTNETClose(&cast.pSender);
-        KTNETClose(&cast.pReceiver);
+        relay(pBlock, &endpoints, pBuffer);
+        KTNETClose(&endpoints.pSender);
+        KTNETClose(&endpoints.pReceiver);
         ELIMINATECASTInfo(&pCast);
         engineReportIdle(pBlock);
         return;
     }
-    KTNETClose(&cast.pSender);
-    KTNETClose(&cast.pReceiver);
+    KTNETClose(&endpoints.pSender);
+    KTNETClose(&endpoints.pReceiver);
     engineReport(pBlock, ENGINE_FAILED);
     engineAcknowledge(pBlock);
     ELIMINATECASTInfo(&pCast);

@@ -1,5 +1,6 @@
 #include "castlistmgr.h"
 
+#include "castformat.h"
 #include "recordlist.h"
 #include "timetext.h"
 
@@ -16,10 +17,6 @@ struct Eliminate {
     void operator()(CASTInfo *pInfo) const { ELIMINATECASTInfo(&pInfo); }
 };
 using OwnedCast = std::unique_ptr<CASTInfo, Eliminate>;
-
-bool isStream(unsigned long ulCASTType) {
-    return ulCASTType == CAST_TYPE_STREAM || ulCASTType == CAST_TYPE_STREAM_2;
-}
 
 // An owned copy; null for a missing text, and when memory runs out.
 char *copyText(const char *pText) {
@@ -183,13 +180,6 @@ struct RecordKind<CASTList> {
 
     static KTMUTEXHold lock(const CASTList *pCASTList, int) { return KTMUTEXLock(pCASTList->pMutex); }
     static void print(const CASTInfo *pInfo) { PRINTCASTInfo(pInfo, "PRINTCASTList"); }
-    // A stop request counts as well when it is as old as the cast on air.
-    static bool isDue(const CASTInfo *pInfo, unsigned long ulOnAirCT, unsigned long ulDueTime) {
-        if (pInfo->ulCMD == CAST_CMD_STOP) {
-            return pInfo->ulST <= ulDueTime && ulOnAirCT <= pInfo->ulCT;
-        }
-        return (pInfo->ulST <= vexa_time(nullptr) || pInfo->ulST <= ulDueTime) && ulOnAirCT < pInfo->ulCT;
-    }
 };
 
 int CREATECASTList(CASTList *pCASTList) {
@@ -233,7 +223,14 @@ int INSERTCASTInfo(CASTList *pCASTList, CASTInfo *pInfo) {
 }
 
 int PATCHaNode(CASTList *pCASTList, unsigned long ulOnAirCT, unsigned long ulDueTime, CASTInfo **ppCASTInfo) {
-    return takeDueRecord(pCASTList, ulOnAirCT, ulDueTime, ppCASTInfo, "PATCHaNode");
+    const auto isDue = [=](const CASTInfo *pInfo) {
+        // A stop request that is as old as the cast on air counts too.
+        if (pInfo->ulCMD == CAST_CMD_STOP) {
+            return pInfo->ulST <= ulDueTime && ulOnAirCT <= pInfo->ulCT;
+        }
+        return (pInfo->ulST <= vexa_time(nullptr) || pInfo->ulST <= ulDueTime) && ulOnAirCT < pInfo->ulCT;
+    };
+    return takeDueRecord(pCASTList, isDue, ppCASTInfo, "PATCHaNode");
 }
 
 int PATCHaCASTInfo(CASTList *pCASTList, CASTInfo **ppCASTInfo) {

@@ -58,15 +58,19 @@ int filecastPlay(ts_qxapi_stream *pStream, const KTPLUGIN_INFO_TAG *pBlock, Send
     return iResult;
 }
 
-// The values of a log record's time, for six %d.
-#define PCCAST_LOG_TIME(local)                                                                               \
-    (local).tm_year + 1900, (local).tm_mon + 1, (local).tm_mday, (local).tm_hour, (local).tm_min,            \
-        (local).tm_sec
-
-// The values of a log record that the request gives: type, EPG id, file, source and destination.
-#define PCCAST_LOG_CAST(info)                                                                                \
-    "ASF@FILECAST", (info)->uliEPGID, qxapi_check_string_ex((info)->pCASTFile, "NULL"),                      \
-        qxapi_check_string_ex((info)->pSRCIP, "0.0.0.0"), static_cast<unsigned int>((info)->usSRCPort),      \
-        qxapi_check_string_ex((info)->pDSTIP, "0.0.0.0"), static_cast<unsigned int>((info)->usDSTPort)
+// Writes the playout's record to the host's log.
+// pszNSC: the station file that the playout went by; null leaves it out.
+inline void filecastLog(const tm &start, const tm &end, const CASTInfo *pInfo, const char *pszNSC) {
+    qxapi_log_printf(
+        "play",
+        "ST=%04d%02d%02d%02d%02d%02d,ET=%04d%02d%02d%02d%02d%02d,TYPE=%s,IEPGID=0x%08lX,FILE=\"%s\","
+        "SRC=\"%s:%u\",DST=\"%s:%u\"%s%s%s\n",
+        start.tm_year + 1900, start.tm_mon + 1, start.tm_mday, start.tm_hour, start.tm_min, start.tm_sec,
+        end.tm_year + 1900, end.tm_mon + 1, end.tm_mday, end.tm_hour, end.tm_min, end.tm_sec, "ASF@FILECAST",
+        pInfo->uliEPGID, qxapi_check_string_ex(pInfo->pCASTFile, "NULL"),
+        qxapi_check_string_ex(pInfo->pSRCIP, "0.0.0.0"), static_cast<unsigned int>(pInfo->usSRCPort),
+        qxapi_check_string_ex(pInfo->pDSTIP, "0.0.0.0"), static_cast<unsigned int>(pInfo->usDSTPort),
+        pszNSC == nullptr ? "" : ",NSC=\"", pszNSC == nullptr ? "" : pszNSC, pszNSC == nullptr ? "" : "\"");
+}
 
 #endif

@@ -82,16 +82,15 @@ int KTLISTmRemove(KTLIST *pList, KTLIST_NODE *pNode);
 int KTCOPYString(const char *pSource, char **ppTarget);
 }
 
-// For an owner's own walk that may remove what it passes: the places of a list are the nodes and, before all
-// of them, null.
+// To remove nodes while walking, hold a place: the node before the one you look at, or null at the head.
 
 // The node behind the place; null at the end.
 inline KTLIST_NODE *ktlistAfter(const KTLIST *pList, const KTLIST_NODE *pPlace) {
     return pPlace != nullptr ? pPlace->pNext : pList->pHead;
 }
 
-// Unlinks and releases the node behind the place, which must be there, without looking for it: a walk that
-// removes a great many holds the lock no longer than one that removes none. Returns what the node carried.
+// Unlinks and releases the node behind the place; there must be one. It does not search, so a walk that
+// removes many nodes holds the lock no longer than one that removes none. Returns what the node carried.
 void *ktlistRemoveAfter(KTLIST *pList, KTLIST_NODE *pPlace);
 
 struct KTMUTEXRelease {

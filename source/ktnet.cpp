@@ -1,5 +1,9 @@
 #include "ktnet.h"
 
+#include <pccast/commander.h>
+
+#include "wire.h"
+
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -39,17 +43,22 @@ struct KTNET_SETTING {
     int iMode;
 };
 
+constexpr const char *kCasts = PCCAST_CAST_SOCKET;
+constexpr const char *kMessages = PCCAST_MESSAGE_SOCKET;
+constexpr int kAnnounced = wire::announcement::kPort;
+constexpr int kBroadcast = wire::broadcast::kPort;
+
 constexpr KTNET_SETTING kSettings[] = {
     // clang-format off
-    //  use                    kind              peer                 local                port      listen aux       timeout   clear  mode
-    {KTNET_CAST_RECEIVER,    KTNET_KIND_LOCAL, nullptr,             "/tmp/PCSTREAM.uds", kDefault, 1,     0,        2000,     true,  0},
-    {KTNET_MESSAGE_RECEIVER, KTNET_KIND_LOCAL, nullptr,             "/tmp/PCMBC.uds",    kDefault, 1,     0,        500,      true,  0},
-    {KTNET_CAST_SENDER,      KTNET_KIND_LOCAL, "/tmp/PCSTREAM.uds", nullptr,             0,        0,     0,        1000,     true,  0},
-    {KTNET_MESSAGE_SENDER,   KTNET_KIND_LOCAL, "/tmp/PCMBC.uds",    nullptr,             0,        0,     0,        1000,     true,  0},
-    {KTNET_ANNOUNCEMENT,     KTNET_KIND_UDP,   "224.9.9.9",         nullptr,             7890,     0,     kDefault, kDefault, true,  0},
-    {KTNET_BROADCAST,        KTNET_KIND_UDP,   "224.9.9.9",         nullptr,             9367,     0,     kDefault, kDefault, false, 1},
-    {KTNET_STREAM_RECEIVER,  KTNET_KIND_UDP,   nullptr,             nullptr,             kDefault, 1,     kDefault, 1000,     true,  0},
-    {KTNET_STREAM_SENDER,    KTNET_KIND_UDP,   nullptr,             nullptr,             kDefault, 0,     0,        1000,     true,  0},
+    //  use                    kind              peer          local      port        listen aux       timeout   clear  mode
+    {KTNET_CAST_RECEIVER,    KTNET_KIND_LOCAL, nullptr,      kCasts,    kDefault,   1,     0,        2000,     true,  0},
+    {KTNET_MESSAGE_RECEIVER, KTNET_KIND_LOCAL, nullptr,      kMessages, kDefault,   1,     0,        500,      true,  0},
+    {KTNET_CAST_SENDER,      KTNET_KIND_LOCAL, kCasts,       nullptr,   0,          0,     0,        1000,     true,  0},
+    {KTNET_MESSAGE_SENDER,   KTNET_KIND_LOCAL, kMessages,    nullptr,   0,          0,     0,        1000,     true,  0},
+    {KTNET_ANNOUNCEMENT,     KTNET_KIND_UDP,   wire::kGroup, nullptr,   kAnnounced, 0,     kDefault, kDefault, true,  0},
+    {KTNET_BROADCAST,        KTNET_KIND_UDP,   wire::kGroup, nullptr,   kBroadcast, 0,     kDefault, kDefault, false, 1},
+    {KTNET_STREAM_RECEIVER,  KTNET_KIND_UDP,   nullptr,      nullptr,   kDefault,   1,     kDefault, 1000,     true,  0},
+    {KTNET_STREAM_SENDER,    KTNET_KIND_UDP,   nullptr,      nullptr,   kDefault,   0,     0,        1000,     true,  0},
     // clang-format on
 };
 

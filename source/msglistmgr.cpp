@@ -117,9 +117,6 @@ struct RecordKind<MSGList> {
         return hold;
     }
     static void print(const MSGInfo *pInfo) { PRINTMSGInfo(pInfo, "PRINTMSGList"); }
-    static bool isDue(const MSGInfo *pInfo, unsigned long ulOnAirCT, unsigned long ulDueTime) {
-        return pInfo->ulST <= ulDueTime && ulOnAirCT <= pInfo->ulCT;
-    }
 };
 
 int CREATEMSGList(MSGList *pMSGList) {
@@ -175,7 +172,10 @@ int PATCHaMSGInfo(MSGList *pMSGList, MSGInfo **ppMSGInfo) {
 }
 
 int PATCHaMSGNode(MSGList *pMSGList, unsigned long ulOnAirCT, unsigned long ulDueTime, MSGInfo **ppMSGInfo) {
-    return takeDueRecord(pMSGList, ulOnAirCT, ulDueTime, ppMSGInfo, "PATCHaMSGNode");
+    const auto isDue = [=](const MSGInfo *pInfo) {
+        return pInfo->ulST <= ulDueTime && ulOnAirCT <= pInfo->ulCT;
+    };
+    return takeDueRecord(pMSGList, isDue, ppMSGInfo, "PATCHaMSGNode");
 }
 
 int GETCOPYaMSGInfo(MSGList *pMSGList, MSGInfo **ppMSGInfo) {

@@ -3,9 +3,11 @@
 // current message and the multicast endpoint, shares the two lists with the message receiver.
 
 #include "engines.h"
+#include "itemtable.h"
 #include "ktnet.h"
 #include "ktpacket.h"
 #include "msglistmgr.h"
+#include "wire.h"
 
 #include <vexa_pgl.h>
 
@@ -16,21 +18,33 @@
 namespace {
 
 constexpr const char *kModule = "pcmbcengine";
-constexpr unsigned int kIdent = 14;
-constexpr unsigned int kService = 204;
 constexpr unsigned long kHorizon = 2;   // seconds by which a message is taken ahead of its start time
 constexpr unsigned long kPause = 7;     // seconds between two broadcasts of a message
 constexpr double kPausePerByte = 0.2;   // and what each byte of its text adds
-constexpr unsigned short kShowings = 1; // what each packet asks a receiver for: the engine itself repeats
+constexpr unsigned short kShowings = 1; // how often a receiver shows a packet: the engine itself repeats
 
-enum ItemTag : unsigned short {
-    TAG_SEND_TIME = 0x004B,
-    TAG_START_TIME = 0x000B,
-    TAG_END_TIME = 0x000C,
-    TAG_REPEAT = 0x500A,
-    TAG_ATTRIBUTE_3 = 0x5003,
-    TAG_ATTRIBUTE_1 = 0x5001,
-    TAG_TEXT = 0x500B
+// One packet. Its text stays the message's.
+struct BroadcastPacket {
+    unsigned long ulSendTime;
+    unsigned long ulST;
+    unsigned long ulET;
+    unsigned short usShowings;
+    unsigned long ulAttr3;
+    unsigned long ulAttr1;
+    char *pText;
+};
+
+namespace tag = wire::message;
+
+// The items of a packet, in the order in which they are sent.
+constexpr ItemRow<BroadcastPacket> kItems[] = {
+    {wire::broadcast::kSendTime, &BroadcastPacket::ulSendTime},
+    {tag::kStartTime, &BroadcastPacket::ulST},
+    {tag::kEndTime, &BroadcastPacket::ulET},
+    {tag::kRepeat, &BroadcastPacket::usShowings},
+    {tag::kAttribute3, &BroadcastPacket::ulAttr3},
+    {tag::kAttribute1, &BroadcastPacket::ulAttr1},
+    {tag::kText, &BroadcastPacket::pText},
 };
 
 // What the thread keeps across passes.
@@ -39,8 +53,9 @@ struct Broadcast {
     MSGList *pNormal;
     MSGInfo *pCurrent; // owned; null: none on air
     unsigned long ulNextSend;
-    int iEndpoint; // last result of setting up or using the endpoint; negative: set it up; 0: no more
-                   // broadcasts
+    // Of the last opening or sending. Negative: the endpoint is opened before the next use. 0: no more is
+    // sent.
+    int iNetResult;
     KTNET_ENDPOINT *pEndpoint;
     unsigned long ulNow; // the time last read
 };
@@ -137,49 +152,34 @@ MSGInfo *takeNormal(Broadcast *pState) {
 
 // Sets the endpoint up when its last result was negative. Returns whether it can be used.
 bool isEndpointUsable(Broadcast *pState) {
-    if (pState->iEndpoint < 0) {
+    if (pState->iNetResult < 0) {
         KTNETClose(&pState->pEndpoint);
-        pState->iEndpoint =
+        pState->iNetResult =
             KTNETOpenSender(&pState->pEndpoint, KTNET_BROADCAST, nullptr, 0, nullptr, nullptr);
-        if (pState->iEndpoint <= 0) {
+        if (pState->iNetResult <= 0) {
             KTNETClose(&pState->pEndpoint);
         }
     }
-    return pState->iEndpoint > 0;
+    return pState->iNetResult > 0;
 }
 
 // Lays the packet's items out. Returns their length; 0 (and null) when memory runs out.
 unsigned long buildPayload(const MSGInfo *pInfo, unsigned long ulSendTime, unsigned char **ppPayload) {
-    const struct {
-        unsigned short usTag;
-        unsigned long ulLength;
-        const void *pValue;
-    } items[] = {
-        {TAG_SEND_TIME, 4, &ulSendTime},
-        {TAG_START_TIME, 4, &pInfo->ulST},
-        {TAG_END_TIME, 4, &pInfo->ulET},
-        {TAG_REPEAT, 2, &kShowings},
-        {TAG_ATTRIBUTE_3, 4, &pInfo->ulAttr3},
-        {TAG_ATTRIBUTE_1, 4, &pInfo->ulAttr1},
-        {TAG_TEXT, std::strlen(pInfo->pMSGSTR), pInfo->pMSGSTR},
-    };
+    const BroadcastPacket fields{ulSendTime,     pInfo->ulST,    pInfo->ulET,   kShowings,
+                                 pInfo->ulAttr3, pInfo->ulAttr1, pInfo->pMSGSTR};
     KTPacket packet;
     KTPacketInit(&packet);
-    bool bComplete = true;
-    for (const auto &item : items) {
-        bComplete = bComplete && KTPacketInsertItem(&packet, 1, item.usTag, item.ulLength, item.pValue) > 0;
-    }
-    const int iLength = bComplete ? KTPacketBuild(&packet, ppPayload) : 0;
+    const int iLength = itemAppendAll(&packet, kItems, fields) ? KTPacketBuild(&packet, ppPayload) : 0;
     KTPacketCleanUp(&packet);
     return static_cast<unsigned long>(iLength);
 }
 
-void transmit(Broadcast *pState) {
+void sendBroadcast(Broadcast *pState) {
     const unsigned long ulSendTime = readClock(pState);
     unsigned char *pPayload = nullptr;
     KTNET_PACKET packet{};
-    packet.uiIdent = kIdent;
-    packet.uiService = kService;
+    packet.uiIdent = wire::broadcast::kIdent;
+    packet.uiService = wire::broadcast::kService;
     packet.uiCommand = static_cast<unsigned int>(PCMBC_CMD_MSG);
     packet.uiParam = static_cast<unsigned int>(ulSendTime);
     packet.ulPayloadLen = packet.ulPayloadSize = buildPayload(pState->pCurrent, ulSendTime, &pPayload);
@@ -188,12 +188,12 @@ void transmit(Broadcast *pState) {
         std::fprintf(stderr, "pcmbc msg xmit fail\n"); // no memory; the endpoint is as good as before
         return;
     }
-    pState->iEndpoint = ktn_xapi_ktnet_tx_data(pState->pEndpoint, &packet);
-    if (pState->iEndpoint <= 0) {
+    pState->iNetResult = ktn_xapi_ktnet_tx_data(pState->pEndpoint, &packet);
+    if (pState->iNetResult <= 0) {
         std::fprintf(stderr, "pcmbc msg xmit fail\n");
     }
     std::free(pPayload);
-    if (pState->iEndpoint < 0) {
+    if (pState->iNetResult < 0) {
         KTNETClose(&pState->pEndpoint);
     }
 }
@@ -228,7 +228,7 @@ void broadcastCurrent(Broadcast *pState) {
         return;
     }
     if (isEndpointUsable(pState)) {
-        transmit(pState);
+        sendBroadcast(pState);
     }
     countAttempt(pState);
 }

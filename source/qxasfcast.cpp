@@ -56,12 +56,6 @@ int qxbox_asfcast(ASFCASTARG *pArg) {
         }
         return iSent;
     });
-    const tm end = filecastNow();
-    qxapi_log_printf(
-        "play",
-        "ST=%04d%02d%02d%02d%02d%02d,ET=%04d%02d%02d%02d%02d%02d,TYPE=%s,IEPGID=0x%08lX,FILE=\"%s\",SRC="
-        "\"%s:%u\",DST=\"%s:%u\",NSC=\"%s\"\n",
-        PCCAST_LOG_TIME(start), PCCAST_LOG_TIME(end), PCCAST_LOG_CAST(pArg->pInfo),
-        qxapi_check_string_ex(pArg->pszNSC, "NULL"));
+    filecastLog(start, filecastNow(), pArg->pInfo, qxapi_check_string_ex(pArg->pszNSC, "NULL"));
     return iResult;
 }

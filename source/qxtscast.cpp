@@ -45,11 +45,6 @@ int qxbox_tscast(TSCASTARG *pArg) {
         }
         return pCaster == nullptr ? -1 : pCaster->pSend(pCaster.get(), pPacket->pData, pPacket->uiLength);
     });
-    const tm end = filecastNow();
-    qxapi_log_printf(
-        "play",
-        "ST=%04d%02d%02d%02d%02d%02d,ET=%04d%02d%02d%02d%02d%02d,TYPE=%s,IEPGID=0x%08lX,FILE=\"%s\",SRC="
-        "\"%s:%u\",DST=\"%s:%u\"\n",
-        PCCAST_LOG_TIME(start), PCCAST_LOG_TIME(end), PCCAST_LOG_CAST(pArg->pInfo));
+    filecastLog(start, filecastNow(), pArg->pInfo, nullptr);
     return iResult;
 }

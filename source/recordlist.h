@@ -18,7 +18,6 @@
 //   lock(pHandle, iLine)        takes the mutex; iLine: of the operation, for a message
 //   eliminate, copy, compare    the record's own operations
 //   print(pRecord)              prints one record of a listing
-//   isDue(pRecord, ulOnAirCT, ulDueTime)
 template <typename List>
 struct RecordKind;
 
@@ -96,13 +95,14 @@ int releaseRecords(List *pHandle) {
     return iResult;
 }
 
-// The caller holds the mutex. A request that takes another one back releases the first equal one and itself;
-// without one it goes to the head, so that it is met first. Returns whether the list has taken it.
+// Files a request that takes another one back. The caller holds the mutex. The first equal record is
+// released, and so is the request. If none is equal, the request goes to the head, where it is met first. A
+// node without a record is never equal. Returns whether the list has taken the request.
 template <typename List>
 bool insertRevocation(List *pHandle, RecordOf<List> *pRecord) {
     KTLIST_NODE *pPlace = nullptr;
     while (KTLIST_NODE *pNode = ktlistAfter(pHandle->pList, pPlace)) {
-        if (RecordKind<List>::compare(pRecord, recordOf<List>(pNode), 0) == 0) { // none is equal to no record
+        if (RecordKind<List>::compare(pRecord, recordOf<List>(pNode), 0) == 0) {
             drop(pHandle, pPlace);
             RecordKind<List>::eliminate(&pRecord);
             return true;
@@ -127,9 +127,10 @@ bool insertInOrder(List *pHandle, RecordOf<List> *pRecord, bool *pbLast) {
                               : KTLISTpInsert(pList, pRecord, kRecordNodeSize, pPlace)) > 0;
 }
 
-template <typename List>
-int takeDueRecord(List *pHandle, unsigned long ulOnAirCT, unsigned long ulDueTime, RecordOf<List> **ppRecord,
-                  const char *pOperation, int iLine = __builtin_LINE()) {
+// Takes the first record of which isDue(pRecord) is true, and drops the expired ones before it.
+template <typename List, typename IsDue>
+int takeDueRecord(List *pHandle, IsDue isDue, RecordOf<List> **ppRecord, const char *pOperation,
+                  int iLine = __builtin_LINE()) {
     if (!isUsable(pHandle)) {
         return 0;
     }
@@ -145,7 +146,7 @@ int takeDueRecord(List *pHandle, unsigned long ulOnAirCT, unsigned long ulDueTim
         const RecordOf<List> *pRecord = recordOf<List>(pNode);
         if (pRecord != nullptr && pRecord->ulET <= vexa_time(nullptr)) {
             drop(pHandle, pPlace);
-        } else if (pRecord != nullptr && RecordKind<List>::isDue(pRecord, ulOnAirCT, ulDueTime)) {
+        } else if (pRecord != nullptr && isDue(pRecord)) {
             *ppRecord = take(pHandle, pPlace);
             return 1;
         } else {

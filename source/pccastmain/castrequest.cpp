@@ -3,121 +3,65 @@
 
 #include <pccast/commander.h>
 
+#include "castformat.h"
 #include "castlistmgr.h"
 #include "engines.h"
+#include "itemtable.h"
 #include "ktnet.h"
 #include "ktpacket.h"
 #include "pccastmain.h"
-#include "requestdelivery.h"
+#include "requestsender.h"
 #include "serviceswitch.h"
+#include "wire.h"
 
 #include <vexa_pgl.h>
 
-#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 
 namespace {
 
-constexpr unsigned int kIdent = 200;
-constexpr unsigned int kService = 200;
-constexpr int kConnected = 0; // the least result of connecting that is one
+constexpr int kConnected = 0; // the least result of connecting that counts as connected
 
-enum class Kind {
-    Number, // unsigned long; 4 bytes on the wire
-    Word32, // int; 4 bytes
-    Port,   // unsigned short; 2 bytes
-    Text,   // owned text; without its terminator
-    Key     // pEncryptionKey, iEncryptionKeyLen bytes
+using Row = ItemRow<CASTInfo>;
+namespace tag = wire::castrequest;
+
+// The items of a request, in the order in which they are sent. Every request has the first and the last
+// table, and between them the one of its type.
+constexpr Row kHeadItems[] = {
+    {tag::kCommand, &CASTInfo::ulCMD},         {tag::kEPGID, &CASTInfo::uliEPGID},
+    {tag::kCreationTime, &CASTInfo::ulCT},     {tag::kStartTime, &CASTInfo::ulST},
+    {tag::kEndTime, &CASTInfo::ulET},          {tag::kType, &CASTInfo::ulCASTType},
+    {tag::kFormat, &CASTInfo::ulSTREAMFormat}, {tag::kStreamId, &CASTInfo::ulMSID},
+};
+constexpr Row kStreamItems[] = {
+    {tag::kSource, &CASTInfo::pSRCIP},
+    {tag::kSourcePort, &CASTInfo::usSRCPort},
+    {tag::kEncryption, &CASTInfo::iEncryptionType},
+    {tag::kKey, ItemBlock<CASTInfo>{&CASTInfo::pEncryptionKey, &CASTInfo::iEncryptionKeyLen}},
+    {tag::kSplit, &CASTInfo::iASFSplit},
+};
+constexpr Row kFileItems[] = {
+    {tag::kFile, &CASTInfo::pCASTFile},
+};
+constexpr Row kTailItems[] = {
+    {tag::kDestination, &CASTInfo::pDSTIP},
+    {tag::kDestinationPort, &CASTInfo::usDSTPort},
 };
 
-enum class For { Every, Stream, File };
-
-// The items of a request, in the order in which they are sent.
-struct ItemRow {
-    unsigned short usTag;
-    Kind eKind;
-    size_t ulOffset;
-    For eFor;
-};
-constexpr ItemRow kItems[] = {
-    {1, Kind::Number, offsetof(CASTInfo, ulCMD), For::Every},
-    {2, Kind::Number, offsetof(CASTInfo, uliEPGID), For::Every},
-    {3, Kind::Number, offsetof(CASTInfo, ulCT), For::Every},
-    {5, Kind::Number, offsetof(CASTInfo, ulST), For::Every},
-    {6, Kind::Number, offsetof(CASTInfo, ulET), For::Every},
-    {4, Kind::Number, offsetof(CASTInfo, ulCASTType), For::Every},
-    {12, Kind::Number, offsetof(CASTInfo, ulSTREAMFormat), For::Every},
-    {13, Kind::Number, offsetof(CASTInfo, ulMSID), For::Every},
-    {8, Kind::Text, offsetof(CASTInfo, pSRCIP), For::Stream},
-    {7, Kind::Port, offsetof(CASTInfo, usSRCPort), For::Stream},
-    {15, Kind::Word32, offsetof(CASTInfo, iEncryptionType), For::Stream},
-    {16, Kind::Key, offsetof(CASTInfo, pEncryptionKey), For::Stream},
-    {17, Kind::Word32, offsetof(CASTInfo, iASFSplit), For::Stream},
-    {11, Kind::Text, offsetof(CASTInfo, pCASTFile), For::File},
-    {10, Kind::Text, offsetof(CASTInfo, pDSTIP), For::Every},
-    {9, Kind::Port, offsetof(CASTInfo, usDSTPort), For::Every},
-};
-
-template <typename Field>
-Field &fieldAt(CASTInfo *pInfo, size_t ulOffset) {
-    return *reinterpret_cast<Field *>(reinterpret_cast<char *>(pInfo) + ulOffset);
-}
-
-template <typename Field>
-const Field &fieldAt(const CASTInfo *pInfo, size_t ulOffset) {
-    return *reinterpret_cast<const Field *>(reinterpret_cast<const char *>(pInfo) + ulOffset);
-}
-
-bool isSentFor(const ItemRow &row, unsigned long ulCASTType) {
-    switch (row.eFor) {
-    case For::Stream:
-        return ulCASTType == CAST_TYPE_STREAM || ulCASTType == CAST_TYPE_STREAM_2;
-    case For::File:
-        return ulCASTType == CAST_TYPE_FILE;
-    default:
-        return true;
-    }
-}
-
-// Appends the row's item; a text or key that is missing is left out. Returns false when memory runs out.
-bool appendItem(KTPacket *pPacket, const ItemRow &row, const CASTInfo *pInfo) {
-    const void *pValue = &fieldAt<char>(pInfo, row.ulOffset);
-    unsigned long ulLength = 4;
-    switch (row.eKind) {
-    case Kind::Number:
-    case Kind::Word32:
-        break;
-    case Kind::Port:
-        ulLength = 2;
-        break;
-    case Kind::Text: {
-        const char *pText = fieldAt<char *>(pInfo, row.ulOffset);
-        pValue = pText;
-        ulLength = pText == nullptr ? 0 : std::strlen(pText);
-        break;
-    }
-    case Kind::Key:
-        pValue = pInfo->pEncryptionKey;
-        ulLength = pInfo->iEncryptionKeyLen < 0 ? 0 : static_cast<unsigned long>(pInfo->iEncryptionKeyLen);
-        break;
-    }
-    return KTPacketInsertItem(pPacket, 1, row.usTag, ulLength, pValue) >= 0;
+bool appendItems(KTPacket *pPacket, const CASTInfo &info) {
+    return itemAppendAll(pPacket, kHeadItems, info) &&
+           (!isStream(info.ulCASTType) || itemAppendAll(pPacket, kStreamItems, info)) &&
+           (info.ulCASTType != CAST_TYPE_FILE || itemAppendAll(pPacket, kFileItems, info)) &&
+           itemAppendAll(pPacket, kTailItems, info);
 }
 
 // Lays the request out in a buffer of its own. Returns its length; 0 (and null) when memory runs out.
 unsigned long buildRequest(const CASTInfo *pInfo, unsigned char **ppPayload) {
     KTPacket packet;
     KTPacketInit(&packet);
-    bool bComplete = true;
-    for (const ItemRow &row : kItems) {
-        if (isSentFor(row, pInfo->ulCASTType)) {
-            bComplete = bComplete && appendItem(&packet, row, pInfo);
-        }
-    }
-    const int iLength = bComplete ? KTPacketBuild(&packet, ppPayload) : 0;
+    const int iLength = appendItems(&packet, *pInfo) ? KTPacketBuild(&packet, ppPayload) : 0;
     KTPacketCleanUp(&packet);
     return static_cast<unsigned long>(iLength);
 }
@@ -146,82 +90,34 @@ int TxCASTInfoToPlugIn(unsigned long ulCMD, const CASTInfo *pInfo) {
     }
     unsigned char *pPayload = nullptr;
     KTNET_PACKET packet{};
-    packet.uiIdent = kIdent;
-    packet.uiService = kService;
+    packet.uiIdent = wire::castrequest::kIdent;
+    packet.uiService = wire::castrequest::kService;
     packet.uiCommand = static_cast<unsigned int>(ulCMD);
     packet.uiParam = static_cast<unsigned int>(pInfo->ulCASTType);
     packet.ulPayloadLen = packet.ulPayloadSize = buildRequest(pInfo, &pPayload);
     packet.pPayload = pPayload;
-    return requestDeliver(KTNET_CAST_SENDER, kConnected, &packet);
+    return sendRequest(KTNET_CAST_SENDER, kConnected, &packet);
 }
 
 // ---- the receiver thread
 
 namespace {
 
-// Stores an owned, NUL-terminated copy of the item's bytes; nothing for an empty item, or when memory runs
-// out.
-unsigned char *copyValue(const KTPacketItem &item) {
-    if (item.ulLength == 0) {
-        return nullptr;
-    }
-    auto *pCopy = static_cast<unsigned char *>(std::malloc(item.ulLength + 1));
-    if (pCopy != nullptr) {
-        std::memcpy(pCopy, item.pValue, item.ulLength);
-        pCopy[item.ulLength] = 0;
-    }
-    return pCopy;
-}
-
-// A number shorter than its field is filled up with zeros, so an empty item reads as 0.
-unsigned int numberOf(const KTPacketItem &item, unsigned long ulBytes) {
-    unsigned char value[4] = {};
-    std::memcpy(value, item.pValue, item.ulLength < ulBytes ? item.ulLength : ulBytes);
-    return ktpacketGetDWORD(value);
-}
-
-void storeItem(CASTInfo *pDecoding, const ItemRow &row, const KTPacketItem &item) {
-    switch (row.eKind) {
-    case Kind::Number:
-        fieldAt<unsigned long>(pDecoding, row.ulOffset) = numberOf(item, 4);
-        break;
-    case Kind::Word32:
-        fieldAt<int>(pDecoding, row.ulOffset) = static_cast<int>(numberOf(item, 4));
-        break;
-    case Kind::Port:
-        fieldAt<unsigned short>(pDecoding, row.ulOffset) = static_cast<unsigned short>(numberOf(item, 2));
-        break;
-    case Kind::Text: {
-        char *&pText = fieldAt<char *>(pDecoding, row.ulOffset);
-        std::free(pText);
-        pText = reinterpret_cast<char *>(copyValue(item));
-        break;
-    }
-    case Kind::Key:
-        std::free(pDecoding->pEncryptionKey);
-        pDecoding->pEncryptionKey = copyValue(item);
-        pDecoding->iEncryptionKeyLen =
-            pDecoding->pEncryptionKey != nullptr ? static_cast<int>(item.ulLength) : 0;
-        break;
-    }
-}
-
 void decodeRequest(const KTNET_PACKET &packet, CASTInfo *pDecoding) {
     unsigned long ulOffset = 0;
     KTPacketItem item;
     while (ktpacketNextItem(packet.pPayload, packet.ulPayloadLen, &ulOffset, &item)) {
-        for (const ItemRow &row : kItems) {
-            if (row.usTag == item.usTag) {
-                storeItem(pDecoding, row, item);
-            }
-        }
+        itemStoreByTag(kHeadItems, item, pDecoding);
+        itemStoreByTag(kStreamItems, item, pDecoding);
+        itemStoreByTag(kFileItems, item, pDecoding);
+        itemStoreByTag(kTailItems, item, pDecoding);
     }
 }
 
 // Files a copy of the decoded request in the list of its type; one that cannot be copied or filed is dropped.
 void fileRequest(CASTList *const *ppLists, const CASTInfo *pDecoding, unsigned int uiCommand) {
     CASTList *pList = nullptr;
-    if (pDecoding->ulCASTType == CAST_TYPE_STREAM || pDecoding->ulCASTType == CAST_TYPE_STREAM_2) {
+    if (isStream(pDecoding->ulCASTType)) {
         pList = ppLists[0];
     } else if (pDecoding->ulCASTType == CAST_TYPE_FILE) {
         pList = ppLists[1];
@@ -246,7 +142,7 @@ void serveConnection(KTNET_ENDPOINT *pServer, CASTList *const *ppLists, CASTInfo
     pServer->uiError = 0;
     if (ktn_xapi_ktnet_accept(pServer, &pConnection) > 0 && pConnection != nullptr) {
         KTNET_PACKET packet{};
-        packet.uiIdent = kIdent;
+        packet.uiIdent = wire::castrequest::kIdent;
         if (ktn_xapi_ktnet_rx_data(pConnection, &packet) > 0) {
             // One whose items do not add up is refused whole, before it has touched the decoding record.
             if (ktpacketAddsUp(packet.pPayload, packet.ulPayloadLen)) {

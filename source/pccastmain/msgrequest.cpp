@@ -5,53 +5,39 @@
 #include <pccast/plugin.h>
 
 #include "engines.h"
+#include "itemtable.h"
 #include "ktnet.h"
 #include "ktpacket.h"
 #include "msglistmgr.h"
 #include "pccastmain.h"
-#include "requestdelivery.h"
+#include "requestsender.h"
 #include "serviceswitch.h"
+#include "wire.h"
 
 #include <vexa_pgl.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 namespace {
 
-constexpr unsigned int kIdent = 200;
-constexpr unsigned int kService = 205;
-constexpr unsigned int kReceiveIdent = 205; // the host's library may tell packets apart by it
-constexpr int kConnected = 1;               // the least result of connecting that is one
-constexpr unsigned short kTextTag = 0x500B;
+constexpr int kConnected = 1; // the least result of connecting that counts as connected
 
-// The numeric items of a request, in the order in which they are sent; the text follows them.
-struct ItemRow {
-    unsigned short usTag;
-    unsigned long MSGInfo::*pField;
-    unsigned long ulBytes;     // on the wire
-    unsigned long ulWhenEmpty; // what an item of length 0 means
-};
-constexpr ItemRow kItems[] = {
-    {0x0003, &MSGInfo::ulCT, 4, 0},     {0x000E, &MSGInfo::ulPriority, 4, 0},
-    {0x000B, &MSGInfo::ulST, 4, 0},     {0x000C, &MSGInfo::ulET, 4, 0},
-    {0x5001, &MSGInfo::ulAttr1, 4, 0},  {0x5003, &MSGInfo::ulAttr3, 4, 0},
-    {0x500A, &MSGInfo::ulRepeat, 2, 1},
+namespace tag = wire::message;
+
+// The items of a request, in the order in which they are sent.
+constexpr ItemRow<MSGInfo> kItems[] = {
+    {tag::kCreationTime, &MSGInfo::ulCT},     {tag::kPriority, &MSGInfo::ulPriority},
+    {tag::kStartTime, &MSGInfo::ulST},        {tag::kEndTime, &MSGInfo::ulET},
+    {tag::kAttribute1, &MSGInfo::ulAttr1},    {tag::kAttribute3, &MSGInfo::ulAttr3},
+    {tag::kRepeat, &MSGInfo::ulRepeat, 2, 1}, {tag::kText, &MSGInfo::pMSGSTR},
 };
 
 // Lays the request out in a buffer of its own. Returns its length; 0 (and null) when memory runs out.
 unsigned long buildRequest(const MSGInfo *pInfo, unsigned char **ppPayload) {
     KTPacket packet;
     KTPacketInit(&packet);
-    bool bComplete = true;
-    for (const ItemRow &row : kItems) {
-        bComplete =
-            bComplete && KTPacketInsertItem(&packet, 1, row.usTag, row.ulBytes, &(pInfo->*row.pField)) >= 0;
-    }
-    const unsigned long ulText = pInfo->pMSGSTR == nullptr ? 0 : std::strlen(pInfo->pMSGSTR);
-    bComplete = bComplete && KTPacketInsertItem(&packet, 1, kTextTag, ulText, pInfo->pMSGSTR) >= 0;
-    const int iLength = bComplete ? KTPacketBuild(&packet, ppPayload) : 0;
+    const int iLength = itemAppendAll(&packet, kItems, *pInfo) ? KTPacketBuild(&packet, ppPayload) : 0;
     KTPacketCleanUp(&packet);
     return static_cast<unsigned long>(iLength);
 }
@@ -76,48 +62,20 @@ int TxPCMBCInfoToPlugIn(unsigned long ulCMD, const MSGInfo *pInfo) {
     }
     unsigned char *pPayload = nullptr;
     KTNET_PACKET packet{};
-    packet.uiIdent = kIdent;
-    packet.uiService = kService;
+    packet.uiIdent = wire::messagerequest::kIdent;
+    packet.uiService = wire::messagerequest::kService;
     packet.uiCommand = static_cast<unsigned int>(ulCMD);
     packet.uiParam = static_cast<unsigned int>(pInfo->uliEPGID);
     if (isCommand(ulCMD)) {
         packet.ulPayloadLen = packet.ulPayloadSize = buildRequest(pInfo, &pPayload);
         packet.pPayload = pPayload;
     }
-    return requestDeliver(KTNET_MESSAGE_SENDER, kConnected, &packet);
+    return sendRequest(KTNET_MESSAGE_SENDER, kConnected, &packet);
 }
 
 // ---- the receiver thread
 
 namespace {
-
-// Replaces the working text by a NUL-terminated copy of the item's bytes; none for an empty item, or when
-// memory runs out.
-void storeText(MSGInfo *pWorking, const KTPacketItem &item) {
-    std::free(pWorking->pMSGSTR);
-    pWorking->pMSGSTR = nullptr;
-    if (item.ulLength > 0) {
-        pWorking->pMSGSTR = static_cast<char *>(std::calloc(item.ulLength + 1, 1));
-        if (pWorking->pMSGSTR != nullptr) {
-            std::memcpy(pWorking->pMSGSTR, item.pValue, item.ulLength);
-        }
-    }
-}
-
-void storeItem(MSGInfo *pWorking, const KTPacketItem &item) {
-    if (item.usTag == kTextTag) {
-        storeText(pWorking, item);
-        return;
-    }
-    for (const ItemRow &row : kItems) {
-        if (row.usTag == item.usTag) {
-            // A value shorter than its field is filled up with zeros.
-            unsigned char value[4] = {};
-            std::memcpy(value, item.pValue, item.ulLength < row.ulBytes ? item.ulLength : row.ulBytes);
-            pWorking->*row.pField = item.ulLength == 0 ? row.ulWhenEmpty : ktpacketGetDWORD(value);
-        }
-    }
-}
 
 void decodeRequest(const KTNET_PACKET &packet, MSGInfo *pWorking) {
     std::free(pWorking->pMSGSTR);
@@ -128,7 +86,7 @@ void decodeRequest(const KTNET_PACKET &packet, MSGInfo *pWorking) {
     unsigned long ulOffset = 0;
     KTPacketItem item;
     while (ktpacketNextItem(packet.pPayload, packet.ulPayloadLen, &ulOffset, &item)) {
-        storeItem(pWorking, item);
+        itemStoreByTag(kItems, item, pWorking);
     }
 }
 
@@ -158,7 +116,7 @@ void serveConnection(KTNET_ENDPOINT *pServer, MSGList *const *ppLists, MSGInfo *
     pServer->uiError = 0;
     if (ktn_xapi_ktnet_accept(pServer, &pConnection) > 0 && pConnection != nullptr) {
         KTNET_PACKET packet{};
-        packet.uiIdent = kReceiveIdent;
+        packet.uiIdent = wire::messagerequest::kReceiveIdent;
         if (ktn_xapi_ktnet_rx_data(pConnection, &packet) > 0) {
             handleRequest(ppLists, packet, pWorking);
         }

@@ -1,5 +1,4 @@
-// The exported entry points and the control block: how a host opens, closes and asks the plug-in, and how a
-// controller waits for a thread's end. Runs on the host's thread.
+// The exported entry points: how a host opens, closes and asks the plug-in. Runs on the host's thread.
 
 #include <pccast/plugin.h>
 
@@ -8,9 +7,6 @@
 #include <qxapi.h>
 #include <vexa_pgl.h>
 
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
@@ -93,32 +89,6 @@ int __qxapi_close_pccast__() {
     return 1;
 }
 
-// Puts the decimal digits of a value at pOut. Returns behind the last one.
-char *putNumber(char *pOut, int iValue) {
-    char digits[12];
-    int iCount = 0;
-    long lValue = iValue;
-    if (lValue < 0) {
-        *pOut++ = '-';
-        lValue = -lValue;
-    }
-    do {
-        digits[iCount++] = static_cast<char>('0' + lValue % 10);
-        lValue /= 10;
-    } while (lValue > 0);
-    while (iCount > 0) {
-        *pOut++ = digits[--iCount];
-    }
-    return pOut;
-}
-
-char *putText(char *pOut, const char *pText) {
-    while (*pText != '\0') {
-        *pOut++ = *pText++;
-    }
-    return pOut;
-}
-
 } // namespace
 
 const char *QX_PlugIn_Name(void) {
@@ -150,50 +120,4 @@ int p_qxapi_close_pccast(const ts_qxapi_plugin_argument *pArguments) {
 
 int p_qxapi_control_pccast(void *, int iRequest) {
     return iRequest == 0 ? static_cast<int>(QX_PlugIn_Version()) : 1;
-}
-
-int ktWaitForAEngine(KTPLUGIN_INFO_TAG *pBlock, int iLimit) {
-    int iResult = -1;
-    if (pBlock != nullptr) {
-        long lPasses = 0;
-        while (pBlock->iThreadCount > 0) {
-            ++lPasses;
-            vexa_load_balance();
-            if (lPasses / 100 > iLimit) {
-                break;
-            }
-        }
-        iResult = static_cast<int>(iLimit - lPasses / 100);
-    }
-    if (iResult <= 0) {
-        std::printf("ktWaitForAEngine: [FATAL-ERROR] \e[1;31mTimeout wait thread !\e[0m\n");
-        std::fflush(stdout);
-    }
-    return iResult;
-}
-
-void pccastSignalHandler(int iSignal) {
-    // The interrupted thread may hold the output's lock, so the line is put together here and written at
-    // once.
-    const int iError = errno;
-    char line[128];
-    char *pOut = putText(line, "[");
-    pOut = putText(pOut, kModule);
-    pOut = putText(pOut, ":");
-    pOut = putNumber(pOut, __LINE__);
-    pOut = putText(pOut, "] \e[2;31m ");
-    pOut = putNumber(pOut, iSignal);
-    pOut = putText(pOut, " signal occured  \e[1;41m[SIGNAL]\e[0m\n");
-    [[maybe_unused]] const ssize_t lWritten = write(STDOUT_FILENO, line, static_cast<size_t>(pOut - line));
-    errno = iError;
-}
-
-void engineEnd(KTPLUGIN_INFO_TAG *pBlock) {
-    CASTInfo *pLeft = enginePeek(pBlock);
-    if (pLeft != nullptr) {
-        ELIMINATECASTInfo(&pLeft);
-        engineAcknowledge(pBlock);
-    }
-    --pBlock->iThreadCount;
-    pBlock->eState = ENGINE_STOPPED;
 }

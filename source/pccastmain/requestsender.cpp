@@ -1,4 +1,4 @@
-#include "requestdelivery.h"
+#include "requestsender.h"
 
 #include "pccastmain.h"
 
@@ -22,7 +22,7 @@ int connectAndSend(KTNET_ENDPOINT *pDesc, int iConnected, KTNET_PACKET *pPacket)
 
 } // namespace
 
-int requestDeliver(KTNET_USE eUse, int iConnected, KTNET_PACKET *pPacket) {
+int sendRequest(KTNET_USE eUse, int iConnected, KTNET_PACKET *pPacket) {
     KTNET_ENDPOINT *pDesc = nullptr;
     KTNET_STEP eStep = KTNET_STEP_INIT;
     int iResult = KTNETOpenClient(&pDesc, eUse, &eStep);
