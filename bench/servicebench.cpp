@@ -1,6 +1,8 @@
 // What the idle service costs, and how soon after its second a due cast is on air.
 #include "bench.h"
 
+#include "wire.h"
+
 #include <pccast/pccast.h>
 
 #include <vexa_pgl.h>
@@ -36,8 +38,8 @@ int openAnnouncements() {
     const int iSocket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_port = htons(7890);
-    inet_pton(AF_INET, "224.9.9.9", &address.sin_addr);
+    address.sin_port = htons(wire::announcement::kPort);
+    inet_pton(AF_INET, wire::kGroup, &address.sin_addr);
     ip_mreq request{address.sin_addr, {htonl(INADDR_LOOPBACK)}};
     if (bind(iSocket, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
         setsockopt(iSocket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) != 0) {

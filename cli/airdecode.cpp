@@ -1,81 +1,101 @@
 #include "airdecode.h"
 
-#include <ktpacket.h>
+#include "ktpacket.h"
+#include "wire.h"
+
+#include <pccast/msginfo.h>
 #include <qxapi.h>
 #include <qxapi_ktn_frame.h>
 
 #include <array>
 #include <cstdio>
+#include <span>
+#include <type_traits>
+#include <variant>
 
 namespace {
 
-constexpr unsigned int kServiceAir = 204;
+// An item that is read: its tag, its name in a problem, and the member that keeps it. The member's type says
+// how it is read: a number has as many bytes as its member, a text has any length.
+struct Item {
+    unsigned short usTag;
+    const char *pszName;
+    std::variant<std::optional<unsigned int> AirRecord::*, std::optional<unsigned short> AirRecord::*,
+                 std::optional<std::string> AirRecord::*>
+        member;
+};
 
-constexpr unsigned short kTagCheck = 1100;
-constexpr unsigned short kTagStationCheck = 1101;
-constexpr unsigned short kTagStation = 1103;
+constexpr std::array<Item, 8> kAnnouncementItems{{
+    {wire::announcement::kEPGID, "programme", &AirRecord::uiEPGID},
+    {wire::announcement::kType, "type", &AirRecord::uiType},
+    {wire::announcement::kFormat, "format", &AirRecord::uiFormat},
+    {wire::announcement::kStartTime, "start time", &AirRecord::uiST},
+    {wire::announcement::kEndTime, "end time", &AirRecord::uiET},
+    {wire::announcement::kAddress, "address", &AirRecord::sAddress},
+    {wire::announcement::kDestinationPort, "port", &AirRecord::usPort},
+    {wire::announcement::kStation, "station file", &AirRecord::sStation},
+}};
+constexpr std::array<Item, 7> kMessageItems{{
+    {wire::broadcast::kSendTime, "send time", &AirRecord::uiMessageTime},
+    {wire::message::kStartTime, "start time", &AirRecord::uiST},
+    {wire::message::kEndTime, "end time", &AirRecord::uiET},
+    {wire::message::kRepeat, "showings", &AirRecord::usShowings},
+    {wire::message::kAttribute3, "attribute 3", &AirRecord::uiAttr3},
+    {wire::message::kAttribute1, "attribute 1", &AirRecord::uiAttr1},
+    {wire::message::kText, "text", &AirRecord::sText},
+}};
 
-// The kinds of frame by identification word and command.
+// The frames that are read, by the three words of their header.
 struct FrameKind {
     unsigned int uiIdent;
+    unsigned int uiService;
     unsigned int uiCommand;
     AirKind eKind;
+    std::span<const Item> items;
 };
-constexpr std::array<FrameKind, 3> kFrameKinds{
-    {{1234, 0x40030, AIR_ANNOUNCEMENT}, {1234, 0x40033, AIR_END}, {14, 0x40020, AIR_MESSAGE}}};
-
-// The items of either kind: numbers with their length on the wire, texts of any length.
-struct NumberItem {
-    bool bMessage;
-    unsigned short usTag;
-    unsigned long ulLength;
-    const char *pszName;
-    std::optional<unsigned int> AirRecord::*pField;
-};
-constexpr std::array<NumberItem, 12> kNumberItems{{
-    {false, 0x0701, 4, "programme", &AirRecord::uiEPGID},
-    {false, 0x701D, 4, "type", &AirRecord::uiType},
-    {false, 0x701C, 4, "format", &AirRecord::uiFormat},
-    {false, 0x7011, 4, "start time", &AirRecord::uiST},
-    {false, 0x7012, 4, "end time", &AirRecord::uiET},
-    {false, 0x7017, 2, "port", &AirRecord::uiPort},
-    {true, 0x004B, 4, "send time", &AirRecord::uiMessageTime},
-    {true, 0x000B, 4, "start time", &AirRecord::uiST},
-    {true, 0x000C, 4, "end time", &AirRecord::uiET},
-    {true, 0x500A, 2, "showings", &AirRecord::uiShowings},
-    {true, 0x5003, 4, "attribute 3", &AirRecord::uiAttr3},
-    {true, 0x5001, 4, "attribute 1", &AirRecord::uiAttr1},
+constexpr std::array<FrameKind, 3> kFrameKinds{{
+    {wire::announcement::kIdent, wire::announcement::kService, BCI_CMD_ONAIR, AIR_ANNOUNCEMENT,
+     kAnnouncementItems},
+    {wire::announcement::kIdent, wire::announcement::kService, BCI_CMD_END, AIR_END, kAnnouncementItems},
+    {wire::broadcast::kIdent, wire::broadcast::kService, PCMBC_CMD_MSG, AIR_MESSAGE, kMessageItems},
 }};
 
-struct TextItem {
-    bool bMessage;
-    unsigned short usTag;
-    std::optional<std::string> AirRecord::*pField;
-};
-constexpr std::array<TextItem, 3> kTextItems{{
-    {false, 0x7014, &AirRecord::sAddress},
-    {false, kTagStation, &AirRecord::sStation},
-    {true, 0x500B, &AirRecord::sText},
-}};
-
-void noteItem(const KTPacketItem &item, bool bMessage, AirRecord *pRecord) {
-    for (const NumberItem &number : kNumberItems) {
-        if (number.bMessage != bMessage || number.usTag != item.usTag) {
-            continue;
+// The kind of the frame, null when it is none of the above.
+const FrameKind *findKind(const KTNET_FRAME &frame) {
+    for (const FrameKind &kind : kFrameKinds) {
+        if (frame.uiIdent == kind.uiIdent && frame.uiService == kind.uiService &&
+            frame.uiCommand == kind.uiCommand) {
+            return &kind;
         }
-        if (item.ulLength != number.ulLength) {
-            pRecord->sProblems.push_back(std::string("the ") + number.pszName + " has " +
-                                         std::to_string(item.ulLength) + " bytes, not " +
-                                         std::to_string(number.ulLength));
-            return;
-        }
-        pRecord->*number.pField =
-            number.ulLength == 2 ? ktpacketGetWORD(item.pValue) : ktpacketGetDWORD(item.pValue);
-        return;
     }
-    for (const TextItem &text : kTextItems) {
-        if (text.bMessage == bMessage && text.usTag == item.usTag) {
-            pRecord->*text.pField = std::string(reinterpret_cast<const char *>(item.pValue), item.ulLength);
+    return nullptr;
+}
+
+// Stores the value in the row's member, or notes that a number has the wrong length.
+void storeItem(const Item &row, const KTPacketItem &item, AirRecord *pRecord) {
+    std::visit(
+        [&](auto member) {
+            auto &value = pRecord->*member;
+            using Value = typename std::decay_t<decltype(value)>::value_type;
+            if constexpr (std::is_same_v<Value, std::string>) {
+                value.emplace(reinterpret_cast<const char *>(item.pValue), item.ulLength);
+            } else if (item.ulLength != sizeof(Value)) {
+                pRecord->sProblems.push_back(std::string("the ") + row.pszName + " has " +
+                                             std::to_string(item.ulLength) + " bytes, not " +
+                                             std::to_string(sizeof(Value)));
+            } else if constexpr (sizeof(Value) == 2) {
+                value = ktpacketGetWORD(item.pValue);
+            } else {
+                value = ktpacketGetDWORD(item.pValue);
+            }
+        },
+        row.member);
+}
+
+void noteItem(const KTPacketItem &item, std::span<const Item> rows, AirRecord *pRecord) {
+    for (const Item &row : rows) {
+        if (row.usTag == item.usTag) {
+            storeItem(row, item, pRecord);
             return;
         }
     }
@@ -98,14 +118,14 @@ AirCheck compareCheck(const KTPacketItem &item, const unsigned char *pBytes, uns
     return AIR_CHECK_WRONG;
 }
 
-// An announcement's checks: the first item's CRC covers what lies behind it up to the station file's CRC, or
-// the end; that one covers the station file's bytes.
+// An announcement has one CRC or two. The first item is the CRC of the items behind it: of all of them, or of
+// those before the station file's CRC. The station file's CRC is that of its bytes.
 void checkAnnouncement(const unsigned char *pPayload, unsigned long ulLength, AirRecord *pRecord) {
     KTPacketItem first{};
     KTPacketItem stationCheck{};
     unsigned long ulOffset = 0;
     unsigned long ulCoverEnd = ulLength;
-    if (!ktpacketNextItem(pPayload, ulLength, &ulOffset, &first) || first.usTag != kTagCheck) {
+    if (!ktpacketNextItem(pPayload, ulLength, &ulOffset, &first) || first.usTag != wire::announcement::kCRC) {
         pRecord->sProblems.emplace_back("it does not begin with its CRC");
         return;
     }
@@ -113,7 +133,7 @@ void checkAnnouncement(const unsigned char *pPayload, unsigned long ulLength, Ai
     KTPacketItem item{};
     for (unsigned long ulItem = ulOffset; ktpacketNextItem(pPayload, ulLength, &ulOffset, &item);
          ulItem = ulOffset) {
-        if (item.usTag == kTagStationCheck) {
+        if (item.usTag == wire::announcement::kStationCRC) {
             stationCheck = item;
             ulCoverEnd = ulItem;
             break;
@@ -138,27 +158,23 @@ AirRecord decodeAir(const unsigned char *pBytes, unsigned long ulLength) {
         record.sProblems.push_back("not a frame: " + std::string(ktn_xapi_frame_text(iFrame)));
         return record;
     }
-    record.eKind = AIR_UNKNOWN;
     record.uiIdent = frame.uiIdent;
     record.uiService = frame.uiService;
     record.uiCommand = frame.uiCommand;
     record.uiSendTime = frame.uiParam;
-    for (const FrameKind &kind : kFrameKinds) {
-        if (frame.uiService == kServiceAir && frame.uiIdent == kind.uiIdent &&
-            frame.uiCommand == kind.uiCommand) {
-            record.eKind = kind.eKind;
-        }
-    }
-    if (record.eKind == AIR_UNKNOWN) {
+    const FrameKind *const pKind = findKind(frame);
+    if (pKind == nullptr) {
+        record.eKind = AIR_UNKNOWN;
         record.sProblems.emplace_back("a frame that is neither an announcement nor a message");
         return record;
     }
+    record.eKind = pKind->eKind;
 
     const bool bMessage = record.eKind == AIR_MESSAGE;
     KTPacketItem item{};
     unsigned long ulOffset = 0;
     while (ktpacketNextItem(frame.pPayload, frame.uiPayloadLen, &ulOffset, &item)) {
-        noteItem(item, bMessage, &record);
+        noteItem(item, pKind->items, &record);
     }
     if (ulOffset != frame.uiPayloadLen) {
         record.sProblems.push_back("the item at byte " + std::to_string(ulOffset) +
@@ -182,9 +198,9 @@ std::string airTypeText(const AirRecord &record) {
         return "-";
     }
     switch (*record.uiType) {
-    case 1:
+    case BCI_TYPE_STREAM:
         return "stream";
-    case 16:
+    case BCI_TYPE_FILE:
         return "file";
     default:
         return "type " + std::to_string(*record.uiType);
@@ -197,9 +213,9 @@ std::string airFormatText(const AirRecord &record) {
     }
     std::array<char, 32> aText{};
     switch (*record.uiFormat) {
-    case 2:
+    case BCI_FORMAT_H264:
         return "H.264";
-    case 3:
+    case BCI_FORMAT_ASF:
         return "ASF";
     default:
         std::snprintf(aText.data(), aText.size(), "0x%x", *record.uiFormat);
