@@ -1,6 +1,7 @@
 // pccast cancel - takes a message back.
 #include "commands.h"
-#include "request.h"
+#include "pluginloader.h"
+#include "submit.h"
 
 #include <CLI/CLI.hpp>
 #include <vexa_pgl.h>
@@ -17,7 +18,7 @@ struct CancelOptions {
 
 int cancel(const CancelOptions &options) {
     MessageIdentity identity{};
-    const int iExit = checkArgument("IDENTITY", readMessageIdentity(options.sIdentity, &identity));
+    const int iExit = checkArguments({{"IDENTITY", readMessageIdentity(options.sIdentity, &identity)}});
     if (iExit != EXIT_DONE) {
         return iExit;
     }
@@ -27,8 +28,8 @@ int cancel(const CancelOptions &options) {
     }
     // A cancel reaches only the list that the message was filed in; it must have a text, whatever it says.
     identity.bPriority = identity.bPriority || options.bPriority;
-    const int iSent = sendMessage(options.sPlugin, PCMBC_CMD_CANCEL, identity, 1, "cancel");
-    return iSent == EXIT_DONE ? sayAndReturn(EXIT_DONE, "cancel requested") : iSent;
+    const int iSubmitted = submitMessage(options.sPlugin, PCMBC_CMD_CANCEL, identity, 1, "cancel");
+    return iSubmitted == EXIT_DONE ? sayAndReturn(EXIT_DONE, "cancel requested") : iSubmitted;
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 #ifndef PCCAST_CLI_COMMANDS_H
 #define PCCAST_CLI_COMMANDS_H
 
+#include <initializer_list>
 #include <string>
 
 namespace CLI {
@@ -34,8 +35,14 @@ void addStationCommand(CLI::App &app, int &iExitCode);
 // Says sText on standard error under the program's name and returns iExitCode.
 int sayAndReturn(int iExitCode, const std::string &sText);
 
-// Returns EXIT_DONE when sProblem is empty, else says it of the argument and returns EXIT_USAGE.
-int checkArgument(const char *pszArgument, const std::string &sProblem);
+// An argument and what is wrong with it: the result of its reader, empty when it could be read.
+struct Argument {
+    const char *pszName;
+    std::string sProblem;
+};
+
+// Returns EXIT_DONE when no argument has a problem. Else says the first problem and returns EXIT_USAGE.
+int checkArguments(std::initializer_list<Argument> arguments);
 
 // What is printed below an example's heading at the end of a command's help.
 std::string helpExample(const std::string &sExample);

@@ -1,6 +1,9 @@
 // pccast file - submits the cast of a stored file.
 #include "commands.h"
 #include "request.h"
+#include "submit.h"
+
+#include "asffile.h"
 
 #include <CLI/CLI.hpp>
 #include <fcntl.h>
@@ -44,15 +47,13 @@ int findFile(const std::string &sPath, std::string *psWhole) {
 }
 
 bool beginsAsASF(const std::string &sPath) {
-    static constexpr std::array<unsigned char, 16> kHeaderObject{
-        0x30, 0x26, 0xB2, 0x75, 0x8E, 0x66, 0xCF, 0x11, 0xA6, 0xD9, 0x00, 0xAA, 0x00, 0x62, 0xCE, 0x6C};
     std::array<unsigned char, 16> aHead{};
     const int iFile = open(sPath.c_str(), O_RDONLY | O_CLOEXEC);
     const ssize_t lRead = iFile < 0 ? -1 : read(iFile, aHead.data(), aHead.size());
     if (iFile >= 0) {
         close(iFile);
     }
-    return lRead == static_cast<ssize_t>(aHead.size()) && aHead == kHeaderObject;
+    return lRead > 0 && asfRecognises(aHead.data(), static_cast<size_t>(lRead));
 }
 
 // The format by the file's content, judged by the reader that will play it.
@@ -72,14 +73,10 @@ int castFile(const FileOptions &options) {
     CastRequest request{};
     RequestTimes times{};
     CastIdentity &identity = request.identity;
-    int iExit =
-        checkArgument("--to", readEndpoint(options.sDestination, &request.sDestination, &identity.usPort));
-    if (iExit == EXIT_DONE && !options.sFormat.empty()) {
-        iExit = checkArgument("--format", readFormat(options.sFormat, &identity.ulFormat));
-    }
-    if (iExit == EXIT_DONE) {
-        iExit = checkArgument("--stream-id", readNumber(options.sMSID, 0xFFFF, &request.ulMSID));
-    }
+    int iExit = checkArguments(
+        {{"--to", readEndpoint(options.sDestination, &request.sDestination, &identity.usPort)},
+         {"--format", options.sFormat.empty() ? "" : readFormat(options.sFormat, &identity.ulFormat)},
+         {"--stream-id", readNumber(options.sMSID, 0xFFFF, &request.ulMSID)}});
     if (iExit == EXIT_DONE) {
         iExit = readRequestOptions(options.request, kCastDefaultFor, &times);
     }
@@ -99,7 +96,7 @@ int castFile(const FileOptions &options) {
     identity.ulET = times.ulET;
     request.ulCT = times.ulCT;
     warnWithoutStationFile(identity.ulFormat);
-    iExit = sendCast(options.request.sPlugin, CAST_CMD_START, request);
+    iExit = submitCast(options.request.sPlugin, CAST_CMD_START, request);
     if (iExit == EXIT_DONE) {
         std::printf("%s\n", writeCastIdentity(identity).c_str());
         sayAndReturn(EXIT_DONE, "cast of " + request.sFile + " to " + options.sDestination +

@@ -33,9 +33,13 @@ int sayAndReturn(int iExitCode, const std::string &sText) {
     return iExitCode;
 }
 
-int checkArgument(const char *pszArgument, const std::string &sProblem) {
-    return sProblem.empty() ? EXIT_DONE
-                            : sayAndReturn(EXIT_USAGE, std::string(pszArgument) + ": " + sProblem);
+int checkArguments(std::initializer_list<Argument> arguments) {
+    for (const Argument &argument : arguments) {
+        if (!argument.sProblem.empty()) {
+            return sayAndReturn(EXIT_USAGE, std::string(argument.pszName) + ": " + argument.sProblem);
+        }
+    }
+    return EXIT_DONE;
 }
 
 std::string helpExample(const std::string &sExample) {

@@ -1,6 +1,7 @@
 // pccast message - submits a text for every receiver.
 #include "commands.h"
 #include "request.h"
+#include "submit.h"
 
 #include <CLI/CLI.hpp>
 
@@ -34,7 +35,7 @@ unsigned long defaultFor(unsigned long ulRepeat, const std::string &sText) {
 int message(const MessageOptions &options) {
     unsigned long ulRepeat = 0;
     RequestTimes times{};
-    int iExit = checkArgument("--repeat", readNumber(options.sRepeat, kRepeatMax, &ulRepeat));
+    int iExit = checkArguments({{"--repeat", readNumber(options.sRepeat, kRepeatMax, &ulRepeat)}});
     if (iExit == EXIT_DONE && options.sText.empty()) {
         iExit = sayAndReturn(EXIT_BAD_DATA, "TEXT is empty; the service would drop the message");
     }
@@ -50,7 +51,7 @@ int message(const MessageOptions &options) {
         return iExit;
     }
     const MessageIdentity identity{times.ulEPGID, times.ulCT, times.ulST, times.ulET, options.bPriority};
-    iExit = sendMessage(options.request.sPlugin, PCMBC_CMD_MSG, identity, ulRepeat, options.sText);
+    iExit = submitMessage(options.request.sPlugin, PCMBC_CMD_MSG, identity, ulRepeat, options.sText);
     if (iExit == EXIT_DONE) {
         std::printf("%s\n", writeMessageIdentity(identity).c_str());
         sayAndReturn(EXIT_DONE, "message requested from " + writeTime(times.ulST) + " until " +

@@ -1,4 +1,4 @@
-#include "plugin.h"
+#include "pluginloader.h"
 
 #include "commands.h"
 
@@ -74,9 +74,9 @@ std::string checkPlugin(void *pHandle, Plugin *pPlugin) {
     resolve(pHandle, "p_qxapi_open_pccast", &pPlugin->pOpen, &sMissing);
     resolve(pHandle, "p_qxapi_close_pccast", &pPlugin->pClose, &sMissing);
     resolve(pHandle, "VALIDATECASTInfo", &pPlugin->pValidateCast, &sMissing);
-    resolve(pHandle, "TxCASTInfoToPlugIn", &pPlugin->pSendCast, &sMissing);
+    resolve(pHandle, "TxCASTInfoToPlugIn", &pPlugin->pSubmitCast, &sMissing);
     resolve(pHandle, "VALIDATEMSGInfo", &pPlugin->pValidateMessage, &sMissing);
-    resolve(pHandle, "TxPCMBCInfoToPlugIn", &pPlugin->pSendMessage, &sMissing);
+    resolve(pHandle, "TxPCMBCInfoToPlugIn", &pPlugin->pSubmitMessage, &sMissing);
     resolve(pHandle, "MAKECASTInfo", &pPlugin->pMakeCast, &sMissing);
     resolve(pHandle, "ELIMINATECASTInfo", &pPlugin->pEliminateCast, &sMissing);
     resolve(pHandle, "MAKEMSGInfo", &pPlugin->pMakeMessage, &sMissing);

@@ -1,12 +1,12 @@
-// plugin.h - loading the service's plug-in, and what the commands call in it.
+// pluginloader.h - loads the service's plug-in and finds what the commands call in it.
 //
-// Used by serve, which hosts the service, and by every command that submits a request. That goes through the
-// senders behind the exported commanders: only they tell whether the request arrived. Called in the main
-// thread, before others are started. The library stays loaded to the end.
-#ifndef PCCAST_CLI_PLUGIN_H
-#define PCCAST_CLI_PLUGIN_H
+// Used by serve, which hosts the service, and by every command that submits a request. A request goes to the
+// functions behind the exported commanders, because only they tell whether it arrived. Called in the main
+// thread before other threads start. The library stays loaded to the end.
+#ifndef PCCAST_CLI_PLUGINLOADER_H
+#define PCCAST_CLI_PLUGINLOADER_H
 
-#include "serviceswitch.h"
+#include "pccastmain/serviceswitch.h"
 
 #include <pccast/pccast.h>
 
@@ -22,9 +22,9 @@ struct Plugin {
     decltype(&p_qxapi_open_pccast) pOpen;
     decltype(&p_qxapi_close_pccast) pClose;
     decltype(&VALIDATECASTInfo) pValidateCast;
-    decltype(&TxCASTInfoToPlugIn) pSendCast;
+    decltype(&TxCASTInfoToPlugIn) pSubmitCast;
     decltype(&VALIDATEMSGInfo) pValidateMessage;
-    decltype(&TxPCMBCInfoToPlugIn) pSendMessage;
+    decltype(&TxPCMBCInfoToPlugIn) pSubmitMessage;
     decltype(&MAKECASTInfo) pMakeCast;
     decltype(&ELIMINATECASTInfo) pEliminateCast;
     decltype(&MAKEMSGInfo) pMakeMessage;
@@ -35,9 +35,9 @@ struct Plugin {
 // Adds --plugin PATH to a command.
 void addPluginOption(CLI::App *pCommand, std::string &sPath);
 
-// Loads the plug-in at sPath, or, when that is empty, the one that belongs to this program, and checks its
-// name, its version and that it publishes both commanders. Returns EXIT_DONE, or EXIT_UNAVAILABLE (the reason
-// is on standard error).
+// Loads the plug-in at sPath, or this program's own when sPath is empty. Checks its name and version, and
+// that it publishes both commanders. Returns EXIT_DONE, or EXIT_UNAVAILABLE with the reason on standard
+// error.
 int loadPlugin(const std::string &sPath, Plugin *pPlugin);
 
 #endif

@@ -1,6 +1,7 @@
 // pccast relay - submits the cast of a live stream.
 #include "commands.h"
 #include "request.h"
+#include "submit.h"
 
 #include <CLI/CLI.hpp>
 
@@ -25,23 +26,12 @@ int relay(const RelayOptions &options) {
     CastRequest request{};
     RequestTimes times{};
     CastIdentity &identity = request.identity;
-    int iExit =
-        checkArgument("SOURCE", readEndpoint(options.sSource, &request.sSource, &request.usSourcePort));
-    if (iExit == EXIT_DONE) {
-        iExit = checkArgument("DESTINATION",
-                              readEndpoint(options.sDestination, &request.sDestination, &identity.usPort));
-    }
-    if (iExit == EXIT_DONE) {
-        iExit = checkArgument("--format", readFormat(options.sFormat, &identity.ulFormat));
-    }
-    if (iExit == EXIT_DONE) {
-        iExit = checkArgument(
-            "--type", readNumber(options.sType, CAST_TYPE_STREAM_2, &identity.ulType, CAST_TYPE_STREAM));
-    }
-    if (iExit == EXIT_DONE && !options.sKey.empty()) {
-        iExit = checkArgument("--key", readKey(options.sKey, &request.key));
-        request.iEncryptionType = options.bFastSeed ? CAST_ENCRYPTION_FAST_SEED : CAST_ENCRYPTION_SEED;
-    }
+    int iExit = checkArguments(
+        {{"SOURCE", readEndpoint(options.sSource, &request.sSource, &request.usSourcePort)},
+         {"DESTINATION", readEndpoint(options.sDestination, &request.sDestination, &identity.usPort)},
+         {"--format", readFormat(options.sFormat, &identity.ulFormat)},
+         {"--type", readNumber(options.sType, CAST_TYPE_STREAM_2, &identity.ulType, CAST_TYPE_STREAM)},
+         {"--key", options.sKey.empty() ? "" : readKey(options.sKey, &request.key)}});
     if (iExit == EXIT_DONE) {
         iExit = readRequestOptions(options.request, kCastDefaultFor, &times);
     }
@@ -57,9 +47,10 @@ int relay(const RelayOptions &options) {
     identity.ulST = times.ulST;
     identity.ulET = times.ulET;
     request.ulCT = times.ulCT;
+    request.iEncryptionType = options.bFastSeed ? CAST_ENCRYPTION_FAST_SEED : CAST_ENCRYPTION_SEED;
     request.iASFSplit = options.bChunks ? CAST_SPLIT_CHUNKS : CAST_SPLIT_NONE;
     warnWithoutStationFile(identity.ulFormat);
-    iExit = sendCast(options.request.sPlugin, CAST_CMD_START, request);
+    iExit = submitCast(options.request.sPlugin, CAST_CMD_START, request);
     if (iExit == EXIT_DONE) {
         std::printf("%s\n", writeCastIdentity(identity).c_str());
         sayAndReturn(EXIT_DONE, "relay of " + options.sSource + " to " + options.sDestination +

@@ -1,7 +1,9 @@
 #include "request.h"
 
 #include "castformat.h"
+#include "clitext.h"
 #include "commands.h"
+#include "pluginloader.h"
 
 #include <CLI/CLI.hpp>
 #include <unistd.h>
@@ -9,9 +11,7 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
 
 void addRequestOptions(CLI::App *pCommand, RequestOptions &options, const char *pszDefaultFor) {
     pCommand->add_option("--epg", options.sEPG, "the programme that it belongs to (default 1)")
@@ -29,21 +29,17 @@ void addRequestOptions(CLI::App *pCommand, RequestOptions &options, const char *
 int readRequestOptions(const RequestOptions &options, unsigned long ulDefaultFor, RequestTimes *pTimes) {
     const unsigned long ulNow = vexa_time(nullptr);
     RequestTimes times{0, ulNow, 0, 0};
-    int iExit = checkArgument("--epg", readNumber(options.sEPG, kNumberMax, &times.ulEPGID));
-    if (iExit == EXIT_DONE) {
-        iExit = checkArgument("--start", readTime(options.sStart, ulNow, &times.ulST));
-    }
-    if (iExit == EXIT_DONE && !options.sEnd.empty()) {
-        iExit = checkArgument("--end", readTime(options.sEnd, ulNow, &times.ulET));
-    } else if (iExit == EXIT_DONE) {
-        unsigned long ulFor = ulDefaultFor;
-        if (!options.sFor.empty()) {
-            iExit = checkArgument("--for", readDuration(options.sFor, &ulFor));
-        }
-        times.ulET = times.ulST + ulFor;
-    }
+    unsigned long ulFor = ulDefaultFor;
+    const int iExit =
+        checkArguments({{"--epg", readNumber(options.sEPG, kNumberMax, &times.ulEPGID)},
+                        {"--start", readTime(options.sStart, ulNow, &times.ulST)},
+                        {"--end", options.sEnd.empty() ? "" : readTime(options.sEnd, ulNow, &times.ulET)},
+                        {"--for", options.sFor.empty() ? "" : readDuration(options.sFor, &ulFor)}});
     if (iExit != EXIT_DONE) {
         return iExit;
+    }
+    if (options.sEnd.empty()) {
+        times.ulET = times.ulST + ulFor;
     }
     if (times.ulET > kNumberMax) {
         return sayAndReturn(EXIT_BAD_DATA,
@@ -61,62 +57,6 @@ int readRequestOptions(const RequestOptions &options, unsigned long ulDefaultFor
     }
     *pTimes = times;
     return EXIT_DONE;
-}
-
-int sendCast(const std::string &sPlugin, unsigned long ulCMD, const CastRequest &request) {
-    Plugin plugin{};
-    const int iLoaded = loadPlugin(sPlugin, &plugin);
-    if (iLoaded != EXIT_DONE) {
-        return iLoaded;
-    }
-    CASTInfo *pInfo = nullptr;
-    if (plugin.pMakeCast(&pInfo, request.sSource.c_str(), request.sDestination.c_str(), request.sFile.c_str(),
-                         request.identity.ulType) != 1) {
-        return sayAndReturn(EXIT_INTERNAL, "no memory for the request");
-    }
-    const auto release = [&plugin](CASTInfo *pRecord) { plugin.pEliminateCast(&pRecord); };
-    const std::unique_ptr<CASTInfo, decltype(release)> guard(pInfo, release);
-    pInfo->uliEPGID = request.identity.ulEPGID;
-    pInfo->ulCT = request.ulCT;
-    pInfo->ulSTREAMFormat = request.identity.ulFormat;
-    pInfo->ulST = request.identity.ulST;
-    pInfo->ulET = request.identity.ulET;
-    pInfo->usSRCPort = request.usSourcePort;
-    pInfo->usDSTPort = request.identity.usPort;
-    pInfo->ulMSID = request.ulMSID;
-    pInfo->iASFSplit = request.iASFSplit;
-    if (!request.key.empty()) {
-        pInfo->pEncryptionKey = static_cast<unsigned char *>(std::malloc(request.key.size()));
-        if (pInfo->pEncryptionKey == nullptr) {
-            return sayAndReturn(EXIT_INTERNAL, "no memory for the key");
-        }
-        std::memcpy(pInfo->pEncryptionKey, request.key.data(), request.key.size());
-        pInfo->iEncryptionKeyLen = static_cast<int>(request.key.size());
-        pInfo->iEncryptionType = request.iEncryptionType;
-    }
-    return submitCast(plugin, ulCMD, pInfo);
-}
-
-int sendMessage(const std::string &sPlugin, unsigned long ulCMD, const MessageIdentity &identity,
-                unsigned long ulRepeat, const std::string &sText) {
-    Plugin plugin{};
-    const int iLoaded = loadPlugin(sPlugin, &plugin);
-    if (iLoaded != EXIT_DONE) {
-        return iLoaded;
-    }
-    MSGInfo *pInfo = nullptr;
-    if (plugin.pMakeMessage(&pInfo, sText.c_str()) != 1) {
-        return sayAndReturn(EXIT_INTERNAL, "no memory for the message");
-    }
-    const auto release = [&plugin](MSGInfo *pRecord) { plugin.pEliminateMessage(&pRecord); };
-    const std::unique_ptr<MSGInfo, decltype(release)> guard(pInfo, release);
-    pInfo->uliEPGID = identity.ulEPGID;
-    pInfo->ulPriority = identity.bPriority ? 1 : 0;
-    pInfo->ulCT = identity.ulCT;
-    pInfo->ulST = identity.ulST;
-    pInfo->ulET = identity.ulET;
-    pInfo->ulRepeat = ulRepeat;
-    return submitMessage(plugin, ulCMD, pInfo);
 }
 
 void warnWithoutStationFile(unsigned long ulFormat) {

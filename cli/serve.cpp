@@ -1,7 +1,9 @@
 // pccast serve - the host process: loads the plug-in, opens it, runs until it is told to end, closes it.
 #include "commands.h"
 #include "interface.h"
-#include "service.h"
+#include "localsocket.h"
+#include "pluginloader.h"
+#include "wire.h"
 
 #include <CLI/CLI.hpp>
 #include <arpa/inet.h>
@@ -56,14 +58,15 @@ int checkSocketsFree() {
 void warnWithoutRoute() {
     struct sockaddr_in group {};
     group.sin_family = AF_INET;
-    group.sin_port = htons(7890);
-    inet_pton(AF_INET, "224.9.9.9", &group.sin_addr);
+    group.sin_port = htons(wire::announcement::kPort);
+    inet_pton(AF_INET, wire::kGroup, &group.sin_addr);
     const int iSocket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (iSocket < 0) {
         return;
     }
     if (connect(iSocket, reinterpret_cast<const struct sockaddr *>(&group), sizeof group) != 0) {
-        sayAndReturn(EXIT_DONE, std::string("nothing can be sent to 224.9.9.9: ") + std::strerror(errno) +
+        sayAndReturn(EXIT_DONE, std::string("nothing can be sent to ") + wire::kGroup + ": " +
+                                    std::strerror(errno) +
                                     "; give --interface, or a route: ip route add 224.0.0.0/4 dev eth0");
     }
     close(iSocket);

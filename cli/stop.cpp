@@ -1,6 +1,9 @@
 // pccast stop - takes a cast request back: the equal one that still waits, else the cast on air.
 #include "commands.h"
-#include "request.h"
+#include "pluginloader.h"
+#include "submit.h"
+
+#include "castformat.h"
 
 #include <CLI/CLI.hpp>
 #include <vexa_pgl.h>
@@ -22,23 +25,13 @@ struct StopOptions {
 
 int readParts(const StopOptions &options, unsigned long ulNow, CastIdentity *pIdentity) {
     unsigned long ulPort = 0;
-    int iExit = checkArgument("--epg", readNumber(options.sEPG, kNumberMax, &pIdentity->ulEPGID));
-    if (iExit == EXIT_DONE) {
-        iExit = checkArgument(
-            "--type", readNumber(options.sType, CAST_TYPE_STREAM_2, &pIdentity->ulType, CAST_TYPE_FILE));
-    }
-    if (iExit == EXIT_DONE) {
-        iExit = checkArgument("--start", readTime(options.sStart, ulNow, &pIdentity->ulST));
-    }
-    if (iExit == EXIT_DONE) {
-        iExit = checkArgument("--end", readTime(options.sEnd, ulNow, &pIdentity->ulET));
-    }
-    if (iExit == EXIT_DONE) {
-        iExit = checkArgument("--port", readNumber(options.sPort, 65535, &ulPort, 1));
-    }
-    if (iExit == EXIT_DONE) {
-        iExit = checkArgument("--format", readFormat(options.sFormat, &pIdentity->ulFormat));
-    }
+    const int iExit = checkArguments(
+        {{"--epg", readNumber(options.sEPG, kNumberMax, &pIdentity->ulEPGID)},
+         {"--type", readNumber(options.sType, CAST_TYPE_STREAM_2, &pIdentity->ulType, CAST_TYPE_FILE)},
+         {"--start", readTime(options.sStart, ulNow, &pIdentity->ulST)},
+         {"--end", readTime(options.sEnd, ulNow, &pIdentity->ulET)},
+         {"--port", readNumber(options.sPort, 65535, &ulPort, 1)},
+         {"--format", readFormat(options.sFormat, &pIdentity->ulFormat)}});
     pIdentity->usPort = static_cast<unsigned short>(ulPort);
     return iExit;
 }
@@ -46,7 +39,7 @@ int readParts(const StopOptions &options, unsigned long ulNow, CastIdentity *pId
 // Says why there is no use in stopping a cast whose end has passed. Only a relay ends at it.
 int sayItsTimeIsOver(const CastIdentity &identity) {
     const std::string sOver = writeTime(identity.ulET);
-    if (identity.ulType != CAST_TYPE_FILE) {
+    if (isStream(identity.ulType)) {
         return sayAndReturn(EXIT_BAD_DATA,
                             "that cast ended by itself at " + sOver + "; there is nothing left to stop");
     }
@@ -64,7 +57,7 @@ int stop(const StopOptions &options) {
     CastRequest request{};
     int iExit = EXIT_DONE;
     if (!options.sIdentity.empty()) {
-        iExit = checkArgument("IDENTITY", readCastIdentity(options.sIdentity, &request.identity));
+        iExit = checkArguments({{"IDENTITY", readCastIdentity(options.sIdentity, &request.identity)}});
     } else if (options.sEPG.empty() || options.sStart.empty() || options.sEnd.empty() ||
                options.sPort.empty()) {
         iExit =
@@ -86,7 +79,7 @@ int stop(const StopOptions &options) {
     request.usSourcePort = request.identity.usPort;
     request.sDestination = "0.0.0.0";
     request.sFile = "-";
-    iExit = sendCast(options.sPlugin, CAST_CMD_STOP, request);
+    iExit = submitCast(options.sPlugin, CAST_CMD_STOP, request);
     return iExit == EXIT_DONE ? sayAndReturn(EXIT_DONE, "stop requested") : iExit;
 }
 

@@ -1,13 +1,13 @@
-#include "service.h"
+#include "submit.h"
 
 #include "commands.h"
-
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
+#include "localsocket.h"
+#include "pluginloader.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 
 namespace {
 
@@ -15,7 +15,7 @@ namespace {
 int checkService(const Plugin &plugin, const char *pszKeyPath, const char *pszSocket) {
     if (plugin.pVerifyService(pszKeyPath) < 1) {
         return sayAndReturn(EXIT_SWITCHED_OFF, std::string("the registry switches the service off (") +
-                                                   pszKeyPath + "=DISABLE); nothing was sent");
+                                                   pszKeyPath + "=DISABLE); nothing was submitted");
     }
     const int iError = probeSocket(pszSocket);
     switch (iError) {
@@ -33,52 +33,86 @@ int checkService(const Plugin &plugin, const char *pszKeyPath, const char *pszSo
     }
 }
 
-// Validates as the commander of the kind does, and sends.
+// Validates the record as the commander of its kind does, and submits it.
 template <typename Record>
-int submit(int (*pValidate)(const Record *), int (*pSend)(unsigned long, const Record *), unsigned long ulCMD,
-           Record *pInfo) {
+int submit(int (*pValidate)(const Record *), int (*pSubmit)(unsigned long, const Record *),
+           unsigned long ulCMD, Record *pInfo) {
     pInfo->ulCMD = ulCMD;
     if (pValidate(pInfo) < 1) {
-        return sayAndReturn(EXIT_BAD_DATA, "the request is not complete; nothing was sent");
+        return sayAndReturn(EXIT_BAD_DATA, "the request is not complete; nothing was submitted");
     }
-    const int iSent = pSend(ulCMD, pInfo);
-    if (iSent > 0) {
+    const int iResult = pSubmit(ulCMD, pInfo);
+    if (iResult > 0) {
         return EXIT_DONE;
     }
-    return sayAndReturn(EXIT_UNAVAILABLE, std::string("the service did not take the request") +
-                                              (iSent < 0 ? std::string(": ") + std::strerror(-iSent) : "") +
-                                              "; submit it again");
+    return sayAndReturn(EXIT_UNAVAILABLE,
+                        std::string("the service did not take the request") +
+                            (iResult < 0 ? std::string(": ") + std::strerror(-iResult) : "") +
+                            "; submit it again");
 }
 
 } // namespace
 
-int probeSocket(const char *pszPath) {
-    const int iSocket = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (iSocket < 0) {
-        return errno;
+int submitCast(const std::string &sPlugin, unsigned long ulCMD, const CastRequest &request) {
+    Plugin plugin{};
+    const int iLoaded = loadPlugin(sPlugin, &plugin);
+    if (iLoaded != EXIT_DONE) {
+        return iLoaded;
     }
-    struct sockaddr_un address {};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, pszPath, sizeof address.sun_path - 1);
-    const int iResult = connect(iSocket, reinterpret_cast<const struct sockaddr *>(&address), sizeof address);
-    const int iError = iResult == 0 ? 0 : errno;
-    close(iSocket);
-    return iError;
-}
-
-int sayForeignSocket(const char *pszPath) {
-    return sayAndReturn(EXIT_UNAVAILABLE, std::string(pszPath) +
-                                              " belongs to another user (a service of theirs, or a file it "
-                                              "left); ss -xlp shows whether one listens there, and its "
-                                              "requests come from that user or from root");
-}
-
-int submitCast(const Plugin &plugin, unsigned long ulCMD, CASTInfo *pInfo) {
     const int iCheck = checkService(plugin, PCCAST_CAST_SERVICE, PCCAST_CAST_SOCKET);
-    return iCheck == EXIT_DONE ? submit(plugin.pValidateCast, plugin.pSendCast, ulCMD, pInfo) : iCheck;
+    if (iCheck != EXIT_DONE) {
+        return iCheck;
+    }
+    CASTInfo *pInfo = nullptr;
+    if (plugin.pMakeCast(&pInfo, request.sSource.c_str(), request.sDestination.c_str(), request.sFile.c_str(),
+                         request.identity.ulType) != 1) {
+        return sayAndReturn(EXIT_INTERNAL, "no memory for the request");
+    }
+    const auto release = [&plugin](CASTInfo *pRecord) { plugin.pEliminateCast(&pRecord); };
+    const std::unique_ptr<CASTInfo, decltype(release)> guard(pInfo, release);
+    pInfo->uliEPGID = request.identity.ulEPGID;
+    pInfo->ulCT = request.ulCT;
+    pInfo->ulSTREAMFormat = request.identity.ulFormat;
+    pInfo->ulST = request.identity.ulST;
+    pInfo->ulET = request.identity.ulET;
+    pInfo->usSRCPort = request.usSourcePort;
+    pInfo->usDSTPort = request.identity.usPort;
+    pInfo->ulMSID = request.ulMSID;
+    pInfo->iASFSplit = request.iASFSplit;
+    if (!request.key.empty()) {
+        pInfo->pEncryptionKey = static_cast<unsigned char *>(std::malloc(request.key.size()));
+        if (pInfo->pEncryptionKey == nullptr) {
+            return sayAndReturn(EXIT_INTERNAL, "no memory for the key");
+        }
+        std::memcpy(pInfo->pEncryptionKey, request.key.data(), request.key.size());
+        pInfo->iEncryptionKeyLen = static_cast<int>(request.key.size());
+        pInfo->iEncryptionType = request.iEncryptionType;
+    }
+    return submit(plugin.pValidateCast, plugin.pSubmitCast, ulCMD, pInfo);
 }
 
-int submitMessage(const Plugin &plugin, unsigned long ulCMD, MSGInfo *pInfo) {
+int submitMessage(const std::string &sPlugin, unsigned long ulCMD, const MessageIdentity &identity,
+                  unsigned long ulRepeat, const std::string &sText) {
+    Plugin plugin{};
+    const int iLoaded = loadPlugin(sPlugin, &plugin);
+    if (iLoaded != EXIT_DONE) {
+        return iLoaded;
+    }
     const int iCheck = checkService(plugin, PCCAST_MESSAGE_SERVICE, PCCAST_MESSAGE_SOCKET);
-    return iCheck == EXIT_DONE ? submit(plugin.pValidateMessage, plugin.pSendMessage, ulCMD, pInfo) : iCheck;
+    if (iCheck != EXIT_DONE) {
+        return iCheck;
+    }
+    MSGInfo *pInfo = nullptr;
+    if (plugin.pMakeMessage(&pInfo, sText.c_str()) != 1) {
+        return sayAndReturn(EXIT_INTERNAL, "no memory for the message");
+    }
+    const auto release = [&plugin](MSGInfo *pRecord) { plugin.pEliminateMessage(&pRecord); };
+    const std::unique_ptr<MSGInfo, decltype(release)> guard(pInfo, release);
+    pInfo->uliEPGID = identity.ulEPGID;
+    pInfo->ulPriority = identity.bPriority ? 1 : 0;
+    pInfo->ulCT = identity.ulCT;
+    pInfo->ulST = identity.ulST;
+    pInfo->ulET = identity.ulET;
+    pInfo->ulRepeat = ulRepeat;
+    return submit(plugin.pValidateMessage, plugin.pSubmitMessage, ulCMD, pInfo);
 }

@@ -1,21 +1,39 @@
-// service.h - whether the service can be reached, and handing it a request.
+// submit.h - submits a request to the service.
 //
-// What keeps a request from arriving is looked for before it is made: is the service switched on, does
-// anybody listen? Called in the main thread.
-#ifndef PCCAST_CLI_SERVICE_H
-#define PCCAST_CLI_SERVICE_H
+// Called by relay, file, stop, message and cancel in the main thread. The plug-in's own operations make the
+// record, submit it and release it. First come the checks that explain a failure: is the service switched on,
+// and does anybody listen?
+#ifndef PCCAST_CLI_SUBMIT_H
+#define PCCAST_CLI_SUBMIT_H
 
-#include "plugin.h"
+#include "clitext.h"
 
-// Connects to the local socket at pszPath and hangs up. Returns 0 when somebody listens, else the errno.
-int probeSocket(const char *pszPath);
+#include <pccast/castinfo.h>
+#include <pccast/msginfo.h>
 
-// Says of a socket that it cannot be connected to for lack of permission. Returns EXIT_UNAVAILABLE.
-int sayForeignSocket(const char *pszPath);
+#include <string>
+#include <vector>
 
-// Submits the record with command ulCMD, which is written into it. Returns EXIT_DONE: it was sent;
-// EXIT_SWITCHED_OFF, EXIT_UNAVAILABLE or EXIT_BAD_DATA (incomplete), said on standard error.
-int submitCast(const Plugin &plugin, unsigned long ulCMD, CASTInfo *pInfo);
-int submitMessage(const Plugin &plugin, unsigned long ulCMD, MSGInfo *pInfo);
+// What a cast request is made from. The record gets copies of the texts and the key.
+struct CastRequest {
+    CastIdentity identity; // its port is the destination's
+    unsigned long ulCT;
+    std::string sSource;
+    unsigned short usSourcePort;
+    std::string sDestination;
+    std::string sFile;
+    unsigned long ulMSID;
+    int iEncryptionType;
+    std::vector<unsigned char> key;
+    int iASFSplit;
+};
+
+// Both load the plug-in at sPlugin (empty: this program's own) and submit the request with command ulCMD.
+// They return EXIT_DONE when the service has taken it. Else the reason is on standard error, and they return
+// EXIT_UNAVAILABLE, EXIT_SWITCHED_OFF, EXIT_BAD_DATA (the request is incomplete) or EXIT_INTERNAL (no
+// memory).
+int submitCast(const std::string &sPlugin, unsigned long ulCMD, const CastRequest &request);
+int submitMessage(const std::string &sPlugin, unsigned long ulCMD, const MessageIdentity &identity,
+                  unsigned long ulRepeat, const std::string &sText);
 
 #endif

@@ -7,6 +7,7 @@
 #include "commands.h"
 #include "interface.h"
 #include "watchtable.h"
+#include "wire.h"
 
 #include <CLI/CLI.hpp>
 #include <arpa/inet.h>
@@ -35,9 +36,6 @@ struct WatchOptions {
     std::string sInterface;
 };
 
-constexpr const char *kGroup = "224.9.9.9";
-constexpr std::array<unsigned int, 2> kPorts{7890, 9367}; // announcements, messages
-
 constexpr const char *kScreenOn = "\033[?1049h\033[?25l";
 constexpr const char *kScreenOff = "\033[?25h\033[?1049l";
 
@@ -63,7 +61,7 @@ Endpoint join(unsigned int uiPort, const std::string &sInterface) {
     pDesc->uiKind = KTNET_KIND_UDP;
     pDesc->uiListen = 1;
     pDesc->uiPort = uiPort;
-    std::strncpy(pDesc->szPeer, kGroup, sizeof pDesc->szPeer - 1);
+    std::strncpy(pDesc->szPeer, wire::kGroup, sizeof pDesc->szPeer - 1);
     std::strncpy(pDesc->szLocal, sInterface.c_str(), sizeof pDesc->szLocal - 1);
     if (ktn_xapi_ktnet_create(pDesc) <= 0) {
         endpoint.reset();
@@ -149,13 +147,11 @@ int watchAir(const WatchOptions &options) {
     Watch watch;
     watch.options = options;
     unsigned long ulSeconds = 0;
-    int iExit = EXIT_DONE;
+    int iExit = checkArguments(
+        {{"--for", options.sFor.empty() ? "" : readDuration(options.sFor, &ulSeconds)},
+         {"--count", options.sCount.empty() ? "" : readNumber(options.sCount, kNumberMax, &watch.ulCount)}});
     if (!options.sFor.empty()) {
-        iExit = checkArgument("--for", readDuration(options.sFor, &ulSeconds));
         watch.end = Clock::now() + std::chrono::seconds(ulSeconds);
-    }
-    if (iExit == EXIT_DONE && !options.sCount.empty()) {
-        iExit = checkArgument("--count", readNumber(options.sCount, kNumberMax, &watch.ulCount));
     }
     if (iExit == EXIT_DONE) {
         iExit = checkInterface(options.sInterface);
@@ -165,11 +161,11 @@ int watchAir(const WatchOptions &options) {
     }
     watch.bTable = !options.bJSON && !options.bPlain && isatty(STDOUT_FILENO) == 1;
 
-    const std::array<Endpoint, 2> endpoints{join(kPorts[0], options.sInterface),
-                                            join(kPorts[1], options.sInterface)};
+    const std::array<Endpoint, 2> endpoints{join(wire::announcement::kPort, options.sInterface),
+                                            join(wire::broadcast::kPort, options.sInterface)};
     if (!endpoints[0] || !endpoints[1]) {
         return sayAndReturn(EXIT_UNAVAILABLE,
-                            std::string(kGroup) +
+                            std::string(wire::kGroup) +
                                 " cannot be joined (the reason is above); --interface names the "
                                 "interface to listen on");
     }
