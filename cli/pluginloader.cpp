@@ -15,18 +15,16 @@
 namespace {
 
 constexpr const char *kPluginName = "PCCAST Plugin";
-constexpr unsigned int kPluginVersion = 0x03060502;
+constexpr const char *kPluginFile = "libpccast.so." PCCAST_SOVERSION;
 
-constexpr const char *kPluginFile = "libpccast.so.3";
-
-// Where it lies, seen from the folder of this program: in a build tree, beside the program, installed. The
-// run path says the same, but is not looked at under a sanitizer, which puts itself between dlopen and its
-// caller.
+// Where the plug-in is, seen from this program's folder: in a build tree, beside the program, installed. The
+// run path says the same. But a sanitizer puts itself between dlopen and its caller, and then the run path
+// does not count.
 constexpr std::array<const char *, 3> kPluginFolders{"/../lib/", "/", "/../" PCCAST_LIBDIR "/"};
 
 constexpr std::array<const char *, 2> kCommanders{"QX_PCCASTSTREAMCommander", "QX_PCCASTMBCCommander"};
 
-// The plug-in that belongs to this program; where none lies, the bare name, which the loader looks up in its
+// The path of this program's own plug-in. If no folder has it, the bare name: the loader then looks in its
 // own places.
 std::string ownPlugin() {
     std::error_code error;
@@ -49,7 +47,7 @@ void resolve(void *pHandle, const char *pszName, Function *ppFunction, std::stri
     }
 }
 
-// What is wrong with the table of command names, empty when nothing is.
+// Returns what is wrong with the table of command names, empty when nothing is.
 std::string checkNameTable(void *pHandle) {
     const auto *const ppszNames =
         static_cast<const char *const *>(dlsym(pHandle, "p_qxapi_name_table_pccast"));
@@ -90,10 +88,10 @@ std::string checkPlugin(void *pHandle, Plugin *pPlugin) {
         return std::string("is named '") + (pszName == nullptr ? "" : pszName) + "', not '" + kPluginName +
                "'";
     }
-    if (pPlugin->pVersion() != kPluginVersion) {
+    if (pPlugin->pVersion() != PCCAST_PLUGIN_VERSION) {
         std::array<char, 64> aText{};
         std::snprintf(aText.data(), aText.size(), "has version %08X, not %08X", pPlugin->pVersion(),
-                      kPluginVersion);
+                      PCCAST_PLUGIN_VERSION);
         return aText.data();
     }
     return checkNameTable(pHandle);
@@ -114,7 +112,7 @@ int loadPlugin(const std::string &sPath, Plugin *pPlugin) {
     const std::string sProblem = checkPlugin(pHandle, pPlugin);
     if (!sProblem.empty()) {
         return sayAndReturn(EXIT_UNAVAILABLE, "the plug-in" + (sPath.empty() ? "" : " " + sPath) + " " +
-                                                  sProblem + "; it is not one that this program can use");
+                                                  sProblem + "; this program cannot use it");
     }
     return EXIT_DONE;
 }

@@ -26,7 +26,7 @@ std::atomic<uint32_t> gSupervisorStarts{0};
 
 namespace {
 
-constexpr unsigned int kVersion = 0x03060502;
+constexpr unsigned int kVersion = PCCAST_PLUGIN_VERSION;
 constexpr int kCloseLimit = 50; // units of ktWaitForAEngine
 
 void *supervisorThread(void *pBlock) {
