@@ -1,4 +1,4 @@
-// What the idle service costs, and how soon after its second a due cast is on air.
+// Measures what the idle service costs, and how soon after its start time a cast is on air.
 #include "bench.h"
 
 #include "wire.h"
@@ -25,7 +25,7 @@ namespace {
 constexpr double kIdleBound = 1.0;   // per cent of one core
 constexpr double kStartBound = 50.0; // milliseconds
 constexpr int kStarts = 5;
-constexpr unsigned long kApart = 12; // seconds: the announcements' own pause lies between two starts
+constexpr unsigned long kApart = 12; // seconds between two starts: more than the pause between announcements
 
 double processSeconds() {
     rusage usage{};
@@ -48,8 +48,8 @@ int openAnnouncements() {
     return iSocket;
 }
 
-// Submits a cast that is due at a full second to come. Returns how many milliseconds after it the first
-// announcement arrives, -1 when none does.
+// Submits a cast that starts at ulStart. Returns how many milliseconds later its first announcement arrives,
+// -1 when none does.
 double startDelay(int iAnnouncements, unsigned long ulStart) {
     CASTInfo *pInfo = nullptr;
     MAKECASTInfo(&pInfo, "239.1.1.1", "239.2.2.2", nullptr, CAST_TYPE_STREAM);

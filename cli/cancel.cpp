@@ -26,7 +26,7 @@ int cancel(const CancelOptions &options) {
         return sayAndReturn(EXIT_BAD_DATA, "that message ended by itself at " + writeTime(identity.ulET) +
                                                "; there is nothing left to cancel");
     }
-    // A cancel reaches only the list that the message was filed in; it must have a text, whatever it says.
+    // A cancel looks only in the list that holds the message. It needs a text too; any text will do.
     identity.bPriority = identity.bPriority || options.bPriority;
     const int iSubmitted = submitMessage(options.sPlugin, PCMBC_CMD_CANCEL, identity, 1, "cancel");
     return iSubmitted == EXIT_DONE ? sayAndReturn(EXIT_DONE, "cancel requested") : iSubmitted;
@@ -41,7 +41,7 @@ void addCancelCommand(CLI::App &app, int &iExitCode) {
         ->type_name("")
         ->required();
     pCommand->add_flag("--priority", options->bPriority,
-                       "it was a priority message (where IDENTITY does not end in :priority)");
+                       "it was a priority message; not needed when IDENTITY ends in :priority");
     addPluginOption(pCommand, options->sPlugin);
     pCommand->footer(helpExample("pccast cancel 1:1790000000:1790000000:1790000600:priority"));
     pCommand->callback([options, &iExitCode] { iExitCode = cancel(*options); });

@@ -21,7 +21,7 @@ std::string quoted(std::string_view sText) {
     return "'" + std::string(sText) + "'";
 }
 
-// The whole of sText as digits of the base, at most ulMax.
+// Reads the whole of sText as digits of the base. Returns false for any other text and above ulMax.
 bool wholeNumber(std::string_view sText, int iBase, unsigned long ulMax, unsigned long *pulNumber) {
     unsigned long ulNumber = 0;
     const char *const pEnd = sText.data() + sText.size();
@@ -33,7 +33,7 @@ bool wholeNumber(std::string_view sText, int iBase, unsigned long ulMax, unsigne
     return true;
 }
 
-// Exactly uDigits digits at the front of *psText, which is moved behind them.
+// Takes exactly uDigits digits off the front of *psText.
 bool takeDigits(std::string_view *psText, size_t uDigits, int *piNumber) {
     unsigned long ulNumber = 0;
     if (psText->size() < uDigits || !wholeNumber(psText->substr(0, uDigits), 10, 9999, &ulNumber)) {
@@ -52,7 +52,7 @@ bool takeCharacter(std::string_view *psText, std::string_view sAnyOf) {
     return true;
 }
 
-// HH:MM or HH:MM:SS at the front of *psText.
+// Takes HH:MM or HH:MM:SS off the front of *psText.
 bool takeTimeOfDay(std::string_view *psText, struct tm *pTime) {
     pTime->tm_sec = 0;
     return takeDigits(psText, 2, &pTime->tm_hour) && takeCharacter(psText, ":") &&
@@ -61,7 +61,8 @@ bool takeTimeOfDay(std::string_view *psText, struct tm *pTime) {
            pTime->tm_min < 60 && pTime->tm_sec < 60;
 }
 
-// Seconds since the epoch of calendar fields, local or universal; false when the calendar has no such time.
+// Turns calendar fields, local or universal, into seconds since the epoch. Returns false when the calendar
+// has no such time.
 bool calendarTime(const struct tm &wanted, bool bUniversal, long *plTime) {
     struct tm fields = wanted;
     fields.tm_isdst = -1;
@@ -143,7 +144,7 @@ std::vector<std::string_view> splitAtColons(std::string_view sText) {
     }
 }
 
-// Reads each part as a number; the first one that is none, or too large, fails.
+// Reads each part as a number. Returns false at the first part that is not a number or is too large.
 template <size_t Count>
 bool readNumbers(const std::vector<std::string_view> &parts, const std::array<unsigned long, Count> &aMax,
                  std::array<unsigned long, Count> *paNumber) {
@@ -162,7 +163,7 @@ std::string readTime(std::string_view sText, unsigned long ulNow, unsigned long 
     long lTime = static_cast<long>(ulNow);
     unsigned long ulNumber = 0;
     if (sText == "now") {
-        // as it stands
+        // lTime is the current time already
     } else if (!sText.empty() && sText.front() == '+') {
         sProblem = readDuration(sText.substr(1), &ulNumber);
         lTime += static_cast<long>(ulNumber);

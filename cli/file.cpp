@@ -29,7 +29,7 @@ struct FileOptions {
     std::string sMSID = "0";
 };
 
-// The path that the service, which has another working folder, can open. Returns EXIT_DONE or EXIT_NO_INPUT.
+// Finds the absolute path: the service has another working folder. Returns EXIT_DONE or EXIT_NO_INPUT.
 int findFile(const std::string &sPath, std::string *psWhole) {
     std::array<char, PATH_MAX> aWhole{};
     struct stat state {};
@@ -56,13 +56,13 @@ bool beginsAsASF(const std::string &sPath) {
     return lRead > 0 && asfRecognises(aHead.data(), static_cast<size_t>(lRead));
 }
 
-// The format by the file's content, judged by the reader that will play it.
+// Finds the format from the file's content, with the reader that will play it.
 int findFormat(const std::string &sPath, unsigned long *pulFormat) {
     struct ts_qxapi_stream *const pStream = qxapi_open_stream(sPath.c_str());
     if (pStream == nullptr) {
         return sayAndReturn(EXIT_BAD_DATA,
                             sPath + " is neither an ASF file nor a transport stream (the reason is "
-                                    "above); --format says which it is all the same");
+                                    "above); give --format if you know that it is one");
     }
     qxapi_close_stream(pStream);
     *pulFormat = beginsAsASF(sPath) ? CAST_FORMAT_ASF : CAST_FORMAT_TS;
@@ -114,11 +114,12 @@ void addFileCommand(CLI::App &app, int &iExitCode) {
     auto options = std::make_shared<FileOptions>();
     pCommand->add_option("PATH", options->sPath, "the file")->type_name("")->required();
     pCommand
-        ->add_option("--to", options->sDestination,
-                     "the group that it is played to (ASF plays to the station file's own group)")
+        ->add_option(
+            "--to", options->sDestination,
+            "the group that it is played to; an ASF file goes to the group that its station file names")
         ->type_name("ADDRESS:PORT")
         ->required();
-    addRequestOptions(pCommand, options->request, "1h; the file plays to its end all the same");
+    addRequestOptions(pCommand, options->request, "1h; the file plays to its end anyway");
     pCommand->add_option("--format", options->sFormat, "what it is (default: found from its content)")
         ->type_name("ts|asf|NUMBER");
     pCommand->add_option("--stream-id", options->sMSID, "the stream identifier (default 0)")->type_name("N");

@@ -22,12 +22,12 @@ struct MessageOptions {
     bool bPriority = false;
 };
 
-// Seconds that the service pauses after each broadcast of the text, for every message.
+// Seconds without any message after each broadcast of the text: the pause of the service.
 unsigned long pauseAfter(const std::string &sText) {
     return 7 + sText.size() / 5;
 }
 
-// Long enough for every broadcast.
+// Seconds that are enough for every broadcast.
 unsigned long defaultFor(unsigned long ulRepeat, const std::string &sText) {
     return std::max(kShortestDefault, ulRepeat * pauseAfter(sText) + 60);
 }
@@ -71,13 +71,12 @@ void addMessageCommand(CLI::App &app, int &iExitCode) {
     auto *const pCommand = app.add_subcommand("message", "show a text on every receiver");
     auto options = std::make_shared<MessageOptions>();
     pCommand->add_option("TEXT", options->sText, "the text")->type_name("")->required();
-    pCommand->add_flag("--priority", options->bPriority, "ahead of all ordinary messages");
+    pCommand->add_flag("--priority", options->bPriority, "put it ahead of all ordinary messages");
     pCommand->add_option("--repeat", options->sRepeat, "how often it is sent; 0: until its end (default 1)")
         ->type_name("N");
     addRequestOptions(pCommand, options->request, "10m, longer for many repeats");
-    pCommand->footer(
-        "After each sending the service sends no other message for 7 s and 1 s more for 5 bytes of "
-        "text.\nPrints the message's identity, which pccast cancel takes back.\n\n" +
-        helpExample("pccast message \"Fire drill at noon\" --priority --repeat 3"));
+    pCommand->footer("After each broadcast the service sends no message for 7 s, and 1 s more for every 5 "
+                     "bytes of text.\nPrints the message's identity, which pccast cancel takes back.\n\n" +
+                     helpExample("pccast message \"Fire drill at noon\" --priority --repeat 3"));
     pCommand->callback([options, &iExitCode] { iExitCode = message(*options); });
 }

@@ -68,8 +68,8 @@ void addRelayCommand(CLI::App &app, int &iExitCode) {
     pCommand
         ->add_option(
             "SOURCE", options->sSource,
-            "where the stream arrives: a group (joined on the loopback interface) or an address of this "
-            "machine")
+            "where the stream arrives: an address of this machine, or a group, which is joined on the "
+            "loopback interface")
         ->type_name("ADDRESS:PORT")
         ->required();
     pCommand->add_option("DESTINATION", options->sDestination, "the group that it is sent to")
@@ -84,16 +84,17 @@ void addRelayCommand(CLI::App &app, int &iExitCode) {
         ->type_name("N");
     auto *const pKey = pCommand
                            ->add_option("--key", options->sKey,
-                                        "decrypt with this key, up to 16 bytes (shorter: "
-                                        "zeros follow)")
+                                        "decrypt with this key of up to 16 bytes; a shorter one is "
+                                        "filled up with zeros")
                            ->type_name("HEX");
     auto *const pSeed =
         pCommand->add_flag("--seed", options->bSeed, "the key is for SEED (the default)")->needs(pKey);
     pCommand->add_flag("--fast-seed", options->bFastSeed, "the key is for SEED in its fast variant")
         ->needs(pKey)
         ->excludes(pSeed);
-    pCommand->add_flag("--chunks", options->bChunks,
-                       "each datagram holds chunks behind 16-bit little-endian lengths; send each alone");
+    pCommand->add_flag(
+        "--chunks", options->bChunks,
+        "a datagram holds chunks, each after its 16-bit little-endian length; send each alone");
     pCommand->footer(
         "Prints the cast's identity, which pccast stop takes back.\n\n" +
         helpExample("pccast relay 239.0.0.1:4000 239.1.2.3:5000 --epg 7 --start 18:00 --for 2h"));

@@ -52,7 +52,7 @@ int readRequestOptions(const RequestOptions &options, unsigned long ulDefaultFor
     }
     if (times.ulET <= times.ulST) {
         return sayAndReturn(EXIT_BAD_DATA, "the end, " + writeTime(times.ulET) +
-                                               ", does not lie after the start, " + writeTime(times.ulST) +
+                                               ", is not after the start, " + writeTime(times.ulST) +
                                                "; give a later end or a longer duration");
     }
     *pTimes = times;
@@ -63,7 +63,7 @@ void warnWithoutStationFile(unsigned long ulFormat) {
     if (isASFFormat(ulFormat) && access(kStationFile, R_OK) != 0) {
         std::fprintf(
             stderr,
-            "pccast: note: %s: %s; without it an ASF cast is not announced and a file of it not played "
+            "pccast: note: %s: %s; without it ASF casts are not announced and ASF files are not played "
             "(pccast station writes one)\n",
             kStationFile, std::strerror(errno));
     }

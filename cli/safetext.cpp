@@ -9,10 +9,10 @@ namespace {
 struct Character {
     size_t uBytes;
     unsigned int uiCode; // its code point
-    bool bValid;         // false: one byte that is no UTF-8
+    bool bValid;         // false: one byte that is not UTF-8
 };
 
-// The lengths of UTF-8 by first byte, with the smallest code point that may be written so long.
+// The first byte of a character tells its length. A code point below uiSmallest must be written shorter.
 struct Lead {
     unsigned int uiMask;
     unsigned int uiLead;
@@ -50,7 +50,7 @@ bool isControl(unsigned int uiCode) {
            (uiCode >= 0x2060 && uiCode <= 0x206F) || uiCode == 0xFEFF;
 }
 
-// Wide scripts and pictures take two columns; counting one too many only leaves a gap.
+// Wide scripts and pictures take two columns. A count that is one too high only leaves a gap.
 size_t columnsOf(unsigned int uiCode) {
     if (uiCode >= 0x0300 && uiCode < 0x0370) {
         return 0; // combining accents

@@ -1,4 +1,5 @@
-// pccast serve - the host process: loads the plug-in, opens it, runs until it is told to end, closes it.
+// pccast serve - the host process. It loads and opens the plug-in, waits for a signal, and closes the
+// plug-in.
 #include "commands.h"
 #include "interface.h"
 #include "localsocket.h"
@@ -33,7 +34,8 @@ constexpr std::array<const char *, 2> kSockets{PCCAST_CAST_SOCKET, PCCAST_MESSAG
 constexpr std::chrono::milliseconds kLookInterval{20};
 constexpr int kListenLooks = 250; // 5 s for both sockets to be served
 
-// Says why the sockets cannot be had when another service serves one of them, or something is in the way.
+// Returns EXIT_DONE when both sockets are free. Else another service or something else is in the way: says
+// so.
 int checkSocketsFree() {
     for (const char *pszSocket : kSockets) {
         const int iError = probeSocket(pszSocket);
@@ -44,7 +46,7 @@ int checkSocketsFree() {
             return sayAndReturn(EXIT_UNAVAILABLE, std::string("another service already listens on ") +
                                                       pszSocket + "; end that one first");
         }
-        // A refused connection is a stale file, which the service replaces; no file is the usual case.
+        // ECONNREFUSED means that the file is stale: the service replaces it. ENOENT is the usual case.
         if (iError != ENOENT && iError != ECONNREFUSED) {
             return sayAndReturn(EXIT_UNAVAILABLE,
                                 std::string(pszSocket) + " cannot be used: " + std::strerror(iError));
@@ -53,8 +55,8 @@ int checkSocketsFree() {
     return EXIT_DONE;
 }
 
-// Without a route every announcement, message and relay would fail, one by one: say it once, beforehand. The
-// service runs all the same, for a route may come. Connecting a datagram socket sends nothing.
+// Without a route every announcement, message and relay would fail, one by one. Say it once, beforehand. The
+// service still runs, because a route may be added later. Connecting a datagram socket sends nothing.
 void warnWithoutRoute() {
     struct sockaddr_in group {};
     group.sin_family = AF_INET;
@@ -72,8 +74,8 @@ void warnWithoutRoute() {
     close(iSocket);
 }
 
-// The open call succeeds also when a socket cannot be had, so look. Returns the socket that nobody serves in
-// time, null when both are served.
+// The plug-in opens even if it cannot have a socket, so look. Returns the socket that is not served in time,
+// null when both are served.
 const char *waitUntilServed() {
     const char *pszMissing = nullptr;
     for (int i = 0; i < kListenLooks; ++i) {
@@ -91,7 +93,7 @@ const char *waitUntilServed() {
     return pszMissing;
 }
 
-// Closes on a thread of its own, so that a further signal gets an answer meanwhile.
+// Closes the plug-in on a thread of its own, so that this one can answer further signals.
 int closePlugin(const Plugin &plugin, const sigset_t &signals) {
     std::atomic<bool> bClosed{false};
     int iResult = 0;
@@ -129,7 +131,7 @@ int serve(const ServeOptions &options) {
         return iExit;
     }
 
-    // Blocked before any thread starts: only the wait below takes them.
+    // Block the signals before any thread starts: then only the wait below takes them.
     sigset_t signals;
     sigemptyset(&signals);
     for (int iSignal : {SIGINT, SIGTERM, SIGHUP}) {

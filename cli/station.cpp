@@ -1,4 +1,4 @@
-// pccast station - writes the station file that goes with an ASF file, or shows one.
+// pccast station - writes an ASF file's station file, or shows one.
 #include "commands.h"
 #include "safetext.h"
 
@@ -28,8 +28,8 @@ struct StationOptions {
     bool bShow = false;
 };
 
-// Reads the head of an ASF file, up to its first data packet, as the station's one format.
-// Returns an exit code; what is wrong has been said.
+// Reads the head of an ASF file, up to its first data packet, as the one format of the station. Returns
+// EXIT_DONE, or an exit code after saying what is wrong.
 int readFormatOf(const std::string &sFile, NSCFORMAT &format) {
     std::string sReason;
     const int iFile = fileOpenRegular(sFile.c_str(), sReason);
@@ -41,7 +41,7 @@ int readFormatOf(const std::string &sFile, NSCFORMAT &format) {
     ASFHEADER header;
     const bool bRead = asfReadHeader(window, header, sReason);
     if (bRead) {
-        // The header object and the data object's own head, which may lie further back.
+        // The header object, and the head of the data object. Other objects may lie between them.
         const std::pair<unsigned long long, std::size_t> aPart[] = {{0, header.ullHeaderSize},
                                                                     {header.ullDataOffset, ASF_DATA_HEADER}};
         for (const auto &[ullOffset, ulSize] : aPart) {
@@ -59,7 +59,7 @@ int readFormatOf(const std::string &sFile, NSCFORMAT &format) {
     return EXIT_DONE;
 }
 
-// Puts the text into sFile as a whole or not at all: the service may be reading the old one.
+// Writes the whole text to sFile or leaves the old file as it is: the service may be reading it.
 int replaceFile(const std::string &sFile, const std::string &sText) {
     const std::string sNew = sFile + ".new";
     const int iFile = open(sNew.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -129,20 +129,20 @@ int showStation(const StationOptions &options) {
 
 void addStationCommand(CLI::App &app, int &iExitCode) {
     auto *const pCommand =
-        app.add_subcommand("station", "write the station file that an ASF file is cast with, or show one");
+        app.add_subcommand("station", "write the station file of an ASF file, or show one");
     auto options = std::make_shared<StationOptions>();
     pCommand->add_option("FILE", options->sFile, "the ASF file; with --show the station file")
         ->type_name("")
         ->required();
     auto *const pShow = pCommand->add_flag("--show", options->bShow, "print what the station file says");
-    pCommand->add_option("--group", options->sGroup, "where its packets go")
+    pCommand->add_option("--group", options->sGroup, "the group that its packets go to")
         ->type_name("ADDRESS")
         ->excludes(pShow);
-    pCommand->add_option("--port", options->uiPort, "and to which UDP port")
+    pCommand->add_option("--port", options->uiPort, "the UDP port that they go to")
         ->type_name("N")
         ->check(CLI::Range(1, 65535))
         ->excludes(pShow);
-    pCommand->add_option("--ttl", options->iHops, "multicast hop limit; without it the caster's own, 16")
+    pCommand->add_option("--ttl", options->iHops, "multicast hop limit (default: the service uses 16)")
         ->type_name("N")
         ->check(CLI::Range(0, 255))
         ->excludes(pShow);

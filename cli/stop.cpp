@@ -1,4 +1,4 @@
-// pccast stop - takes a cast request back: the equal one that still waits, else the cast on air.
+// pccast stop - takes the equal cast request back if it still waits, else ends the cast on air.
 #include "commands.h"
 #include "pluginloader.h"
 #include "submit.h"
@@ -36,7 +36,7 @@ int readParts(const StopOptions &options, unsigned long ulNow, CastIdentity *pId
     return iExit;
 }
 
-// Says why there is no use in stopping a cast whose end has passed. Only a relay ends at it.
+// Says why a cast whose end time has passed cannot be stopped. Only a relay ends at that time.
 int sayItsTimeIsOver(const CastIdentity &identity) {
     const std::string sOver = writeTime(identity.ulET);
     if (isStream(identity.ulType)) {
@@ -73,7 +73,7 @@ int stop(const StopOptions &options) {
         return sayItsTimeIsOver(request.identity);
     }
 
-    // The rest of a stop request takes part in nothing, but a record is complete only with it.
+    // The service uses nothing of the rest, but it refuses a record without it.
     request.ulCT = ulNow;
     request.sSource = "0.0.0.0";
     request.usSourcePort = request.identity.usPort;
@@ -95,14 +95,15 @@ void addStopCommand(CLI::App &app, int &iExitCode) {
     pCommand->add_option("--start", options->sStart, "its start")->type_name("TIME");
     pCommand->add_option("--end", options->sEnd, "its end")->type_name("TIME");
     pCommand->add_option("--port", options->sPort, "its destination port")->type_name("PORT");
-    pCommand->add_option("--format", options->sFormat, "what its end is announced as (default ts)")
+    pCommand
+        ->add_option("--format", options->sFormat, "the format that its end is announced with (default ts)")
         ->type_name("ts|asf|NUMBER");
     addPluginOption(pCommand, options->sPlugin);
     pCommand->footer(
-        "Programme, type, start, end and port together name the cast. When no waiting request has "
-        "them, the cast\non air of that type is ended, whichever it is, once the given start is "
-        "reached. A file that lasts\nlonger than its request plays on to its end; then stop says how to end "
-        "it.\n\n" +
+        "Programme, type, start, end and port together name the cast. If it still waits, it is taken back.\n"
+        "Careful: if no waiting request has all of them, stop ends whichever cast of the same type is on\n"
+        "air, as soon as the given start is reached. A file may last longer than its request; it then plays\n"
+        "to its end, and stop says how to end it.\n\n" +
         helpExample("pccast stop 7:2:1790000000:1790003600:5000:0x2021"));
     pCommand->callback([options, &iExitCode] { iExitCode = stop(*options); });
 }

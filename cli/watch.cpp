@@ -1,7 +1,8 @@
-// pccast watch - joins the announcement and message groups and shows what it hears.
+// pccast watch - joins the group of announcements and messages and shows what it hears.
 //
-// One thread: both sockets, the signals and the clock in one poll. A bad datagram is shown as such, never the
-// end. On a terminal a live table, otherwise a line or a JSON object for each datagram.
+// One thread waits for both sockets, the signals and the clock in one poll. A bad datagram is shown as bad;
+// it never ends the program. A terminal gets a live table, any other output a line or a JSON object for each
+// datagram.
 #include "airtext.h"
 #include "clitext.h"
 #include "commands.h"
@@ -113,8 +114,8 @@ bool isOver(const Watch &watch) {
            std::ferror(stdout) != 0;
 }
 
-// Runs until the time, the count, a signal or an output that fails ends it. Returns 0, or the errno of what
-// keeps it from listening.
+// Runs until the time is over, enough was heard, a signal comes or the output fails. Returns 0, or the errno
+// of a poll or socket that failed.
 int run(Watch *pWatch, const std::array<Endpoint, 2> &endpoints, int iSignals) {
     std::array<struct pollfd, 3> aPoll{
         {{endpoints[0]->iSocket, POLLIN, 0}, {endpoints[1]->iSocket, POLLIN, 0}, {iSignals, POLLIN, 0}}};
@@ -203,10 +204,12 @@ int watchAir(const WatchOptions &options) {
 } // namespace
 
 void addWatchCommand(CLI::App &app, int &iExitCode) {
-    auto *const pCommand = app.add_subcommand("watch", "show what is announced and what is said");
+    auto *const pCommand =
+        app.add_subcommand("watch", "show what the services on the network announce and send");
     auto options = std::make_shared<WatchOptions>();
-    auto *const pJSON = pCommand->add_flag("--json", options->bJSON, "one JSON object a line");
-    pCommand->add_flag("--plain", options->bPlain, "one line each, also on a terminal")->excludes(pJSON);
+    auto *const pJSON = pCommand->add_flag("--json", options->bJSON, "one JSON object for each datagram");
+    pCommand->add_flag("--plain", options->bPlain, "one line for each datagram, even on a terminal")
+        ->excludes(pJSON);
     pCommand->add_option("--for", options->sFor, "end after this time")->type_name("DURATION");
     pCommand
         ->add_option("--count", options->sCount,

@@ -17,7 +17,7 @@ struct Column {
     const char *pszTitle;
     size_t uWidth;
 };
-// What matters most stands in the first 80 columns.
+// The most important columns come first: they fit into 80.
 constexpr std::array<Column, 9> kCastColumns{{{"EPG", 10},
                                               {"KIND", 6},
                                               {"FORMAT", 6},
@@ -33,7 +33,7 @@ constexpr const char *kRed = "\033[31m";
 constexpr const char *kDim = "\033[2m";
 constexpr const char *kBold = "\033[1m";
 
-// A line in the making: cut to the columns, then coloured as a whole.
+// Cuts the line to the columns, then colours the whole of it.
 std::string coloured(const std::string &sLine, size_t uColumns, const char *pszColour, bool bColour) {
     const std::string sCut = textCut(sLine, uColumns);
     return bColour && pszColour != nullptr ? pszColour + sCut + "\033[0m" : sCut;
@@ -101,7 +101,7 @@ void noteCast(WatchState *pState, const AirRecord &record, unsigned long ulNow, 
             found->ulEnded = ulNow;
             found->ulHeard = ulNow;
         }
-        return; // the end of a cast that was never heard of is no news for the table
+        return; // the table does not show the end of a cast that it never showed
     }
     if (bSame) {
         found->record = record;
@@ -129,7 +129,7 @@ void noteMessage(WatchState *pState, const AirRecord &record, unsigned long ulNo
     pState->messages.push_front(message);
 }
 
-// A heading and as many of the lines as there is room for, the rest counted.
+// Adds a heading and as many lines as there is room for. The last one counts those left out.
 void addSection(std::vector<std::string> *pLines, const std::string &sHeading,
                 const std::vector<std::string> &lines, size_t uColumns, size_t uRoom, bool bColour) {
     pLines->emplace_back();
@@ -200,8 +200,8 @@ std::vector<std::string> watchDraw(const WatchState &state, unsigned long ulNow,
                                  std::to_string(state.ulDatagrams) + " datagrams heard   Ctrl-C ends",
                              uColumns, nullptr, bColour));
     casts.insert(casts.begin(), coloured(sTitles, uColumns, kDim, bColour));
-    // A quarter of the room is kept for messages and for problems each, as far as there are any; the casts
-    // have the rest, and what they leave is for messages again.
+    // Messages and problems get up to a quarter of the room each. The casts get the rest. Room that the casts
+    // do not need goes to the messages.
     const size_t uHeadings = problems.empty() ? 5 : 7;
     const size_t uRoom = std::max<size_t>(uRows, uHeadings + 4) - uHeadings;
     const size_t uProblems = std::min(problems.size(), uRoom / 4);

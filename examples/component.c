@@ -1,10 +1,11 @@
-/* component.c - a host component: has a live stream cast for a minute, and a message shown.
+/* component.c - a host component. It has a live stream cast for a minute and a message shown.
  *
  *   component SOURCE-ADDRESS SOURCE-PORT GROUP GROUP-PORT TEXT
  *   component 239.0.0.1 4000 239.1.2.3 5000 "The film begins in ten minutes"
  *
- * The service runs in this process or, as here, in another one of the same user (pccast serve). Link it with
- * libpccast.so: pkg-config --cflags --libs pccast, or find_package(pccast) and pccast::pccast in CMake. */
+ * The service may run in this process. Here it runs in another process of the same user (pccast serve). Link
+ * the component with libpccast.so: pkg-config --cflags --libs pccast, or find_package(pccast) and
+ * pccast::pccast in CMake. */
 #include <pccast/pccast.h>
 
 #include <errno.h>
@@ -23,13 +24,13 @@ static int submitCast(const char *source, unsigned short usSourcePort, const cha
     }
     const unsigned long now = (unsigned long)time(NULL);
     cast->uliEPGID = PROGRAMME;
-    cast->ulCT = now; /* newer than any request made before: it is put on air ahead of those */
+    cast->ulCT = now; /* newer than all earlier requests, so it goes on air before them */
     cast->ulSTREAMFormat = CAST_FORMAT_TS;
     cast->ulST = now;
     cast->ulET = now + LIFETIME;
     cast->usSRCPort = usSourcePort;
     cast->usDSTPort = usGroupPort;
-    /* 1 when it was handed over, whether or not it then arrived: TxCASTInfoToPlugIn() would tell. */
+    /* 1 means that it was handed over. TxCASTInfoToPlugIn() also tells whether it arrived. */
     const int iHandedOver = QX_PCCASTSTREAMCommander(CAST_CMD_START, cast);
     ELIMINATECASTInfo(&cast); /* the service has its own copy */
     if (iHandedOver != 1) {

@@ -1,9 +1,10 @@
-// pccast-feed - plays a stored transport stream to an address at its own pace, as a live source would.
+// pccast-feed - plays a stored transport stream to an address at the stream's own pace, as a live source
+// does.
 //
 //   pccast-feed FILE ADDRESS:PORT [DATAGRAMS]
 //
-// For trying out a relay: no service takes part. Ends after the file, or after so many datagrams of seven
-// packets each. Uses the framework's stream reader and caster.
+// A source for trying out a relay. It needs no service: it uses the framework's stream reader and caster. It
+// ends after the file, or after the given number of datagrams, which hold seven packets each.
 #include "../clitext.h"
 
 #include <qxapi.h>

@@ -1,10 +1,10 @@
-// pccast-receive - joins a group and writes what it receives to a file, datagram after datagram.
+// pccast-receive - joins a group and writes the datagrams that it receives to a file, one after the other.
 //
 //   pccast-receive ADDRESS:PORT FILE [--skip BYTES] [--datagrams N] [--idle SECONDS] [--wait SECONDS]
 //
-// Ends after N datagrams, or when nothing has come for --idle seconds (default 2) after the first one; waits
-// at most --wait seconds (default 30) for that. --skip leaves out the first bytes of each datagram, such as
-// the 8 of a Media Stream Broadcast packet's header. The exit code is 1 when nothing came or N was not
+// It waits at most --wait seconds (default 30) for the first datagram. It ends after N datagrams, or when
+// none has come for --idle seconds (default 2). --skip leaves out the first bytes of each datagram, such as
+// the 8 bytes of a Media Stream Broadcast packet's header. The exit code is 1 when nothing came or N was not
 // reached.
 #include "../clitext.h"
 
@@ -30,8 +30,7 @@ struct ReceiveOptions {
 std::string readArguments(int iArguments, char **ppArguments, ReceiveOptions *pReceive) {
     if (iArguments < 3 || iArguments % 2 == 0) {
         return "usage: pccast-receive ADDRESS:PORT FILE [--skip BYTES] [--datagrams N] [--idle SECONDS] "
-               "[--wait "
-               "SECONDS]";
+               "[--wait SECONDS]";
     }
     std::string sProblem = readEndpoint(ppArguments[1], &pReceive->sAddress, &pReceive->usPort);
     const struct {
@@ -102,7 +101,7 @@ int main(int iArguments, char **ppArguments) {
     pDesc->uiPort = wanted.usPort;
     std::strncpy(pDesc->szPeer, wanted.sAddress.c_str(), sizeof pDesc->szPeer - 1);
     int iExit = 1;
-    if (ktn_xapi_ktnet_create(pDesc) > 0) { // before the file, so that a failure leaves an older one as it is
+    if (ktn_xapi_ktnet_create(pDesc) > 0) { // first, so that a failure does not touch an older file
         FILE *const pFile = std::fopen(ppArguments[2], "wb");
         iExit = pFile == nullptr ? 1 : receive(wanted, pDesc, pFile);
         if (pFile == nullptr || std::fclose(pFile) != 0) {

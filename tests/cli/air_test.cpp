@@ -1,4 +1,4 @@
-// What watch makes of datagrams: literal bytes in, records, lines, JSON and the table out.
+// Tests what watch makes of datagrams: literal bytes go in; records, lines, JSON and the table come out.
 #include <airdecode.h>
 #include <airtext.h>
 #include <safetext.h>

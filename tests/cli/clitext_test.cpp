@@ -1,4 +1,4 @@
-// The texts of the command line: what is read, what is refused and with which words.
+// Tests the texts of the command line: what it reads, what it refuses, and with which words.
 #include <clitext.h>
 
 #include <gtest/gtest.h>
@@ -74,7 +74,7 @@ TEST(CommandLineText, WhatIsNoTimeIsRefusedWithTheReason) {
     }
 }
 
-// A reader of numbers takes some texts, and of the others says so and stores nothing.
+// The reader takes some texts. For each of the others it gives a reason and stores nothing.
 void expectNumbers(std::string (*pRead)(std::string_view, unsigned long *),
                    const std::vector<std::pair<const char *, unsigned long>> &taken,
                    const std::vector<const char *> &refused) {
