@@ -1,4 +1,4 @@
-// Runs the measurements that the command line names. See script/bench.
+// Runs the measurements that the command line names. script/bench calls it.
 #include "bench.h"
 
 #include <algorithm>

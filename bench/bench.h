@@ -1,5 +1,5 @@
-// bench.h - the measurements of script/bench. Each prints its rows as "name value unit" with blanks between,
-// for the script's table and plot, and returns whether what it measured holds.
+// bench.h - the measurements of script/bench. Each prints rows of "name value unit", separated by blanks, for
+// the script's table and plot. Each returns whether its figures keep their bounds.
 #ifndef PCCAST_BENCH_H
 #define PCCAST_BENCH_H
 
@@ -12,28 +12,28 @@ namespace bench {
 // The clock of all measurements, nanoseconds.
 int64_t now();
 
-// Ends the program with errno's reason when a thing that every measurement needs does not hold.
+// Ends the program with errno's reason when bHolds is false: a measurement cannot go on without pWhat.
 void require(bool bHolds, const char *pWhat);
 
 // Prints one row.
 void row(const std::string &name, double dValue, const char *pUnit);
-// The same for a figure that is to hold. Returns whether it does; one that does not is named on standard
-// error.
+// Prints one row. Returns whether the figure keeps its bound; one that does not is named on standard error.
 bool rowAtMost(const std::string &name, double dValue, const char *pUnit, double dBound);
 bool rowAtLeast(const std::string &name, double dValue, const char *pUnit, double dBound);
 
-// The value below which the given share (0 to 1) of the samples lies; 0 for none. Sorts the samples.
+// The value that the given share (0 to 1) of the samples stays below; 0 without samples. Sorts the samples.
 double percentile(std::vector<double> &samples, double dShare);
 
-// Sends iCount datagrams of 1316 bytes to a group at iRate a second and receives what arrives at another.
+// What a run sent and received.
 struct Traffic {
     long lSent;
     long lReceived;
     std::vector<double> delaysUs; // from sending to receiving, of each received datagram
 };
-// A datagram is 82 of SEED's 16-byte blocks and four bytes more. Decryption changes whole blocks alone, so
-// the last four bytes arrive as they were sent; they carry the datagram's number, by which its delay is
-// known.
+// Sends datagrams of 1316 bytes to the source group, iRate a second, for dSeconds, and receives them from the
+// destination group. A datagram is 82 of SEED's 16-byte blocks and four bytes more. Decryption changes whole
+// blocks only, so the last four bytes arrive as they were sent: they carry the datagram's number, which tells
+// its delay.
 Traffic runTraffic(const char *pSourceGroup, const char *pDestinationGroup, unsigned short usPort, int iRate,
                    double dSeconds);
 

@@ -1,5 +1,5 @@
-// How exactly a stored transport stream is played: a constant-rate file made here, cast by the driver, its
-// datagrams held against the file's own clock.
+// Measures how exactly a stored transport stream is played. It makes a file of constant rate, lets the driver
+// cast it, and compares the arrival of each datagram with the file's own clock.
 #include "bench.h"
 
 #include "filecast.h"
@@ -50,8 +50,8 @@ void makePacket(std::array<unsigned char, kPacket> &packet, long lNumber) {
         packet[3] |= 0x20;
         packet[4] = 7;
         packet[5] = 0x10;
-        for (int i = 0; i < 4; ++i) {
-            packet[static_cast<size_t>(6 + i)] = static_cast<unsigned char>(ulBase >> (25 - 8 * i));
+        for (size_t i = 0; i < 4; ++i) {
+            packet[6 + i] = static_cast<unsigned char>(ulBase >> (25 - 8 * i));
         }
         packet[10] = static_cast<unsigned char>((ulBase & 1) << 7 | 0x7E | ulExtension >> 8);
         packet[11] = static_cast<unsigned char>(ulExtension);
@@ -69,7 +69,7 @@ long makeFile(double dSeconds) {
         makePacket(packet, i);
         require(std::fwrite(packet.data(), 1, packet.size(), pFile) == packet.size(), kFile);
     }
-    require(std::fclose(pFile) == 0, kFile); // which writes what is still buffered
+    require(std::fclose(pFile) == 0, kFile); // writes what is still buffered
     return lPackets;
 }
 
@@ -135,14 +135,16 @@ bool fileBench(double dSeconds) {
                      lPackets / 7);
         return false;
     }
-    // The playout's start is where the median datagram puts it: the file's clock against the receiver's.
+    // The median datagram tells when the playout began on the receiver's clock.
     std::vector<double> offsets;
+    offsets.reserve(arrivals.size());
     for (const Arrival &arrival : arrivals) {
         offsets.push_back(static_cast<double>(arrival.lAt) / 1e6 - dueSeconds(arrival.lPacket) * 1000);
     }
     std::vector<double> sorted = offsets;
     const double dStart = percentile(sorted, 0.5);
     std::vector<double> errors;
+    errors.reserve(offsets.size());
     for (const double dOffset : offsets) {
         errors.push_back(std::fabs(dOffset - dStart));
     }

@@ -1,8 +1,9 @@
-// What the relay costs per datagram, loses and delays, beside a bare blocking receive-and-send loop and,
-// where they are installed, beside other relays. The ratio that is held against the bound is of short slices
-// in which the bare loop and the plain relay take turns, so that it stands even where the machine's speed
-// wanders. Every other row is of one run of its own, one after the other, the other relays' a third as long:
-// they compare only as far as the machine held its speed meanwhile.
+// Measures what the relay costs per datagram, and how many it loses and delays. It measures a bare loop that
+// blocks, receives and sends in the same way, and other relays where they are installed.
+//
+// Only the ratio of the plain relay to the bare loop has a bound. Both take turns in short slices, so the
+// ratio holds even when the machine's speed changes. Each other row comes from a run of its own, one after
+// the other; those of the other relays are a third as long. Compare them only if the machine kept its speed.
 #include "bench.h"
 
 #include "engines.h"
@@ -94,7 +95,7 @@ Result runBare(double dSeconds) {
     return result;
 }
 
-// The relay engine itself, with the bench as its controller.
+// The relay engine itself; the benchmark controls it.
 Result runEngine(int iEncryptionType, double dSeconds) {
     KTPLUGIN_INFO_TAG block{};
     block.eState = ENGINE_STOPPED;
@@ -102,13 +103,13 @@ Result runEngine(int iEncryptionType, double dSeconds) {
     require(MAKECASTInfo(&pCast, kSource, kDestination, nullptr, CAST_TYPE_STREAM) == 1, "cast record");
     pCast->ulCMD = CAST_CMD_START;
     pCast->usSRCPort = pCast->usDSTPort = kPort;
-    pCast->ulET = static_cast<unsigned long>(time(nullptr)) + 3600;
+    pCast->ulET = static_cast<unsigned long>(std::time(nullptr)) + 3600;
     pCast->iEncryptionType = iEncryptionType;
     pCast->iEncryptionKeyLen = 16;
     pCast->pEncryptionKey = static_cast<unsigned char *>(std::calloc(16, 1));
     require(pCast->pEncryptionKey != nullptr, "cast key");
     std::thread carrier(PCCASTBYPASSEngine, &block);
-    block.pWork = pCast; // the engine's from here on
+    block.pWork = pCast; // owned by the engine from here on
     const int64_t lGiveUp = now() + kStartSeconds * 1'000'000'000;
     while (block.eState != ENGINE_RUNNING) {
         if (block.eState == ENGINE_FAILED || now() > lGiveUp) {
@@ -127,12 +128,13 @@ Result runEngine(int iEncryptionType, double dSeconds) {
     return result;
 }
 
-// Another program as the relay. Nothing is received from one that is not installed.
+// Another program as the relay. The result is empty when the program is not installed.
 Result runTool(const std::vector<std::string> &command, double dSeconds) {
     const pid_t iChild = fork();
     require(iChild >= 0, "fork"); // a signal to child -1 would reach every process
     if (iChild == 0) {
         std::vector<char *> arguments;
+        arguments.reserve(command.size() + 1);
         for (const std::string &word : command) {
             arguments.push_back(const_cast<char *>(word.c_str()));
         }
@@ -183,8 +185,7 @@ void print(const std::string &name, Result *pResult) {
 } // namespace
 
 bool relayBench(double dSeconds, const std::vector<std::string> &tools) {
-    // Turn and turn about in short slices; the median of the slices' ratios is what is held against the
-    // bound.
+    // The median of the slices' ratios has the bound.
     constexpr int kTurns = 5;
     std::vector<double> ratios, bareCosts, plainCosts;
     for (int i = 0; i < kTurns; ++i) {

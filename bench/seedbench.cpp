@@ -1,4 +1,4 @@
-// SEED on buffers of 1316 bytes beside OpenSSL's, turn and turn about.
+// Measures SEED on buffers of 1316 bytes. Ours and OpenSSL's take turns.
 #include "bench.h"
 
 #include <qxapi.h>
@@ -45,7 +45,7 @@ bool seedBench() {
     EVP_CIPHER_CTX *pContext = EVP_CIPHER_CTX_new();
     if (pLegacy == nullptr || pDefault == nullptr || pCipher == nullptr || pContext == nullptr ||
         EVP_DecryptInit_ex(pContext, pCipher, nullptr, key.data(), nullptr) != 1) {
-        std::fprintf(stderr, "seed: OpenSSL brings no SEED here\n");
+        std::fprintf(stderr, "seed: this OpenSSL has no SEED\n");
         return false;
     }
     EVP_CIPHER_CTX_set_padding(pContext, 0);

@@ -1,5 +1,7 @@
-// What the idle service costs, and how soon after its second a due cast is on air.
+// Measures what the idle service costs, and how soon after its start time a cast is on air.
 #include "bench.h"
+
+#include "wire.h"
 
 #include <pccast/pccast.h>
 
@@ -23,7 +25,7 @@ namespace {
 constexpr double kIdleBound = 1.0;   // per cent of one core
 constexpr double kStartBound = 50.0; // milliseconds
 constexpr int kStarts = 5;
-constexpr unsigned long kApart = 12; // seconds: the announcements' own pause lies between two starts
+constexpr unsigned long kApart = 12; // seconds between two starts: more than the pause between announcements
 
 double processSeconds() {
     rusage usage{};
@@ -36,8 +38,8 @@ int openAnnouncements() {
     const int iSocket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_port = htons(7890);
-    inet_pton(AF_INET, "224.9.9.9", &address.sin_addr);
+    address.sin_port = htons(wire::announcement::kPort);
+    inet_pton(AF_INET, wire::kGroup, &address.sin_addr);
     ip_mreq request{address.sin_addr, {htonl(INADDR_LOOPBACK)}};
     if (bind(iSocket, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
         setsockopt(iSocket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) != 0) {
@@ -46,8 +48,8 @@ int openAnnouncements() {
     return iSocket;
 }
 
-// Submits a cast that is due at a full second to come. Returns how many milliseconds after it the first
-// announcement arrives, -1 when none does.
+// Submits a cast that starts at ulStart. Returns how many milliseconds later its first announcement arrives,
+// -1 when none does.
 double startDelay(int iAnnouncements, unsigned long ulStart) {
     CASTInfo *pInfo = nullptr;
     MAKECASTInfo(&pInfo, "239.1.1.1", "239.2.2.2", nullptr, CAST_TYPE_STREAM);

@@ -59,7 +59,7 @@ Traffic runTraffic(const char *pSourceGroup, const char *pDestinationGroup, unsi
     std::thread receiver([&] {
         std::array<unsigned char, 2048> datagram;
         pollfd wait{iReceiver, POLLIN, 0};
-        // A second of silence after the last one was sent ends the run: what has not come by then is lost.
+        // The run ends after a second of silence behind the last datagram. What has not come by then is lost.
         while (poll(&wait, 1, 1000) > 0 || !bDone) {
             const ssize_t lLength = recv(iReceiver, datagram.data(), datagram.size(), MSG_DONTWAIT);
             if (lLength != static_cast<ssize_t>(kDatagram)) {

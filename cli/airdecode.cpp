@@ -1,95 +1,116 @@
 #include "airdecode.h"
 
-#include <ktpacket.h>
+#include "ktpacket.h"
+#include "wire.h"
+
+#include <pccast/msginfo.h>
 #include <qxapi.h>
 #include <qxapi_ktn_frame.h>
 
 #include <array>
 #include <cstdio>
+#include <span>
+#include <type_traits>
+#include <variant>
 
 namespace {
 
-constexpr unsigned int SERVICE_AIR = 204;
-
-constexpr unsigned short TAG_CHECK = 1100;
-constexpr unsigned short TAG_STATION_CHECK = 1101;
-constexpr unsigned short TAG_STATION = 1103;
-
-// The kinds of frame by identification word and command.
-struct FRAME_KIND {
-    unsigned int uiIdent;
-    unsigned int uiCommand;
-    AIR_KIND eKind;
-};
-constexpr std::array<FRAME_KIND, 3> FRAME_KINDS{
-    {{1234, 0x40030, AIR_ANNOUNCEMENT}, {1234, 0x40033, AIR_END}, {14, 0x40020, AIR_MESSAGE}}};
-
-// The items of either kind: numbers with their length on the wire, texts of any length.
-struct NUMBER_ITEM {
-    bool bMessage;
+// An item that is read: its tag, its name in a problem, and the member that keeps it. The member's type says
+// how it is read: a number has as many bytes as its member, a text has any length.
+struct Item {
     unsigned short usTag;
-    unsigned long ulLength;
     const char *pszName;
-    std::optional<unsigned int> AIR_RECORD::*pField;
+    std::variant<std::optional<unsigned int> AirRecord::*, std::optional<unsigned short> AirRecord::*,
+                 std::optional<std::string> AirRecord::*>
+        member;
 };
-constexpr std::array<NUMBER_ITEM, 12> NUMBER_ITEMS{{
-    {false, 0x0701, 4, "programme", &AIR_RECORD::uiEPGID},
-    {false, 0x701D, 4, "type", &AIR_RECORD::uiType},
-    {false, 0x701C, 4, "format", &AIR_RECORD::uiFormat},
-    {false, 0x7011, 4, "start time", &AIR_RECORD::uiST},
-    {false, 0x7012, 4, "end time", &AIR_RECORD::uiET},
-    {false, 0x7017, 2, "port", &AIR_RECORD::uiPort},
-    {true, 0x004B, 4, "send time", &AIR_RECORD::uiMessageTime},
-    {true, 0x000B, 4, "start time", &AIR_RECORD::uiST},
-    {true, 0x000C, 4, "end time", &AIR_RECORD::uiET},
-    {true, 0x500A, 2, "showings", &AIR_RECORD::uiShowings},
-    {true, 0x5003, 4, "attribute 3", &AIR_RECORD::uiAttr3},
-    {true, 0x5001, 4, "attribute 1", &AIR_RECORD::uiAttr1},
+
+constexpr std::array<Item, 8> kAnnouncementItems{{
+    {wire::announcement::kEPGID, "programme", &AirRecord::uiEPGID},
+    {wire::announcement::kType, "type", &AirRecord::uiType},
+    {wire::announcement::kFormat, "format", &AirRecord::uiFormat},
+    {wire::announcement::kStartTime, "start time", &AirRecord::uiST},
+    {wire::announcement::kEndTime, "end time", &AirRecord::uiET},
+    {wire::announcement::kAddress, "address", &AirRecord::sAddress},
+    {wire::announcement::kDestinationPort, "port", &AirRecord::usPort},
+    {wire::announcement::kStation, "station file", &AirRecord::sStation},
+}};
+constexpr std::array<Item, 7> kMessageItems{{
+    {wire::broadcast::kSendTime, "send time", &AirRecord::uiMessageTime},
+    {wire::message::kStartTime, "start time", &AirRecord::uiST},
+    {wire::message::kEndTime, "end time", &AirRecord::uiET},
+    {wire::message::kRepeat, "showings", &AirRecord::usShowings},
+    {wire::message::kAttribute3, "attribute 3", &AirRecord::uiAttr3},
+    {wire::message::kAttribute1, "attribute 1", &AirRecord::uiAttr1},
+    {wire::message::kText, "text", &AirRecord::sText},
 }};
 
-struct TEXT_ITEM {
-    bool bMessage;
-    unsigned short usTag;
-    std::optional<std::string> AIR_RECORD::*pField;
+// The frames that are read, by the three words of their header.
+struct FrameKind {
+    unsigned int uiIdent;
+    unsigned int uiService;
+    unsigned int uiCommand;
+    AirKind eKind;
+    std::span<const Item> items;
 };
-constexpr std::array<TEXT_ITEM, 3> TEXT_ITEMS{{
-    {false, 0x7014, &AIR_RECORD::sAddress},
-    {false, TAG_STATION, &AIR_RECORD::sStation},
-    {true, 0x500B, &AIR_RECORD::sText},
+constexpr std::array<FrameKind, 3> kFrameKinds{{
+    {wire::announcement::kIdent, wire::announcement::kService, BCI_CMD_ONAIR, AIR_ANNOUNCEMENT,
+     kAnnouncementItems},
+    {wire::announcement::kIdent, wire::announcement::kService, BCI_CMD_END, AIR_END, kAnnouncementItems},
+    {wire::broadcast::kIdent, wire::broadcast::kService, PCMBC_CMD_MSG, AIR_MESSAGE, kMessageItems},
 }};
 
-void noteItem(const KTPacketItem &item, bool bMessage, AIR_RECORD *pRecord) {
-    for (const NUMBER_ITEM &number : NUMBER_ITEMS) {
-        if (number.bMessage != bMessage || number.usTag != item.usTag) {
-            continue;
+// The kind of the frame, null when it is none of the above.
+const FrameKind *findKind(const KTNET_FRAME &frame) {
+    for (const FrameKind &kind : kFrameKinds) {
+        if (frame.uiIdent == kind.uiIdent && frame.uiService == kind.uiService &&
+            frame.uiCommand == kind.uiCommand) {
+            return &kind;
         }
-        if (item.ulLength != number.ulLength) {
-            pRecord->sProblems.push_back(std::string("the ") + number.pszName + " has " +
-                                         std::to_string(item.ulLength) + " bytes, not " +
-                                         std::to_string(number.ulLength));
-            return;
-        }
-        pRecord->*number.pField =
-            number.ulLength == 2 ? ktpacketGetWORD(item.pValue) : ktpacketGetDWORD(item.pValue);
-        return;
     }
-    for (const TEXT_ITEM &text : TEXT_ITEMS) {
-        if (text.bMessage == bMessage && text.usTag == item.usTag) {
-            pRecord->*text.pField = std::string(reinterpret_cast<const char *>(item.pValue), item.ulLength);
+    return nullptr;
+}
+
+// Stores the value in the row's member, or notes that a number has the wrong length.
+void storeItem(const Item &row, const KTPacketItem &item, AirRecord *pRecord) {
+    std::visit(
+        [&](auto member) {
+            auto &value = pRecord->*member;
+            using Value = typename std::decay_t<decltype(value)>::value_type;
+            if constexpr (std::is_same_v<Value, std::string>) {
+                value.emplace(reinterpret_cast<const char *>(item.pValue), item.ulLength);
+            } else if (item.ulLength != sizeof(Value)) {
+                pRecord->sProblems.push_back(std::string("the ") + row.pszName + " has " +
+                                             std::to_string(item.ulLength) + " bytes, not " +
+                                             std::to_string(sizeof(Value)));
+            } else if constexpr (sizeof(Value) == 2) {
+                value = ktpacketGetWORD(item.pValue);
+            } else {
+                value = ktpacketGetDWORD(item.pValue);
+            }
+        },
+        row.member);
+}
+
+void noteItem(const KTPacketItem &item, std::span<const Item> rows, AirRecord *pRecord) {
+    for (const Item &row : rows) {
+        if (row.usTag == item.usTag) {
+            storeItem(row, item, pRecord);
             return;
         }
     }
 }
 
-AIR_CHECK compareCheck(const KTPacketItem &item, const unsigned char *pBytes, unsigned long ulLength,
-                       const char *pszWhat, AIR_RECORD *pRecord) {
+AirCheck compareCheck(const KTPacketItem &item, const unsigned char *pBytes, unsigned long ulLength,
+                      const char *pszWhat, AirRecord *pRecord) {
     std::array<char, 128> aText{};
     const unsigned int uiComputed = qxapi_crc32(0xFFFFFFFFu, pBytes, ulLength);
     if (item.ulLength != 4) {
-        snprintf(aText.data(), aText.size(), "the CRC of %s has %lu bytes, not 4", pszWhat, item.ulLength);
+        std::snprintf(aText.data(), aText.size(), "the CRC of %s has %lu bytes, not 4", pszWhat,
+                      item.ulLength);
     } else if (ktpacketGetDWORD(item.pValue) != uiComputed) {
-        snprintf(aText.data(), aText.size(), "the CRC of %s is %08X, its bytes give %08X", pszWhat,
-                 ktpacketGetDWORD(item.pValue), uiComputed);
+        std::snprintf(aText.data(), aText.size(), "the CRC of %s is %08X, its bytes give %08X", pszWhat,
+                      ktpacketGetDWORD(item.pValue), uiComputed);
     } else {
         return AIR_CHECK_GOOD;
     }
@@ -97,14 +118,14 @@ AIR_CHECK compareCheck(const KTPacketItem &item, const unsigned char *pBytes, un
     return AIR_CHECK_WRONG;
 }
 
-// An announcement's checks: the first item's CRC covers what lies behind it up to the station file's CRC, or
-// the end; that one covers the station file's bytes.
-void checkAnnouncement(const unsigned char *pPayload, unsigned long ulLength, AIR_RECORD *pRecord) {
+// An announcement has one CRC or two. The first item is the CRC of the items behind it: of all of them, or of
+// those before the station file's CRC. The station file's CRC is that of its bytes.
+void checkAnnouncement(const unsigned char *pPayload, unsigned long ulLength, AirRecord *pRecord) {
     KTPacketItem first{};
     KTPacketItem stationCheck{};
     unsigned long ulOffset = 0;
     unsigned long ulCoverEnd = ulLength;
-    if (!ktpacketNextItem(pPayload, ulLength, &ulOffset, &first) || first.usTag != TAG_CHECK) {
+    if (!ktpacketNextItem(pPayload, ulLength, &ulOffset, &first) || first.usTag != wire::announcement::kCRC) {
         pRecord->sProblems.emplace_back("it does not begin with its CRC");
         return;
     }
@@ -112,7 +133,7 @@ void checkAnnouncement(const unsigned char *pPayload, unsigned long ulLength, AI
     KTPacketItem item{};
     for (unsigned long ulItem = ulOffset; ktpacketNextItem(pPayload, ulLength, &ulOffset, &item);
          ulItem = ulOffset) {
-        if (item.usTag == TAG_STATION_CHECK) {
+        if (item.usTag == wire::announcement::kStationCRC) {
             stationCheck = item;
             ulCoverEnd = ulItem;
             break;
@@ -129,35 +150,31 @@ void checkAnnouncement(const unsigned char *pPayload, unsigned long ulLength, AI
 
 } // namespace
 
-AIR_RECORD decodeAir(const unsigned char *pBytes, unsigned long ulLength) {
-    AIR_RECORD record;
+AirRecord decodeAir(const unsigned char *pBytes, unsigned long ulLength) {
+    AirRecord record;
     KTNET_FRAME frame{};
     const int iFrame = ktn_xapi_frame_decode(pBytes, ulLength, &frame);
     if (iFrame != KTNET_FRAME_GOOD) {
         record.sProblems.push_back("not a frame: " + std::string(ktn_xapi_frame_text(iFrame)));
         return record;
     }
-    record.eKind = AIR_UNKNOWN;
     record.uiIdent = frame.uiIdent;
     record.uiService = frame.uiService;
     record.uiCommand = frame.uiCommand;
     record.uiSendTime = frame.uiParam;
-    for (const FRAME_KIND &kind : FRAME_KINDS) {
-        if (frame.uiService == SERVICE_AIR && frame.uiIdent == kind.uiIdent &&
-            frame.uiCommand == kind.uiCommand) {
-            record.eKind = kind.eKind;
-        }
-    }
-    if (record.eKind == AIR_UNKNOWN) {
+    const FrameKind *const pKind = findKind(frame);
+    if (pKind == nullptr) {
+        record.eKind = AIR_UNKNOWN;
         record.sProblems.emplace_back("a frame that is neither an announcement nor a message");
         return record;
     }
+    record.eKind = pKind->eKind;
 
     const bool bMessage = record.eKind == AIR_MESSAGE;
     KTPacketItem item{};
     unsigned long ulOffset = 0;
     while (ktpacketNextItem(frame.pPayload, frame.uiPayloadLen, &ulOffset, &item)) {
-        noteItem(item, bMessage, &record);
+        noteItem(item, pKind->items, &record);
     }
     if (ulOffset != frame.uiPayloadLen) {
         record.sProblems.push_back("the item at byte " + std::to_string(ulOffset) +
@@ -176,32 +193,32 @@ AIR_RECORD decodeAir(const unsigned char *pBytes, unsigned long ulLength) {
     return record;
 }
 
-std::string airTypeText(const AIR_RECORD &record) {
+std::string airTypeText(const AirRecord &record) {
     if (!record.uiType) {
         return "-";
     }
     switch (*record.uiType) {
-    case 1:
+    case BCI_TYPE_STREAM:
         return "stream";
-    case 16:
+    case BCI_TYPE_FILE:
         return "file";
     default:
         return "type " + std::to_string(*record.uiType);
     }
 }
 
-std::string airFormatText(const AIR_RECORD &record) {
+std::string airFormatText(const AirRecord &record) {
     if (!record.uiFormat) {
         return "-";
     }
     std::array<char, 32> aText{};
     switch (*record.uiFormat) {
-    case 2:
+    case BCI_FORMAT_H264:
         return "H.264";
-    case 3:
+    case BCI_FORMAT_ASF:
         return "ASF";
     default:
-        snprintf(aText.data(), aText.size(), "0x%x", *record.uiFormat);
+        std::snprintf(aText.data(), aText.size(), "0x%x", *record.uiFormat);
         return aText.data();
     }
 }

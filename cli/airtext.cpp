@@ -4,14 +4,49 @@
 #include "safetext.h"
 
 #include <array>
-#include <cstdio>
+#include <variant>
 
 namespace {
 
-constexpr std::array<const char *, 5> KIND_WORDS{"BROKEN", "UNKNOWN", "ON AIR", "ENDED", "MESSAGE"};
-constexpr std::array<const char *, 5> KIND_NAMES{"broken", "unknown", "on-air", "end", "message"};
+// The kinds in the order of AirKind: as a line says them, and as an object does.
+struct KindText {
+    const char *pszLine;
+    const char *pszJSON;
+};
+constexpr std::array<KindText, 5> kKindTexts{{
+    {"BROKEN", "broken"},
+    {"UNKNOWN", "unknown"},
+    {"ON AIR", "on-air"},
+    {"ENDED", "end"},
+    {"MESSAGE", "message"},
+}};
 
-std::string checkText(AIR_CHECK eCheck, const char *pszWhat) {
+// What an object says of a record, in this order. A member without a value is left out.
+struct Key {
+    const char *pszName;
+    std::variant<std::optional<unsigned int> AirRecord::*, std::optional<unsigned short> AirRecord::*,
+                 std::optional<std::string> AirRecord::*, AirCheck AirRecord::*>
+        member;
+};
+constexpr std::array<Key, 15> kKeys{{
+    {"epg", &AirRecord::uiEPGID},
+    {"type", &AirRecord::uiType},
+    {"format", &AirRecord::uiFormat},
+    {"start", &AirRecord::uiST},
+    {"end", &AirRecord::uiET},
+    {"address", &AirRecord::sAddress},
+    {"port", &AirRecord::usPort},
+    {"crcOk", &AirRecord::eCheck},
+    {"stationCrcOk", &AirRecord::eStationCheck},
+    {"station", &AirRecord::sStation},
+    {"messageSent", &AirRecord::uiMessageTime},
+    {"showings", &AirRecord::usShowings},
+    {"attribute1", &AirRecord::uiAttr1},
+    {"attribute3", &AirRecord::uiAttr3},
+    {"text", &AirRecord::sText},
+}};
+
+std::string checkText(AirCheck eCheck, const char *pszWhat) {
     switch (eCheck) {
     case AIR_CHECK_GOOD:
         return std::string("  ") + pszWhat + " ok";
@@ -22,7 +57,7 @@ std::string checkText(AIR_CHECK eCheck, const char *pszWhat) {
     }
 }
 
-std::string announcementLine(const AIR_RECORD &record, unsigned long ulNow) {
+std::string announcementLine(const AirRecord &record, unsigned long ulNow) {
     std::string sLine =
         "epg " + std::to_string(*record.uiEPGID) + "  " + airTypeText(record) + "  " + airFormatText(record);
     const std::string sDestination = airDestination(record);
@@ -42,40 +77,43 @@ std::string announcementLine(const AIR_RECORD &record, unsigned long ulNow) {
     return sLine;
 }
 
-void addNumber(std::string *psJSON, const char *pszName, const std::optional<unsigned int> &uiValue) {
-    if (uiValue) {
-        *psJSON += std::string(",\"") + pszName + "\":" + std::to_string(*uiValue);
+// The key and its value, each behind a comma; empty without a value. A text that is no UTF-8 follows once
+// more as hexadecimal digits.
+std::string keyJSON(const char *pszName, AirCheck eCheck) {
+    if (eCheck == AIR_CHECK_ABSENT) {
+        return {};
     }
+    return std::string(",\"") + pszName + "\":" + (eCheck == AIR_CHECK_GOOD ? "true" : "false");
 }
 
-void addText(std::string *psJSON, const char *pszName, const std::optional<std::string> &sValue) {
+template <typename Number>
+std::string keyJSON(const char *pszName, const std::optional<Number> &value) {
+    return value ? std::string(",\"") + pszName + "\":" + std::to_string(*value) : "";
+}
+
+std::string keyJSON(const char *pszName, const std::optional<std::string> &sValue) {
     if (!sValue) {
-        return;
+        return {};
     }
-    *psJSON += std::string(",\"") + pszName + "\":" + textForJSON(*sValue);
+    std::string sJSON = std::string(",\"") + pszName + "\":" + textForJSON(*sValue);
     if (!isUTF8(*sValue)) {
-        *psJSON += std::string(",\"") + pszName + "Hex\":\"" + textAsHex(*sValue) + "\"";
+        sJSON += std::string(",\"") + pszName + "Hex\":\"" + textAsHex(*sValue) + "\"";
     }
-}
-
-void addCheck(std::string *psJSON, const char *pszName, AIR_CHECK eCheck) {
-    if (eCheck != AIR_CHECK_ABSENT) {
-        *psJSON += std::string(",\"") + pszName + "\":" + (eCheck == AIR_CHECK_GOOD ? "true" : "false");
-    }
+    return sJSON;
 }
 
 } // namespace
 
-std::string airDestination(const AIR_RECORD &record) {
+std::string airDestination(const AirRecord &record) {
     if (record.sAddress) {
         return textForTerminal(*record.sAddress) + ":" +
-               (record.uiPort ? std::to_string(*record.uiPort) : "?");
+               (record.usPort ? std::to_string(*record.usPort) : "?");
     }
     return record.sStation ? "the station's group" : "";
 }
 
-std::string airLine(const AIR_RECORD &record, unsigned long ulNow, const std::string &sSender) {
-    std::string sLine = writeTime(ulNow) + "  " + KIND_WORDS[record.eKind] + "  ";
+std::string airLine(const AirRecord &record, unsigned long ulNow, const std::string &sSender) {
+    std::string sLine = writeTime(ulNow) + "  " + kKindTexts[record.eKind].pszLine + "  ";
     if (record.eKind == AIR_ANNOUNCEMENT || record.eKind == AIR_END) {
         sLine += announcementLine(record, ulNow) + "  ";
     } else if (record.eKind == AIR_MESSAGE) {
@@ -89,30 +127,18 @@ std::string airLine(const AIR_RECORD &record, unsigned long ulNow, const std::st
     return sLine;
 }
 
-std::string airJSON(const AIR_RECORD &record, unsigned long ulNow, const std::string &sSender) {
+std::string airJSON(const AirRecord &record, unsigned long ulNow, const std::string &sSender) {
     std::string sJSON = "{\"heard\":" + std::to_string(ulNow) + ",\"by\":" + textForJSON(sSender) +
-                        ",\"kind\":\"" + KIND_NAMES[record.eKind] + "\"";
+                        ",\"kind\":\"" + kKindTexts[record.eKind].pszJSON + "\"";
     if (record.uiIdent != 0 || record.uiService != 0) {
         sJSON += ",\"ident\":" + std::to_string(record.uiIdent) +
                  ",\"service\":" + std::to_string(record.uiService) +
                  ",\"command\":" + std::to_string(record.uiCommand) +
                  ",\"sent\":" + std::to_string(record.uiSendTime);
     }
-    addNumber(&sJSON, "epg", record.uiEPGID);
-    addNumber(&sJSON, "type", record.uiType);
-    addNumber(&sJSON, "format", record.uiFormat);
-    addNumber(&sJSON, "start", record.uiST);
-    addNumber(&sJSON, "end", record.uiET);
-    addText(&sJSON, "address", record.sAddress);
-    addNumber(&sJSON, "port", record.uiPort);
-    addCheck(&sJSON, "crcOk", record.eCheck);
-    addCheck(&sJSON, "stationCrcOk", record.eStationCheck);
-    addText(&sJSON, "station", record.sStation);
-    addNumber(&sJSON, "messageSent", record.uiMessageTime);
-    addNumber(&sJSON, "showings", record.uiShowings);
-    addNumber(&sJSON, "attribute1", record.uiAttr1);
-    addNumber(&sJSON, "attribute3", record.uiAttr3);
-    addText(&sJSON, "text", record.sText);
+    for (const Key &key : kKeys) {
+        sJSON += std::visit([&](auto member) { return keyJSON(key.pszName, record.*member); }, key.member);
+    }
     if (!record.sProblems.empty()) {
         sJSON += ",\"problems\":[";
         for (size_t i = 0; i < record.sProblems.size(); ++i) {

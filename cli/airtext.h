@@ -1,4 +1,4 @@
-// airtext.h - a decoded datagram as a line for people and as a JSON object for programs.
+// airtext.h - writes a decoded datagram as a line for people, and as a JSON object for programs.
 //
 // Pure functions, used by watch. Texts from the network are made safe here.
 #ifndef PCCAST_CLI_AIRTEXT_H
@@ -6,11 +6,11 @@
 
 #include "airdecode.h"
 
-// One line without its newline. ulNow: when it was heard, seconds; sSender: its address.
-std::string airLine(const AIR_RECORD &record, unsigned long ulNow, const std::string &sSender);
-std::string airJSON(const AIR_RECORD &record, unsigned long ulNow, const std::string &sSender);
+// Neither ends in a newline. ulNow: when the datagram was heard, seconds; sSender: its address.
+std::string airLine(const AirRecord &record, unsigned long ulNow, const std::string &sSender);
+std::string airJSON(const AirRecord &record, unsigned long ulNow, const std::string &sSender);
 
-// The destination "address:port", or "the station's group", or empty.
-std::string airDestination(const AIR_RECORD &record);
+// "address:port", or "the station's group"; empty when the record names no destination.
+std::string airDestination(const AirRecord &record);
 
 #endif

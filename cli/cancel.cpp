@@ -1,6 +1,7 @@
 // pccast cancel - takes a message back.
 #include "commands.h"
-#include "request.h"
+#include "pluginloader.h"
+#include "submit.h"
 
 #include <CLI/CLI.hpp>
 #include <vexa_pgl.h>
@@ -9,15 +10,15 @@
 
 namespace {
 
-struct CANCEL_OPTIONS {
+struct CancelOptions {
     std::string sIdentity;
     bool bPriority = false;
     std::string sPlugin;
 };
 
-int cancel(const CANCEL_OPTIONS &options) {
-    MESSAGE_IDENTITY identity{};
-    const int iExit = checkArgument("IDENTITY", readMessageIdentity(options.sIdentity, &identity));
+int cancel(const CancelOptions &options) {
+    MessageIdentity identity{};
+    const int iExit = checkArguments({{"IDENTITY", readMessageIdentity(options.sIdentity, &identity)}});
     if (iExit != EXIT_DONE) {
         return iExit;
     }
@@ -25,22 +26,22 @@ int cancel(const CANCEL_OPTIONS &options) {
         return sayAndReturn(EXIT_BAD_DATA, "that message ended by itself at " + writeTime(identity.ulET) +
                                                "; there is nothing left to cancel");
     }
-    // A cancel reaches only the list that the message was filed in; it must have a text, whatever it says.
+    // A cancel looks only in the list that holds the message. It needs a text too; any text will do.
     identity.bPriority = identity.bPriority || options.bPriority;
-    const int iSent = sendMessage(options.sPlugin, PCMBC_CMD_CANCEL, identity, 1, "cancel");
-    return iSent == EXIT_DONE ? sayAndReturn(EXIT_DONE, "cancel requested") : iSent;
+    const int iSubmitted = submitMessage(options.sPlugin, PCMBC_CMD_CANCEL, identity, 1, "cancel");
+    return iSubmitted == EXIT_DONE ? sayAndReturn(EXIT_DONE, "cancel requested") : iSubmitted;
 }
 
 } // namespace
 
 void addCancelCommand(CLI::App &app, int &iExitCode) {
     auto *const pCommand = app.add_subcommand("cancel", "take a message back");
-    auto options = std::make_shared<CANCEL_OPTIONS>();
+    auto options = std::make_shared<CancelOptions>();
     pCommand->add_option("IDENTITY", options->sIdentity, "the line that message printed")
         ->type_name("")
         ->required();
     pCommand->add_flag("--priority", options->bPriority,
-                       "it was a priority message (where IDENTITY does not end in :priority)");
+                       "it was a priority message; not needed when IDENTITY ends in :priority");
     addPluginOption(pCommand, options->sPlugin);
     pCommand->footer(helpExample("pccast cancel 1:1790000000:1790000000:1790000600:priority"));
     pCommand->callback([options, &iExitCode] { iExitCode = cancel(*options); });

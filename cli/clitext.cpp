@@ -14,14 +14,14 @@
 
 namespace {
 
-const char *const TIME_HINT =
+const char *const kTimeHint =
     "give now, +30s, +5m, +1h, 18:00, 2026-11-24T18:00:00 (local), 2026-11-24T18:00:00Z or @SECONDS";
 
 std::string quoted(std::string_view sText) {
     return "'" + std::string(sText) + "'";
 }
 
-// The whole of sText as digits of the base, at most ulMax.
+// Reads the whole of sText as digits of the base. Returns false for any other text and above ulMax.
 bool wholeNumber(std::string_view sText, int iBase, unsigned long ulMax, unsigned long *pulNumber) {
     unsigned long ulNumber = 0;
     const char *const pEnd = sText.data() + sText.size();
@@ -33,7 +33,7 @@ bool wholeNumber(std::string_view sText, int iBase, unsigned long ulMax, unsigne
     return true;
 }
 
-// Exactly uDigits digits at the front of *psText, which is moved behind them.
+// Takes exactly uDigits digits off the front of *psText.
 bool takeDigits(std::string_view *psText, size_t uDigits, int *piNumber) {
     unsigned long ulNumber = 0;
     if (psText->size() < uDigits || !wholeNumber(psText->substr(0, uDigits), 10, 9999, &ulNumber)) {
@@ -52,7 +52,7 @@ bool takeCharacter(std::string_view *psText, std::string_view sAnyOf) {
     return true;
 }
 
-// HH:MM or HH:MM:SS at the front of *psText.
+// Takes HH:MM or HH:MM:SS off the front of *psText.
 bool takeTimeOfDay(std::string_view *psText, struct tm *pTime) {
     pTime->tm_sec = 0;
     return takeDigits(psText, 2, &pTime->tm_hour) && takeCharacter(psText, ":") &&
@@ -61,11 +61,12 @@ bool takeTimeOfDay(std::string_view *psText, struct tm *pTime) {
            pTime->tm_min < 60 && pTime->tm_sec < 60;
 }
 
-// Seconds since the epoch of calendar fields, local or universal; false when the calendar has no such time.
+// Turns calendar fields, local or universal, into seconds since the epoch. Returns false when the calendar
+// has no such time.
 bool calendarTime(const struct tm &wanted, bool bUniversal, long *plTime) {
     struct tm fields = wanted;
     fields.tm_isdst = -1;
-    const time_t tTime = bUniversal ? timegm(&fields) : mktime(&fields);
+    const time_t tTime = bUniversal ? timegm(&fields) : std::mktime(&fields);
     *plTime = tTime;
     return fields.tm_mday == wanted.tm_mday && fields.tm_mon == wanted.tm_mon &&
            fields.tm_hour == wanted.tm_hour && fields.tm_min == wanted.tm_min;
@@ -78,14 +79,14 @@ std::string readTimeOfDay(std::string_view sText, unsigned long ulNow, long *plT
     localtime_r(&tNow, &fields);
     std::string_view sRest = sText;
     if (!takeTimeOfDay(&sRest, &fields) || !sRest.empty()) {
-        return quoted(sText) + " is not a time; " + TIME_HINT;
+        return quoted(sText) + " is not a time; " + kTimeHint;
     }
     fields.tm_isdst = -1;
     struct tm today = fields;
-    *plTime = mktime(&today);
+    *plTime = std::mktime(&today);
     if (*plTime < tNow) {
         fields.tm_mday += 1;
-        *plTime = mktime(&fields);
+        *plTime = std::mktime(&fields);
     }
     return {};
 }
@@ -97,7 +98,7 @@ std::string readCalendarTime(std::string_view sText, long *plTime) {
         !takeDigits(&sRest, 2, &fields.tm_mon) || !takeCharacter(&sRest, "-") ||
         !takeDigits(&sRest, 2, &fields.tm_mday) || !takeCharacter(&sRest, "T ") ||
         !takeTimeOfDay(&sRest, &fields)) {
-        return quoted(sText) + " is not a time; " + TIME_HINT;
+        return quoted(sText) + " is not a time; " + kTimeHint;
     }
     fields.tm_year -= 1900;
     fields.tm_mon -= 1;
@@ -120,7 +121,7 @@ std::string readCalendarTime(std::string_view sText, long *plTime) {
         lEast = lSign * (iHours * 3600L + iMinutes * 60L);
     }
     if (!sRest.empty()) {
-        return quoted(sText) + " is not a time; " + TIME_HINT;
+        return quoted(sText) + " is not a time; " + kTimeHint;
     }
     if (!calendarTime(fields, bUniversal, plTime)) {
         return quoted(sText) + " does not exist in the calendar" +
@@ -143,11 +144,11 @@ std::vector<std::string_view> splitAtColons(std::string_view sText) {
     }
 }
 
-// Reads each part as a number; the first one that is none, or too large, fails.
-template <size_t COUNT>
-bool readNumbers(const std::vector<std::string_view> &parts, const std::array<unsigned long, COUNT> &aMax,
-                 std::array<unsigned long, COUNT> *paNumber) {
-    for (size_t i = 0; i < COUNT; ++i) {
+// Reads each part as a number. Returns false at the first part that is not a number or is too large.
+template <size_t Count>
+bool readNumbers(const std::vector<std::string_view> &parts, const std::array<unsigned long, Count> &aMax,
+                 std::array<unsigned long, Count> *paNumber) {
+    for (size_t i = 0; i < Count; ++i) {
         if (!readNumber(parts[i], aMax[i], &(*paNumber)[i]).empty()) {
             return false;
         }
@@ -162,13 +163,13 @@ std::string readTime(std::string_view sText, unsigned long ulNow, unsigned long 
     long lTime = static_cast<long>(ulNow);
     unsigned long ulNumber = 0;
     if (sText == "now") {
-        // as it stands
+        // lTime is the current time already
     } else if (!sText.empty() && sText.front() == '+') {
         sProblem = readDuration(sText.substr(1), &ulNumber);
         lTime += static_cast<long>(ulNumber);
     } else if (!sText.empty() && sText.front() == '@') {
         if (!wholeNumber(sText.substr(1), 10, static_cast<unsigned long>(INT64_MAX), &ulNumber)) {
-            sProblem = quoted(sText) + " is not a time; " + TIME_HINT;
+            sProblem = quoted(sText) + " is not a time; " + kTimeHint;
         }
         lTime = static_cast<long>(ulNumber);
     } else if (sText.size() > 4 && sText[4] == '-') {
@@ -179,7 +180,7 @@ std::string readTime(std::string_view sText, unsigned long ulNow, unsigned long 
     if (!sProblem.empty()) {
         return sProblem;
     }
-    if (lTime < 0 || static_cast<unsigned long>(lTime) > CLI_WIRE_MAX) {
+    if (lTime < 0 || static_cast<unsigned long>(lTime) > kNumberMax) {
         return quoted(sText) + " does not fit the 32 bits of a time on the wire; "
                                "give one from 1970-01-01T00:00:00Z to 2106-02-07T06:28:15Z";
     }
@@ -188,10 +189,10 @@ std::string readTime(std::string_view sText, unsigned long ulNow, unsigned long 
 }
 
 std::string readDuration(std::string_view sText, unsigned long *pulSeconds) {
-    static constexpr std::array<std::pair<char, unsigned long>, 4> aUnit{
+    static constexpr std::array<std::pair<char, unsigned long>, 4> kUnits{
         {{'s', 1}, {'m', 60}, {'h', 3600}, {'d', 86400}}};
-    const std::string sWrong = quoted(sText) + " is not a duration; give 30s, 5m, 1h, 2d or 1h30m";
-    const std::string sTooLong = quoted(sText) + " is too long; a duration may have at most 2^32-1 seconds";
+    std::string sWrong = quoted(sText) + " is not a duration; give 30s, 5m, 1h, 2d or 1h30m";
+    std::string sTooLong = quoted(sText) + " is too long; a duration may have at most 2^32-1 seconds";
     unsigned long ulTotal = 0;
     std::string_view sRest = sText;
     do {
@@ -200,7 +201,7 @@ std::string readDuration(std::string_view sText, unsigned long *pulSeconds) {
         if (uDigits == 0) {
             return sWrong;
         }
-        if (!wholeNumber(sRest.substr(0, uDigits), 10, CLI_WIRE_MAX, &ulNumber)) {
+        if (!wholeNumber(sRest.substr(0, uDigits), 10, kNumberMax, &ulNumber)) {
             return sTooLong;
         }
         sRest.remove_prefix(uDigits);
@@ -208,7 +209,7 @@ std::string readDuration(std::string_view sText, unsigned long *pulSeconds) {
         if (sRest.empty()) {
             ulUnit = 1;
         }
-        for (const auto &[cUnit, ulSeconds] : aUnit) {
+        for (const auto &[cUnit, ulSeconds] : kUnits) {
             if (!sRest.empty() && sRest.front() == cUnit) {
                 ulUnit = ulSeconds;
             }
@@ -218,7 +219,7 @@ std::string readDuration(std::string_view sText, unsigned long *pulSeconds) {
         }
         sRest.remove_prefix(sRest.empty() ? 0 : 1);
         ulTotal += ulNumber * ulUnit;
-        if (ulTotal > CLI_WIRE_MAX) {
+        if (ulTotal > kNumberMax) {
             return sTooLong;
         }
     } while (!sRest.empty());
@@ -272,7 +273,7 @@ std::string readFormat(std::string_view sText, unsigned long *pulFormat) {
         *pulFormat = CAST_FORMAT_ASF;
         return {};
     }
-    if (!readNumber(sText, CLI_WIRE_MAX, pulFormat).empty()) {
+    if (!readNumber(sText, kNumberMax, pulFormat).empty()) {
         return quoted(sText) + " is not a format; give ts, asf or a number such as 0x2021";
     }
     return {};
@@ -294,13 +295,13 @@ std::string readKey(std::string_view sText, std::vector<unsigned char> *pKey) {
     return {};
 }
 
-std::string readCastIdentity(std::string_view sText, CAST_IDENTITY *pIdentity) {
+std::string readCastIdentity(std::string_view sText, CastIdentity *pIdentity) {
     const std::vector<std::string_view> parts = splitAtColons(sText);
     std::array<unsigned long, 5> aNumber{};
     unsigned long ulFormat = 0;
     if (parts.size() != 6 ||
-        !readNumbers<5>(parts, {CLI_WIRE_MAX, 3, CLI_WIRE_MAX, CLI_WIRE_MAX, 65535}, &aNumber) ||
-        aNumber[1] == 0 || aNumber[4] == 0 || !readFormat(parts[5], &ulFormat).empty()) {
+        !readNumbers<5>(parts, {kNumberMax, 3, kNumberMax, kNumberMax, 65535}, &aNumber) || aNumber[1] == 0 ||
+        aNumber[4] == 0 || !readFormat(parts[5], &ulFormat).empty()) {
         return quoted(sText) + " is not a cast's identity; give the line that relay or file printed, "
                                "EPG:TYPE:START:END:PORT:FORMAT";
     }
@@ -309,12 +310,12 @@ std::string readCastIdentity(std::string_view sText, CAST_IDENTITY *pIdentity) {
     return {};
 }
 
-std::string readMessageIdentity(std::string_view sText, MESSAGE_IDENTITY *pIdentity) {
+std::string readMessageIdentity(std::string_view sText, MessageIdentity *pIdentity) {
     const std::vector<std::string_view> parts = splitAtColons(sText);
     std::array<unsigned long, 4> aNumber{};
     const bool bList = parts.size() == 5 && (parts[4] == "priority" || parts[4] == "normal");
     if ((parts.size() != 4 && !bList) ||
-        !readNumbers<4>(parts, {CLI_WIRE_MAX, CLI_WIRE_MAX, CLI_WIRE_MAX, CLI_WIRE_MAX}, &aNumber)) {
+        !readNumbers<4>(parts, {kNumberMax, kNumberMax, kNumberMax, kNumberMax}, &aNumber)) {
         return quoted(sText) + " is not a message's identity; give the line that message printed, "
                                "EPG:CREATED:START:END:normal or :priority";
     }
@@ -324,17 +325,17 @@ std::string readMessageIdentity(std::string_view sText, MESSAGE_IDENTITY *pIdent
 
 std::string writeFormat(unsigned long ulFormat) {
     std::array<char, 24> aFormat{};
-    snprintf(aFormat.data(), aFormat.size(), "0x%lx", ulFormat);
+    std::snprintf(aFormat.data(), aFormat.size(), "0x%lx", ulFormat);
     return aFormat.data();
 }
 
-std::string writeCastIdentity(const CAST_IDENTITY &identity) {
+std::string writeCastIdentity(const CastIdentity &identity) {
     return std::to_string(identity.ulEPGID) + ":" + std::to_string(identity.ulType) + ":" +
            std::to_string(identity.ulST) + ":" + std::to_string(identity.ulET) + ":" +
            std::to_string(identity.usPort) + ":" + writeFormat(identity.ulFormat);
 }
 
-std::string writeMessageIdentity(const MESSAGE_IDENTITY &identity) {
+std::string writeMessageIdentity(const MessageIdentity &identity) {
     return std::to_string(identity.ulEPGID) + ":" + std::to_string(identity.ulCT) + ":" +
            std::to_string(identity.ulST) + ":" + std::to_string(identity.ulET) +
            (identity.bPriority ? ":priority" : ":normal");
@@ -345,7 +346,7 @@ std::string writeTime(unsigned long ulTime) {
     struct tm fields {};
     localtime_r(&tTime, &fields);
     std::array<char, 32> aText{};
-    const size_t uLength = strftime(aText.data(), aText.size(), "%Y-%m-%d %H:%M:%S", &fields);
+    const size_t uLength = std::strftime(aText.data(), aText.size(), "%Y-%m-%d %H:%M:%S", &fields);
     return {aText.data(), uLength};
 }
 
@@ -358,9 +359,9 @@ std::string writeTimeLeft(unsigned long ulSeconds) {
     const unsigned long ulHours = ulSeconds / 3600;
     const unsigned long ulMinutes = ulSeconds / 60 % 60;
     if (ulHours < 24) {
-        snprintf(aText.data(), aText.size(), "%02lu:%02lu:%02lu", ulHours, ulMinutes, ulSeconds % 60);
+        std::snprintf(aText.data(), aText.size(), "%02lu:%02lu:%02lu", ulHours, ulMinutes, ulSeconds % 60);
     } else {
-        snprintf(aText.data(), aText.size(), "%lud %02lu:%02lu", ulHours / 24, ulHours % 24, ulMinutes);
+        std::snprintf(aText.data(), aText.size(), "%lud %02lu:%02lu", ulHours / 24, ulHours % 24, ulMinutes);
     }
     return aText.data();
 }

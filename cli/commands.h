@@ -1,23 +1,24 @@
-// commands.h - the subcommands of pccast, a file each, and the exit codes that scripts may rely on.
+// commands.h - the subcommands of pccast, and the exit codes that scripts may rely on.
 //
-// Every command adds itself to the app; its callback runs in the main thread and leaves the program's exit
-// code in iExitCode. What a script may want to read goes to standard output; the words for people go to
+// Each command has a file of its own and adds itself to the app. Its callback runs in the main thread and
+// leaves the program's exit code in iExitCode. Results for scripts go to standard output, words for people to
 // standard error.
 #ifndef PCCAST_CLI_COMMANDS_H
 #define PCCAST_CLI_COMMANDS_H
 
+#include <initializer_list>
 #include <string>
 
 namespace CLI {
 class App;
 }
 
-enum PCCAST_EXIT {
+enum ExitCode {
     EXIT_DONE = 0,         // done
     EXIT_USAGE = 64,       // the command line cannot be understood
-    EXIT_BAD_DATA = 65,    // understood, but it cannot be cast or sent so
+    EXIT_BAD_DATA = 65,    // understood, but the request cannot be carried out
     EXIT_NO_INPUT = 66,    // a file cannot be read
-    EXIT_UNAVAILABLE = 69, // no service listens, or it cannot be started, or watch heard too little
+    EXIT_UNAVAILABLE = 69, // no service listens, it cannot be started, or watch heard too few datagrams
     EXIT_INTERNAL = 70,    // the program or the system failed, or a result cannot be written
     EXIT_SWITCHED_OFF = 78 // the registry switches the service off
 };
@@ -34,10 +35,16 @@ void addStationCommand(CLI::App &app, int &iExitCode);
 // Says sText on standard error under the program's name and returns iExitCode.
 int sayAndReturn(int iExitCode, const std::string &sText);
 
-// Returns EXIT_DONE when sProblem is empty, else says it of the argument and returns EXIT_USAGE.
-int checkArgument(const char *pszArgument, const std::string &sProblem);
+// An argument and what is wrong with it: the result of its reader, empty when it could be read.
+struct Argument {
+    const char *pszName;
+    std::string sProblem;
+};
 
-// What is printed below an example's heading at the end of a command's help.
+// Returns EXIT_DONE when no argument has a problem. Else says the first problem and returns EXIT_USAGE.
+int checkArguments(std::initializer_list<Argument> arguments);
+
+// The example that ends a command's help.
 std::string helpExample(const std::string &sExample);
 
 #endif

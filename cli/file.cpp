@@ -1,6 +1,9 @@
 // pccast file - submits the cast of a stored file.
 #include "commands.h"
 #include "request.h"
+#include "submit.h"
+
+#include "asffile.h"
 
 #include <CLI/CLI.hpp>
 #include <fcntl.h>
@@ -18,21 +21,21 @@
 
 namespace {
 
-struct FILE_OPTIONS {
-    REQUEST_OPTIONS request;
+struct FileOptions {
+    RequestOptions request;
     std::string sPath;
     std::string sDestination;
     std::string sFormat;
     std::string sMSID = "0";
 };
 
-// The path that the service, which has another working folder, can open. Returns EXIT_DONE or EXIT_NO_INPUT.
+// Finds the absolute path: the service has another working folder. Returns EXIT_DONE or EXIT_NO_INPUT.
 int findFile(const std::string &sPath, std::string *psWhole) {
     std::array<char, PATH_MAX> aWhole{};
     struct stat state {};
     if (realpath(sPath.c_str(), aWhole.data()) == nullptr || stat(aWhole.data(), &state) != 0 ||
         access(aWhole.data(), R_OK) != 0) {
-        return sayAndReturn(EXIT_NO_INPUT, sPath + ": " + strerror(errno));
+        return sayAndReturn(EXIT_NO_INPUT, sPath + ": " + std::strerror(errno));
     }
     if (!S_ISREG(state.st_mode)) {
         return sayAndReturn(EXIT_NO_INPUT,
@@ -44,44 +47,38 @@ int findFile(const std::string &sPath, std::string *psWhole) {
 }
 
 bool beginsAsASF(const std::string &sPath) {
-    static constexpr std::array<unsigned char, 16> HEADER_OBJECT{
-        0x30, 0x26, 0xB2, 0x75, 0x8E, 0x66, 0xCF, 0x11, 0xA6, 0xD9, 0x00, 0xAA, 0x00, 0x62, 0xCE, 0x6C};
     std::array<unsigned char, 16> aHead{};
     const int iFile = open(sPath.c_str(), O_RDONLY | O_CLOEXEC);
     const ssize_t lRead = iFile < 0 ? -1 : read(iFile, aHead.data(), aHead.size());
     if (iFile >= 0) {
         close(iFile);
     }
-    return lRead == static_cast<ssize_t>(aHead.size()) && aHead == HEADER_OBJECT;
+    return lRead > 0 && asfRecognises(aHead.data(), static_cast<size_t>(lRead));
 }
 
-// The format by the file's content, judged by the reader that will play it.
+// Finds the format from the file's content, with the reader that will play it.
 int findFormat(const std::string &sPath, unsigned long *pulFormat) {
     struct ts_qxapi_stream *const pStream = qxapi_open_stream(sPath.c_str());
     if (pStream == nullptr) {
         return sayAndReturn(EXIT_BAD_DATA,
                             sPath + " is neither an ASF file nor a transport stream (the reason is "
-                                    "above); --format says which it is all the same");
+                                    "above); give --format if you know that it is one");
     }
     qxapi_close_stream(pStream);
     *pulFormat = beginsAsASF(sPath) ? CAST_FORMAT_ASF : CAST_FORMAT_TS;
     return EXIT_DONE;
 }
 
-int castFile(const FILE_OPTIONS &options) {
-    CAST_REQUEST request{};
-    REQUEST_TIMES times{};
-    CAST_IDENTITY &identity = request.identity;
-    int iExit =
-        checkArgument("--to", readEndpoint(options.sDestination, &request.sDestination, &identity.usPort));
-    if (iExit == EXIT_DONE && !options.sFormat.empty()) {
-        iExit = checkArgument("--format", readFormat(options.sFormat, &identity.ulFormat));
-    }
+int castFile(const FileOptions &options) {
+    CastRequest request{};
+    RequestTimes times{};
+    CastIdentity &identity = request.identity;
+    int iExit = checkArguments(
+        {{"--to", readEndpoint(options.sDestination, &request.sDestination, &identity.usPort)},
+         {"--format", options.sFormat.empty() ? "" : readFormat(options.sFormat, &identity.ulFormat)},
+         {"--stream-id", readNumber(options.sMSID, 0xFFFF, &request.ulMSID)}});
     if (iExit == EXIT_DONE) {
-        iExit = checkArgument("--stream-id", readNumber(options.sMSID, 0xFFFF, &request.ulMSID));
-    }
-    if (iExit == EXIT_DONE) {
-        iExit = readRequestOptions(options.request, CAST_DEFAULT_FOR, &times);
+        iExit = readRequestOptions(options.request, kCastDefaultFor, &times);
     }
     if (iExit == EXIT_DONE) {
         iExit = findFile(options.sPath, &request.sFile);
@@ -99,9 +96,9 @@ int castFile(const FILE_OPTIONS &options) {
     identity.ulET = times.ulET;
     request.ulCT = times.ulCT;
     warnWithoutStationFile(identity.ulFormat);
-    iExit = sendCast(options.request.sPlugin, CAST_CMD_START, request);
+    iExit = submitCast(options.request.sPlugin, CAST_CMD_START, request);
     if (iExit == EXIT_DONE) {
-        printf("%s\n", writeCastIdentity(identity).c_str());
+        std::printf("%s\n", writeCastIdentity(identity).c_str());
         sayAndReturn(EXIT_DONE, "cast of " + request.sFile + " to " + options.sDestination +
                                     " requested from " + writeTime(times.ulST) + " until " +
                                     writeTime(times.ulET) +
@@ -114,14 +111,15 @@ int castFile(const FILE_OPTIONS &options) {
 
 void addFileCommand(CLI::App &app, int &iExitCode) {
     auto *const pCommand = app.add_subcommand("file", "cast a stored ASF or transport stream file");
-    auto options = std::make_shared<FILE_OPTIONS>();
+    auto options = std::make_shared<FileOptions>();
     pCommand->add_option("PATH", options->sPath, "the file")->type_name("")->required();
     pCommand
-        ->add_option("--to", options->sDestination,
-                     "the group that it is played to (ASF plays to the station file's own group)")
+        ->add_option(
+            "--to", options->sDestination,
+            "the group that it is played to; an ASF file goes to the group that its station file names")
         ->type_name("ADDRESS:PORT")
         ->required();
-    addRequestOptions(pCommand, options->request, "1h; the file plays to its end all the same");
+    addRequestOptions(pCommand, options->request, "1h; the file plays to its end anyway");
     pCommand->add_option("--format", options->sFormat, "what it is (default: found from its content)")
         ->type_name("ts|asf|NUMBER");
     pCommand->add_option("--stream-id", options->sMSID, "the stream identifier (default 0)")->type_name("N");

@@ -1,6 +1,7 @@
 // pccast message - submits a text for every receiver.
 #include "commands.h"
 #include "request.h"
+#include "submit.h"
 
 #include <CLI/CLI.hpp>
 
@@ -10,31 +11,31 @@
 
 namespace {
 
-constexpr unsigned long REPEAT_MAX = 65535;
-constexpr unsigned long SHORTEST_DEFAULT = 600;
-constexpr unsigned long LONG_PAUSE = 60;
+constexpr unsigned long kRepeatMax = 65535;
+constexpr unsigned long kShortestDefault = 600;
+constexpr unsigned long kLongPause = 60;
 
-struct MESSAGE_OPTIONS {
-    REQUEST_OPTIONS request;
+struct MessageOptions {
+    RequestOptions request;
     std::string sText;
     std::string sRepeat = "1";
     bool bPriority = false;
 };
 
-// Seconds that the service pauses after each broadcast of the text, for every message.
+// Seconds without any message after each broadcast of the text: the pause of the service.
 unsigned long pauseAfter(const std::string &sText) {
     return 7 + sText.size() / 5;
 }
 
-// Long enough for every broadcast.
+// Seconds that are enough for every broadcast.
 unsigned long defaultFor(unsigned long ulRepeat, const std::string &sText) {
-    return std::max(SHORTEST_DEFAULT, ulRepeat * pauseAfter(sText) + 60);
+    return std::max(kShortestDefault, ulRepeat * pauseAfter(sText) + 60);
 }
 
-int message(const MESSAGE_OPTIONS &options) {
+int message(const MessageOptions &options) {
     unsigned long ulRepeat = 0;
-    REQUEST_TIMES times{};
-    int iExit = checkArgument("--repeat", readNumber(options.sRepeat, REPEAT_MAX, &ulRepeat));
+    RequestTimes times{};
+    int iExit = checkArguments({{"--repeat", readNumber(options.sRepeat, kRepeatMax, &ulRepeat)}});
     if (iExit == EXIT_DONE && options.sText.empty()) {
         iExit = sayAndReturn(EXIT_BAD_DATA, "TEXT is empty; the service would drop the message");
     }
@@ -49,13 +50,13 @@ int message(const MESSAGE_OPTIONS &options) {
     if (iExit != EXIT_DONE) {
         return iExit;
     }
-    const MESSAGE_IDENTITY identity{times.ulEPGID, times.ulCT, times.ulST, times.ulET, options.bPriority};
-    iExit = sendMessage(options.request.sPlugin, PCMBC_CMD_MSG, identity, ulRepeat, options.sText);
+    const MessageIdentity identity{times.ulEPGID, times.ulCT, times.ulST, times.ulET, options.bPriority};
+    iExit = submitMessage(options.request.sPlugin, PCMBC_CMD_MSG, identity, ulRepeat, options.sText);
     if (iExit == EXIT_DONE) {
-        printf("%s\n", writeMessageIdentity(identity).c_str());
+        std::printf("%s\n", writeMessageIdentity(identity).c_str());
         sayAndReturn(EXIT_DONE, "message requested from " + writeTime(times.ulST) + " until " +
                                     writeTime(times.ulET) + "; pccast cancel takes the line above");
-        if (pauseAfter(options.sText) > LONG_PAUSE) {
+        if (pauseAfter(options.sText) > kLongPause) {
             sayAndReturn(EXIT_DONE, "after a text of " + std::to_string(options.sText.size()) +
                                         " bytes the service sends no other message for " +
                                         std::to_string(pauseAfter(options.sText)) + " s");
@@ -68,15 +69,14 @@ int message(const MESSAGE_OPTIONS &options) {
 
 void addMessageCommand(CLI::App &app, int &iExitCode) {
     auto *const pCommand = app.add_subcommand("message", "show a text on every receiver");
-    auto options = std::make_shared<MESSAGE_OPTIONS>();
+    auto options = std::make_shared<MessageOptions>();
     pCommand->add_option("TEXT", options->sText, "the text")->type_name("")->required();
-    pCommand->add_flag("--priority", options->bPriority, "ahead of all ordinary messages");
+    pCommand->add_flag("--priority", options->bPriority, "put it ahead of all ordinary messages");
     pCommand->add_option("--repeat", options->sRepeat, "how often it is sent; 0: until its end (default 1)")
         ->type_name("N");
     addRequestOptions(pCommand, options->request, "10m, longer for many repeats");
-    pCommand->footer(
-        "After each sending the service sends no other message for 7 s and 1 s more for 5 bytes of "
-        "text.\nPrints the message's identity, which pccast cancel takes back.\n\n" +
-        helpExample("pccast message \"Fire drill at noon\" --priority --repeat 3"));
+    pCommand->footer("After each broadcast the service sends no message for 7 s, and 1 s more for every 5 "
+                     "bytes of text.\nPrints the message's identity, which pccast cancel takes back.\n\n" +
+                     helpExample("pccast message \"Fire drill at noon\" --priority --repeat 3"));
     pCommand->callback([options, &iExitCode] { iExitCode = message(*options); });
 }

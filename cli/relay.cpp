@@ -1,6 +1,7 @@
 // pccast relay - submits the cast of a live stream.
 #include "commands.h"
 #include "request.h"
+#include "submit.h"
 
 #include <CLI/CLI.hpp>
 
@@ -9,8 +10,8 @@
 
 namespace {
 
-struct RELAY_OPTIONS {
-    REQUEST_OPTIONS request;
+struct RelayOptions {
+    RequestOptions request;
     std::string sSource;
     std::string sDestination;
     std::string sFormat = "ts";
@@ -21,29 +22,18 @@ struct RELAY_OPTIONS {
     bool bChunks = false;
 };
 
-int relay(const RELAY_OPTIONS &options) {
-    CAST_REQUEST request{};
-    REQUEST_TIMES times{};
-    CAST_IDENTITY &identity = request.identity;
-    int iExit =
-        checkArgument("SOURCE", readEndpoint(options.sSource, &request.sSource, &request.usSourcePort));
+int relay(const RelayOptions &options) {
+    CastRequest request{};
+    RequestTimes times{};
+    CastIdentity &identity = request.identity;
+    int iExit = checkArguments(
+        {{"SOURCE", readEndpoint(options.sSource, &request.sSource, &request.usSourcePort)},
+         {"DESTINATION", readEndpoint(options.sDestination, &request.sDestination, &identity.usPort)},
+         {"--format", readFormat(options.sFormat, &identity.ulFormat)},
+         {"--type", readNumber(options.sType, CAST_TYPE_STREAM_2, &identity.ulType, CAST_TYPE_STREAM)},
+         {"--key", options.sKey.empty() ? "" : readKey(options.sKey, &request.key)}});
     if (iExit == EXIT_DONE) {
-        iExit = checkArgument("DESTINATION",
-                              readEndpoint(options.sDestination, &request.sDestination, &identity.usPort));
-    }
-    if (iExit == EXIT_DONE) {
-        iExit = checkArgument("--format", readFormat(options.sFormat, &identity.ulFormat));
-    }
-    if (iExit == EXIT_DONE) {
-        iExit = checkArgument(
-            "--type", readNumber(options.sType, CAST_TYPE_STREAM_2, &identity.ulType, CAST_TYPE_STREAM));
-    }
-    if (iExit == EXIT_DONE && !options.sKey.empty()) {
-        iExit = checkArgument("--key", readKey(options.sKey, &request.key));
-        request.iEncryptionType = options.bFastSeed ? CAST_ENCRYPTION_FAST_SEED : CAST_ENCRYPTION_SEED;
-    }
-    if (iExit == EXIT_DONE) {
-        iExit = readRequestOptions(options.request, CAST_DEFAULT_FOR, &times);
+        iExit = readRequestOptions(options.request, kCastDefaultFor, &times);
     }
     if (iExit != EXIT_DONE) {
         return iExit;
@@ -57,11 +47,12 @@ int relay(const RELAY_OPTIONS &options) {
     identity.ulST = times.ulST;
     identity.ulET = times.ulET;
     request.ulCT = times.ulCT;
+    request.iEncryptionType = options.bFastSeed ? CAST_ENCRYPTION_FAST_SEED : CAST_ENCRYPTION_SEED;
     request.iASFSplit = options.bChunks ? CAST_SPLIT_CHUNKS : CAST_SPLIT_NONE;
     warnWithoutStationFile(identity.ulFormat);
-    iExit = sendCast(options.request.sPlugin, CAST_CMD_START, request);
+    iExit = submitCast(options.request.sPlugin, CAST_CMD_START, request);
     if (iExit == EXIT_DONE) {
-        printf("%s\n", writeCastIdentity(identity).c_str());
+        std::printf("%s\n", writeCastIdentity(identity).c_str());
         sayAndReturn(EXIT_DONE, "relay of " + options.sSource + " to " + options.sDestination +
                                     " requested from " + writeTime(times.ulST) + " until " +
                                     writeTime(times.ulET) + "; pccast stop takes the line above");
@@ -73,12 +64,12 @@ int relay(const RELAY_OPTIONS &options) {
 
 void addRelayCommand(CLI::App &app, int &iExitCode) {
     auto *const pCommand = app.add_subcommand("relay", "cast the live stream that arrives at SOURCE");
-    auto options = std::make_shared<RELAY_OPTIONS>();
+    auto options = std::make_shared<RelayOptions>();
     pCommand
         ->add_option(
             "SOURCE", options->sSource,
-            "where the stream arrives: a group (joined on the loopback interface) or an address of this "
-            "machine")
+            "where the stream arrives: an address of this machine, or a group, which is joined on the "
+            "loopback interface")
         ->type_name("ADDRESS:PORT")
         ->required();
     pCommand->add_option("DESTINATION", options->sDestination, "the group that it is sent to")
@@ -93,16 +84,17 @@ void addRelayCommand(CLI::App &app, int &iExitCode) {
         ->type_name("N");
     auto *const pKey = pCommand
                            ->add_option("--key", options->sKey,
-                                        "decrypt with this key, up to 16 bytes (shorter: "
-                                        "zeros follow)")
+                                        "decrypt with this key of up to 16 bytes; a shorter one is "
+                                        "filled up with zeros")
                            ->type_name("HEX");
     auto *const pSeed =
         pCommand->add_flag("--seed", options->bSeed, "the key is for SEED (the default)")->needs(pKey);
     pCommand->add_flag("--fast-seed", options->bFastSeed, "the key is for SEED in its fast variant")
         ->needs(pKey)
         ->excludes(pSeed);
-    pCommand->add_flag("--chunks", options->bChunks,
-                       "each datagram holds chunks behind 16-bit little-endian lengths; send each alone");
+    pCommand->add_flag(
+        "--chunks", options->bChunks,
+        "a datagram holds chunks, each after its 16-bit little-endian length; send each alone");
     pCommand->footer(
         "Prints the cast's identity, which pccast stop takes back.\n\n" +
         helpExample("pccast relay 239.0.0.1:4000 239.1.2.3:5000 --epg 7 --start 18:00 --for 2h"));

@@ -1,7 +1,9 @@
 #include "request.h"
 
 #include "castformat.h"
+#include "clitext.h"
 #include "commands.h"
+#include "pluginloader.h"
 
 #include <CLI/CLI.hpp>
 #include <unistd.h>
@@ -9,11 +11,9 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
 
-void addRequestOptions(CLI::App *pCommand, REQUEST_OPTIONS &options, const char *pszDefaultFor) {
+void addRequestOptions(CLI::App *pCommand, RequestOptions &options, const char *pszDefaultFor) {
     pCommand->add_option("--epg", options.sEPG, "the programme that it belongs to (default 1)")
         ->type_name("N");
     pCommand->add_option("--start", options.sStart, "when it starts (default now)")->type_name("TIME");
@@ -26,26 +26,22 @@ void addRequestOptions(CLI::App *pCommand, REQUEST_OPTIONS &options, const char 
     addPluginOption(pCommand, options.sPlugin);
 }
 
-int readRequestOptions(const REQUEST_OPTIONS &options, unsigned long ulDefaultFor, REQUEST_TIMES *pTimes) {
+int readRequestOptions(const RequestOptions &options, unsigned long ulDefaultFor, RequestTimes *pTimes) {
     const unsigned long ulNow = vexa_time(nullptr);
-    REQUEST_TIMES times{0, ulNow, 0, 0};
-    int iExit = checkArgument("--epg", readNumber(options.sEPG, CLI_WIRE_MAX, &times.ulEPGID));
-    if (iExit == EXIT_DONE) {
-        iExit = checkArgument("--start", readTime(options.sStart, ulNow, &times.ulST));
-    }
-    if (iExit == EXIT_DONE && !options.sEnd.empty()) {
-        iExit = checkArgument("--end", readTime(options.sEnd, ulNow, &times.ulET));
-    } else if (iExit == EXIT_DONE) {
-        unsigned long ulFor = ulDefaultFor;
-        if (!options.sFor.empty()) {
-            iExit = checkArgument("--for", readDuration(options.sFor, &ulFor));
-        }
-        times.ulET = times.ulST + ulFor;
-    }
+    RequestTimes times{0, ulNow, 0, 0};
+    unsigned long ulFor = ulDefaultFor;
+    const int iExit =
+        checkArguments({{"--epg", readNumber(options.sEPG, kNumberMax, &times.ulEPGID)},
+                        {"--start", readTime(options.sStart, ulNow, &times.ulST)},
+                        {"--end", options.sEnd.empty() ? "" : readTime(options.sEnd, ulNow, &times.ulET)},
+                        {"--for", options.sFor.empty() ? "" : readDuration(options.sFor, &ulFor)}});
     if (iExit != EXIT_DONE) {
         return iExit;
     }
-    if (times.ulET > CLI_WIRE_MAX) {
+    if (options.sEnd.empty()) {
+        times.ulET = times.ulST + ulFor;
+    }
+    if (times.ulET > kNumberMax) {
         return sayAndReturn(EXIT_BAD_DATA,
                             "the end would lie beyond 2106-02-07T06:28:15Z, the last time that fits "
                             "the 32 bits on the wire; give an earlier end or a shorter duration");
@@ -56,74 +52,19 @@ int readRequestOptions(const REQUEST_OPTIONS &options, unsigned long ulDefaultFo
     }
     if (times.ulET <= times.ulST) {
         return sayAndReturn(EXIT_BAD_DATA, "the end, " + writeTime(times.ulET) +
-                                               ", does not lie after the start, " + writeTime(times.ulST) +
+                                               ", is not after the start, " + writeTime(times.ulST) +
                                                "; give a later end or a longer duration");
     }
     *pTimes = times;
     return EXIT_DONE;
 }
 
-int sendCast(const std::string &sPlugin, unsigned long ulCMD, const CAST_REQUEST &request) {
-    PLUGIN plugin{};
-    const int iLoaded = loadPlugin(sPlugin, &plugin);
-    if (iLoaded != EXIT_DONE) {
-        return iLoaded;
-    }
-    CASTInfo *pInfo = nullptr;
-    if (plugin.pMakeCast(&pInfo, request.sSource.c_str(), request.sDestination.c_str(), request.sFile.c_str(),
-                         request.identity.ulType) != 1) {
-        return sayAndReturn(EXIT_INTERNAL, "no memory for the request");
-    }
-    const auto release = [&plugin](CASTInfo *pRecord) { plugin.pEliminateCast(&pRecord); };
-    const std::unique_ptr<CASTInfo, decltype(release)> guard(pInfo, release);
-    pInfo->uliEPGID = request.identity.ulEPGID;
-    pInfo->ulCT = request.ulCT;
-    pInfo->ulSTREAMFormat = request.identity.ulFormat;
-    pInfo->ulST = request.identity.ulST;
-    pInfo->ulET = request.identity.ulET;
-    pInfo->usSRCPort = request.usSourcePort;
-    pInfo->usDSTPort = request.identity.usPort;
-    pInfo->ulMSID = request.ulMSID;
-    pInfo->iASFSplit = request.iASFSplit;
-    if (!request.key.empty()) {
-        pInfo->pEncryptionKey = static_cast<unsigned char *>(malloc(request.key.size()));
-        if (pInfo->pEncryptionKey == nullptr) {
-            return sayAndReturn(EXIT_INTERNAL, "no memory for the key");
-        }
-        memcpy(pInfo->pEncryptionKey, request.key.data(), request.key.size());
-        pInfo->iEncryptionKeyLen = static_cast<int>(request.key.size());
-        pInfo->iEncryptionType = request.iEncryptionType;
-    }
-    return submitCast(plugin, ulCMD, pInfo);
-}
-
-int sendMessage(const std::string &sPlugin, unsigned long ulCMD, const MESSAGE_IDENTITY &identity,
-                unsigned long ulRepeat, const std::string &sText) {
-    PLUGIN plugin{};
-    const int iLoaded = loadPlugin(sPlugin, &plugin);
-    if (iLoaded != EXIT_DONE) {
-        return iLoaded;
-    }
-    MSGInfo *pInfo = nullptr;
-    if (plugin.pMakeMessage(&pInfo, sText.c_str()) != 1) {
-        return sayAndReturn(EXIT_INTERNAL, "no memory for the message");
-    }
-    const auto release = [&plugin](MSGInfo *pRecord) { plugin.pEliminateMessage(&pRecord); };
-    const std::unique_ptr<MSGInfo, decltype(release)> guard(pInfo, release);
-    pInfo->uliEPGID = identity.ulEPGID;
-    pInfo->ulPriority = identity.bPriority ? 1 : 0;
-    pInfo->ulCT = identity.ulCT;
-    pInfo->ulST = identity.ulST;
-    pInfo->ulET = identity.ulET;
-    pInfo->ulRepeat = ulRepeat;
-    return submitMessage(plugin, ulCMD, pInfo);
-}
-
 void warnWithoutStationFile(unsigned long ulFormat) {
     if (isASFFormat(ulFormat) && access(kStationFile, R_OK) != 0) {
-        fprintf(stderr,
-                "pccast: note: %s: %s; without it an ASF cast is not announced and a file of it not played "
-                "(pccast station writes one)\n",
-                kStationFile, strerror(errno));
+        std::fprintf(
+            stderr,
+            "pccast: note: %s: %s; without it ASF casts are not announced and ASF files are not played "
+            "(pccast station writes one)\n",
+            kStationFile, std::strerror(errno));
     }
 }

@@ -1,25 +1,20 @@
-// request.h - what the commands that submit a request have in common: the options for programme and times,
-// and the sending of a cast or message record.
+// request.h - the options that all requests share: the programme and the times, and what is said of them.
 //
-// Called in the main thread. The records are made and released here, by the plug-in's own operations.
+// Used by relay, file and message in the main thread.
 #ifndef PCCAST_CLI_REQUEST_H
 #define PCCAST_CLI_REQUEST_H
 
-#include "clitext.h"
-#include "service.h"
-
 #include <string>
-#include <vector>
 
 namespace CLI {
 class App;
 }
 
 // Seconds that a cast lasts when neither --end nor --for is given: 1h.
-constexpr unsigned long CAST_DEFAULT_FOR = 3600;
+constexpr unsigned long kCastDefaultFor = 3600;
 
-// The options as given; addRequestOptions fills in what is not.
-struct REQUEST_OPTIONS {
+// The options as given. The preset values hold for those that are not.
+struct RequestOptions {
     std::string sEPG = "1";
     std::string sStart = "now";
     std::string sEnd;
@@ -28,40 +23,21 @@ struct REQUEST_OPTIONS {
 };
 
 // The options as read.
-struct REQUEST_TIMES {
+struct RequestTimes {
     unsigned long ulEPGID;
     unsigned long ulCT; // now
     unsigned long ulST;
     unsigned long ulET;
 };
 
-// A cast request before it is one: texts and key are copied into the record.
-struct CAST_REQUEST {
-    CAST_IDENTITY identity; // with it the destination port
-    unsigned long ulCT;
-    std::string sSource;
-    unsigned short usSourcePort;
-    std::string sDestination;
-    std::string sFile;
-    unsigned long ulMSID;
-    int iEncryptionType;
-    std::vector<unsigned char> key;
-    int iASFSplit;
-};
-
 // pszDefaultFor: the help's words for how long it lasts when neither --end nor --for is given.
-void addRequestOptions(CLI::App *pCommand, REQUEST_OPTIONS &options, const char *pszDefaultFor);
+void addRequestOptions(CLI::App *pCommand, RequestOptions &options, const char *pszDefaultFor);
 
-// ulDefaultFor: seconds from start to end when neither --end nor --for is given. Returns EXIT_DONE;
-// EXIT_USAGE or EXIT_BAD_DATA (an end that has passed or does not follow the start), said on standard error.
-int readRequestOptions(const REQUEST_OPTIONS &options, unsigned long ulDefaultFor, REQUEST_TIMES *pTimes);
+// ulDefaultFor: seconds from start to end when neither --end nor --for is given. Returns EXIT_DONE, or
+// EXIT_USAGE or EXIT_BAD_DATA (the end has passed, or is not after the start), said on standard error.
+int readRequestOptions(const RequestOptions &options, unsigned long ulDefaultFor, RequestTimes *pTimes);
 
-// Loads the plug-in and submits; the exit code, everything but success said on standard error.
-int sendCast(const std::string &sPlugin, unsigned long ulCMD, const CAST_REQUEST &request);
-int sendMessage(const std::string &sPlugin, unsigned long ulCMD, const MESSAGE_IDENTITY &identity,
-                unsigned long ulRepeat, const std::string &sText);
-
-// Says on standard error when an ASF cast lacks the host's station file.
+// Says on standard error when the cast is an ASF cast and this machine has no station file.
 void warnWithoutStationFile(unsigned long ulFormat);
 
 #endif

@@ -6,25 +6,25 @@
 namespace {
 
 // One character at the front of a text.
-struct CHARACTER {
+struct Character {
     size_t uBytes;
     unsigned int uiCode; // its code point
-    bool bValid;         // false: one byte that is no UTF-8
+    bool bValid;         // false: one byte that is not UTF-8
 };
 
-// The lengths of UTF-8 by first byte, with the smallest code point that may be written so long.
-struct LEAD {
+// The first byte of a character tells its length. A code point below uiSmallest must be written shorter.
+struct Lead {
     unsigned int uiMask;
     unsigned int uiLead;
     unsigned int uiSmallest;
 };
-constexpr std::array<LEAD, 4> LEADS{
+constexpr std::array<Lead, 4> kLeads{
     {{0x80, 0x00, 0}, {0xE0, 0xC0, 0x80}, {0xF0, 0xE0, 0x800}, {0xF8, 0xF0, 0x10000}}};
 
-CHARACTER firstCharacter(std::string_view sText) {
+Character firstCharacter(std::string_view sText) {
     const unsigned int uiFirst = static_cast<unsigned char>(sText.front());
-    for (size_t uMore = 0; uMore < LEADS.size(); ++uMore) {
-        const LEAD &lead = LEADS[uMore];
+    for (size_t uMore = 0; uMore < kLeads.size(); ++uMore) {
+        const Lead &lead = kLeads[uMore];
         if ((uiFirst & lead.uiMask) != lead.uiLead || sText.size() <= uMore) {
             continue;
         }
@@ -50,7 +50,7 @@ bool isControl(unsigned int uiCode) {
            (uiCode >= 0x2060 && uiCode <= 0x206F) || uiCode == 0xFEFF;
 }
 
-// Wide scripts and pictures take two columns; counting one too many only leaves a gap.
+// Wide scripts and pictures take two columns. A count that is one too high only leaves a gap.
 size_t columnsOf(unsigned int uiCode) {
     if (uiCode >= 0x0300 && uiCode < 0x0370) {
         return 0; // combining accents
@@ -61,7 +61,7 @@ size_t columnsOf(unsigned int uiCode) {
 // At least iDigits hexadecimal digits.
 std::string hex(unsigned int uiValue, int iDigits) {
     std::array<char, 16> aText{};
-    snprintf(aText.data(), aText.size(), "%0*x", iDigits, uiValue);
+    std::snprintf(aText.data(), aText.size(), "%0*x", iDigits, uiValue);
     return aText.data();
 }
 
@@ -70,7 +70,7 @@ std::string hex(unsigned int uiValue, int iDigits) {
 std::string textForTerminal(std::string_view sText) {
     std::string sSafe;
     while (!sText.empty()) {
-        const CHARACTER character = firstCharacter(sText);
+        const Character character = firstCharacter(sText);
         if (!character.bValid || (character.uiCode < 0x20 && character.uiCode != '\n')) {
             sSafe += "\\x" + hex(character.uiCode, 2);
         } else if (character.uiCode == '\n') {
@@ -90,7 +90,7 @@ std::string textForTerminal(std::string_view sText) {
 std::string textForJSON(std::string_view sText) {
     std::string sJSON = "\"";
     while (!sText.empty()) {
-        const CHARACTER character = firstCharacter(sText);
+        const Character character = firstCharacter(sText);
         if (!character.bValid) {
             sJSON += "\\ufffd";
         } else if (character.uiCode == '"' || character.uiCode == '\\') {
@@ -108,7 +108,7 @@ std::string textForJSON(std::string_view sText) {
 
 bool isUTF8(std::string_view sText) {
     while (!sText.empty()) {
-        const CHARACTER character = firstCharacter(sText);
+        const Character character = firstCharacter(sText);
         if (!character.bValid) {
             return false;
         }
@@ -128,7 +128,7 @@ std::string textAsHex(std::string_view sText) {
 size_t textColumns(std::string_view sText) {
     size_t uColumns = 0;
     while (!sText.empty()) {
-        const CHARACTER character = firstCharacter(sText);
+        const Character character = firstCharacter(sText);
         uColumns += columnsOf(character.uiCode);
         sText.remove_prefix(character.uBytes);
     }
@@ -142,7 +142,7 @@ std::string textCut(std::string_view sText, size_t uColumns) {
     std::string sFront;
     size_t uTaken = 0;
     while (!sText.empty()) {
-        const CHARACTER character = firstCharacter(sText);
+        const Character character = firstCharacter(sText);
         uTaken += columnsOf(character.uiCode);
         if (uTaken + 1 > uColumns) {
             break;

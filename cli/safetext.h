@@ -1,4 +1,4 @@
-// safetext.h - texts from the network made fit for a terminal and for JSON.
+// safetext.h - makes texts from the network safe for a terminal and for JSON.
 //
 // Received bytes may be anything: escape sequences, half characters, text that runs backwards. Pure
 // functions.
@@ -8,20 +8,21 @@
 #include <string>
 #include <string_view>
 
-// The text with every control and direction character and every byte that is no UTF-8 written as \n, \xNN or
-// \u{NNNN}, and a backslash doubled, so that the result is one line and cannot steer the terminal.
+// Writes every control character, every direction character and every byte that is not UTF-8 as \n, \xNN or
+// \u{NNNN}, and doubles a backslash. The result is one line and cannot steer the terminal.
 std::string textForTerminal(std::string_view sText);
 
-// As a JSON string, quotes included. Bytes that are no UTF-8 become U+FFFD; isUTF8 tells whether any did.
+// The text as a JSON string, with its quotes. Bytes that are not UTF-8 become U+FFFD; isUTF8 tells whether
+// there are any.
 std::string textForJSON(std::string_view sText);
 bool isUTF8(std::string_view sText);
 
-// Two hexadecimal digits a byte.
+// Two hexadecimal digits for each byte.
 std::string textAsHex(std::string_view sText);
 
-// Columns that a text of textForTerminal takes, and its front part that takes at most uColumns, the last one
-// an ellipsis where something was cut.
+// The columns that a result of textForTerminal takes on the screen.
 size_t textColumns(std::string_view sText);
+// Cuts the text to at most uColumns columns. An ellipsis in the last column shows that something was cut.
 std::string textCut(std::string_view sText, size_t uColumns);
 
 #endif

@@ -1,7 +1,10 @@
-// pccast serve - the host process: loads the plug-in, opens it, runs until it is told to end, closes it.
+// pccast serve - the host process. It loads and opens the plug-in, waits for a signal, and closes the
+// plug-in.
 #include "commands.h"
 #include "interface.h"
-#include "service.h"
+#include "localsocket.h"
+#include "pluginloader.h"
+#include "wire.h"
 
 #include <CLI/CLI.hpp>
 #include <arpa/inet.h>
@@ -22,18 +25,19 @@
 
 namespace {
 
-struct SERVE_OPTIONS {
+struct ServeOptions {
     std::string sInterface;
     std::string sPlugin;
 };
 
-constexpr std::array<const char *, 2> SOCKETS{PCCAST_CAST_SOCKET, PCCAST_MESSAGE_SOCKET};
-constexpr std::chrono::milliseconds LOOK_INTERVAL{20};
-constexpr int LISTEN_LOOKS = 250; // 5 s for both sockets to be served
+constexpr std::array<const char *, 2> kSockets{PCCAST_CAST_SOCKET, PCCAST_MESSAGE_SOCKET};
+constexpr std::chrono::milliseconds kLookInterval{20};
+constexpr int kListenLooks = 250; // 5 s for both sockets to be served
 
-// Says why the sockets cannot be had when another service serves one of them, or something is in the way.
+// Returns EXIT_DONE when both sockets are free. Else another service or something else is in the way: says
+// so.
 int checkSocketsFree() {
-    for (const char *pszSocket : SOCKETS) {
+    for (const char *pszSocket : kSockets) {
         const int iError = probeSocket(pszSocket);
         if (iError == EACCES) {
             return sayForeignSocket(pszSocket);
@@ -42,40 +46,41 @@ int checkSocketsFree() {
             return sayAndReturn(EXIT_UNAVAILABLE, std::string("another service already listens on ") +
                                                       pszSocket + "; end that one first");
         }
-        // A refused connection is a stale file, which the service replaces; no file is the usual case.
+        // ECONNREFUSED means that the file is stale: the service replaces it. ENOENT is the usual case.
         if (iError != ENOENT && iError != ECONNREFUSED) {
             return sayAndReturn(EXIT_UNAVAILABLE,
-                                std::string(pszSocket) + " cannot be used: " + strerror(iError));
+                                std::string(pszSocket) + " cannot be used: " + std::strerror(iError));
         }
     }
     return EXIT_DONE;
 }
 
-// Without a route every announcement, message and relay would fail, one by one: say it once, beforehand. The
-// service runs all the same, for a route may come. Connecting a datagram socket sends nothing.
+// Without a route every announcement, message and relay would fail, one by one. Say it once, beforehand. The
+// service still runs, because a route may be added later. Connecting a datagram socket sends nothing.
 void warnWithoutRoute() {
     struct sockaddr_in group {};
     group.sin_family = AF_INET;
-    group.sin_port = htons(7890);
-    inet_pton(AF_INET, "224.9.9.9", &group.sin_addr);
+    group.sin_port = htons(wire::announcement::kPort);
+    inet_pton(AF_INET, wire::kGroup, &group.sin_addr);
     const int iSocket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (iSocket < 0) {
         return;
     }
     if (connect(iSocket, reinterpret_cast<const struct sockaddr *>(&group), sizeof group) != 0) {
-        sayAndReturn(EXIT_DONE, std::string("nothing can be sent to 224.9.9.9: ") + strerror(errno) +
+        sayAndReturn(EXIT_DONE, std::string("nothing can be sent to ") + wire::kGroup + ": " +
+                                    std::strerror(errno) +
                                     "; give --interface, or a route: ip route add 224.0.0.0/4 dev eth0");
     }
     close(iSocket);
 }
 
-// The open call succeeds also when a socket cannot be had, so look. Returns the socket that nobody serves in
-// time, null when both are served.
+// The plug-in opens even if it cannot have a socket, so look. Returns the socket that is not served in time,
+// null when both are served.
 const char *waitUntilServed() {
     const char *pszMissing = nullptr;
-    for (int i = 0; i < LISTEN_LOOKS; ++i) {
+    for (int i = 0; i < kListenLooks; ++i) {
         pszMissing = nullptr;
-        for (const char *pszSocket : SOCKETS) {
+        for (const char *pszSocket : kSockets) {
             if (probeSocket(pszSocket) != 0) {
                 pszMissing = pszSocket;
             }
@@ -83,13 +88,13 @@ const char *waitUntilServed() {
         if (pszMissing == nullptr) {
             return nullptr;
         }
-        std::this_thread::sleep_for(LOOK_INTERVAL);
+        std::this_thread::sleep_for(kLookInterval);
     }
     return pszMissing;
 }
 
-// Closes on a thread of its own, so that a further signal gets an answer meanwhile.
-int closePlugin(const PLUGIN &plugin, const sigset_t &signals) {
+// Closes the plug-in on a thread of its own, so that this one can answer further signals.
+int closePlugin(const Plugin &plugin, const sigset_t &signals) {
     std::atomic<bool> bClosed{false};
     int iResult = 0;
     std::thread closer([&] {
@@ -100,15 +105,15 @@ int closePlugin(const PLUGIN &plugin, const sigset_t &signals) {
     while (!bClosed.load()) {
         const int iSignal = sigtimedwait(&signals, nullptr, &interval);
         if (iSignal > 0) {
-            printf("pccast: %s: already closing, one moment\n", strsignal(iSignal));
+            std::printf("pccast: %s: already closing, one moment\n", strsignal(iSignal));
         }
     }
     closer.join();
     return iResult;
 }
 
-int serve(const SERVE_OPTIONS &options) {
-    setvbuf(stdout, nullptr, _IOLBF, 0);
+int serve(const ServeOptions &options) {
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
     int iExit = checkInterface(options.sInterface);
     if (iExit != EXIT_DONE) {
         return iExit;
@@ -117,7 +122,7 @@ int serve(const SERVE_OPTIONS &options) {
         setenv("KTNET_MULTICAST_IF", options.sInterface.c_str(), 1);
     }
 
-    PLUGIN plugin{};
+    Plugin plugin{};
     iExit = loadPlugin(options.sPlugin, &plugin);
     if (iExit == EXIT_DONE) {
         iExit = checkSocketsFree();
@@ -126,7 +131,7 @@ int serve(const SERVE_OPTIONS &options) {
         return iExit;
     }
 
-    // Blocked before any thread starts: only the wait below takes them.
+    // Block the signals before any thread starts: then only the wait below takes them.
     sigset_t signals;
     sigemptyset(&signals);
     for (int iSignal : {SIGINT, SIGTERM, SIGHUP}) {
@@ -143,12 +148,13 @@ int serve(const SERVE_OPTIONS &options) {
         return sayAndReturn(EXIT_UNAVAILABLE, std::string("the service did not start to listen on ") +
                                                   pszMissing + "; its reason is above");
     }
-    printf("pccast: %s %u.%u.%u.%u serves casts on %s and messages on %s, sending by %s; Ctrl-C or SIGTERM "
-           "ends it\n",
-           plugin.pName(), plugin.pVersion() >> 24, plugin.pVersion() >> 16 & 0xFF,
-           plugin.pVersion() >> 8 & 0xFF, plugin.pVersion() & 0xFF, SOCKETS[0], SOCKETS[1],
-           options.sInterface.empty() ? "the interface that the routing table names"
-                                      : options.sInterface.c_str());
+    std::printf(
+        "pccast: %s %u.%u.%u.%u serves casts on %s and messages on %s, sending by %s; Ctrl-C or SIGTERM "
+        "ends it\n",
+        plugin.pName(), plugin.pVersion() >> 24, plugin.pVersion() >> 16 & 0xFF,
+        plugin.pVersion() >> 8 & 0xFF, plugin.pVersion() & 0xFF, kSockets[0], kSockets[1],
+        options.sInterface.empty() ? "the interface that the routing table names"
+                                   : options.sInterface.c_str());
 
     if (options.sInterface.empty()) {
         warnWithoutRoute();
@@ -156,11 +162,11 @@ int serve(const SERVE_OPTIONS &options) {
 
     int iSignal = 0;
     sigwait(&signals, &iSignal);
-    printf("pccast: %s: closing the service\n", strsignal(iSignal));
+    std::printf("pccast: %s: closing the service\n", strsignal(iSignal));
     if (closePlugin(plugin, signals) != 1) {
         return sayAndReturn(EXIT_INTERNAL, "the plug-in did not close cleanly");
     }
-    printf("pccast: closed\n");
+    std::printf("pccast: closed\n");
     return EXIT_DONE;
 }
 
@@ -169,7 +175,7 @@ int serve(const SERVE_OPTIONS &options) {
 void addServeCommand(CLI::App &app, int &iExitCode) {
     auto *const pCommand =
         app.add_subcommand("serve", "run the service in this process until Ctrl-C or SIGTERM");
-    auto options = std::make_shared<SERVE_OPTIONS>();
+    auto options = std::make_shared<ServeOptions>();
     pCommand->add_option("--interface", options->sInterface, "send multicast by this interface")
         ->type_name("NAME|ADDRESS");
     addPluginOption(pCommand, options->sPlugin);

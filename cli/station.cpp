@@ -1,4 +1,4 @@
-// pccast station - writes the station file that goes with an ASF file, or shows one.
+// pccast station - writes an ASF file's station file, or shows one.
 #include "commands.h"
 #include "safetext.h"
 
@@ -18,7 +18,7 @@
 
 namespace {
 
-struct STATION_OPTIONS {
+struct StationOptions {
     std::string sFile;
     std::string sGroup;
     unsigned int uiPort = 0;
@@ -28,8 +28,8 @@ struct STATION_OPTIONS {
     bool bShow = false;
 };
 
-// Reads the head of an ASF file, up to its first data packet, as the station's one format.
-// Returns an exit code; what is wrong has been said.
+// Reads the head of an ASF file, up to its first data packet, as the one format of the station. Returns
+// EXIT_DONE, or an exit code after saying what is wrong.
 int readFormatOf(const std::string &sFile, NSCFORMAT &format) {
     std::string sReason;
     const int iFile = fileOpenRegular(sFile.c_str(), sReason);
@@ -41,7 +41,7 @@ int readFormatOf(const std::string &sFile, NSCFORMAT &format) {
     ASFHEADER header;
     const bool bRead = asfReadHeader(window, header, sReason);
     if (bRead) {
-        // The header object and the data object's own head, which may lie further back.
+        // The header object, and the head of the data object. Other objects may lie between them.
         const std::pair<unsigned long long, std::size_t> aPart[] = {{0, header.ullHeaderSize},
                                                                     {header.ullDataOffset, ASF_DATA_HEADER}};
         for (const auto &[ullOffset, ulSize] : aPart) {
@@ -59,7 +59,7 @@ int readFormatOf(const std::string &sFile, NSCFORMAT &format) {
     return EXIT_DONE;
 }
 
-// Puts the text into sFile as a whole or not at all: the service may be reading the old one.
+// Writes the whole text to sFile or leaves the old file as it is: the service may be reading it.
 int replaceFile(const std::string &sFile, const std::string &sText) {
     const std::string sNew = sFile + ".new";
     const int iFile = open(sNew.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -69,17 +69,17 @@ int replaceFile(const std::string &sFile, const std::string &sText) {
         bWritten = lWritten > 0;
         ulAt += bWritten ? static_cast<std::size_t>(lWritten) : 0;
     }
-    if (bWritten && close(iFile) == 0 && rename(sNew.c_str(), sFile.c_str()) == 0) {
+    if (bWritten && close(iFile) == 0 && std::rename(sNew.c_str(), sFile.c_str()) == 0) {
         return EXIT_DONE;
     }
-    const std::string sReason = strerror(errno);
+    const std::string sReason = std::strerror(errno);
     if (iFile >= 0) {
         unlink(sNew.c_str());
     }
     return sayAndReturn(EXIT_INTERNAL, sFile + " cannot be written: " + sReason);
 }
 
-int writeStation(const STATION_OPTIONS &options) {
+int writeStation(const StationOptions &options) {
     NSCSTATION station;
     std::string sReason;
     if (options.sGroup.empty() || options.uiPort == 0) {
@@ -102,25 +102,25 @@ int writeStation(const STATION_OPTIONS &options) {
     if (!options.sOutput.empty() && options.sOutput != "-") {
         return replaceFile(options.sOutput, sText);
     }
-    fwrite(sText.data(), 1, sText.size(), stdout);
+    std::fwrite(sText.data(), 1, sText.size(), stdout);
     return EXIT_DONE;
 }
 
-int showStation(const STATION_OPTIONS &options) {
+int showStation(const StationOptions &options) {
     NSCSTATION station;
     std::string sReason;
     if (!nscRead(options.sFile.c_str(), station, sReason)) {
         const bool bThere = access(options.sFile.c_str(), R_OK) == 0;
         return sayAndReturn(bThere ? EXIT_BAD_DATA : EXIT_NO_INPUT, options.sFile + ": " + sReason);
     }
-    printf("name        %s\n", textForTerminal(station.sName).c_str());
-    printf("version     %s\n", textForTerminal(station.sVersion).c_str());
-    printf("target      %s:%u\n", station.sAddress.c_str(), station.usPort);
-    printf("hop limit   %s\n", station.iHops < 0 ? "not named" : std::to_string(station.iHops).c_str());
+    std::printf("name        %s\n", textForTerminal(station.sName).c_str());
+    std::printf("version     %s\n", textForTerminal(station.sVersion).c_str());
+    std::printf("target      %s:%u\n", station.sAddress.c_str(), station.usPort);
+    std::printf("hop limit   %s\n", station.iHops < 0 ? "not named" : std::to_string(station.iHops).c_str());
     for (const NSCFORMAT &format : station.Formats) {
-        printf("format %-4u Format ID %u, header of %zu bytes%s%s\n", format.uiIndex, format.uiFormatID,
-               format.Header.size(), format.sDescription.empty() ? "" : ", ",
-               textForTerminal(format.sDescription).c_str());
+        std::printf("format %-4u Format ID %u, header of %zu bytes%s%s\n", format.uiIndex, format.uiFormatID,
+                    format.Header.size(), format.sDescription.empty() ? "" : ", ",
+                    textForTerminal(format.sDescription).c_str());
     }
     return EXIT_DONE;
 }
@@ -129,20 +129,20 @@ int showStation(const STATION_OPTIONS &options) {
 
 void addStationCommand(CLI::App &app, int &iExitCode) {
     auto *const pCommand =
-        app.add_subcommand("station", "write the station file that an ASF file is cast with, or show one");
-    auto options = std::make_shared<STATION_OPTIONS>();
+        app.add_subcommand("station", "write the station file of an ASF file, or show one");
+    auto options = std::make_shared<StationOptions>();
     pCommand->add_option("FILE", options->sFile, "the ASF file; with --show the station file")
         ->type_name("")
         ->required();
     auto *const pShow = pCommand->add_flag("--show", options->bShow, "print what the station file says");
-    pCommand->add_option("--group", options->sGroup, "where its packets go")
+    pCommand->add_option("--group", options->sGroup, "the group that its packets go to")
         ->type_name("ADDRESS")
         ->excludes(pShow);
-    pCommand->add_option("--port", options->uiPort, "and to which UDP port")
+    pCommand->add_option("--port", options->uiPort, "the UDP port that they go to")
         ->type_name("N")
         ->check(CLI::Range(1, 65535))
         ->excludes(pShow);
-    pCommand->add_option("--ttl", options->iHops, "multicast hop limit; without it the caster's own, 16")
+    pCommand->add_option("--ttl", options->iHops, "multicast hop limit (default: the service uses 16)")
         ->type_name("N")
         ->check(CLI::Range(0, 255))
         ->excludes(pShow);

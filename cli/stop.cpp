@@ -1,6 +1,9 @@
-// pccast stop - takes a cast request back: the equal one that still waits, else the cast on air.
+// pccast stop - takes the equal cast request back if it still waits, else ends the cast on air.
 #include "commands.h"
-#include "request.h"
+#include "pluginloader.h"
+#include "submit.h"
+
+#include "castformat.h"
 
 #include <CLI/CLI.hpp>
 #include <vexa_pgl.h>
@@ -9,7 +12,7 @@
 
 namespace {
 
-struct STOP_OPTIONS {
+struct StopOptions {
     std::string sIdentity;
     std::string sEPG;
     std::string sType = "2";
@@ -20,33 +23,23 @@ struct STOP_OPTIONS {
     std::string sPlugin;
 };
 
-int readParts(const STOP_OPTIONS &options, unsigned long ulNow, CAST_IDENTITY *pIdentity) {
+int readParts(const StopOptions &options, unsigned long ulNow, CastIdentity *pIdentity) {
     unsigned long ulPort = 0;
-    int iExit = checkArgument("--epg", readNumber(options.sEPG, CLI_WIRE_MAX, &pIdentity->ulEPGID));
-    if (iExit == EXIT_DONE) {
-        iExit = checkArgument(
-            "--type", readNumber(options.sType, CAST_TYPE_STREAM_2, &pIdentity->ulType, CAST_TYPE_FILE));
-    }
-    if (iExit == EXIT_DONE) {
-        iExit = checkArgument("--start", readTime(options.sStart, ulNow, &pIdentity->ulST));
-    }
-    if (iExit == EXIT_DONE) {
-        iExit = checkArgument("--end", readTime(options.sEnd, ulNow, &pIdentity->ulET));
-    }
-    if (iExit == EXIT_DONE) {
-        iExit = checkArgument("--port", readNumber(options.sPort, 65535, &ulPort, 1));
-    }
-    if (iExit == EXIT_DONE) {
-        iExit = checkArgument("--format", readFormat(options.sFormat, &pIdentity->ulFormat));
-    }
+    const int iExit = checkArguments(
+        {{"--epg", readNumber(options.sEPG, kNumberMax, &pIdentity->ulEPGID)},
+         {"--type", readNumber(options.sType, CAST_TYPE_STREAM_2, &pIdentity->ulType, CAST_TYPE_FILE)},
+         {"--start", readTime(options.sStart, ulNow, &pIdentity->ulST)},
+         {"--end", readTime(options.sEnd, ulNow, &pIdentity->ulET)},
+         {"--port", readNumber(options.sPort, 65535, &ulPort, 1)},
+         {"--format", readFormat(options.sFormat, &pIdentity->ulFormat)}});
     pIdentity->usPort = static_cast<unsigned short>(ulPort);
     return iExit;
 }
 
-// Says why there is no use in stopping a cast whose end has passed. Only a relay ends at it.
-int sayItsTimeIsOver(const CAST_IDENTITY &identity) {
+// Says why a cast whose end time has passed cannot be stopped. Only a relay ends at that time.
+int sayItsTimeIsOver(const CastIdentity &identity) {
     const std::string sOver = writeTime(identity.ulET);
-    if (identity.ulType != CAST_TYPE_FILE) {
+    if (isStream(identity.ulType)) {
         return sayAndReturn(EXIT_BAD_DATA,
                             "that cast ended by itself at " + sOver + "; there is nothing left to stop");
     }
@@ -59,12 +52,12 @@ int sayItsTimeIsOver(const CAST_IDENTITY &identity) {
             std::to_string(identity.usPort) + " --format " + writeFormat(identity.ulFormat));
 }
 
-int stop(const STOP_OPTIONS &options) {
+int stop(const StopOptions &options) {
     const unsigned long ulNow = vexa_time(nullptr);
-    CAST_REQUEST request{};
+    CastRequest request{};
     int iExit = EXIT_DONE;
     if (!options.sIdentity.empty()) {
-        iExit = checkArgument("IDENTITY", readCastIdentity(options.sIdentity, &request.identity));
+        iExit = checkArguments({{"IDENTITY", readCastIdentity(options.sIdentity, &request.identity)}});
     } else if (options.sEPG.empty() || options.sStart.empty() || options.sEnd.empty() ||
                options.sPort.empty()) {
         iExit =
@@ -80,13 +73,13 @@ int stop(const STOP_OPTIONS &options) {
         return sayItsTimeIsOver(request.identity);
     }
 
-    // The rest of a stop request takes part in nothing, but a record is complete only with it.
+    // The service uses nothing of the rest, but it refuses a record without it.
     request.ulCT = ulNow;
     request.sSource = "0.0.0.0";
     request.usSourcePort = request.identity.usPort;
     request.sDestination = "0.0.0.0";
     request.sFile = "-";
-    iExit = sendCast(options.sPlugin, CAST_CMD_STOP, request);
+    iExit = submitCast(options.sPlugin, CAST_CMD_STOP, request);
     return iExit == EXIT_DONE ? sayAndReturn(EXIT_DONE, "stop requested") : iExit;
 }
 
@@ -94,7 +87,7 @@ int stop(const STOP_OPTIONS &options) {
 
 void addStopCommand(CLI::App &app, int &iExitCode) {
     auto *const pCommand = app.add_subcommand("stop", "take a waiting cast back, or end the one on air");
-    auto options = std::make_shared<STOP_OPTIONS>();
+    auto options = std::make_shared<StopOptions>();
     pCommand->add_option("IDENTITY", options->sIdentity, "the line that relay or file printed")
         ->type_name("");
     pCommand->add_option("--epg", options->sEPG, "without IDENTITY: the cast's programme")->type_name("N");
@@ -102,14 +95,15 @@ void addStopCommand(CLI::App &app, int &iExitCode) {
     pCommand->add_option("--start", options->sStart, "its start")->type_name("TIME");
     pCommand->add_option("--end", options->sEnd, "its end")->type_name("TIME");
     pCommand->add_option("--port", options->sPort, "its destination port")->type_name("PORT");
-    pCommand->add_option("--format", options->sFormat, "what its end is announced as (default ts)")
+    pCommand
+        ->add_option("--format", options->sFormat, "the format that its end is announced with (default ts)")
         ->type_name("ts|asf|NUMBER");
     addPluginOption(pCommand, options->sPlugin);
     pCommand->footer(
-        "Programme, type, start, end and port together name the cast. When no waiting request has "
-        "them, the cast\non air of that type is ended, whichever it is, once the given start is "
-        "reached. A file that lasts\nlonger than its request plays on to its end; then stop says how to end "
-        "it.\n\n" +
+        "Programme, type, start, end and port together name the cast. If it still waits, it is taken back.\n"
+        "Careful: if no waiting request has all of them, stop ends whichever cast of the same type is on\n"
+        "air, as soon as the given start is reached. A file may last longer than its request; it then plays\n"
+        "to its end, and stop says how to end it.\n\n" +
         helpExample("pccast stop 7:2:1790000000:1790003600:5000:0x2021"));
     pCommand->callback([options, &iExitCode] { iExitCode = stop(*options); });
 }

@@ -1,12 +1,14 @@
-// pccast watch - joins the announcement and message groups and shows what it hears.
+// pccast watch - joins the group of announcements and messages and shows what it hears.
 //
-// One thread: both sockets, the signals and the clock in one poll. A bad datagram is shown as such, never the
-// end. On a terminal a live table, otherwise a line or a JSON object for each datagram.
+// One thread waits for both sockets, the signals and the clock in one poll. A bad datagram is shown as bad;
+// it never ends the program. A terminal gets a live table, any other output a line or a JSON object for each
+// datagram.
 #include "airtext.h"
 #include "clitext.h"
 #include "commands.h"
 #include "interface.h"
 #include "watchtable.h"
+#include "wire.h"
 
 #include <CLI/CLI.hpp>
 #include <arpa/inet.h>
@@ -27,7 +29,7 @@
 
 namespace {
 
-struct WATCH_OPTIONS {
+struct WatchOptions {
     bool bJSON = false;
     bool bPlain = false;
     std::string sFor;
@@ -35,43 +37,40 @@ struct WATCH_OPTIONS {
     std::string sInterface;
 };
 
-constexpr const char *GROUP = "224.9.9.9";
-constexpr std::array<unsigned int, 2> PORTS{7890, 9367}; // announcements, messages
+constexpr const char *kScreenOn = "\033[?1049h\033[?25l";
+constexpr const char *kScreenOff = "\033[?25h\033[?1049l";
 
-constexpr const char *SCREEN_ON = "\033[?1049h\033[?25l";
-constexpr const char *SCREEN_OFF = "\033[?25h\033[?1049l";
+using Endpoint = std::unique_ptr<KTNET_ENDPOINT, void (*)(KTNET_ENDPOINT *)>;
+using Clock = std::chrono::steady_clock;
 
-using ENDPOINT = std::unique_ptr<KTNET_ENDPOINT, void (*)(KTNET_ENDPOINT *)>;
-using CLOCK = std::chrono::steady_clock;
-
-struct WATCH {
-    WATCH_OPTIONS options;
+struct Watch {
+    WatchOptions options;
     bool bTable = false;
-    CLOCK::time_point end = CLOCK::time_point::max();
+    Clock::time_point end = Clock::time_point::max();
     unsigned long ulCount = 0; // datagrams to hear; 0: no limit
-    WATCH_STATE state;
+    WatchState state;
 };
 
 // Joins the group on a port. Null: the reason is on standard error.
-ENDPOINT join(unsigned int uiPort, const std::string &sInterface) {
+Endpoint join(unsigned int uiPort, const std::string &sInterface) {
     KTNET_ENDPOINT *pDesc = nullptr;
     ktn_xapi_ktnet_init_with_version(&pDesc, 0, 2);
-    ENDPOINT endpoint(pDesc, [](KTNET_ENDPOINT *pEndpoint) { ktn_xapi_ktnet_delete(&pEndpoint); });
+    Endpoint endpoint(pDesc, [](KTNET_ENDPOINT *pEndpoint) { ktn_xapi_ktnet_delete(&pEndpoint); });
     if (pDesc == nullptr) {
         return endpoint;
     }
     pDesc->uiKind = KTNET_KIND_UDP;
     pDesc->uiListen = 1;
     pDesc->uiPort = uiPort;
-    strncpy(pDesc->szPeer, GROUP, sizeof pDesc->szPeer - 1);
-    strncpy(pDesc->szLocal, sInterface.c_str(), sizeof pDesc->szLocal - 1);
+    std::strncpy(pDesc->szPeer, wire::kGroup, sizeof pDesc->szPeer - 1);
+    std::strncpy(pDesc->szLocal, sInterface.c_str(), sizeof pDesc->szLocal - 1);
     if (ktn_xapi_ktnet_create(pDesc) <= 0) {
         endpoint.reset();
     }
     return endpoint;
 }
 
-void drawTable(const WATCH &watch) {
+void drawTable(const Watch &watch) {
     struct winsize size {};
     if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) {
         size.ws_col = 80;
@@ -84,12 +83,12 @@ void drawTable(const WATCH &watch) {
         sScreen += sLine + "\033[K\r\n";
     }
     sScreen += "\033[J";
-    fwrite(sScreen.data(), 1, sScreen.size(), stdout);
-    fflush(stdout);
+    std::fwrite(sScreen.data(), 1, sScreen.size(), stdout);
+    std::fflush(stdout);
 }
 
 // Takes one datagram off the socket and shows it. Returns 0, or the errno of a socket that fails.
-int hear(WATCH *pWatch, int iSocket) {
+int hear(Watch *pWatch, int iSocket) {
     std::array<unsigned char, 65536> aBytes;
     struct sockaddr_in sender {};
     socklen_t uiSize = sizeof sender;
@@ -100,31 +99,31 @@ int hear(WATCH *pWatch, int iSocket) {
     }
     std::array<char, INET_ADDRSTRLEN> aSender{};
     inet_ntop(AF_INET, &sender.sin_addr, aSender.data(), aSender.size());
-    const AIR_RECORD record = decodeAir(aBytes.data(), static_cast<unsigned long>(lLength));
+    const AirRecord record = decodeAir(aBytes.data(), static_cast<unsigned long>(lLength));
     watchNote(&pWatch->state, record, vexa_time(nullptr), aSender.data());
     if (!pWatch->bTable) {
         const auto pText = pWatch->options.bJSON ? airJSON : airLine;
-        printf("%s\n", pText(record, vexa_time(nullptr), aSender.data()).c_str());
-        fflush(stdout);
+        std::printf("%s\n", pText(record, vexa_time(nullptr), aSender.data()).c_str());
+        std::fflush(stdout);
     }
     return 0;
 }
 
-bool isOver(const WATCH &watch) {
-    return CLOCK::now() >= watch.end || (watch.ulCount != 0 && watch.state.ulDatagrams >= watch.ulCount) ||
-           ferror(stdout) != 0;
+bool isOver(const Watch &watch) {
+    return Clock::now() >= watch.end || (watch.ulCount != 0 && watch.state.ulDatagrams >= watch.ulCount) ||
+           std::ferror(stdout) != 0;
 }
 
-// Runs until the time, the count, a signal or an output that fails ends it. Returns 0, or the errno of what
-// keeps it from listening.
-int run(WATCH *pWatch, const std::array<ENDPOINT, 2> &endpoints, int iSignals) {
+// Runs until the time is over, enough was heard, a signal comes or the output fails. Returns 0, or the errno
+// of a poll or socket that failed.
+int run(Watch *pWatch, const std::array<Endpoint, 2> &endpoints, int iSignals) {
     std::array<struct pollfd, 3> aPoll{
         {{endpoints[0]->iSocket, POLLIN, 0}, {endpoints[1]->iSocket, POLLIN, 0}, {iSignals, POLLIN, 0}}};
     while (!isOver(*pWatch)) {
         if (pWatch->bTable) {
             drawTable(*pWatch);
         }
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(pWatch->end - CLOCK::now()).count();
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(pWatch->end - Clock::now()).count();
         const int iWait = static_cast<int>(std::clamp<long>(left, 0, 1000));
         if (poll(aPoll.data(), aPoll.size(), iWait) < 0) {
             if (errno == EINTR) {
@@ -145,17 +144,15 @@ int run(WATCH *pWatch, const std::array<ENDPOINT, 2> &endpoints, int iSignals) {
     return 0;
 }
 
-int watchAir(const WATCH_OPTIONS &options) {
-    WATCH watch;
+int watchAir(const WatchOptions &options) {
+    Watch watch;
     watch.options = options;
     unsigned long ulSeconds = 0;
-    int iExit = EXIT_DONE;
+    int iExit = checkArguments(
+        {{"--for", options.sFor.empty() ? "" : readDuration(options.sFor, &ulSeconds)},
+         {"--count", options.sCount.empty() ? "" : readNumber(options.sCount, kNumberMax, &watch.ulCount)}});
     if (!options.sFor.empty()) {
-        iExit = checkArgument("--for", readDuration(options.sFor, &ulSeconds));
-        watch.end = CLOCK::now() + std::chrono::seconds(ulSeconds);
-    }
-    if (iExit == EXIT_DONE && !options.sCount.empty()) {
-        iExit = checkArgument("--count", readNumber(options.sCount, CLI_WIRE_MAX, &watch.ulCount));
+        watch.end = Clock::now() + std::chrono::seconds(ulSeconds);
     }
     if (iExit == EXIT_DONE) {
         iExit = checkInterface(options.sInterface);
@@ -165,11 +162,11 @@ int watchAir(const WATCH_OPTIONS &options) {
     }
     watch.bTable = !options.bJSON && !options.bPlain && isatty(STDOUT_FILENO) == 1;
 
-    const std::array<ENDPOINT, 2> endpoints{join(PORTS[0], options.sInterface),
-                                            join(PORTS[1], options.sInterface)};
+    const std::array<Endpoint, 2> endpoints{join(wire::announcement::kPort, options.sInterface),
+                                            join(wire::broadcast::kPort, options.sInterface)};
     if (!endpoints[0] || !endpoints[1]) {
         return sayAndReturn(EXIT_UNAVAILABLE,
-                            std::string(GROUP) +
+                            std::string(wire::kGroup) +
                                 " cannot be joined (the reason is above); --interface names the "
                                 "interface to listen on");
     }
@@ -181,23 +178,23 @@ int watchAir(const WATCH_OPTIONS &options) {
     sigprocmask(SIG_BLOCK, &signals, nullptr);
     const int iSignals = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
     if (iSignals < 0) {
-        return sayAndReturn(EXIT_INTERNAL, std::string("signalfd: ") + strerror(errno));
+        return sayAndReturn(EXIT_INTERNAL, std::string("signalfd: ") + std::strerror(errno));
     }
     if (watch.bTable) {
-        fputs(SCREEN_ON, stdout);
+        std::fputs(kScreenOn, stdout);
     }
     const int iError = run(&watch, endpoints, iSignals);
     if (watch.bTable) {
-        fputs(SCREEN_OFF, stdout);
+        std::fputs(kScreenOff, stdout);
         for (const std::string &sLine : watchDraw(watch.state, vexa_time(nullptr), 200, 24, false)) {
-            printf("%s\n", sLine.c_str());
+            std::printf("%s\n", sLine.c_str());
         }
     }
     close(iSignals);
     if (iError != 0) {
-        return sayAndReturn(EXIT_INTERNAL, std::string("listening failed: ") + strerror(iError));
+        return sayAndReturn(EXIT_INTERNAL, std::string("listening failed: ") + std::strerror(iError));
     }
-    if (ferror(stdout) == 0 && watch.ulCount != 0 && watch.state.ulDatagrams < watch.ulCount) {
+    if (std::ferror(stdout) == 0 && watch.ulCount != 0 && watch.state.ulDatagrams < watch.ulCount) {
         return sayAndReturn(EXIT_UNAVAILABLE, "heard " + std::to_string(watch.state.ulDatagrams) + " of " +
                                                   std::to_string(watch.ulCount) + " datagrams");
     }
@@ -207,10 +204,12 @@ int watchAir(const WATCH_OPTIONS &options) {
 } // namespace
 
 void addWatchCommand(CLI::App &app, int &iExitCode) {
-    auto *const pCommand = app.add_subcommand("watch", "show what is announced and what is said");
-    auto options = std::make_shared<WATCH_OPTIONS>();
-    auto *const pJSON = pCommand->add_flag("--json", options->bJSON, "one JSON object a line");
-    pCommand->add_flag("--plain", options->bPlain, "one line each, also on a terminal")->excludes(pJSON);
+    auto *const pCommand =
+        app.add_subcommand("watch", "show what the services on the network announce and send");
+    auto options = std::make_shared<WatchOptions>();
+    auto *const pJSON = pCommand->add_flag("--json", options->bJSON, "one JSON object for each datagram");
+    pCommand->add_flag("--plain", options->bPlain, "one line for each datagram, even on a terminal")
+        ->excludes(pJSON);
     pCommand->add_option("--for", options->sFor, "end after this time")->type_name("DURATION");
     pCommand
         ->add_option("--count", options->sCount,

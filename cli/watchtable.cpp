@@ -9,16 +9,16 @@
 
 namespace {
 
-constexpr size_t KEPT = 50;
+constexpr size_t kEntriesKept = 50;
 // A cast is announced every 11 s; two missed ones in a row mean that its sender is silent.
-constexpr unsigned long SILENT_AFTER = 25;
+constexpr unsigned long kSilentAfter = 25;
 
-struct COLUMN {
+struct Column {
     const char *pszTitle;
     size_t uWidth;
 };
-// What matters most stands in the first 80 columns.
-constexpr std::array<COLUMN, 9> CAST_COLUMNS{{{"EPG", 10},
+// The most important columns come first: they fit into 80.
+constexpr std::array<Column, 9> kCastColumns{{{"EPG", 10},
                                               {"KIND", 6},
                                               {"FORMAT", 6},
                                               {"DESTINATION", 21},
@@ -28,12 +28,12 @@ constexpr std::array<COLUMN, 9> CAST_COLUMNS{{{"EPG", 10},
                                               {"UNTIL", 8},
                                               {"BY", 0}}};
 
-constexpr const char *GREEN = "\033[32m";
-constexpr const char *RED = "\033[31m";
-constexpr const char *DIM = "\033[2m";
-constexpr const char *BOLD = "\033[1m";
+constexpr const char *kGreen = "\033[32m";
+constexpr const char *kRed = "\033[31m";
+constexpr const char *kDim = "\033[2m";
+constexpr const char *kBold = "\033[1m";
 
-// A line in the making: cut to the columns, then coloured as a whole.
+// Cuts the line to the columns, then colours the whole of it.
 std::string coloured(const std::string &sLine, size_t uColumns, const char *pszColour, bool bColour) {
     const std::string sCut = textCut(sLine, uColumns);
     return bColour && pszColour != nullptr ? pszColour + sCut + "\033[0m" : sCut;
@@ -51,27 +51,27 @@ std::string ago(unsigned long ulThen, unsigned long ulNow) {
     return ulNow <= ulThen ? "now" : std::to_string(ulNow - ulThen) + " s ago";
 }
 
-std::string castState(const WATCH_CAST &cast, unsigned long ulNow, const char **ppszColour) {
-    *ppszColour = DIM;
+std::string castState(const WatchCast &cast, unsigned long ulNow, const char **ppszColour) {
+    *ppszColour = kDim;
     if (cast.ulEnded != 0) {
         return "ended " + writeTimeOfDay(cast.ulEnded);
     }
     if (cast.record.uiET && *cast.record.uiET <= ulNow) {
         return "over";
     }
-    *ppszColour = RED;
+    *ppszColour = kRed;
     if (cast.record.eCheck == AIR_CHECK_WRONG) {
         return "CRC wrong";
     }
-    if (ulNow > cast.ulHeard + SILENT_AFTER) {
+    if (ulNow > cast.ulHeard + kSilentAfter) {
         return "silent, " + ago(cast.ulHeard, ulNow);
     }
-    *ppszColour = GREEN;
+    *ppszColour = kGreen;
     return "on air, " + ago(cast.ulHeard, ulNow);
 }
 
-std::string castLine(const WATCH_CAST &cast, unsigned long ulNow, const char **ppszColour) {
-    const AIR_RECORD &record = cast.record;
+std::string castLine(const WatchCast &cast, unsigned long ulNow, const char **ppszColour) {
+    const AirRecord &record = cast.record;
     const bool bLeft = cast.ulEnded == 0 && record.uiET && *record.uiET > ulNow;
     const std::array<std::string, 9> aCell{std::to_string(*record.uiEPGID),
                                            airTypeText(record),
@@ -84,14 +84,13 @@ std::string castLine(const WATCH_CAST &cast, unsigned long ulNow, const char **p
                                            cast.sSender};
     std::string sLine = "  ";
     for (size_t i = 0; i < aCell.size(); ++i) {
-        sLine += padded(aCell[i], CAST_COLUMNS[i].uWidth);
+        sLine += padded(aCell[i], kCastColumns[i].uWidth);
     }
     return sLine;
 }
 
-void noteCast(WATCH_STATE *pState, const AIR_RECORD &record, unsigned long ulNow,
-              const std::string &sSender) {
-    const auto found = std::find_if(pState->casts.begin(), pState->casts.end(), [&](const WATCH_CAST &cast) {
+void noteCast(WatchState *pState, const AirRecord &record, unsigned long ulNow, const std::string &sSender) {
+    const auto found = std::find_if(pState->casts.begin(), pState->casts.end(), [&](const WatchCast &cast) {
         return cast.sSender == sSender && cast.ulEnded == 0;
     });
     const bool bSame =
@@ -102,7 +101,7 @@ void noteCast(WATCH_STATE *pState, const AIR_RECORD &record, unsigned long ulNow
             found->ulEnded = ulNow;
             found->ulHeard = ulNow;
         }
-        return; // the end of a cast that was never heard of is no news for the table
+        return; // the table does not show the end of a cast that it never showed
     }
     if (bSame) {
         found->record = record;
@@ -115,11 +114,11 @@ void noteCast(WATCH_STATE *pState, const AIR_RECORD &record, unsigned long ulNow
     pState->casts.push_front({sSender, record, ulNow, 0});
 }
 
-void noteMessage(WATCH_STATE *pState, const AIR_RECORD &record, unsigned long ulNow,
+void noteMessage(WatchState *pState, const AirRecord &record, unsigned long ulNow,
                  const std::string &sSender) {
-    WATCH_MESSAGE message{sSender, record, ulNow, 1};
+    WatchMessage message{sSender, record, ulNow, 1};
     const auto found =
-        std::find_if(pState->messages.begin(), pState->messages.end(), [&](const WATCH_MESSAGE &known) {
+        std::find_if(pState->messages.begin(), pState->messages.end(), [&](const WatchMessage &known) {
             return known.sSender == sSender && known.record.sText == record.sText &&
                    known.record.uiST == record.uiST && known.record.uiET == record.uiET;
         });
@@ -130,15 +129,15 @@ void noteMessage(WATCH_STATE *pState, const AIR_RECORD &record, unsigned long ul
     pState->messages.push_front(message);
 }
 
-// A heading and as many of the lines as there is room for, the rest counted.
+// Adds a heading and as many lines as there is room for. The last one counts those left out.
 void addSection(std::vector<std::string> *pLines, const std::string &sHeading,
                 const std::vector<std::string> &lines, size_t uColumns, size_t uRoom, bool bColour) {
     pLines->emplace_back();
-    pLines->push_back(coloured(sHeading, uColumns, BOLD, bColour));
+    pLines->push_back(coloured(sHeading, uColumns, kBold, bColour));
     for (size_t i = 0; i < lines.size(); ++i) {
         if (i + 1 == uRoom && lines.size() > uRoom) {
             pLines->push_back(
-                coloured("  and " + std::to_string(lines.size() - i) + " more", uColumns, DIM, bColour));
+                coloured("  and " + std::to_string(lines.size() - i) + " more", uColumns, kDim, bColour));
             return;
         }
         pLines->push_back(lines[i]);
@@ -147,8 +146,7 @@ void addSection(std::vector<std::string> *pLines, const std::string &sHeading,
 
 } // namespace
 
-void watchNote(WATCH_STATE *pState, const AIR_RECORD &record, unsigned long ulNow,
-               const std::string &sSender) {
+void watchNote(WatchState *pState, const AirRecord &record, unsigned long ulNow, const std::string &sSender) {
     ++pState->ulDatagrams;
     for (const std::string &sProblem : record.sProblems) {
         pState->problems.push_front({sSender, sProblem, ulNow});
@@ -158,52 +156,52 @@ void watchNote(WATCH_STATE *pState, const AIR_RECORD &record, unsigned long ulNo
     } else if (record.eKind == AIR_MESSAGE) {
         noteMessage(pState, record, ulNow, sSender);
     }
-    pState->casts.resize(std::min(pState->casts.size(), KEPT));
-    pState->messages.resize(std::min(pState->messages.size(), KEPT));
-    pState->problems.resize(std::min(pState->problems.size(), KEPT));
+    pState->casts.resize(std::min(pState->casts.size(), kEntriesKept));
+    pState->messages.resize(std::min(pState->messages.size(), kEntriesKept));
+    pState->problems.resize(std::min(pState->problems.size(), kEntriesKept));
 }
 
-std::vector<std::string> watchDraw(const WATCH_STATE &state, unsigned long ulNow, size_t uColumns,
+std::vector<std::string> watchDraw(const WatchState &state, unsigned long ulNow, size_t uColumns,
                                    size_t uRows, bool bColour) {
     std::vector<std::string> casts;
     std::vector<std::string> messages;
     std::vector<std::string> problems;
-    for (const WATCH_CAST &cast : state.casts) {
+    for (const WatchCast &cast : state.casts) {
         const char *pszColour = nullptr;
         const std::string sLine = castLine(cast, ulNow, &pszColour);
         casts.push_back(coloured(sLine, uColumns, pszColour, bColour));
     }
-    for (const WATCH_MESSAGE &message : state.messages) {
+    for (const WatchMessage &message : state.messages) {
         const bool bOver = message.record.uiET && *message.record.uiET <= ulNow;
         messages.push_back(coloured("  " + writeTimeOfDay(message.ulHeard) + "  " +
                                         padded(std::to_string(message.ulTimes) + "x", 4) +
                                         textForTerminal(*message.record.sText),
-                                    uColumns, bOver ? DIM : nullptr, bColour));
+                                    uColumns, bOver ? kDim : nullptr, bColour));
     }
-    for (const WATCH_PROBLEM &problem : state.problems) {
+    for (const WatchProblem &problem : state.problems) {
         problems.push_back(coloured("  " + writeTimeOfDay(problem.ulHeard) + "  " + problem.sText + ", by " +
                                         problem.sSender,
-                                    uColumns, RED, bColour));
+                                    uColumns, kRed, bColour));
     }
     if (casts.empty()) {
         casts.push_back(
-            coloured("  nothing heard yet (a cast is announced every 11 s)", uColumns, DIM, bColour));
+            coloured("  nothing heard yet (a cast is announced every 11 s)", uColumns, kDim, bColour));
     }
     if (messages.empty()) {
-        messages.push_back(coloured("  none", uColumns, DIM, bColour));
+        messages.push_back(coloured("  none", uColumns, kDim, bColour));
     }
 
     std::string sTitles = "  ";
-    for (const COLUMN &column : CAST_COLUMNS) {
+    for (const Column &column : kCastColumns) {
         sTitles += padded(column.pszTitle, column.uWidth);
     }
     std::vector<std::string> lines;
     lines.push_back(coloured("pccast watch   " + writeTime(ulNow) + "   " +
                                  std::to_string(state.ulDatagrams) + " datagrams heard   Ctrl-C ends",
                              uColumns, nullptr, bColour));
-    casts.insert(casts.begin(), coloured(sTitles, uColumns, DIM, bColour));
-    // A quarter of the room is kept for messages and for problems each, as far as there are any; the casts
-    // have the rest, and what they leave is for messages again.
+    casts.insert(casts.begin(), coloured(sTitles, uColumns, kDim, bColour));
+    // Messages and problems get up to a quarter of the room each. The casts get the rest. Room that the casts
+    // do not need goes to the messages.
     const size_t uHeadings = problems.empty() ? 5 : 7;
     const size_t uRoom = std::max<size_t>(uRows, uHeadings + 4) - uHeadings;
     const size_t uProblems = std::min(problems.size(), uRoom / 4);

@@ -1,6 +1,7 @@
-// watchtable.h - the live table of watch: what is on air, what was said, what did not hold.
+// watchtable.h - the live table of watch: the casts on air, the messages, and what was wrong.
 //
-// Fed with every decoded datagram, drawn once a second. No input or output of its own; used by one thread.
+// watch hands it every decoded datagram and draws it once a second. It reads and writes nothing itself, and
+// one thread uses it.
 #ifndef PCCAST_CLI_WATCHTABLE_H
 #define PCCAST_CLI_WATCHTABLE_H
 
@@ -8,42 +9,41 @@
 
 #include <deque>
 
-// A cast as its announcements tell it. A service has one cast on air at a time: a newer one of the same
-// sender takes its place without an end announcement for the older.
-struct WATCH_CAST {
+// A cast, known from its announcements. A service has one cast on air at a time. When the same sender
+// announces another cast, the older one is over, although its end was not announced.
+struct WatchCast {
     std::string sSender;
-    AIR_RECORD record;
+    AirRecord record;
     unsigned long ulHeard; // the last announcement
-    unsigned long ulEnded; // when its end was heard or it was replaced; 0 while it is on air
+    unsigned long ulEnded; // when its end was heard or another cast replaced it; 0 while it is on air
 };
 
-struct WATCH_MESSAGE {
+struct WatchMessage {
     std::string sSender;
-    AIR_RECORD record;
+    AirRecord record;
     unsigned long ulHeard;
     unsigned long ulTimes;
 };
 
-struct WATCH_PROBLEM {
+struct WatchProblem {
     std::string sSender;
     std::string sText;
     unsigned long ulHeard;
 };
 
 // Newest first, each list bounded.
-struct WATCH_STATE {
-    std::deque<WATCH_CAST> casts;
-    std::deque<WATCH_MESSAGE> messages;
-    std::deque<WATCH_PROBLEM> problems;
+struct WatchState {
+    std::deque<WatchCast> casts;
+    std::deque<WatchMessage> messages;
+    std::deque<WatchProblem> problems;
     unsigned long ulDatagrams = 0;
 };
 
-void watchNote(WATCH_STATE *pState, const AIR_RECORD &record, unsigned long ulNow,
-               const std::string &sSender);
+void watchNote(WatchState *pState, const AirRecord &record, unsigned long ulNow, const std::string &sSender);
 
-// The table as lines of at most uColumns columns, at most uRows of them. bColour: with colour escapes, which
-// do not count as columns.
-std::vector<std::string> watchDraw(const WATCH_STATE &state, unsigned long ulNow, size_t uColumns,
+// Draws the table as at most uRows lines of at most uColumns columns. bColour: with colour escapes; they do
+// not count as columns.
+std::vector<std::string> watchDraw(const WatchState &state, unsigned long ulNow, size_t uColumns,
                                    size_t uRows, bool bColour);
 
 #endif

@@ -2,8 +2,8 @@
 # configured with CMAKE_INSTALL_PREFIX=/usr puts the libraries into Debian's folder of the architecture, any other
 # into /usr/lib; both work.
 set(PCCAST_DEBIAN ${PROJECT_SOURCE_DIR}/packaging/debian)
-set(PCCAST_PACKAGE_MAINTAINER "PCCAST maintainers <maintainers@pccast.invalid>"
-    CACHE STRING "Who answers for the Debian packages: Name <address>")
+set(PCCAST_PACKAGE_MAINTAINER "PCCAST maintainers"
+    CACHE STRING "Who answers for the Debian packages; Debian itself wants Name <address>")
 
 set(CPACK_PACKAGE_NAME pccast)
 set(CPACK_PACKAGE_VENDOR PCCAST)

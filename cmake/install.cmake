@@ -29,13 +29,22 @@ install(FILES ${PROJECT_SOURCE_DIR}/cli/completion/pccast.bash RENAME pccast
 install(FILES ${PCCAST_PACKAGING}/pccast.service DESTINATION lib/systemd/system COMPONENT runtime)
 install(FILES ${PCCAST_PACKAGING}/pccast.sysusers RENAME pccast.conf
     DESTINATION lib/sysusers.d COMPONENT runtime)
+# The pages name the version in their first line.
+foreach(page diagpccast.1 pccast.1 pccast-feed.1 pccast-receive.1 pccast.3)
+    configure_file(${PCCAST_PACKAGING}/man/${page} ${PROJECT_BINARY_DIR}/packaging/man/${page} @ONLY)
+endforeach()
 install(FILES
-    ${PCCAST_PACKAGING}/man/diagpccast.1
-    ${PCCAST_PACKAGING}/man/pccast.1
-    ${PCCAST_PACKAGING}/man/pccast-feed.1
-    ${PCCAST_PACKAGING}/man/pccast-receive.1
+    ${PROJECT_BINARY_DIR}/packaging/man/diagpccast.1
+    ${PROJECT_BINARY_DIR}/packaging/man/pccast.1
+    ${PROJECT_BINARY_DIR}/packaging/man/pccast-feed.1
+    ${PROJECT_BINARY_DIR}/packaging/man/pccast-receive.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
-install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT runtime)
+install(FILES
+    ${PROJECT_SOURCE_DIR}/README.md
+    ${PROJECT_SOURCE_DIR}/CHANGELOG.md
+    ${PROJECT_SOURCE_DIR}/SECURITY.md
+    ${PROJECT_SOURCE_DIR}/LICENSE
+    DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT runtime)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT runtime)
 
 # ---- development
@@ -62,7 +71,7 @@ configure_file(${PCCAST_PACKAGING}/pccast.pc.in ${PROJECT_BINARY_DIR}/packaging/
 install(FILES ${PROJECT_BINARY_DIR}/packaging/pccast.pc
     DESTINATION ${PCCAST_PKGCONFIG_FOLDER} COMPONENT development)
 
-install(FILES ${PCCAST_PACKAGING}/man/pccast.3
+install(FILES ${PROJECT_BINARY_DIR}/packaging/man/pccast.3
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
 install(FILES ${PROJECT_SOURCE_DIR}/examples/component.c ${PROJECT_SOURCE_DIR}/examples/CMakeLists.txt
     DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT development)

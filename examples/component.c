@@ -1,10 +1,11 @@
-/* component.c - a host component: has a live stream cast for a minute, and a message shown.
+/* component.c - a host component. It has a live stream cast for a minute and a message shown.
  *
  *   component SOURCE-ADDRESS SOURCE-PORT GROUP GROUP-PORT TEXT
  *   component 239.0.0.1 4000 239.1.2.3 5000 "The film begins in ten minutes"
  *
- * The service runs in this process or, as here, in another one of the same user (pccast serve). Link it with
- * libpccast.so: pkg-config --cflags --libs pccast, or find_package(pccast) and pccast::pccast in CMake. */
+ * The service may run in this process. Here it runs in another process of the same user (pccast serve). Link
+ * the component with libpccast.so: pkg-config --cflags --libs pccast, or find_package(pccast) and
+ * pccast::pccast in CMake. */
 #include <pccast/pccast.h>
 
 #include <errno.h>
@@ -14,8 +15,8 @@
 
 enum { PROGRAMME = 42, LIFETIME = 60 /* seconds */ };
 
-static int submit_cast(const char *source, unsigned short source_port, const char *group,
-                       unsigned short group_port) {
+static int submitCast(const char *source, unsigned short usSourcePort, const char *group,
+                      unsigned short usGroupPort) {
     CASTInfo *cast = NULL; /* the slot must be empty */
     if (MAKECASTInfo(&cast, source, group, NULL, CAST_TYPE_STREAM) != 1) {
         fprintf(stderr, "component: no cast request could be made\n");
@@ -23,22 +24,22 @@ static int submit_cast(const char *source, unsigned short source_port, const cha
     }
     const unsigned long now = (unsigned long)time(NULL);
     cast->uliEPGID = PROGRAMME;
-    cast->ulCT = now; /* newer than any request made before: it is put on air ahead of those */
+    cast->ulCT = now; /* newer than all earlier requests, so it goes on air before them */
     cast->ulSTREAMFormat = CAST_FORMAT_TS;
     cast->ulST = now;
     cast->ulET = now + LIFETIME;
-    cast->usSRCPort = source_port;
-    cast->usDSTPort = group_port;
-    /* 1 when it was handed over, whether or not it then arrived: TxCASTInfoToPlugIn() would tell. */
-    const int handed_over = QX_PCCASTSTREAMCommander(CAST_CMD_START, cast);
+    cast->usSRCPort = usSourcePort;
+    cast->usDSTPort = usGroupPort;
+    /* 1 means that it was handed over. TxCASTInfoToPlugIn() also tells whether it arrived. */
+    const int iHandedOver = QX_PCCASTSTREAMCommander(CAST_CMD_START, cast);
     ELIMINATECASTInfo(&cast); /* the service has its own copy */
-    if (handed_over != 1) {
+    if (iHandedOver != 1) {
         fprintf(stderr, "component: the cast request was refused\n");
     }
-    return handed_over == 1;
+    return iHandedOver == 1;
 }
 
-static int submit_message(const char *text) {
+static int submitMessage(const char *text) {
     MSGInfo *message = NULL;
     if (MAKEMSGInfo(&message, text) != 1) {
         fprintf(stderr, "component: no message request could be made\n");
@@ -50,12 +51,12 @@ static int submit_message(const char *text) {
     message->ulST = now;
     message->ulET = now + LIFETIME;
     message->ulRepeat = 1;
-    const int handed_over = QX_PCCASTMBCCommander(PCMBC_CMD_MSG, message);
+    const int iHandedOver = QX_PCCASTMBCCommander(PCMBC_CMD_MSG, message);
     ELIMINATEMSGInfo(&message);
-    if (handed_over != 1) {
+    if (iHandedOver != 1) {
         fprintf(stderr, "component: the message request was refused\n");
     }
-    return handed_over == 1;
+    return iHandedOver == 1;
 }
 
 static unsigned short port(const char *text) {
@@ -70,7 +71,7 @@ int main(int argc, char **argv) {
         fprintf(stderr, "usage: component SOURCE-ADDRESS SOURCE-PORT GROUP GROUP-PORT TEXT\n");
         return 64;
     }
-    const int cast = submit_cast(argv[1], port(argv[2]), argv[3], port(argv[4]));
-    const int message = submit_message(argv[5]);
+    const int cast = submitCast(argv[1], port(argv[2]), argv[3], port(argv[4]));
+    const int message = submitMessage(argv[5]);
     return cast && message ? 0 : 1;
 }

@@ -1,7 +1,7 @@
 # Completion of pccast for bash: source this file, or install it as
 # /usr/share/bash-completion/completions/pccast
 
-_pccast_files() { # one file a line, for there may be blanks in the names
+_pccast_files() { # one file a line, because names may contain blanks
     mapfile -t COMPREPLY < <(compgen -f -- "$1")
     compopt -o filenames 2>/dev/null
 }

@@ -1,9 +1,10 @@
-// pccast-feed - plays a stored transport stream to an address at its own pace, as a live source would.
+// pccast-feed - plays a stored transport stream to an address at the stream's own pace, as a live source
+// does.
 //
 //   pccast-feed FILE ADDRESS:PORT [DATAGRAMS]
 //
-// For trying out a relay: no service takes part. Ends after the file, or after so many datagrams of seven
-// packets each. Uses the framework's stream reader and caster.
+// A source for trying out a relay. It needs no service: it uses the framework's stream reader and caster. It
+// ends after the file, or after the given number of datagrams, which hold seven packets each.
 #include "../clitext.h"
 
 #include <qxapi.h>
@@ -14,7 +15,7 @@
 
 namespace {
 
-constexpr unsigned int HOPS = 1; // a source for this machine or this network
+constexpr unsigned int kHops = 1; // a source for this machine or this network
 
 int feed(const char *pszFile, const std::string &sTarget, unsigned long ulLimit) {
     const std::unique_ptr<struct ts_qxapi_stream, decltype(&qxapi_close_stream)> stream(
@@ -22,9 +23,9 @@ int feed(const char *pszFile, const std::string &sTarget, unsigned long ulLimit)
     const std::unique_ptr<struct ts_qxapi_tscast, decltype(&qxapi_close_tscast)> caster(qxapi_open_tscast(),
                                                                                         qxapi_close_tscast);
     if (stream == nullptr || caster == nullptr || stream->pStart(stream.get()) != 1 ||
-        caster->pSetUp(caster.get(), nullptr, -1, sTarget.c_str(), 0, HOPS) != 1) {
-        fprintf(stderr, "pccast-feed: %s cannot be fed to %s; the reason is above\n", pszFile,
-                sTarget.c_str());
+        caster->pSetUp(caster.get(), nullptr, -1, sTarget.c_str(), 0, kHops) != 1) {
+        std::fprintf(stderr, "pccast-feed: %s cannot be fed to %s; the reason is above\n", pszFile,
+                     sTarget.c_str());
         return 1;
     }
     unsigned long ulSent = 0;
@@ -37,13 +38,13 @@ int feed(const char *pszFile, const std::string &sTarget, unsigned long ulLimit)
         const int iSent = caster->pSend(caster.get(), pPacket->pData, pPacket->uiLength);
         stream->pReleasePacket(stream.get(), pPacket);
         if (iSent != 1) {
-            fprintf(stderr, "pccast-feed: sending to %s failed after %lu datagrams\n", sTarget.c_str(),
-                    ulSent);
+            std::fprintf(stderr, "pccast-feed: sending to %s failed after %lu datagrams\n", sTarget.c_str(),
+                         ulSent);
             return 1;
         }
         ++ulSent;
     }
-    printf("%lu datagrams of %s sent to %s\n", ulSent, pszFile, sTarget.c_str());
+    std::printf("%lu datagrams of %s sent to %s\n", ulSent, pszFile, sTarget.c_str());
     return 0;
 }
 
@@ -58,10 +59,10 @@ int main(int iArguments, char **ppArguments) {
         sProblem = readEndpoint(ppArguments[2], &sAddress, &usPort);
     }
     if (sProblem.empty() && iArguments == 4) {
-        sProblem = readNumber(ppArguments[3], CLI_WIRE_MAX, &ulLimit);
+        sProblem = readNumber(ppArguments[3], kNumberMax, &ulLimit);
     }
     if (!sProblem.empty()) {
-        fprintf(stderr, "pccast-feed: %s\n", sProblem.c_str());
+        std::fprintf(stderr, "pccast-feed: %s\n", sProblem.c_str());
         return 64;
     }
     return feed(ppArguments[1], ppArguments[2], ulLimit);

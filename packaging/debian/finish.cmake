@@ -18,7 +18,11 @@ foreach(path ${paths})
     endif()
 endforeach()
 
-# Every package has its licence and its changelog.
+# Every package has its licence and its changelog, and the changelog begins with the version that is packed.
+file(STRINGS ${CMAKE_CURRENT_LIST_DIR}/changelog newest LIMIT_COUNT 1)
+if(NOT newest MATCHES "^pccast \\(${CPACK_PACKAGE_VERSION}\\) ")
+    message(FATAL_ERROR "packaging/debian/changelog has no entry of ${CPACK_PACKAGE_VERSION} on top: ${newest}")
+endif()
 foreach(component runtime development)
     if(component STREQUAL runtime)
         set(package pccast)

@@ -27,7 +27,7 @@ std::atomic<uint32_t> gSupervisorStarts{0};
 
 namespace {
 
-constexpr unsigned int kVersion = 0x03060502;
+constexpr unsigned int kVersion = PCCAST_PLUGIN_VERSION;
 constexpr int kCloseLimit = 50;     // units of ktWaitForAEngine
 constexpr int kSignOffPasses = 100; // for the last write of a supervisor that has left the count
 

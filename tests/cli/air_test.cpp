@@ -1,4 +1,4 @@
-// What watch makes of datagrams: literal bytes in, records, lines, JSON and the table out.
+// Tests what watch makes of datagrams: literal bytes go in; records, lines, JSON and the table come out.
 #include <airdecode.h>
 #include <airtext.h>
 #include <safetext.h>
@@ -12,7 +12,7 @@
 namespace {
 
 // Reads "4b 54 ..." as pairs of hexadecimal digits; blanks separate.
-AIR_RECORD decode(std::string sHex) {
+AirRecord decode(std::string sHex) {
     std::erase(sHex, ' ');
     std::vector<unsigned char> data;
     for (size_t i = 0; i + 1 < sHex.size(); i += 2) {
@@ -21,7 +21,7 @@ AIR_RECORD decode(std::string sHex) {
     return decodeAir(data.data(), data.size());
 }
 
-std::string problemsOf(const AIR_RECORD &record) {
+std::string problemsOf(const AirRecord &record) {
     std::string sAll;
     for (const std::string &sProblem : record.sProblems) {
         sAll += sProblem + "\n";
@@ -30,95 +30,95 @@ std::string problemsOf(const AIR_RECORD &record) {
 }
 
 // The headers of frames without a payload length: an announcement, an end, a message.
-const std::string ONAIR_FRAME = "4b544e46 0200 1c00 d2040000 cc000000 30000400 853bb16a ";
-const std::string END_FRAME = "4b544e46 0200 1c00 d2040000 cc000000 33000400 853bb16a ";
-const std::string MESSAGE_FRAME = "4b544e46 0200 1c00 0e000000 cc000000 20000400 853bb16a ";
+const std::string kOnAirFrame = "4b544e46 0200 1c00 d2040000 cc000000 30000400 853bb16a ";
+const std::string kEndFrame = "4b544e46 0200 1c00 d2040000 cc000000 33000400 853bb16a ";
+const std::string kMessageFrame = "4b544e46 0200 1c00 0e000000 cc000000 20000400 853bb16a ";
 
 // An H.264 stream on air, 67 bytes of payload: programme 7, 1790000000 to 1790003600, sent at 1790000005.
-const std::string ONAIR_ITEMS = "0107 0400 07000000  1d70 0400 01000000  1c70 0400 02000000 "
+const std::string kOnAirItems = "0107 0400 07000000  1d70 0400 01000000  1c70 0400 02000000 "
                                 "1170 0400 803bb16a  1270 0400 9049b16a "
                                 "1470 0900 3233392e312e322e33  1770 0200 8813 ";
-const std::string ONAIR = ONAIR_FRAME + "43000000  4c04 0400 904b59d1 " + ONAIR_ITEMS;
+const std::string kOnAir = kOnAirFrame + "43000000  4c04 0400 904b59d1 " + kOnAirItems;
 
 // An ASF file on air, 63 bytes of payload: programme 8, and the station file "NSC" behind its CRC.
-const std::string ASF_FRONT =
-    ONAIR_FRAME + "3f000000  4c04 0400 03a0f753  0107 0400 08000000 "
+const std::string kAsfFront =
+    kOnAirFrame + "3f000000  4c04 0400 03a0f753  0107 0400 08000000 "
                   "1d70 0400 10000000  1c70 0400 03000000  1170 0400 803bb16a  1270 0400 9049b16a ";
-const std::string ASF = ASF_FRONT + "4d04 0400 656706fb  4f04 0300 4e5343 ";
+const std::string kAsf = kAsfFront + "4d04 0400 656706fb  4f04 0300 4e5343 ";
 
-const std::string END = END_FRAME + "20000000  4c04 0400 f7196474  0107 0400 07000000  1d70 0400 01000000 "
-                                    "1c70 0400 02000000 ";
-const std::string MESSAGE_FRONT =
-    MESSAGE_FRAME + "34000000  4b00 0400 853bb16a  0b00 0400 803bb16a "
+const std::string kEnd = kEndFrame + "20000000  4c04 0400 f7196474  0107 0400 07000000  1d70 0400 01000000 "
+                                     "1c70 0400 02000000 ";
+const std::string kMessageFront =
+    kMessageFrame + "34000000  4b00 0400 853bb16a  0b00 0400 803bb16a "
                     "0c00 0400 9049b16a  0a50 0200 0100  0350 0400 03000000  0150 0400 01000000 ";
-const std::string MESSAGE = MESSAGE_FRONT + "0b50 0200 6869 ";
+const std::string kMessage = kMessageFront + "0b50 0200 6869 ";
 
 TEST(AirDecoding, WhatDoesNotHoldIsNotedAndTheRestIsRead) {
     const struct {
         const char *pszProblem;
-        AIR_KIND eKind;
+        AirKind eKind;
         std::string sHex;
     } aCase[] = {
         {"not a frame", AIR_BROKEN, ""},
         {"not a frame", AIR_BROKEN, "4b544e46 0200 1c00"},
-        {"not a frame", AIR_BROKEN, "4b544e47" + ONAIR.substr(8)},
-        {"not a frame", AIR_BROKEN, ONAIR.substr(0, ONAIR.size() - 3)},
+        {"not a frame", AIR_BROKEN, "4b544e47" + kOnAir.substr(8)},
+        {"not a frame", AIR_BROKEN, kOnAir.substr(0, kOnAir.size() - 3)},
         {"neither an announcement nor a message", AIR_UNKNOWN,
          "4b544e46 0200 1c00 d2040000 cd000000 30000400 853bb16a 00000000"},
         {"neither an announcement nor a message", AIR_UNKNOWN,
          "4b544e46 0200 1c00 d2040000 cc000000 20000400 853bb16a 00000000"},
         {"the CRC of the announcement is D1594B91, its bytes give D1594B90", AIR_ANNOUNCEMENT,
-         ONAIR_FRAME + "43000000 4c04 0400 914b59d1" + ONAIR_ITEMS},
+         kOnAirFrame + "43000000 4c04 0400 914b59d1" + kOnAirItems},
         {"the CRC of the station file is FC066765", AIR_ANNOUNCEMENT,
-         ASF_FRONT + "4d04 0400 656706fc  4f04 0300 4e5343"},
-        {"does not begin with its CRC", AIR_END, END_FRAME + "08000000 0107 0400 07000000"},
+         kAsfFront + "4d04 0400 656706fc  4f04 0300 4e5343"},
+        {"does not begin with its CRC", AIR_END, kEndFrame + "08000000 0107 0400 07000000"},
         {"the CRC of the announcement has 2 bytes", AIR_END,
-         END_FRAME + "0e000000 4c04 0200 f719 0107 0400 07000000"},
-        {"without a programme", AIR_BROKEN, ONAIR_FRAME + "00000000"},
-        {"the item at byte 46 does not fit", AIR_BROKEN, MESSAGE_FRONT + "0b50 0300 6869"},
-        {"the item at byte 6 does not fit", AIR_BROKEN, MESSAGE_FRAME + "09000000 0b50 0200 6869 0150 04"},
-        {"the item at byte 0 does not fit", AIR_BROKEN, MESSAGE_FRAME + "0a000000 0b50 ffff ffffffff 6869"},
+         kEndFrame + "0e000000 4c04 0200 f719 0107 0400 07000000"},
+        {"without a programme", AIR_BROKEN, kOnAirFrame + "00000000"},
+        {"the item at byte 46 does not fit", AIR_BROKEN, kMessageFront + "0b50 0300 6869"},
+        {"the item at byte 6 does not fit", AIR_BROKEN, kMessageFrame + "09000000 0b50 0200 6869 0150 04"},
+        {"the item at byte 0 does not fit", AIR_BROKEN, kMessageFrame + "0a000000 0b50 ffff ffffffff 6869"},
         {"the end time has 2 bytes, not 4", AIR_MESSAGE,
-         MESSAGE_FRAME + "0c000000 0c00 0200 9049 0b50 0200 6869"},
-        {"a message without a text", AIR_BROKEN, MESSAGE_FRAME + "00000000"},
+         kMessageFrame + "0c000000 0c00 0200 9049 0b50 0200 6869"},
+        {"a message without a text", AIR_BROKEN, kMessageFrame + "00000000"},
     };
     for (const auto &test : aCase) {
         SCOPED_TRACE(test.sHex);
-        const AIR_RECORD record = decode(test.sHex);
+        const AirRecord record = decode(test.sHex);
         EXPECT_EQ(record.eKind, test.eKind);
         EXPECT_NE(problemsOf(record).find(test.pszProblem), std::string::npos) << problemsOf(record);
     }
-    EXPECT_EQ(decode(MESSAGE_FRONT + "0b50 0300 6869").uiET, 1790003600u);
+    EXPECT_EQ(decode(kMessageFront + "0b50 0300 6869").uiET, 1790003600u);
 }
 
 TEST(AirText, LinesAndObjectsSayWhatWasHeard) {
     setenv("TZ", "UTC0", 1);
     tzset();
     EXPECT_EQ(
-        airLine(decode(ONAIR), 1790000010, "10.0.0.5"),
+        airLine(decode(kOnAir), 1790000010, "10.0.0.5"),
         "2026-09-21 14:13:30  ON AIR  epg 7  stream  H.264  to 239.1.2.3:5000  from 2026-09-21 14:13:20  "
         "until 2026-09-21 15:13:20  left 00:59:50  crc ok  by 10.0.0.5");
-    EXPECT_EQ(airLine(decode(END), 1790000010, "10.0.0.5"),
+    EXPECT_EQ(airLine(decode(kEnd), 1790000010, "10.0.0.5"),
               "2026-09-21 14:13:30  ENDED  epg 7  stream  H.264  crc ok  by 10.0.0.5");
     EXPECT_EQ(
-        airLine(decode(ASF), 1790003600, "10.0.0.5"),
+        airLine(decode(kAsf), 1790003600, "10.0.0.5"),
         "2026-09-21 15:13:20  ON AIR  epg 8  file  ASF  to the station's group  from 2026-09-21 14:13:20  "
         "until 2026-09-21 15:13:20  crc ok  station crc ok  by 10.0.0.5");
 
     const std::pair<std::string, const char *> aObject[] = {
-        {ONAIR,
+        {kOnAir,
          R"("kind":"on-air","ident":1234,"service":204,"command":262192,"sent":1790000005,"epg":7,"type":1,)"
          R"("format":2,"start":1790000000,"end":1790003600,"address":"239.1.2.3","port":5000,"crcOk":true})"},
-        {ASF,
+        {kAsf,
          R"("kind":"on-air","ident":1234,"service":204,"command":262192,"sent":1790000005,"epg":8,"type":16,)"
          R"("format":3,"start":1790000000,"end":1790003600,"crcOk":true,"stationCrcOk":true,"station":"NSC"})"},
-        {END,
+        {kEnd,
          R"("kind":"end","ident":1234,"service":204,"command":262195,"sent":1790000005,"epg":7,"type":1,)"
          R"("format":2,"crcOk":true})"},
-        {MESSAGE_FRONT + "0b50 0200 221b",
+        {kMessageFront + "0b50 0200 221b",
          R"("kind":"message","ident":14,"service":204,"command":262176,"sent":1790000005,"start":1790000000,)"
          R"("end":1790003600,"messageSent":1790000005,"showings":1,"attribute1":1,"attribute3":3,"text":"\"\u001b"})"},
-        {MESSAGE_FRAME + "06000000 0b50 0200 41ff",
+        {kMessageFrame + "06000000 0b50 0200 41ff",
          R"("kind":"message","ident":14,"service":204,"command":262176,"sent":1790000005,)"
          R"("text":"A\ufffd","textHex":"41ff"})"},
     };
@@ -161,7 +161,7 @@ TEST(AirText, ReceivedTextCannotSteerTheTerminal) {
 }
 
 // The drawn lines that contain sText.
-std::vector<std::string> drawnWith(const WATCH_STATE &state, unsigned long ulNow, const std::string &sText) {
+std::vector<std::string> drawnWith(const WatchState &state, unsigned long ulNow, const std::string &sText) {
     std::vector<std::string> found;
     for (const std::string &sLine : watchDraw(state, ulNow, 160, 40, false)) {
         if (sLine.find(sText) != std::string::npos) {
@@ -174,9 +174,9 @@ std::vector<std::string> drawnWith(const WATCH_STATE &state, unsigned long ulNow
 TEST(WatchTable, FollowsACastFromItsAnnouncementToItsEnd) {
     setenv("TZ", "UTC0", 1);
     tzset();
-    WATCH_STATE state;
-    watchNote(&state, decode(ONAIR), 1790000000, "10.0.0.5");
-    watchNote(&state, decode(ONAIR), 1790000011, "10.0.0.5");
+    WatchState state;
+    watchNote(&state, decode(kOnAir), 1790000000, "10.0.0.5");
+    watchNote(&state, decode(kOnAir), 1790000011, "10.0.0.5");
 
     ASSERT_EQ(drawnWith(state, 1790000012, "H.264").size(), 1u); // repeated, not doubled
     EXPECT_NE(drawnWith(state, 1790000012, "H.264")[0].find(
@@ -185,35 +185,35 @@ TEST(WatchTable, FollowsACastFromItsAnnouncementToItsEnd) {
     EXPECT_EQ(drawnWith(state, 1790000040, "silent, 29 s ago").size(), 1u);
     EXPECT_EQ(drawnWith(state, 1790003600, "over").size(), 1u);
 
-    watchNote(&state, decode(END), 1790000050, "10.0.0.6"); // another service's programme 7
+    watchNote(&state, decode(kEnd), 1790000050, "10.0.0.6"); // another service's programme 7
     EXPECT_EQ(drawnWith(state, 1790000050, "ended").size(), 0u);
-    watchNote(&state, decode(END), 1790000050, "10.0.0.5");
+    watchNote(&state, decode(kEnd), 1790000050, "10.0.0.5");
     EXPECT_EQ(drawnWith(state, 1790000051, "ended 14:14:10").size(), 1u);
     EXPECT_EQ(drawnWith(state, 1790000051, "00:59:").size(), 0u);
 }
 
 TEST(WatchTable, ANewerCastTakesTheOlderOnesPlaceWithoutAnEnd) {
-    WATCH_STATE state;
-    watchNote(&state, decode(ONAIR), 1790000000, "10.0.0.5");
-    watchNote(&state, decode(ASF), 1790000011, "10.0.0.5");
+    WatchState state;
+    watchNote(&state, decode(kOnAir), 1790000000, "10.0.0.5");
+    watchNote(&state, decode(kAsf), 1790000011, "10.0.0.5");
     EXPECT_EQ(drawnWith(state, 1790000011, "on air").size(), 1u);
     EXPECT_NE(drawnWith(state, 1790000011, "on air")[0].find("ASF"), std::string::npos);
     EXPECT_NE(drawnWith(state, 1790000011, "ended")[0].find("H.264"), std::string::npos);
 }
 
 TEST(WatchTable, StaysInsideTheWindowHoweverMuchIsHeard) {
-    WATCH_STATE state;
+    WatchState state;
     for (unsigned int i = 0; i < 200; ++i) {
-        AIR_RECORD message = decode(MESSAGE);
+        AirRecord message = decode(kMessage);
         message.sText = std::string(300, 'x') + std::to_string(i);
         watchNote(&state, message, 1790000000, "10.0.0.5");
-        watchNote(&state, decode(MESSAGE), 1790000000, "10.0.0.5");
+        watchNote(&state, decode(kMessage), 1790000000, "10.0.0.5");
         watchNote(&state, decode(""), 1790000000, "10.0.0.5");
     }
     EXPECT_EQ(drawnWith(state, 1790000000, "200x  hi").size(), 1u);
     EXPECT_EQ(state.messages.size(), 50u);
     // What is on air is shown first, however little room there is.
-    watchNote(&state, decode(ONAIR), 1790000000, "10.0.0.5");
+    watchNote(&state, decode(kOnAir), 1790000000, "10.0.0.5");
     const std::vector<std::string> small = watchDraw(state, 1790000000, 80, 12, false);
     EXPECT_EQ(small.size(), 12u);
     EXPECT_NE(small.at(4).find("239.1.2.3:5000"), std::string::npos);

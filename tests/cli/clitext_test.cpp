@@ -1,4 +1,4 @@
-// The texts of the command line: what is read, what is refused and with which words.
+// Tests the texts of the command line: what it reads, what it refuses, and with which words.
 #include <clitext.h>
 
 #include <gtest/gtest.h>
@@ -10,7 +10,7 @@
 namespace {
 
 // 2026-11-24T20:15:30Z
-constexpr unsigned long NOW = 1795551330;
+constexpr unsigned long kNow = 1795551330;
 
 void setZone(const char *pszZone) {
     setenv("TZ", pszZone, 1);
@@ -23,22 +23,22 @@ TEST(CommandLineText, TimesMeanWhatTheySay) {
         std::vector<std::pair<const char *, unsigned long>> times;
     } aCase[] = {
         {"UTC0",
-         {{"now", NOW},
-          {"+30s", NOW + 30},
-          {"+1h30m", NOW + 5400},
-          {"@1795551330", NOW},
-          {"20:15:30", NOW},             // this very second is not tomorrow's
-          {"20:15:29", NOW - 1 + 86400}, // passed: the next one
-          {"23:00", NOW + 9870},
-          {"2026-11-24T20:15:30", NOW},
-          {"2026-11-24 20:15", NOW - 30},
-          {"2026-11-25T05:15:30+09:00", NOW},
-          {"2026-11-24T15:15:30-0500", NOW},
+         {{"now", kNow},
+          {"+30s", kNow + 30},
+          {"+1h30m", kNow + 5400},
+          {"@1795551330", kNow},
+          {"20:15:30", kNow},             // this very second is not tomorrow's
+          {"20:15:29", kNow - 1 + 86400}, // passed: the next one
+          {"23:00", kNow + 9870},
+          {"2026-11-24T20:15:30", kNow},
+          {"2026-11-24 20:15", kNow - 30},
+          {"2026-11-25T05:15:30+09:00", kNow},
+          {"2026-11-24T15:15:30-0500", kNow},
           {"2106-02-07T06:28:15Z", 4294967295}}},
         {"CET-1CEST,M3.5.0,M10.5.0/3",
-         {{"21:15:30", NOW},
-          {"2026-11-24T21:15:30", NOW},
-          {"2026-11-24T20:15:30Z", NOW},
+         {{"21:15:30", kNow},
+          {"2026-11-24T21:15:30", kNow},
+          {"2026-11-24T20:15:30Z", kNow},
           {"2026-07-01T12:00:00", 1782900000}}}, // summer time: 10:00 UTC
     };
     for (const auto &test : aCase) {
@@ -46,7 +46,7 @@ TEST(CommandLineText, TimesMeanWhatTheySay) {
         for (const auto &[pszText, ulExpected] : test.times) {
             SCOPED_TRACE(std::string(test.pszZone) + " " + pszText);
             unsigned long ulTime = 0;
-            EXPECT_EQ(readTime(pszText, NOW, &ulTime), "");
+            EXPECT_EQ(readTime(pszText, kNow, &ulTime), "");
             EXPECT_EQ(ulTime, ulExpected);
         }
     }
@@ -67,14 +67,14 @@ TEST(CommandLineText, WhatIsNoTimeIsRefusedWithTheReason) {
     for (const auto &[pszReason, texts] : aCase) {
         for (const char *pszText : texts) {
             unsigned long ulTime = 7;
-            const std::string sProblem = readTime(pszText, NOW, &ulTime);
+            const std::string sProblem = readTime(pszText, kNow, &ulTime);
             EXPECT_NE(sProblem.find(pszReason), std::string::npos) << pszText << ": " << sProblem;
             EXPECT_EQ(ulTime, 7u) << pszText;
         }
     }
 }
 
-// A reader of numbers takes some texts, and of the others says so and stores nothing.
+// The reader takes some texts. For each of the others it gives a reason and stores nothing.
 void expectNumbers(std::string (*pRead)(std::string_view, unsigned long *),
                    const std::vector<std::pair<const char *, unsigned long>> &taken,
                    const std::vector<const char *> &refused) {
@@ -136,7 +136,7 @@ TEST(CommandLineText, KeysKeepTheirLeadingZerosAndLength) {
 }
 
 TEST(CommandLineText, IdentitiesComeBackWhole) {
-    CAST_IDENTITY cast{};
+    CastIdentity cast{};
     ASSERT_EQ(readCastIdentity("7:2:1790000000:1790003600:5000:0x2021", &cast), "");
     EXPECT_EQ(std::tuple(cast.ulEPGID, cast.ulType, cast.ulST, cast.ulET, cast.usPort, cast.ulFormat),
               std::tuple(7ul, 2ul, 1790000000ul, 1790003600ul, 5000, 0x2021ul));
@@ -146,7 +146,7 @@ TEST(CommandLineText, IdentitiesComeBackWhole) {
         EXPECT_NE(readCastIdentity(pszWrong, &cast), "") << pszWrong;
     }
 
-    MESSAGE_IDENTITY message{};
+    MessageIdentity message{};
     for (const std::string sEnd : {":priority", ":normal", ""}) {
         EXPECT_EQ(readMessageIdentity("1:10:20:30" + sEnd, &message), "");
         EXPECT_EQ(message.ulCT, 10u);

@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# Every long option that a command's help shows is offered by the completion, and nothing else is.
+# The completion offers every long option that a command's help shows, and no other.
 #   completion_test.sh COMPLETION PROGRAM
 set -euo pipefail
 . "$1"
 program=$2
 
-offered() { # WORDS...: what the completion makes of them, the last one being completed
+offered() { # WORDS...: what the completion offers for the last word
     COMP_WORDS=(pccast "$@")
     COMP_CWORD=$#
     _pccast

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The diagnostic program from its start to its end, 330 seconds that pass fifteen times as fast: what it says, and
-# what it puts on air.
+# Runs the diagnostic program from start to end and checks what it says and what it puts on air. Its 330 seconds
+# pass fifteen times as fast.
 . "$(dirname "$0")/service.sh"
 command -v faketime >/dev/null || exit 77
 [[ $(ldd "$bin/diagpccast") != *lib[at]san* ]] || exit 77 # a sanitizer must be loaded before anything else
@@ -21,8 +21,8 @@ PCCASTRECASTEngine(), ALARM, unknown content format[0(0)] to re-cast: let it go
 END
 diff expected said >&2 || fail "the program said something else"
 
-# The cast for its 200 seconds; each text with its attributes, as often as its pause and its rivals let it: the
-# second has one second for it, and may miss that on a busy machine.
+# The cast is announced for its 200 seconds. Each text comes with its attributes, as often as its pause and the other
+# texts allow. The second text has one second only, and may miss it on a busy machine.
 counted 18 '"kind":"on-air".*"epg":0,"type":16,"format":0,.*"crcOk":true' heard || fail "the cast was not announced"
 sed -nE 's/.*"kind":"message".*"showings":1,"attribute1":32,"attribute3":33333,"text":"(.*)"}/\1/p' heard >texts
 [[ $(tr '\n' ' ' <texts) =~ ^(H-+I-+G-+H-+A\ )(H-+I-+G-+H-+B\ )?((1234567890){4}\ ){2}(a{40}\ )?(H-+I-+G-+H-+A\ ){1,2}(a{40}\ ){4}$ ]] || {

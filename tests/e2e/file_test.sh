@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# Stored files: both kinds are found from their content, played byte for byte, announced and logged; and ffmpeg, where
-# it is installed, finds every frame and packet in what was received, without a word of complaint.
+# Stored files of both kinds are recognised, played byte for byte, announced and logged. Where ffmpeg is installed, it
+# finds every frame and packet in the received bytes, without a complaint.
 . "$(dirname "$0")/service.sh"
 cp "$samples/sample.nsc" /fixdata/bypass.nsc
 start_service
 start_watch
 
-# A file of 30 s, longer than its request, plays on; the command that stop then gives ends it.
+# A file of 30 s plays on after the end of its request. The command that stop names ends it.
 cat "$samples"/{sample,sample,sample}.ts >long.ts
 cast=$("$pccast" file long.ts --to 239.77.0.5:5005 --epg 13 --for 2s)
 within 5 grep -q '"kind":"on-air".*"epg":13,' heard

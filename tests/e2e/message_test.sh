@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# A message is shown with its bytes as they are, the urgent one first, and not again once it is cancelled.
+# A message arrives with its bytes unchanged. An urgent one goes first. A cancelled one does not come again.
 . "$(dirname "$0")/service.sh"
 start_service
 start_watch
@@ -18,7 +18,7 @@ within 13 grep -q '"text":"urgent"' heard
 sleep 10
 [ "$(grep -c 'Fire' heard)" -eq 1 ] || fail "a cancelled message was shown again"
 
-# Every byte that a text can have, and about as many as fit. Last: the pause behind it is hours.
+# Every byte that a text can have, and about as many as fit. It comes last, because the pause after it is hours.
 export LC_ALL=C
 text=$(awk 'BEGIN { for (i = 0; i < 60000; i++) printf "%c", 1 + i % 255 }')
 "$pccast" message "$text" --priority

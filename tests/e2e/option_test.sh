@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# What a relay's options ask for reaches the service: the key, padded to its 16 bytes, and the cutting into chunks.
+# A relay's options reach the service: the key, filled up to 16 bytes, and the cutting into chunks.
 . "$(dirname "$0")/service.sh"
 source=239.77.0.1
 start_service

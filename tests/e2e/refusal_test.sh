@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# What cannot be done is said, with the exit code that scripts go by, and harms nothing.
+# pccast says what it cannot do, with the exit code that scripts rely on, and does no harm.
 . "$(dirname "$0")/service.sh"
 cast=239.77.0.2:5000
 
@@ -17,7 +17,7 @@ refused 64 "type: '0' is not a number from 1 to 3" "$pccast" stop --type 0 --epg
 refused 64 "no argument '--bogus'" "$pccast" --bogus
 refused 64 "no argument '--too'" "$pccast" file film.ts --too $cast
 refused 65 'has passed' "$pccast" relay 239.77.0.1:1 $cast --end 2020-01-01T00:00
-refused 65 'does not lie after the start' "$pccast" relay 239.77.0.1:1 $cast --start +1h --end +1h
+refused 65 'is not after the start' "$pccast" relay 239.77.0.1:1 $cast --start +1h --end +1h
 refused 65 'would feed itself' "$pccast" relay $cast $cast
 refused 65 'TEXT is empty' "$pccast" message ''
 refused 65 'at most 65429' "$pccast" message "$(head -c 65430 /dev/zero | tr '\0' x)"
@@ -32,7 +32,7 @@ refused 69 'cannot be loaded' "$pccast" serve --plugin ./zeros
 refused 69 'has no QX_PlugIn_Name' "$pccast" serve --plugin "$bin/../lib/libvexa_pgl.so.1"
 refused 69 'heard 0 of 1' "$pccast" watch --count 1 --for 1s
 
-# Something else where a socket is to be: left alone, and the reason given.
+# Another file stands where a socket belongs: it stays, and the reason is given.
 echo mine >/tmp/PCMBC.uds
 refused 69 'PCMBC.uds' "$pccast" serve
 grep -q mine /tmp/PCMBC.uds || fail "a file of someone else's was replaced"
@@ -50,6 +50,6 @@ printf '/ORVEN/SERVICE/PCMBC=disable\n' >/reg/reg1/slave.reg
 refused 78 'PCMBC=DISABLE' "$pccast" message text
 end_service TERM
 
-ip route del 224.0.0.0/4 # it runs without a way out, but says so
+ip route del 224.0.0.0/4 # the service runs without a route, but says so
 refused 0 'nothing can be sent to 224.9.9.9' timeout --preserve-status 2 "$pccast" serve
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# A live stream: announced, relayed byte for byte, preempted by a newer request, back when that one is stopped,
-# and over when it is stopped itself.
+# A live stream is announced and relayed byte for byte. A newer request interrupts it; it comes back when that
+# request is stopped, and ends when it is stopped itself.
 . "$(dirname "$0")/service.sh"
 source=239.77.0.1:4000
 start_service

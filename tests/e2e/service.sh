@@ -1,5 +1,5 @@
-# Sourced by the end-to-end tests: a real host with the real plug-in on real sockets and groups, in namespaces of
-# its own (script/in-namespace). Arguments of each test: the folder of the programs, the folder of the samples.
+# Sourced by the end-to-end tests. They run a real host with the real plug-in on real sockets and groups, in namespaces
+# of their own (script/in-namespace). Arguments of each test: the folder of the programs, the folder of the samples.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 bin=$1
@@ -14,7 +14,7 @@ fail() {
     exit 1
 }
 
-# On every way out: what was started ends; after a failure, what the service and the watcher said is shown.
+# Runs however a test ends: it ends what was started and, after a failure, shows what service and watcher said.
 finish() {
     local status=$? job
     for job in $(jobs -p); do
@@ -29,7 +29,7 @@ finish() {
 }
 trap finish EXIT
 
-# within SECONDS COMMAND...: the command succeeds before the time is over.
+# within SECONDS COMMAND...: repeats the command until it succeeds; fails when the time is over.
 within() {
     local tries=$(($1 * 20))
     shift
@@ -59,7 +59,7 @@ start_service() {
     within 10 grep -q 'serves casts' serve.log
 }
 
-# Ends the service with a signal; it closes in good order and leaves no socket file.
+# end_service SIGNAL: the service closes cleanly and leaves no socket file.
 end_service() {
     local status=0
     kill "-$1" "$service"
@@ -69,13 +69,13 @@ end_service() {
     [ ! -e /tmp/PCSTREAM.uds ] && [ ! -e /tmp/PCMBC.uds ] || fail "a socket file is left"
 }
 
-# What is on air from here on goes to the file heard, an object a line.
+# From here on every datagram on air goes to the file heard, as one object a line.
 start_watch() {
     "$pccast" watch --json >heard 2>watch.log &
     within 5 grep -q '0909E0' /proc/net/igmp
 }
 
-# carries ADDRESS:PORT SOURCE: a piece of the sample fed to SOURCE arrives at ADDRESS:PORT byte for byte.
+# carries ADDRESS:PORT SOURCE: feeds a piece of the sample to SOURCE; it arrives at ADDRESS:PORT byte for byte.
 carries() {
     "$bin/pccast-receive" "$1" received --datagrams 40 --wait 5 >receive.log 2>&1 &
     local receiver=$!

@@ -1,4 +1,4 @@
-#include "plugin.h"
+#include "pluginloader.h"
 
 #include "commands.h"
 
@@ -14,69 +14,67 @@
 
 namespace {
 
-constexpr const char *PLUGIN_NAME = "PCCAST Plugin";
-constexpr unsigned int PLUGIN_VERSION = 0x03060502;
+constexpr const char *kPluginName = "PCCAST Plugin";
+constexpr const char *kPluginFile = "libpccast.so." PCCAST_SOVERSION;
 
-constexpr const char *PLUGIN_FILE = "libpccast.so.3";
+// Where the plug-in is, seen from this program's folder: in a build tree, beside the program, installed. The
+// run path says the same. But a sanitizer puts itself between dlopen and its caller, and then the run path
+// does not count.
+constexpr std::array<const char *, 3> kPluginFolders{"/../lib/", "/", "/../" PCCAST_LIBDIR "/"};
 
-// Where it lies, seen from the folder of this program: in a build tree, beside the program, installed. The
-// run path says the same, but is not looked at under a sanitizer, which puts itself between dlopen and its
-// caller.
-constexpr std::array<const char *, 3> FOLDERS{"/../lib/", "/", "/../" PCCAST_LIBDIR "/"};
+constexpr std::array<const char *, 2> kCommanders{"QX_PCCASTSTREAMCommander", "QX_PCCASTMBCCommander"};
 
-constexpr std::array<const char *, 2> COMMANDERS{"QX_PCCASTSTREAMCommander", "QX_PCCASTMBCCommander"};
-
-// The plug-in that belongs to this program; where none lies, the bare name, which the loader looks up in its
+// The path of this program's own plug-in. If no folder has it, the bare name: the loader then looks in its
 // own places.
 std::string ownPlugin() {
     std::error_code error;
     const std::string sProgram =
         std::filesystem::read_symlink("/proc/self/exe", error).parent_path().string();
-    for (const char *pszFolder : FOLDERS) {
-        const std::string sPath = sProgram + pszFolder + PLUGIN_FILE;
+    for (const char *pszFolder : kPluginFolders) {
+        std::string sPath = sProgram + pszFolder + kPluginFile;
         if (access(sPath.c_str(), F_OK) == 0) {
             return sPath;
         }
     }
-    return PLUGIN_FILE;
+    return kPluginFile;
 }
 
-template <typename FUNCTION>
-void resolve(void *pHandle, const char *pszName, FUNCTION *ppFunction, std::string *psMissing) {
-    *ppFunction = reinterpret_cast<FUNCTION>(dlsym(pHandle, pszName));
+template <typename Function>
+void resolve(void *pHandle, const char *pszName, Function *ppFunction, std::string *psMissing) {
+    *ppFunction = reinterpret_cast<Function>(dlsym(pHandle, pszName));
     if (*ppFunction == nullptr && psMissing->empty()) {
         *psMissing = pszName;
     }
 }
 
-// What is wrong with the table of command names, empty when nothing is.
+// Returns what is wrong with the table of command names, empty when nothing is.
 std::string checkNameTable(void *pHandle) {
     const auto *const ppszNames =
         static_cast<const char *const *>(dlsym(pHandle, "p_qxapi_name_table_pccast"));
     if (ppszNames == nullptr) {
         return "has no table of command names (p_qxapi_name_table_pccast)";
     }
-    for (size_t i = 0; i < COMMANDERS.size(); ++i) {
-        if (ppszNames[i] == nullptr || strcmp(ppszNames[i], COMMANDERS[i]) != 0) {
-            return std::string("does not publish the command ") + COMMANDERS[i];
+    for (size_t i = 0; i < kCommanders.size(); ++i) {
+        if (ppszNames[i] == nullptr || std::strcmp(ppszNames[i], kCommanders[i]) != 0) {
+            return std::string("does not publish the command ") + kCommanders[i];
         }
         if (dlsym(pHandle, ppszNames[i]) == nullptr) {
             return std::string("publishes the command ") + ppszNames[i] + " but does not have it";
         }
     }
-    return ppszNames[COMMANDERS.size()] == nullptr ? "" : "publishes more commands than this program knows";
+    return ppszNames[kCommanders.size()] == nullptr ? "" : "publishes more commands than this program knows";
 }
 
-std::string checkPlugin(void *pHandle, PLUGIN *pPlugin) {
+std::string checkPlugin(void *pHandle, Plugin *pPlugin) {
     std::string sMissing;
     resolve(pHandle, "QX_PlugIn_Name", &pPlugin->pName, &sMissing);
     resolve(pHandle, "QX_PlugIn_Version", &pPlugin->pVersion, &sMissing);
     resolve(pHandle, "p_qxapi_open_pccast", &pPlugin->pOpen, &sMissing);
     resolve(pHandle, "p_qxapi_close_pccast", &pPlugin->pClose, &sMissing);
     resolve(pHandle, "VALIDATECASTInfo", &pPlugin->pValidateCast, &sMissing);
-    resolve(pHandle, "TxCASTInfoToPlugIn", &pPlugin->pSendCast, &sMissing);
+    resolve(pHandle, "TxCASTInfoToPlugIn", &pPlugin->pSubmitCast, &sMissing);
     resolve(pHandle, "VALIDATEMSGInfo", &pPlugin->pValidateMessage, &sMissing);
-    resolve(pHandle, "TxPCMBCInfoToPlugIn", &pPlugin->pSendMessage, &sMissing);
+    resolve(pHandle, "TxPCMBCInfoToPlugIn", &pPlugin->pSubmitMessage, &sMissing);
     resolve(pHandle, "MAKECASTInfo", &pPlugin->pMakeCast, &sMissing);
     resolve(pHandle, "ELIMINATECASTInfo", &pPlugin->pEliminateCast, &sMissing);
     resolve(pHandle, "MAKEMSGInfo", &pPlugin->pMakeMessage, &sMissing);
@@ -86,14 +84,14 @@ std::string checkPlugin(void *pHandle, PLUGIN *pPlugin) {
         return "has no " + sMissing;
     }
     const char *const pszName = pPlugin->pName();
-    if (pszName == nullptr || strcmp(pszName, PLUGIN_NAME) != 0) {
-        return std::string("is named '") + (pszName == nullptr ? "" : pszName) + "', not '" + PLUGIN_NAME +
+    if (pszName == nullptr || std::strcmp(pszName, kPluginName) != 0) {
+        return std::string("is named '") + (pszName == nullptr ? "" : pszName) + "', not '" + kPluginName +
                "'";
     }
-    if (pPlugin->pVersion() != PLUGIN_VERSION) {
+    if (pPlugin->pVersion() != PCCAST_PLUGIN_VERSION) {
         std::array<char, 64> aText{};
-        snprintf(aText.data(), aText.size(), "has version %08X, not %08X", pPlugin->pVersion(),
-                 PLUGIN_VERSION);
+        std::snprintf(aText.data(), aText.size(), "has version %08X, not %08X", pPlugin->pVersion(),
+                      PCCAST_PLUGIN_VERSION);
         return aText.data();
     }
     return checkNameTable(pHandle);
@@ -106,7 +104,7 @@ void addPluginOption(CLI::App *pCommand, std::string &sPath) {
         ->type_name("PATH");
 }
 
-int loadPlugin(const std::string &sPath, PLUGIN *pPlugin) {
+int loadPlugin(const std::string &sPath, Plugin *pPlugin) {
     void *const pHandle = dlopen((sPath.empty() ? ownPlugin() : sPath).c_str(), RTLD_NOW | RTLD_LOCAL);
     if (pHandle == nullptr) {
         return sayAndReturn(EXIT_UNAVAILABLE, std::string("the plug-in cannot be loaded: ") + dlerror());
@@ -114,7 +112,7 @@ int loadPlugin(const std::string &sPath, PLUGIN *pPlugin) {
     const std::string sProblem = checkPlugin(pHandle, pPlugin);
     if (!sProblem.empty()) {
         return sayAndReturn(EXIT_UNAVAILABLE, "the plug-in" + (sPath.empty() ? "" : " " + sPath) + " " +
-                                                  sProblem + "; it is not one that this program can use");
+                                                  sProblem + "; this program cannot use it");
     }
     return EXIT_DONE;
 }
