@@ -194,7 +194,7 @@ int copyHeadRecord(List *pHandle, RecordOf<List> **ppRecord, const char *pOperat
                         [=] { RecordKind<List>::copy(headRecord(pHandle), ppRecord); });
 }
 
-// Removes and releases every record of which isWanted(pRecord) is true. Returns 1 when there was one, else 0.
+// Removes and releases every record for which isWanted(pRecord) is true. Returns 1 if there was one, else 0.
 template <typename List, typename IsWanted>
 int removeRecords(List *pHandle, IsWanted isWanted, int iLine = __builtin_LINE()) {
     if (!isUsable(pHandle)) {

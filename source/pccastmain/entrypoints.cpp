@@ -28,8 +28,8 @@ std::atomic<uint32_t> gSupervisorStarts{0};
 namespace {
 
 constexpr unsigned int kVersion = 0x03060502;
-constexpr int kCloseLimit = 50;     // units of ktWaitForAEngine
-constexpr int kSignOffPasses = 100; // for the last write of a supervisor that has left the count
+constexpr int kCloseLimit = 50;     // iLimit of ktWaitForAEngine
+constexpr int kSignOffPasses = 100; // most passes of waiting for the supervisor's last write
 
 void *supervisorThread(void *pBlock) {
     PCCASTPluginMain(static_cast<KTPLUGIN_INFO_TAG *>(pBlock));
@@ -87,7 +87,7 @@ int __qxapi_close_pccast__() {
     if (hasEnded(pBlock)) {
         std::free(pBlock);
     } else {
-        // The supervisor still waits, and writes to its block when that is over: the block is left to it.
+        // The supervisor is still waiting. Later it writes to its block. So the block is not released.
         const char *pEngine = gStoppingEngine;
         std::printf(
             "[%s:%d] \e[2;31m %s does not end: the service is closed without it, and what it uses is kept "
