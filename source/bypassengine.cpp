@@ -117,16 +117,16 @@ bool takeKey(Relay *pRelay) {
     return true;
 }
 
-// A relay onto its own source feeds itself without end where what it sends comes back to it: with an address
-// of this machine, or with a group that it sends by the loopback interface, on which it receives. A group
-// that it sends by another interface is a fine destination for the stream of the same group on the loopback
-// interface. Returns whether it is no such relay (printed). Both endpoints are open.
+// Returns false (printed) if the relay would feed itself. Both endpoints are open. A relay feeds itself
+// without end if its destination is its source and its datagrams come back to it. They come back from an
+// address of this machine, and from a group that is sent through the loopback interface, because the relay
+// receives there. A group that is sent through another interface does not come back.
 bool leadsElsewhere(const Relay *pRelay) {
     const CASTInfo *pCast = pRelay->pCast;
     if (pCast->usSRCPort != pCast->usDSTPort || std::strcmp(pCast->pSRCIP, pCast->pDSTIP) != 0) {
         return true;
     }
-    // The sender is connected, so its own address is that of the interface that it sends by.
+    // The sender is connected. So its own address is the address of the interface through which it sends.
     sockaddr_in local{};
     socklen_t uiLength = sizeof local;
     getsockname(pRelay->pSender->iSocket, reinterpret_cast<sockaddr *>(&local), &uiLength);

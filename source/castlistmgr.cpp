@@ -27,7 +27,7 @@ char *copyText(const char *pText) {
     return pCopy;
 }
 
-// What a record's text looks like on the console.
+// The form in which a record's text goes to the console.
 ConsoleText orNull(const char *pText) {
     return consoleText(pText, "NULL");
 }

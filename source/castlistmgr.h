@@ -57,7 +57,8 @@ int REMOVEHeadCASTList(CASTList *pCASTList);
 void PRINTCASTList(CASTList *pCASTList, const char *pCaller);
 }
 
-// Removes and releases the first record equal to pInfo and as old. Returns 1 removed, 0 none or no lock.
+// Removes and releases the first record that equals pInfo and has the same ulCT. Returns 1 removed, 0 none or
+// no lock.
 int castlistRemoveRequest(CASTList *pCASTList, const CASTInfo *pInfo);
 
 #endif

@@ -1,4 +1,4 @@
-// consoletext.h - makes a text from a request safe for a terminal.
+// consoletext.h - makes a text from a request safe for a terminal. It is safe on every thread.
 #ifndef PCCAST_CONSOLETEXT_H
 #define PCCAST_CONSOLETEXT_H
 
@@ -11,9 +11,9 @@ struct FreeText {
 };
 using ConsoleText = std::unique_ptr<char, FreeText>;
 
-// A copy of the text with a question mark for each byte that could be, or begin, a control character: below
-// blank, DEL, and the C1 controls as UTF-8 has them (C2 80 to C2 9F). A null text reads as pFallback. Null
-// when memory runs out.
+// Returns a copy of the text, with a question mark in place of each control character: the bytes below 20,
+// the byte 7F, and the C1 controls of UTF-8 (C2 80 to C2 9F). pFallback stands in for a null text. Returns
+// null if memory runs out.
 inline ConsoleText consoleText(const char *pText, const char *pFallback) {
     ConsoleText pCopy(strdup(pText == nullptr ? pFallback : pText));
     auto *pBytes = reinterpret_cast<unsigned char *>(pCopy.get());
@@ -26,7 +26,7 @@ inline ConsoleText consoleText(const char *pText, const char *pFallback) {
     return pCopy;
 }
 
-// For the argument of a printf: the text, or a question mark when there is none.
+// Returns the text for a printf, or a question mark for null.
 inline const char *orQuestion(const ConsoleText &pText) {
     return pText == nullptr ? "?" : pText.get();
 }

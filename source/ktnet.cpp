@@ -112,7 +112,7 @@ bool configure(KTNET_ENDPOINT *pDesc, const KTNET_SETTING &setting, const char *
     return true;
 }
 
-// pInitialised: called between the library's initialisation and what follows; null: nothing is.
+// pInitialised: called after the library's initialisation, before the next step; may be null.
 int open(KTNET_ENDPOINT **ppDesc, const KTNET_SETTING *pSetting, const char *pszPeer, unsigned short usPort,
          const char *pszLocal, KTNET_STEP *peStep, void (*pInitialised)() = nullptr) {
     KTNET_STEP eStep = KTNET_STEP_INIT;

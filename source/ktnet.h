@@ -20,7 +20,7 @@ enum KTNET_USE {
     KTNET_STREAM_SENDER     // multicast sender, the relayed stream
 };
 
-// The step whose result an opener returned.
+// The step of opening that gave an opener's result.
 enum KTNET_STEP { KTNET_STEP_INIT, KTNET_STEP_CONFIGURE, KTNET_STEP_CREATE };
 
 // The openers make a descriptor in *ppDesc, set its fields for eUse and create its socket. After a failure
@@ -39,7 +39,7 @@ int KTNETOpenClient(KTNET_ENDPOINT **ppDesc, KTNET_USE eUse, KTNET_STEP *peStep)
 // pszLocal: address of the interface; null: the library chooses.
 int KTNETOpenSender(KTNET_ENDPOINT **ppDesc, KTNET_USE eUse, const char *pszPeer, unsigned short usPort,
                     const char *pszLocal, KTNET_STEP *peStep);
-// pInitialised: called once the library has initialised the descriptor, before anything else.
+// pInitialised: called after the library has initialised the descriptor, before the next step.
 int KTNETOpenReceiver(KTNET_ENDPOINT **ppDesc, KTNET_USE eUse, const char *pszPeer, unsigned short usPort,
                       const char *pszLocal, KTNET_STEP *peStep, void (*pInitialised)());
 

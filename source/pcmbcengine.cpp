@@ -54,9 +54,9 @@ struct Broadcast {
     MSGList *pNormal;
     MSGInfo *pCurrent; // the message on air, owned; null for none
     unsigned long ulNextSend;
-    unsigned long ulPause; // the pause that ulNextSend ends
-    // Of the last opening or sending. Negative: the endpoint is opened before the next use. 0: no more is
-    // sent.
+    unsigned long ulPause; // seconds of the pause before ulNextSend
+    // The result of the last opening or sending. Negative: open the endpoint before the next use. 0: send
+    // nothing any more.
     int iNetResult;
     KTNET_ENDPOINT *pEndpoint;
     unsigned long ulNow; // the time that readClock read last
@@ -230,7 +230,7 @@ void countAttempt(Broadcast *pState, bool bSent) {
             "\e[1;41m[ERROR]\e[0m\n",
             kModule, __LINE__, pCurrent->uliEPGID, ulText);
     }
-    --pCurrent->ulRepeat; // 0 wraps: such a message is repeated until its end time
+    --pCurrent->ulRepeat; // 0 wraps around: such a message is repeated until its end time
     pState->ulPause = static_cast<unsigned long>(pauseAfter(ulText));
     pState->ulNextSend = pState->ulNow + pState->ulPause;
     viewSent(pCurrent, bSent);
@@ -246,7 +246,7 @@ void broadcastCurrent(Broadcast *pState) {
         return;
     }
     readClock(pState);
-    // A clock that was set back must not stretch the pause by as much.
+    // If the clock has been set back, the pause must not become longer than it should be.
     if (pState->ulNextSend > pState->ulNow + pState->ulPause) {
         pState->ulNextSend = pState->ulNow + pState->ulPause;
     }

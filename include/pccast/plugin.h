@@ -25,9 +25,8 @@ unsigned int QX_PlugIn_Version(void);
  * Returns 1, also after a failure; a failure is printed. */
 int QX_PlugIn_Open(void);
 
-/* Stops the service and returns when its supervisor has ended. A thread that hangs is waited for for about 50
- * seconds; then it is named on the console, and what it can reach is kept as long as the process lives.
- * Returns 1. */
+/* Stops the service and returns when the supervisor has ended. Waits about 50 seconds for a thread that
+ * hangs. Then it prints the thread's name and leaves the thread everything that it can reach. Returns 1. */
 int QX_PlugIn_Close(void);
 
 /* Does nothing. */

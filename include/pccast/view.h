@@ -1,7 +1,7 @@
 /* view.h - what the service is doing: a snapshot of this moment, and numbered events of what has happened.
  *
- * For the host, in the process of the service. Any thread may call, several at once. No call holds the
- * service up for longer than a short copy, and nothing that the service does depends on these calls.
+ * The host calls these in the process of the service. Several threads may call them at once. A call delays
+ * the service by a short copy at most. Nothing that the service does depends on these calls.
  *
  * Times are whole seconds since the epoch unless a field says otherwise. */
 #ifndef PCCAST_VIEW_H
@@ -16,124 +16,193 @@ extern "C" {
 
 /* ---- places of a request */
 
-#define PCCAST_PLACE_WAITING 1 /* in its list */
-#define PCCAST_PLACE_PENDING 2 /* taken out: it waits for its second, or for a relay to end */
+/* In its list. */
+#define PCCAST_PLACE_WAITING 1
+/* Taken out of its list. It waits for its start time, or for a relay to end. */
+#define PCCAST_PLACE_PENDING 2
+/* On air. */
 #define PCCAST_PLACE_ON_AIR 3
-#define PCCAST_PLACE_OVER                                                                                    \
-    4 /* over, but still current: older requests of its list do not start before its end */
+/* Over, but still current. Older requests of its list do not start before its end time. */
+#define PCCAST_PLACE_OVER 4
 
 /* ---- kinds of event */
 
-#define PCCAST_EVENT_FILED 1     /* the request is in its list */
-#define PCCAST_EVENT_REFUSED 2   /* it has arrived, and is not taken */
-#define PCCAST_EVENT_CANCELLED 3 /* pOther, a stop or cancel request, has taken it back */
-#define PCCAST_EVENT_EXPIRED 4   /* its end came before its start */
-#define PCCAST_EVENT_DROPPED 5   /* the service has lost it */
-#define PCCAST_EVENT_STARTED 6   /* cast: on air */
-#define PCCAST_EVENT_RETURNED 7  /* cast: on air again, after the one that preempted it */
-#define PCCAST_EVENT_PREEMPTED 8 /* cast: off the air for pOther */
-#define PCCAST_EVENT_ENDED 9     /* cast: off the air */
-#define PCCAST_EVENT_FAILED 10   /* cast: it could not start, or not go on */
-#define PCCAST_EVENT_SILENT 11   /* relay: nothing has come from its source for a second */
-#define PCCAST_EVENT_HEARD 12    /* relay: its source is heard again */
-#define PCCAST_EVENT_CURRENT 13  /* message: on air */
-#define PCCAST_EVENT_SENT 14     /* message: broadcast once more */
-#define PCCAST_EVENT_REPLACED 15 /* message: back in its list for pOther */
-#define PCCAST_EVENT_FINISHED 16 /* message: off the air for good */
-#define PCCAST_EVENT_DONE 17     /* stop or cancel request: it has done what it could */
+/* The request is in its list. */
+#define PCCAST_EVENT_FILED 1
+/* The request has arrived and is not taken. */
+#define PCCAST_EVENT_REFUSED 2
+/* pOther, a stop or cancel request, has taken the request back. */
+#define PCCAST_EVENT_CANCELLED 3
+/* The end of the request came before its start. */
+#define PCCAST_EVENT_EXPIRED 4
+/* The service has lost the request. */
+#define PCCAST_EVENT_DROPPED 5
+/* Cast: it is on air. */
+#define PCCAST_EVENT_STARTED 6
+/* Cast: it is on air again, after the cast that preempted it. */
+#define PCCAST_EVENT_RETURNED 7
+/* Cast: it is off the air, for pOther. */
+#define PCCAST_EVENT_PREEMPTED 8
+/* Cast: it is off the air. */
+#define PCCAST_EVENT_ENDED 9
+/* Cast: it could not start, or could not go on. */
+#define PCCAST_EVENT_FAILED 10
+/* Relay: nothing has come from its source for a second. */
+#define PCCAST_EVENT_SILENT 11
+/* Relay: its source is heard again. */
+#define PCCAST_EVENT_HEARD 12
+/* Message: it is on air. */
+#define PCCAST_EVENT_CURRENT 13
+/* Message: it has been broadcast once more. */
+#define PCCAST_EVENT_SENT 14
+/* Message: it is back in its list, for pOther. */
+#define PCCAST_EVENT_REPLACED 15
+/* Message: it is off the air for good. */
+#define PCCAST_EVENT_FINISHED 16
+/* Stop or cancel request: it has done what it could. */
+#define PCCAST_EVENT_DONE 17
 
 /* ---- reasons of an event */
 
+/* No reason. */
 #define PCCAST_REASON_NONE 0
+/* The end time has come. */
 #define PCCAST_REASON_END_TIME 1
-#define PCCAST_REASON_STOP 2        /* pOther, a stop or cancel request */
-#define PCCAST_REASON_NEWER 3       /* pOther, a newer request */
-#define PCCAST_REASON_SOURCE_LOST 4 /* the relay's socket gave an error */
+/* pOther, a stop or cancel request. */
+#define PCCAST_REASON_STOP 2
+/* pOther, a newer request. */
+#define PCCAST_REASON_NEWER 3
+/* The relay's socket gave an error. */
+#define PCCAST_REASON_SOURCE_LOST 4
+/* The file has ended. */
 #define PCCAST_REASON_FILE_END 5
-#define PCCAST_REASON_REPEATS 6      /* broadcast as often as asked */
-#define PCCAST_REASON_CLOSING 7      /* the service closes */
-#define PCCAST_REASON_SEND 8         /* a send failed */
-#define PCCAST_REASON_SOURCE 9       /* the source cannot be opened */
-#define PCCAST_REASON_DESTINATION 10 /* the destination cannot be opened */
-#define PCCAST_REASON_KEY 11         /* decryption is wanted, and there is no key */
-#define PCCAST_REASON_LOOP 12        /* it would feed itself */
-#define PCCAST_REASON_FILE 13        /* the file cannot be opened or played */
-#define PCCAST_REASON_FORMAT 14      /* nobody plays this content format */
-#define PCCAST_REASON_INCOMPLETE 15  /* a field is missing, or the type is unknown */
+/* The message has been broadcast as often as asked. */
+#define PCCAST_REASON_REPEATS 6
+/* The service closes. */
+#define PCCAST_REASON_CLOSING 7
+/* A send failed. */
+#define PCCAST_REASON_SEND 8
+/* The source cannot be opened. */
+#define PCCAST_REASON_SOURCE 9
+/* The destination cannot be opened. */
+#define PCCAST_REASON_DESTINATION 10
+/* The cast must be decrypted, but there is no key. */
+#define PCCAST_REASON_KEY 11
+/* The relay would feed itself. */
+#define PCCAST_REASON_LOOP 12
+/* The file cannot be opened or played. */
+#define PCCAST_REASON_FILE 13
+/* No driver plays this content format. */
+#define PCCAST_REASON_FORMAT 14
+/* A field is missing, or the type is unknown. */
+#define PCCAST_REASON_INCOMPLETE 15
+/* Memory has run out. */
 #define PCCAST_REASON_MEMORY 16
-#define PCCAST_REASON_LOCK 17    /* the list's lock could not be had */
-#define PCCAST_REASON_NOTHING 18 /* a stop or cancel request met nothing */
+/* The lock of the list could not be taken. */
+#define PCCAST_REASON_LOCK 17
+/* A stop or cancel request has found nothing to end. */
+#define PCCAST_REASON_NOTHING 18
 
 /* ---- traffic of a cast */
 
 typedef struct PCCASTTraffic {
-    unsigned long ulDatagrams; /* relay: received; file: sent */
-    unsigned long ulBytes;     /* in them */
-    unsigned long ulFailed;    /* sends that failed */
-    /* relay */
-    unsigned long ulDropped;     /* datagrams that the kernel dropped because they were not fetched in time */
-    unsigned long ulSilence;     /* seconds without a datagram, in all */
-    unsigned long ulSilentSince; /* 0: its source is heard */
-    unsigned long ulLastArrival; /* 0: nothing has come */
-    unsigned long ulDatagramsPerSecond; /* in the last full second */
+    /* Relay: datagrams received. File: datagrams sent. */
+    unsigned long ulDatagrams;
+    /* Bytes in these datagrams. */
+    unsigned long ulBytes;
+    /* Sends that failed. */
+    unsigned long ulFailed;
+
+    /* ---- relay */
+
+    /* Datagrams that the kernel dropped because they were not fetched in time. */
+    unsigned long ulDropped;
+    /* Seconds without a datagram, in total. */
+    unsigned long ulSilence;
+    /* Time from which the source is silent; 0: it is heard. */
+    unsigned long ulSilentSince;
+    /* Time of the last datagram; 0: none has come. */
+    unsigned long ulLastArrival;
+    /* Datagrams and bytes of the last full second. */
+    unsigned long ulDatagramsPerSecond;
     unsigned long ulBytesPerSecond;
-    /* file */
-    unsigned long ulPositionMs; /* played so far, milliseconds */
-    unsigned long ulLengthMs;   /* 0: not known */
-    unsigned long ulLate;       /* datagrams sent more than 10 ms after their time */
+
+    /* ---- file */
+
+    /* Milliseconds played so far. */
+    unsigned long ulPositionMs;
+    /* Milliseconds of the whole file; 0: not known. */
+    unsigned long ulLengthMs;
+    /* Datagrams sent more than 10 ms after their time. */
+    unsigned long ulLate;
 } PCCASTTraffic;
 
 /* ---- events */
 
-/* One event. The records belong to the event and are only read; exactly one of pCast and pMessage is set. */
+/* One event. The event owns its records: only read them. Exactly one of pCast and pMessage is set. */
 typedef struct PCCASTEvent {
-    unsigned long ulNumber; /* from 1, without gaps: a gap in what was read is what the ring has lost */
+    /* From 1, without gaps. A reader that finds a gap has missed events that are no longer kept. */
+    unsigned long ulNumber;
     unsigned long ulTime;
-    unsigned int uiMilliseconds; /* of the second */
-    unsigned int uiKind;         /* PCCAST_EVENT_... */
-    unsigned int uiReason;       /* PCCAST_REASON_... */
-    unsigned long ulRequest;     /* number of the request, from 1, unique in this process */
+    /* Milliseconds of the second ulTime. */
+    unsigned int uiMilliseconds;
+    /* PCCAST_EVENT_... */
+    unsigned int uiKind;
+    /* PCCAST_REASON_... */
+    unsigned int uiReason;
+    /* Number of the request, from 1. It is unique in this process. */
+    unsigned long ulRequest;
     const CASTInfo *pCast;
     const MSGInfo *pMessage;
-    unsigned long ulOther; /* number of the request that caused the event; 0: none */
+    /* Number of the request that caused the event; 0: none. */
+    unsigned long ulOther;
     const CASTInfo *pOtherCast;
     const MSGInfo *pOtherMessage;
-    unsigned long
-        ulRepeatsLeft;     /* message: broadcasts still to be made; 0 with PCCAST_EVENT_SENT: until its end */
-    PCCASTTraffic traffic; /* cast, when it goes off the air; else zero */
-    void *pKeep;           /* keeps the records; the library's */
+    /* Message: broadcasts still to be made. 0 with PCCAST_EVENT_SENT means: until its end. */
+    unsigned long ulRepeatsLeft;
+    /* Cast: its traffic, when it goes off the air. Else zero. */
+    PCCASTTraffic traffic;
+    /* Keeps the records. The library owns it. */
+    void *pKeep;
 } PCCASTEvent;
 
 /* How many events the service keeps. */
 #define PCCAST_EVENTS_KEPT 1024
 
-/* Copies the oldest kept events with numbers above ulAfter, at most iMost, into pEvents, which the caller
- * provides. Each one read is released with ELIMINATEPCCASTEvents.
- * Returns how many; 0 none, no room, or the plug-in is closed. */
+/* Copies the oldest kept events with numbers above ulAfter into pEvents, which has room for iMost. Release
+ * each event with ELIMINATEPCCASTEvents. Returns the number of events copied; 0 no event, no room, or the
+ * plug-in is closed. */
 int READPCCASTEvents(unsigned long ulAfter, PCCASTEvent *pEvents, int iMost);
 
-/* Releases what iCount events keep, and clears them. */
+/* Releases what iCount events own, and clears the events. */
 void ELIMINATEPCCASTEvents(PCCASTEvent *pEvents, int iCount);
 
 /* ---- snapshot */
 
-/* A request that lives. The record is only read; exactly one of pCast and pMessage is set. */
+/* A request that lives. The snapshot owns its record: only read it. Exactly one of pCast and pMessage is set.
+ */
 typedef struct PCCASTViewRequest {
     unsigned long ulRequest;
-    unsigned int uiPlace; /* PCCAST_PLACE_... */
+    /* PCCAST_PLACE_... */
+    unsigned int uiPlace;
     const CASTInfo *pCast;
     const MSGInfo *pMessage;
+    /* When it was filed. */
     unsigned long ulFiled;
-    unsigned long ulStarted;     /* cast: when it last went on air; 0: never */
-    unsigned long ulPreemptedBy; /* cast: number of the request that took it off the air; 0: none */
-    unsigned long ulRepeatsLeft; /* message: broadcasts still to be made; 0: until its end */
+    /* Cast: when it last went on air; 0: never. */
+    unsigned long ulStarted;
+    /* Cast: number of the request that took it off the air; 0: none. */
+    unsigned long ulPreemptedBy;
+    /* Message: broadcasts still to be made; 0: until its end. */
+    unsigned long ulRepeatsLeft;
 } PCCASTViewRequest;
 
 typedef struct PCCASTViewThread {
     const char *pszName;
-    int iState; /* -1 failed, 0 idle, 1 running or on air, 2 asked to end its cast, 3 asked to stop, 4 stopped
-                 */
-    int iAlive; /* 1: it runs */
+    /* -1 failed, 0 idle, 1 running or on air, 2 asked to end its cast, 3 asked to stop, 4 stopped. */
+    int iState;
+    /* 1: the thread runs. */
+    int iAlive;
 } PCCASTViewThread;
 
 #define PCCAST_VIEW_THREADS 7
@@ -142,32 +211,41 @@ typedef struct PCCASTViewThread {
 typedef struct PCCASTViewSender {
     unsigned long ulSent;
     unsigned long ulFailed;
-    unsigned long ulLast; /* time of the last attempt; 0: none */
+    /* Time of the last attempt; 0: none. */
+    unsigned long ulLast;
 } PCCASTViewSender;
 
 typedef struct PCCASTView {
     unsigned long ulTime;
-    unsigned long ulSince;        /* when the service was opened */
-    unsigned long ulEvents;       /* number of the last event before the snapshot */
-    unsigned long ulLost;         /* events that were lost for want of memory */
-    unsigned long ulPasses;       /* of the supervisor, since it started */
-    PCCASTViewRequest *pRequests; /* in the order in which they were filed */
+    /* When the service was opened. */
+    unsigned long ulSince;
+    /* Number of the last event before the snapshot. */
+    unsigned long ulEvents;
+    /* Events lost because memory had run out. */
+    unsigned long ulLost;
+    /* Passes of the supervisor since it started. */
+    unsigned long ulPasses;
+    /* The requests in the order of filing. */
+    PCCASTViewRequest *pRequests;
     int iRequests;
     PCCASTViewThread threads[PCCAST_VIEW_THREADS];
-    unsigned long ulRelay; /* number of the request on the relay; 0: none. traffic is then of the last one */
+    /* Number of the request on the relay; 0: none. Then relay holds the traffic of the last relay. */
+    unsigned long ulRelay;
     PCCASTTraffic relay;
-    unsigned long ulPlayout; /* number of the request whose file is played; 0: none */
+    /* Number of the request whose file is played; 0: none. */
+    unsigned long ulPlayout;
     PCCASTTraffic playout;
     PCCASTViewSender announcements;
     PCCASTViewSender broadcasts;
-    void *pKeep; /* keeps the records; the library's */
+    /* Keeps the records. The library owns it. */
+    void *pKeep;
 } PCCASTView;
 
-/* Makes a snapshot in *ppView, which must hold null. Returns 1 made; 0 the plug-in is closed, or no memory;
- * -1 the slot was not empty. */
+/* Makes a snapshot in *ppView, which must hold null.
+ * Returns 1 made; 0 the plug-in is closed, or no memory; -1 *ppView is not empty. */
 int MAKEPCCASTView(PCCASTView **ppView);
 
-/* Releases the snapshot and empties the slot. Returns 1, or 0 when the slot was empty already. */
+/* Releases the snapshot and sets *ppView to null. Returns 1; 0 *ppView was null already. */
 int ELIMINATEPCCASTView(PCCASTView **ppView);
 
 #ifdef __cplusplus

@@ -26,10 +26,10 @@ constinit thread_local int32_t gUserLevel = 0;
 
 namespace {
 
-// Guards the four texts, gFD and the two flags, and keeps each line whole.
+// Guards the four texts, gFD and the two flags. Keeps each line whole.
 std::mutex logMutex;
 bool bPathFits;        // gszLogPath holds the whole path
-bool bFailureReported; // that the open file takes no more
+bool bFailureReported; // a failure to write to the open file has been reported
 
 tm localNow() {
     const time_t now = std::time(nullptr);
@@ -78,7 +78,7 @@ void closeFile() {
     }
 }
 
-// Everybody may write to /tmp. A link, another user's file, and what is no regular file are not written to.
+// Everybody may write to /tmp. So this refuses a link, another user's file and anything but a regular file.
 FILE *openOwnFile(const char *pName) {
     const int iFile = open(pName, O_RDWR | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600);
     struct stat status {};
@@ -112,7 +112,7 @@ void switchFile() {
     openFile();
 }
 
-// Returns whether the file has taken the line.
+// Returns whether the line has been written.
 bool writeLine(FILE *pFile, const char *pStamp, int iLevel, const char *pText) {
     return std::fprintf(pFile, "%s [DEBUG_LEVEL_%d] %s", pStamp, iLevel, pText) >= 0 &&
            std::fflush(pFile) == 0;

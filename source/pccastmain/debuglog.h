@@ -25,12 +25,14 @@ extern std::atomic<int32_t> gDebugLevel;
 // takes the level of another thread.
 extern constinit thread_local int32_t gUserLevel;
 
-// Reads the variables KTDEBUG_STDOUT_, KTDEBUG_FILELOG_, KTDEBUG_PATH_ and KTDEBUG_LEVEL_ with the process
-// name behind them, and opens the day's file when file logging is on. A file that an earlier call opened is
-// closed. processName: null for "DEFAULT"; up to 80 characters, so that every variable's name fits its 100
-// bytes. logDirectory: null for the variable's, or /tmp. A directory of 100 characters or more, or a file
-// name of 160 or more, leaves the file output off. So does a file that is a link, belongs to another user, or
-// is no regular one. A new file can be read by its owner alone.
+// Reads four variables: KTDEBUG_STDOUT_, KTDEBUG_FILELOG_, KTDEBUG_PATH_ and KTDEBUG_LEVEL_, each with the
+// process name behind it. Closes the file of an earlier call. Opens today's file if file logging is on.
+// processName: up to 80 characters, so that the names of the variables fit into 100 bytes; null: "DEFAULT".
+// logDirectory: null: the directory of the variable, or /tmp without the variable.
+//
+// There is no file output if the directory has 100 characters or more, or the file name 160 or more. There is
+// none either if the file is a link, belongs to another user or is not a regular file. Only its owner can
+// read a new file.
 void initDebug(const char *processName, const char *logDirectory);
 
 // Changes to today's file if the date has changed since the file was opened.

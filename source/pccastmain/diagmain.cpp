@@ -1,4 +1,4 @@
-// The program diagpccast: the diagnostic driver in a process of its own. It takes no notice of arguments.
+// The program diagpccast: runs the diagnostic driver in a process of its own. It ignores arguments.
 #include "diag.h"
 
 int main() {

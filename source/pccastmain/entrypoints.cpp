@@ -87,7 +87,7 @@ int __qxapi_close_pccast__() {
     if (hasEnded(pBlock)) {
         std::free(pBlock);
     } else {
-        // The supervisor still waits, and writes to its block when that is over: the block is left to it.
+        // The supervisor is still waiting. Later it writes to its block. So the block is not released.
         const char *pEngine = gStoppingEngine;
         std::printf(
             "[%s:%d] \e[2;31m %s does not end: the service is closed without it, and what it uses is kept "

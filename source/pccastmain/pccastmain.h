@@ -20,12 +20,12 @@ extern "C" KTPLUGIN_INFO_TAG *gpPCCASTPluginInfo;
 // waits for the change. So it also sees a supervisor that starts and ends at once.
 extern std::atomic<uint32_t> gSupervisorStarts;
 
-// The engine that the supervisor is waiting for while it stops; null before and after. Written by the
-// supervisor, read by the closer, which names the engine when the wait takes too long.
+// The name of the engine for which the stopping supervisor waits; null before and after. The supervisor
+// writes it. The close routine reads it, to print the name if the wait takes too long.
 extern std::atomic<const char *> gStoppingEngine;
 
-// Says that a request has bytes behind its last whole item, when the walk over its items stopped at ulWalked
-// of ulTotal bytes. The items before count. pKind: "cast" or "message".
+// Prints a warning if a request has bytes behind its last whole item. The items before them are used.
+// pKind: "cast" or "message". ulWalked: bytes of whole items. ulTotal: bytes of the request.
 inline void reportRest(const char *pKind, unsigned long ulWalked, unsigned long ulTotal) {
     if (ulWalked < ulTotal) {
         std::printf("[%s:%d] \e[2;33m %s request of %lu bytes: its items end after %lu, the rest is ignored "

@@ -61,7 +61,7 @@ constexpr int kEngineCount = static_cast<int>(std::size(kEngines));
 struct Channel {
     CASTList list;
     CASTInfo *pCurrent; // owned; null: none
-    CASTInfo *pOnAir;   // owned copy of the request last given to the engine; null: none
+    CASTInfo *pOnAir;   // an owned copy of the request last given to the engine; null: none
     bool bStartPending; // pCurrent has been taken but not yet started
     bool bReported;     // it has been printed that pCurrent cannot be handed over
 };
@@ -171,7 +171,7 @@ bool waitUntilTaken(const KTPLUGIN_INFO_TAG *pSelf, const KTPLUGIN_INFO_TAG *pEn
     return true;
 }
 
-// Puts a copy of the request into the engine's slot. Returns whether it is there.
+// Puts a copy of the request into the engine's slot. Returns whether it did.
 bool putInSlot(KTPLUGIN_INFO_TAG *pEngine, const CASTInfo *pInfo) {
     CASTInfo *pSlot = enginePeek(pEngine);
     if (COPYaCASTInfo(pInfo, &pSlot) != 1) {
@@ -181,7 +181,7 @@ bool putInSlot(KTPLUGIN_INFO_TAG *pEngine, const CASTInfo *pInfo) {
     return true;
 }
 
-// Hands the channel's current entry to the engine. Returns whether it did.
+// Hands the channel's current request to the engine. Returns whether it did.
 bool handOver(KTPLUGIN_INFO_TAG *pEngine, Channel *pChannel) {
     if (putInSlot(pEngine, pChannel->pCurrent)) {
         return true;
@@ -323,9 +323,9 @@ void recastStartStep(const KTPLUGIN_INFO_TAG *pSelf, Service *pService) {
     startCurrent(pSelf, pService, &pService->recast, &pService->engines[RECAST], VIEW_RECAST);
 }
 
-// Hands the request to the announcement engine as ended. The engine has the end in hand for 20 seconds and
-// sends it by its own cadence. The schedule goes on meanwhile: a request that falls due before takes the
-// end's place, so that a cast that fails does not hold up one that works.
+// Hands a failed cast to the announcement engine as ended. The engine announces the end for 20 seconds at its
+// own pace. The schedule goes on meanwhile. A request that is due within these seconds takes the place of the
+// end: a cast that fails must not hold up a cast that works.
 void announceFailure(const KTPLUGIN_INFO_TAG *pSelf, KTPLUGIN_INFO_TAG *pAnnouncement, CASTInfo *pFailed) {
     std::printf("[%s:%d] \e[2;31m cast of EPG id %lu failed, dropped; its end is handed to the announcements "
                 "\e[1;41m[ERROR]\e[0m\n",
@@ -336,7 +336,7 @@ void announceFailure(const KTPLUGIN_INFO_TAG *pSelf, KTPLUGIN_INFO_TAG *pAnnounc
     }
 }
 
-// A failed cast is announced as ended, and leaves the schedule.
+// Announces a failed cast as ended and removes it from the schedule.
 void failureStep(const KTPLUGIN_INFO_TAG *pSelf, Service *pService, Channel *pChannel,
                  KTPLUGIN_INFO_TAG *pEngine) {
     if (!engineMove(pEngine, ENGINE_FAILED, ENGINE_IDLE)) {
@@ -350,8 +350,8 @@ void failureStep(const KTPLUGIN_INFO_TAG *pSelf, Service *pService, Channel *pCh
         announceFailure(pSelf, pAnnouncement, pChannel->pCurrent);
         releaseCurrent(pChannel);
     } else if (pChannel->pCurrent != nullptr && pChannel->pOnAir != nullptr) {
-        // A newer request is pending, and the one that failed has gone back to the list. It would return from
-        // there when the newer one is over.
+        // A newer request is pending, and the failed cast has gone back to the list. From there it would
+        // return when the newer request is over.
         castlistRemoveRequest(&pChannel->list, pChannel->pOnAir);
         announceFailure(pSelf, pAnnouncement, pChannel->pOnAir);
     }
@@ -385,8 +385,8 @@ bool waitBounded(Condition condition) {
     return true;
 }
 
-// Waits until a started thread has checked in. One that has been started but has not yet run cannot be told
-// from one that has ended, and would run on released memory later. Returns false (printed) when it does not.
+// Waits for the first write of a started thread. Before it, the thread looks like a thread that has ended.
+// Later it would run on released memory. Returns false if the write does not come (printed).
 bool hasCheckedIn(const KTPLUGIN_INFO_TAG *pEngine, const char *pName) {
     if (waitBounded([=] { return pEngine->iThreadCount > 0 && pEngine->eState != ENGINE_STOPPED; })) {
         return true;
@@ -396,8 +396,8 @@ bool hasCheckedIn(const KTPLUGIN_INFO_TAG *pEngine, const char *pName) {
     return false;
 }
 
-// Asks one engine to stop and waits for it. Returns whether it has ended and can touch nothing any more; the
-// reason why not is printed.
+// Asks one engine to stop and waits for it. Returns whether it has ended and can touch nothing any more.
+// Prints the reason if it has not.
 bool stopEngine(KTPLUGIN_INFO_TAG *pEngine, const EngineRow &row, bool bStarted) {
     const bool bCheckedIn = !bStarted || hasCheckedIn(pEngine, row.pName);
     engineRequestStop(pEngine);
@@ -412,8 +412,9 @@ bool stopEngine(KTPLUGIN_INFO_TAG *pEngine, const EngineRow &row, bool bStarted)
     return false;
 }
 
-// Stops the engines one after the other, the receivers first: nothing new comes in while the casts end.
-// Returns whether all have ended and none can touch the service any more.
+// Stops the engines one after the other, in the order of starting. The message engines and the receivers go
+// first, so nothing new comes in while the casts end. Returns whether all have ended. Then no engine can
+// touch the service any more.
 bool stopEngines(Service *pService) {
     bool bAllEnded = true;
     for (int i = 0; i < kEngineCount; ++i) {
