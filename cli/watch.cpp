@@ -155,7 +155,7 @@ int watchAir(const WatchOptions &options) {
         watch.end = Clock::now() + std::chrono::seconds(ulSeconds);
     }
     if (iExit == EXIT_DONE) {
-        iExit = checkInterface(options.sInterface);
+        iExit = checkInterface("--interface", options.sInterface);
     }
     if (iExit != EXIT_DONE) {
         return iExit;

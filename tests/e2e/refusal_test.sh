@@ -11,8 +11,8 @@ refused 64 "SOURCE: '239.77.0.1' has no port" "$pccast" relay 239.77.0.1 $cast
 refused 64 "start: 'noon' is not a time" "$pccast" relay 239.77.0.1:1 $cast --start noon
 refused 64 'IDENTITY' "$pccast" stop 1:2:3
 refused 64 'which cast?' "$pccast" stop
-refused 64 'is no interface of this machine' "$pccast" serve --interface nosuch0
-refused 64 'is no interface of this machine' "$pccast" watch --interface nosuch0
+refused 69 'is no interface of this machine' "$pccast" serve --interface nosuch0
+refused 69 'is no interface of this machine' "$pccast" watch --interface nosuch0
 refused 64 "type: '0' is not a number from 1 to 3" "$pccast" stop --type 0 --epg 1 --start now --end +1s --port 1
 refused 64 "no argument '--bogus'" "$pccast" --bogus
 refused 64 "no argument '--too'" "$pccast" file film.ts --too $cast
