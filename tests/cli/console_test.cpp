@@ -45,6 +45,7 @@ TEST(ConsolePump, NeverWaitsForAReader) {
     std::array<int, 2> aPipe{};
     ASSERT_EQ(pipe(aPipe.data()), 0);
     const auto begin = std::chrono::steady_clock::now();
+    std::fflush(stdout); // else the child prints it too
     const pid_t iChild = fork();
     if (iChild == 0) {
         dup2(aPipe[1], STDOUT_FILENO);
