@@ -3,11 +3,12 @@
 #include "tsstream.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *pData, std::size_t ulSize) {
-    constexpr long long PAUSE_MAX = 7'000'001'000; // seven packets of the slowest clock that is believed
-    TSREADER Reader;
+    constexpr long long kPauseMax = 7'000'001'000; // seven packets of the slowest clock that is believed
+    TsReader reader;
     std::string sReason;
     const int iFile = fuzzFile(pData, ulSize);
-    if (tsReaderRecognises(iFile) && tsReaderStart(Reader, iFile, "fuzz", sReason))
-        fuzzDrain(Reader, tsReaderNext, ulSize, PAUSE_MAX);
+    if (tsReaderRecognises(iFile) && tsReaderStart(reader, iFile, "fuzz", sReason)) {
+        fuzzDrain(reader, tsReaderNext, ulSize, kPauseMax);
+    }
     return 0;
 }

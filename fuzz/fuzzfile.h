@@ -19,23 +19,24 @@ inline int fuzzFile(const std::uint8_t *pData, std::size_t ulSize) {
 
 // Takes everything out of a reader: it comes to its end in so many steps as the file has room for, no packet
 // is due before the one in front of it or more than llPauseMax behind it.
-template <typename READER>
-void fuzzDrain(READER &Reader, int (*pNext)(READER &, MEDIAPACKET &), std::size_t ulSize,
+template <typename Reader>
+void fuzzDrain(Reader &reader, int (*pNext)(Reader &, MediaPacket &), std::size_t ulSize,
                long long llPauseMax) {
-    MEDIAPACKET Packet{};
+    MediaPacket packet{};
     long long llDue = 0;
     std::size_t ulBytes = 0;
     std::size_t ulSteps = 0;
     for (int iStep = MEDIA_BUSY; iStep != MEDIA_END; ulSteps++) {
         promise(ulSteps <= ulSize + 10);
-        iStep = pNext(Reader, Packet);
-        if (iStep != MEDIA_PACKET)
+        iStep = pNext(reader, packet);
+        if (iStep != MEDIA_PACKET) {
             continue;
-        promise(Packet.llDue >= llDue && Packet.llDue - llDue <= llPauseMax);
-        llDue = Packet.llDue;
-        ulBytes += Packet.uiLength;
-        promise(Packet.uiLength > 0 && ulBytes <= ulSize);
-        promise(Packet.pData[0] + Packet.pData[Packet.uiLength - 1] >= 0); // all of it can be read
+        }
+        promise(packet.llDue >= llDue && packet.llDue - llDue <= llPauseMax);
+        llDue = packet.llDue;
+        ulBytes += packet.uiLength;
+        promise(packet.uiLength > 0 && ulBytes <= ulSize);
+        promise(packet.pData[0] + packet.pData[packet.uiLength - 1] >= 0); // all of it can be read
     }
 }
 

@@ -14,19 +14,19 @@
 #include <string>
 #include <vector>
 
-struct FUZZREQUEST {
+struct FuzzRequest {
     unsigned int uiCommand;
     std::string sPayload;
 };
 
 // Cuts the input into requests: a command byte, a 16-bit length, and so many bytes of payload, or what is
 // left.
-std::vector<FUZZREQUEST> fuzzRequests(const std::uint8_t *pData, std::size_t ulSize);
+std::vector<FuzzRequest> fuzzRequests(const std::uint8_t *pData, std::size_t ulSize);
 
 // Runs the receiver on these requests, from its start to its end; After is told of each once it is dealt
 // with.
-void fuzzServe(int (*pBody)(KTPLUGIN_INFO_TAG *), void *pWork, const std::vector<FUZZREQUEST> &Requests,
-               const std::function<void(const FUZZREQUEST &)> &After);
+void fuzzServe(int (*pBody)(KTPLUGIN_INFO_TAG *), void *pWork, const std::vector<FuzzRequest> &requests,
+               const std::function<void(const FuzzRequest &)> &after);
 
 // The values by their tags, the last of each tag; none unless the payload is whole items to its end.
 std::optional<std::map<unsigned int, std::string>> fuzzItems(const std::string &sPayload);

@@ -6,8 +6,9 @@
 
 // Ends the run where a promise is broken.
 inline void promise(bool bHolds) {
-    if (!bHolds)
+    if (!bHolds) {
         std::abort();
+    }
 }
 
 #endif

@@ -6,10 +6,10 @@
 
 #include "filewindow.h"
 
-constexpr std::size_t ASF_DATA_HEADER = 50;            // bytes of the data object before its first packet
-constexpr unsigned long long ASF_HEADER_MAX = 1 << 20; // bytes of a header object that are believed
+constexpr std::size_t kAsfDataHeaderSize = 50;        // bytes of the data object before its first packet
+constexpr unsigned long long kAsfHeaderMax = 1 << 20; // bytes of a header object that are believed
 
-struct ASFHEADER {
+struct AsfHeader {
     unsigned long long ullHeaderSize = 0; // the header object, from the file's first byte on
     unsigned long long ullDataOffset = 0; // where the data object begins
     unsigned long long ullDataSize = 0;   // as it says; not to be relied on in a broadcast file
@@ -21,9 +21,9 @@ struct ASFHEADER {
 // Whether the bytes are those of a file that begins with an ASF header.
 bool asfRecognises(const unsigned char *pData, std::size_t ulLength);
 
-// Reads what ASFHEADER holds. Window: the file, with a buffer of at least 4 KiB. Returns false and the reason
+// Reads what AsfHeader holds. Window: the file, with a buffer of at least 4 KiB. Returns false and the reason
 // when the header makes no sense.
-bool asfReadHeader(FILEWINDOW &Window, ASFHEADER &Header, std::string &sReason);
+bool asfReadHeader(FileWindow &window, AsfHeader &header, std::string &sReason);
 
 // Reads the send time, in milliseconds, of a data packet. Returns false when the bytes are no data packet.
 bool asfReadSendTime(const unsigned char *pPacket, std::size_t ulLength, unsigned int &uiSendTime);

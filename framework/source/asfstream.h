@@ -10,10 +10,10 @@
 #include "asffile.h"
 #include "mediapacket.h"
 
-struct ASFREADER {
+struct AsfReader {
     std::string sFile; // for reports
-    FILEWINDOW Window;
-    ASFHEADER Header;
+    FileWindow window;
+    AsfHeader header;
     unsigned long long ullOffset = 0; // file offset of the next packet
     unsigned long long ullEnd = 0;    // where the packets end
     bool bOpenEnd = false;            // ullEnd is not known: the packets end where none follows
@@ -25,9 +25,9 @@ struct ASFREADER {
 };
 
 // Reads the header of iFile (borrowed). Returns false and the reason when the file cannot be played.
-bool asfReaderStart(ASFREADER &Reader, int iFile, const char *pszFile, std::string &sReason);
+bool asfReaderStart(AsfReader &reader, int iFile, const char *pszFile, std::string &sReason);
 
 // Hands out the next data packet. Returns MEDIA_PACKET or MEDIA_END.
-int asfReaderNext(ASFREADER &Reader, MEDIAPACKET &Packet);
+int asfReaderNext(AsfReader &reader, MediaPacket &packet);
 
 #endif

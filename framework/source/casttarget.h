@@ -6,7 +6,7 @@
 
 #include <string>
 
-struct CASTTARGET {
+struct CastTarget {
     std::string sAddress;
     unsigned short usPort = 0;
 };
@@ -16,6 +16,6 @@ bool castTargetCheckAddress(const std::string &sAddress, std::string &sReason);
 
 // Reads "address:port" or "address", the port then being uiPort. Returns false and the reason when it is
 // none.
-bool castTargetParse(const char *pszTarget, unsigned int uiPort, CASTTARGET &Target, std::string &sReason);
+bool castTargetParse(const char *pszTarget, unsigned int uiPort, CastTarget &target, std::string &sReason);
 
 #endif

@@ -6,18 +6,18 @@
 #include <chrono>
 #include <climits>
 
-using DEADLINE = std::chrono::steady_clock::time_point;
+using Deadline = std::chrono::steady_clock::time_point;
 
-inline DEADLINE deadlineIn(unsigned int uiTimeoutMs) {
+inline Deadline deadlineIn(unsigned int uiTimeoutMs) {
     return std::chrono::steady_clock::now() + std::chrono::milliseconds(uiTimeoutMs);
 }
 
 // What is left, in milliseconds as poll() takes them, rounded up so that a wait never spins; 0 when it is
 // over.
-inline int deadlineLeft(DEADLINE Deadline) {
-    const auto Left =
-        std::chrono::ceil<std::chrono::milliseconds>(Deadline - std::chrono::steady_clock::now()).count();
-    return static_cast<int>(std::clamp<long long>(Left, 0, INT_MAX));
+inline int deadlineLeft(Deadline deadline) {
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
+    return static_cast<int>(std::clamp<long long>(left, 0, INT_MAX));
 }
 
 #endif

@@ -9,12 +9,12 @@
 #include <vector>
 
 // A stretch of a file in memory.
-struct FILEWINDOW {
+struct FileWindow {
     int iFile = -1;                    // the file, borrowed
     unsigned long long ullOffset = 0;  // where in the file the buffer begins
     std::size_t ulLength = 0;          // bytes of the buffer that hold file content
     int iError = 0;                    // errno of a read that failed, 0 none
-    std::vector<unsigned char> Buffer; // its size is the most that is ever held
+    std::vector<unsigned char> buffer; // its size is the most that is ever held
 };
 
 // Opens a regular file for reading; nothing else is opened, and nothing blocks (a FIFO without a writer).
@@ -22,16 +22,16 @@ struct FILEWINDOW {
 int fileOpenRegular(const char *pszFile, std::string &sReason);
 
 // Sets Window to the whole of iFile with a buffer of ulSize bytes.
-void windowOpen(FILEWINDOW &Window, int iFile, std::size_t ulSize);
+void windowOpen(FileWindow &window, int iFile, std::size_t ulSize);
 
 // Returns the file's bytes from ullOffset on: at least ulNeed where the file has so many, and in ulHave how
 // many they are (0 at the end of the file or after a failed read, which sets iError). ulNeed is at most the
 // buffer's size. The bytes are valid until the next call.
-const unsigned char *windowBytes(FILEWINDOW &Window, unsigned long long ullOffset, std::size_t ulNeed,
+const unsigned char *windowBytes(FileWindow &window, unsigned long long ullOffset, std::size_t ulNeed,
                                  std::size_t &ulHave);
 
 // Returns where the file's next stored bytes are, from ullOffset on: behind the hole of a sparse file, or the
 // file's end. Where that cannot be told, ullOffset.
-unsigned long long windowSkipHole(const FILEWINDOW &Window, unsigned long long ullOffset);
+unsigned long long windowSkipHole(const FileWindow &window, unsigned long long ullOffset);
 
 #endif

@@ -7,13 +7,13 @@
 #include <qxapi_ktn.h>
 
 // A descriptor as the library allocates it: the callers see the first member only.
-struct KTN_ENDPOINT {
+struct KtnEndpoint {
     KTNET_ENDPOINT Public;
-    KTN_SOCKET_FILE SocketFile; // a local listener's
+    KtnSocketFile socketFile; // a local listener's
 };
 
 // The endpoint of a descriptor; null when it is none that the library made.
-KTN_ENDPOINT *ktnEndpoint(KTNET_ENDPOINT *pDesc);
+KtnEndpoint *ktnEndpoint(KTNET_ENDPOINT *pDesc);
 
 // Makes a descriptor with defaults. Returns null when memory runs out.
 KTNET_ENDPOINT *ktnEndpointNew(int iMode, int iVersion);

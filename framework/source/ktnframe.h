@@ -5,6 +5,6 @@
 #include <qxapi_ktn_frame.h>
 
 // Writes the header of Frame (pPayload is not looked at) into the KTNET_FRAME_HEADER_SIZE bytes at pBytes.
-void ktnFrameEncodeHeader(unsigned char *pBytes, const KTNET_FRAME &Frame);
+void ktnFrameEncodeHeader(unsigned char *pBytes, const KTNET_FRAME &frame);
 
 #endif

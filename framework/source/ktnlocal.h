@@ -9,7 +9,7 @@
 #include <sys/types.h>
 
 // The socket file of a listener, as it was made.
-struct KTN_SOCKET_FILE {
+struct KtnSocketFile {
     dev_t ulDevice;
     ino_t ulInode; // 0: no file
     char szPath[128];
@@ -19,17 +19,17 @@ struct KTN_SOCKET_FILE {
 
 // Listens at pszPath with file mode 0600. Replaces a stale socket file of this user; leaves alone, as an
 // error, what is no socket, another user's, or served by a live listener.
-int ktnLocalListen(const char *pszPath, unsigned int uiTimeoutMs, KTN_SOCKET_FILE &File);
+int ktnLocalListen(const char *pszPath, unsigned int uiTimeoutMs, KtnSocketFile &file);
 
 // Removes the socket file, if it is still the one that the listener made.
-void ktnLocalRemove(KTN_SOCKET_FILE &File);
+void ktnLocalRemove(KtnSocketFile &file);
 
 // Accepts one pending connection; -EAGAIN when it has gone, -EACCES for a peer that is not allowed.
 int ktnLocalAccept(int iListener);
 
 // Whether a peer may talk to this process: the same user, or root.
-inline bool ktnLocalPeerAllowed(const ucred &Peer, uid_t uiOwn) {
-    return Peer.uid == uiOwn || Peer.uid == 0;
+inline bool ktnLocalPeerAllowed(const ucred &peer, uid_t uiOwn) {
+    return peer.uid == uiOwn || peer.uid == 0;
 }
 
 // Opens a client socket, not yet connected.

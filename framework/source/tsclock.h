@@ -7,7 +7,7 @@
 #ifndef FRAMEWORK_TSCLOCK_H
 #define FRAMEWORK_TSCLOCK_H
 
-struct TSCLOCK {
+struct TsClock {
     double dRate = 0; // ticks a packet, of the last sound interval; 0 before the first
     // The line on which the packets' times are: from one packet to the next reference, where that is known.
     unsigned long long ullFromPacket = 0;
@@ -31,18 +31,18 @@ struct TSCLOCK {
 bool tsclockIsSound(unsigned long long ullTicks, unsigned long long ullPackets, double dRate);
 
 // Sets the clock to packet 0, time 0, and a rate from the file's first sound interval.
-void tsclockStart(TSCLOCK &Clock, double dRate);
+void tsclockStart(TsClock &clock, double dRate);
 
 // Returns whether the next reference is needed for packet ullPacket's time; steps over the one that the
 // packet has reached.
-bool tsclockNeedsNext(TSCLOCK &Clock, unsigned long long ullPacket);
+bool tsclockNeedsNext(TsClock &clock, unsigned long long ullPacket);
 
 // Takes in the next reference, at packet ullPacket. bNewBase: it does not continue the one before it.
 // ullAsked: the last packet whose time has been given out; such times stay.
-void tsclockNext(TSCLOCK &Clock, unsigned long long ullPacket, unsigned long long ullReference, bool bNewBase,
+void tsclockNext(TsClock &clock, unsigned long long ullPacket, unsigned long long ullReference, bool bNewBase,
                  unsigned long long ullAsked);
 
 // Returns when packet ullPacket is due, in ticks.
-long long tsclockDue(const TSCLOCK &Clock, unsigned long long ullPacket);
+long long tsclockDue(const TsClock &clock, unsigned long long ullPacket);
 
 #endif

@@ -9,25 +9,25 @@
 #include "filewindow.h"
 #include "mediapacket.h"
 
-constexpr std::size_t TS_PACKET = 188;
-constexpr unsigned char TS_SYNC = 0x47;
-constexpr std::size_t TS_PROBE = 128 * 1024; // bytes of the file's head in which packets must show
-constexpr long long TS_CLOCK_HZ = 27'000'000;
-constexpr unsigned long long TS_CLOCK_WRAP = (1ULL << 33) * 300;
+constexpr std::size_t kTsPacketSize = 188;
+constexpr unsigned char kTsSync = 0x47;
+constexpr std::size_t kTsProbeSize = 128 * 1024; // bytes of the file's head in which packets must show
+constexpr long long kTsClockHz = 27'000'000;
+constexpr unsigned long long kTsClockWrap = (1ULL << 33) * 300;
 
 // Where a file's packets are: the distance between two of them, and the file offset of the first.
-struct TSLAYOUT {
+struct TsLayout {
     unsigned int uiUnit = 0;
     unsigned long long ullFirst = 0;
 };
 
-// Finds the layout by what the head of the file holds. Window: at least TS_PROBE bytes of buffer.
+// Finds the layout by what the head of the file holds. Window: at least kTsProbeSize bytes of buffer.
 // Returns false when no run of packets is found.
-bool tsFindLayout(FILEWINDOW &Window, TSLAYOUT &Layout);
+bool tsFindLayout(FileWindow &window, TsLayout &layout);
 
 // A place in the file that moves from packet to packet. Two cursors of one file pass the same packets.
-struct TSCURSOR {
-    FILEWINDOW Window;
+struct TsCursor {
+    FileWindow window;
     unsigned int uiUnit = 0;
     unsigned long long ullOffset = 0;    // file offset of the next packet
     unsigned long long ullPassed = 0;    // packets passed so far
@@ -38,22 +38,22 @@ struct TSCURSOR {
     unsigned long long ullSkipped = 0;   // bytes that belong to no packet
 };
 
-void tsCursorOpen(TSCURSOR &Cursor, int iFile, std::size_t ulBuffer, const TSLAYOUT &Layout);
+void tsCursorOpen(TsCursor &cursor, int iFile, std::size_t ulBuffer, const TsLayout &layout);
 
 // Steps over the next packet and lends its 188 bytes until the next step. Where no packet follows, the next
 // run of packets is looked for, up to the file offset ullLimit in this step. Returns MEDIA_PACKET, MEDIA_END
 // (no whole packet follows; Window.iError tells a failed read), MEDIA_BUSY.
-int tsCursorNext(TSCURSOR &Cursor, unsigned long long ullLimit, const unsigned char *&pPacket);
+int tsCursorNext(TsCursor &cursor, unsigned long long ullLimit, const unsigned char *&pPacket);
 
 // What one packet says about its program's clock.
-struct TSREFERENCE {
+struct TsReference {
     unsigned int uiPID;
     bool bDiscontinuity;         // the clock is about to start anew
     bool bClock;                 // ullClock holds a reference
-    unsigned long long ullClock; // 27 MHz, below TS_CLOCK_WRAP
+    unsigned long long ullClock; // 27 MHz, below kTsClockWrap
 };
 
 // Reads the clock reference of a packet. Returns false when there is neither a reference nor a discontinuity.
-bool tsReadReference(const unsigned char *pPacket, TSREFERENCE &Reference);
+bool tsReadReference(const unsigned char *pPacket, TsReference &reference);
 
 #endif

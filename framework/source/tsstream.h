@@ -10,19 +10,19 @@
 #include "tsclock.h"
 #include "tspacket.h"
 
-constexpr unsigned int TS_RUN = 7; // packets in a run, as many as an Ethernet frame takes
+constexpr unsigned int kTsRunMax = 7; // packets in a run, as many as an Ethernet frame takes
 
-struct TSREADER {
+struct TsReader {
     std::string sFile; // for reports
-    TSCURSOR Play;     // hands packets out
-    TSCURSOR Scan;     // looks ahead
-    TSCLOCK Clock;
+    TsCursor play;     // hands packets out
+    TsCursor scan;     // looks ahead
+    TsClock clock;
     unsigned int uiClockPID = 0; // whose references the clock follows
     bool bNewBase = false;       // the scan has passed a discontinuity of that PID
     unsigned int uiOtherPID = 0; // references of another PID since the last of that one
     unsigned int uiOther = 0;
     unsigned long long ullAsked = 0; // the last packet whose due time was asked for
-    unsigned char aRun[TS_RUN * TS_PACKET] = {};
+    unsigned char aRun[kTsRunMax * kTsPacketSize] = {};
     unsigned int uiRun = 0;  // packets in aRun
     long long llRunDue = 0;  // nanoseconds
     bool bHandedOut = false; // aRun has been handed out
@@ -35,9 +35,9 @@ bool tsReaderRecognises(int iFile);
 // Reads the head of iFile (borrowed): where its packets are, which clock to follow. The file must have two
 // clock references that make sense in its first 16 MiB: without a clock it could only be sent at a guess.
 // Returns false and the reason when it cannot be played.
-bool tsReaderStart(TSREADER &Reader, int iFile, const char *pszFile, std::string &sReason);
+bool tsReaderStart(TsReader &reader, int iFile, const char *pszFile, std::string &sReason);
 
-// Hands out the next run. Returns a MEDIASTEP.
-int tsReaderNext(TSREADER &Reader, MEDIAPACKET &Packet);
+// Hands out the next run. Returns a MediaStep.
+int tsReaderNext(TsReader &reader, MediaPacket &packet);
 
 #endif

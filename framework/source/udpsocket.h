@@ -27,6 +27,6 @@ int udpOpenReceiver(const char *pszAddress, unsigned short usPort, const char *p
 int udpSend(int iSocket, const void *pData, unsigned long ulLength);
 
 // The same for a datagram in pieces.
-int udpSendMessage(int iSocket, const msghdr &Message);
+int udpSendMessage(int iSocket, const msghdr &message);
 
 #endif

@@ -4,7 +4,7 @@
 #include <vexa_pgl.h>
 
 #include <atomic>
-#include <time.h>
+#include <ctime>
 
 namespace {
 
@@ -17,18 +17,19 @@ static_assert(std::atomic<int>::is_always_lock_free);
 unsigned long vexa_time(unsigned long *pTime) {
     // Not time(): that clock is up to a tick behind, and a second that begins late there would begin twice
     // for those who read both.
-    timespec Now{};
-    clock_gettime(CLOCK_REALTIME, &Now);
-    const auto ulSeconds = static_cast<unsigned long>(Now.tv_sec);
-    if (pTime != nullptr)
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const auto ulSeconds = static_cast<unsigned long>(now.tv_sec);
+    if (pTime != nullptr) {
         *pTime = ulSeconds;
+    }
     return ulSeconds;
 }
 
 void vexa_load_balance(void) {
     // A signal may cut the pause short: the caller polls anyway.
-    const timespec Pause{0, YIELD_PAUSE_NANOSECONDS};
-    clock_nanosleep(CLOCK_MONOTONIC, 0, &Pause, nullptr);
+    const timespec pause{0, kYieldPauseNanoseconds};
+    clock_nanosleep(CLOCK_MONOTONIC, 0, &pause, nullptr);
 }
 
 int vexa_get_global_break(void) {

@@ -7,7 +7,7 @@
 
 // The longest pause. Five passes of a loop stay within 50 ms, and a wake-up costs some 12 us in a virtual
 // machine: five idle loops together take 0.6 % of a core.
-constexpr long YIELD_PAUSE_NANOSECONDS = 10'000'000;
+constexpr long kYieldPauseNanoseconds = 10'000'000;
 
 // Sets the hint of the calling thread, which the thread's next qxapi_load_balance uses up.
 // llMonotonicNanoseconds: CLOCK_MONOTONIC time at which the thread's next packet is due.
