@@ -1,4 +1,4 @@
-// The ASF reader on any bytes.
+// Runs the ASF reader on any bytes.
 #include "asfstream.h"
 #include "fuzzfile.h"
 

@@ -1,4 +1,5 @@
-// The cast receiver on any requests: what is filed is whole, and says what the request says.
+// Runs the cast receiver on any requests. Each record that it files must be complete and hold what the
+// request says.
 #include "castlistmgr.h"
 #include "fuzzserver.h"
 

@@ -1,4 +1,5 @@
-// The message receiver on any requests: what is filed is what the request says, in the list that it names.
+// Runs the message receiver on any requests. It must file each complete request unchanged, in the list that
+// the request names.
 #include "fuzzserver.h"
 #include "msglistmgr.h"
 

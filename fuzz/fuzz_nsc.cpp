@@ -1,4 +1,5 @@
-// The station file reader on any bytes; what it takes is written and read again without loss.
+// Runs the station file reader on any bytes. Writes what it accepts and reads that again: nothing may be
+// lost.
 #include "fuzzfile.h"
 #include "nsc.h"
 

@@ -1,9 +1,10 @@
-// The transport stream reader on any bytes.
+// Runs the transport stream reader on any bytes.
 #include "fuzzfile.h"
 #include "tsstream.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *pData, std::size_t ulSize) {
-    constexpr long long kPauseMax = 7'000'001'000; // seven packets of the slowest clock that is believed
+    // Seven packets at the slowest rate that the clock believes.
+    constexpr long long kPauseMax = 7'000'001'000;
     TsReader reader;
     std::string sReason;
     const int iFile = fuzzFile(pData, ulSize);

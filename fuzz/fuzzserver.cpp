@@ -10,7 +10,7 @@
 
 namespace {
 
-// The run that the library's calls below serve.
+// The run that is going on. The library's calls below serve it.
 struct Run {
     const std::vector<FuzzRequest> *pRequests;
     const std::function<void(const FuzzRequest &)> *pAfter;
@@ -78,7 +78,7 @@ unsigned long fuzzNumber(const std::string &sValue, std::size_t ulBytes) {
     return ulNumber;
 }
 
-// What the receivers call. The executable's definitions stand before the libraries' own.
+// The calls that the receivers make. The linker prefers these definitions to those of the libraries.
 extern "C" {
 
 int ktn_xapi_ktnet_init_with_version(KTNET_ENDPOINT **ppDesc, int, int) {
@@ -113,7 +113,7 @@ int ktn_xapi_ktnet_rx_data(KTNET_ENDPOINT *, KTNET_PACKET *pPacket) {
     pPacket->uiParam = static_cast<unsigned int>(pRun->ulTaken);
     pPacket->ulPayloadLen = request.sPayload.size();
     pPacket->pPayload = nullptr;
-    if (!request.sPayload.empty()) { // to the byte, so that reading beyond it is noticed
+    if (!request.sPayload.empty()) { // exactly this size, so that a sanitizer notices a read beyond it
         pPacket->pPayload = static_cast<unsigned char *>(std::malloc(request.sPayload.size()));
         std::memcpy(pPacket->pPayload, request.sPayload.data(), request.sPayload.size());
     }
@@ -135,7 +135,7 @@ void ktn_xapi_free(void *pPayload) {
 
 void vexa_load_balance() {}
 
-// The pauses of the lists' locks.
+// The lists' locks pause with select(). Here they do not wait.
 int __wrap_select(int, fd_set *, fd_set *, fd_set *, timeval *) {
     return 0;
 }

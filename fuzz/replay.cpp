@@ -1,4 +1,5 @@
-// replay - runs a fuzz target on the files of a folder, without a fuzzer: inputs that once found a fault.
+// replay - runs a fuzz target on the files of a folder, without a fuzzer. The tests run it on the target's
+// corpus.
 //
 //   replay FOLDER
 #include <cstdint>
@@ -15,7 +16,7 @@ int main(int iCount, char **ppszArgument) {
     for (const auto &entry : std::filesystem::directory_iterator(iCount > 1 ? ppszArgument[1] : ".")) {
         std::ifstream file(entry.path(), std::ios::binary);
         const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
-        std::printf("%s\n", entry.path().c_str()); // the last line names the one that ended the run
+        std::printf("%s\n", entry.path().c_str()); // if a file ends the run, the last line names it
         std::fflush(stdout);
         LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t *>(bytes.data()), bytes.size());
         uiFiles++;

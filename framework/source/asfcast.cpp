@@ -1,7 +1,9 @@
-// asfcast.cpp - sends ASF data packets as Media Stream Broadcast packets, to a station's group or a target.
+// asfcast.cpp - sends ASF data packets as Media Stream Broadcast (MSB) packets, to a station's group or a
+// target.
 //
-// Called by whoever plays a file, on one thread. A caster owns its socket. Receivers tell one playout from
-// the next by a bit of the stream id, which the process keeps from caster to caster.
+// Called by the player of a file, on one thread. A caster owns its socket. One bit of the stream id changes
+// with each playout, so that receivers tell one playout from the next. The process counts its playouts for
+// that bit.
 #include "casttarget.h"
 #include "nsc.h"
 #include "report.h"
@@ -27,14 +29,15 @@ std::atomic<unsigned int> uiPlayouts{0}; // playouts of this process that have s
 struct AsfCaster : ts_qxapi_asfcast {
     int iSocket = -1;
     CastTarget target;
-    int iStationHops = -1;       // of the station file, -1 none
+    int iStationHops = -1;       // hop limit of the station file, -1 none
     unsigned int uiFormatID = 0; // of the station's format
     unsigned int uiPacketID = 0; // of the next packet
-    unsigned int uiToggle = 0;   // the playout's bit, settled with its first packet
-    bool bSettled = false;
+    unsigned int uiToggle = 0;   // the playout's bit of the stream id
+    bool bToggleChosen = false;  // the first packet chooses uiToggle
 };
 
-// Opens the way to Target and closes an earlier one. Returns 1, or 0 and leaves the earlier one (reported).
+// Opens a socket to target and closes the earlier one. Returns 1. Returns 0 on failure (reported); the
+// earlier socket then stays.
 int openTarget(AsfCaster &caster, CastTarget target, int iStationHops) {
     const unsigned int uiHops = iStationHops >= 0 ? static_cast<unsigned int>(iStationHops) : caster.uiHops;
     if (uiHops > 255) {
@@ -120,9 +123,9 @@ int sendPacket(ts_qxapi_asfcast *pCaster, const unsigned char *pData, unsigned i
                         caster.target.sAddress.c_str(), caster.target.usPort, uiLength);
         return -1;
     }
-    if (!caster.bSettled) {
+    if (!caster.bToggleChosen) {
         caster.uiToggle = uiPlayouts.fetch_add(1, std::memory_order_relaxed) % 2 * kStreamIdToggle;
-        caster.bSettled = true;
+        caster.bToggleChosen = true;
     }
     unsigned char aHeader[kMsbHeaderSize];
     const unsigned int uiSize = uiLength + static_cast<unsigned int>(kMsbHeaderSize);

@@ -14,11 +14,11 @@ constexpr Guid kGuidFileProperties = {0xA1, 0xDC, 0xAB, 0x8C, 0x47, 0xA9, 0xCF, 
                                       0x8E, 0xE4, 0x00, 0xC0, 0x0C, 0x20, 0x53, 0x65};
 
 constexpr std::size_t kObjectHeaderSize = 24;    // GUID and size
-constexpr std::size_t kFixedHeaderSize = 30;     // the header object before its first sub-object
+constexpr std::size_t kFixedHeaderSize = 30;     // bytes of the header object before its first sub-object
 constexpr std::size_t kFilePropertiesSize = 104; // the object's whole size
-constexpr unsigned int kPacketMin = 16;          // less has no room for a packet's own fields
+constexpr unsigned int kPacketMin = 16;          // a smaller packet has no room for its own fields
 constexpr unsigned int kPacketMax = 65536;
-constexpr unsigned int kObjectsMax = 64; // objects passed between header and data
+constexpr unsigned int kObjectsMax = 64; // objects between header and data that are skipped
 
 unsigned long long little(const unsigned char *p, unsigned int uiBytes) {
     unsigned long long ullValue = 0;
@@ -43,7 +43,8 @@ bool readFileProperties(const unsigned char *p, AsfHeader &header, std::string &
     return false;
 }
 
-// Moves ulAt behind a field of 0, 1, 2 or 4 bytes, as the 2-bit type says.
+// Moves ulAt behind a field. The two bits of uiType give the field's length: 0, 1, 2 or 4 bytes.
+// Returns false if the packet ends before the field does.
 bool skipTyped(unsigned int uiType, std::size_t ulLength, std::size_t &ulAt) {
     constexpr std::size_t kFieldSizes[] = {0, 1, 2, 4};
     ulAt += kFieldSizes[uiType & 3];
@@ -70,7 +71,7 @@ bool asfReadHeader(FileWindow &window, AsfHeader &header, std::string &sReason) 
         return false;
     }
 
-    // The sub-objects, each at least its own header long: the walk ends with the header object.
+    // Walk the sub-objects. Each is at least as long as its own header, so the walk always ends.
     bool bFound = false;
     unsigned long long ullAt = kFixedHeaderSize;
     while (!bFound && ullAt + kObjectHeaderSize <= header.ullHeaderSize) {
@@ -123,8 +124,8 @@ bool asfReadSendTime(const unsigned char *pPacket, std::size_t ulLength, unsigne
         return false;
     }
     if (pPacket[0] & 0x80) {
-        // Error correction data: its length in the low nibble, and neither another length type nor a packet
-        // that is all error correction.
+        // Error correction data comes first, with its length in the low nibble. The bits above it must be
+        // 0: they mean another type of length, or a packet of error correction alone.
         if ((pPacket[0] & 0x70) != 0) {
             return false;
         }

@@ -8,10 +8,10 @@
 
 namespace {
 
-constexpr std::size_t kBufferSize = 128 * 1024; // two packets of the largest size
+constexpr std::size_t kBufferSize = std::size_t{128} * 1024; // two packets of the largest size
 constexpr long long kMillisecond = 1'000'000;
-constexpr long long kStepMax = 30'000 * kMillisecond; // between packets; what is longer is a jump
-constexpr long long kBackMax = 1'000 * kMillisecond;  // packets somewhat out of order; what is more is a jump
+constexpr long long kStepMax = 30'000 * kMillisecond; // a longer step between two packets is a jump
+constexpr long long kBackMax = 1'000 * kMillisecond;  // a longer step back is a jump too
 constexpr unsigned int kBitRateUnknown = 1'000'000;
 
 long long spacing(const AsfHeader &header) {
@@ -19,9 +19,9 @@ long long spacing(const AsfHeader &header) {
     return std::min(header.uiPacketSize * 8'000'000'000LL / llBitRate, 1'000 * kMillisecond);
 }
 
-// Moves the reader's time on to a packet's.
+// Moves the reader's due time on to the next packet's. bTime: uiSendTime was read from the packet.
 void takeTime(AsfReader &reader, bool bTime, unsigned int uiSendTime) {
-    if (!bTime) { // damaged: it goes where it stands
+    if (!bTime) { // a damaged packet goes out in its place
         reader.llDue += reader.bFirst ? 0 : reader.llSpacing;
         return;
     }

@@ -1,5 +1,7 @@
-// console.cpp - what a host's components say: console lines, assertion reports, log records; and what they
-// are told at start, their arguments. Owns nothing between calls.
+// console.cpp - console lines, assertion reports and log records of a host's components; their arguments,
+// and stand-ins for texts that are null.
+//
+// Called by any component, on any thread. Owns nothing between calls.
 #include "report.h"
 
 #include <qxapi.h>
@@ -15,7 +17,7 @@
 
 namespace {
 
-// Writes all of it; one write as long as the system takes it whole. Returns 0 or an errno.
+// Writes all bytes, in one write if the system takes them at once. Returns 0 or an errno.
 int writeAll(int iFile, const char *pData, std::size_t ulLength) {
     while (ulLength > 0) {
         const ssize_t lWritten = write(iFile, pData, ulLength);
@@ -31,8 +33,8 @@ int writeAll(int iFile, const char *pData, std::size_t ulLength) {
     return 0;
 }
 
-// Formats "[pszTag] text\n" into memory of its own. Returns its length, 0 when there is no memory or the
-// format cannot be followed.
+// Formats "[pszTag] text\n" into memory that record then owns. Returns its length; 0 if memory runs out or
+// the format is invalid.
 __attribute__((format(printf, 3, 0))) std::size_t
 formatRecord(std::unique_ptr<char, void (*)(void *)> &record, const char *pszTag, const char *pszFormat,
              va_list arguments) {
@@ -88,7 +90,8 @@ int qxapi_log_printf(const char *pszTag, const char *pszFormat, ...) {
         return -1;
     }
 
-    // The file is opened for each record: records are few, and a log that was rotated away is left at once.
+    // Open the file anew for each record. Records are few, and after a log rotation the next one goes to
+    // the new file.
     const char *pszLog = std::getenv("QX_LOG_FILE");
     const bool bFile = pszLog != nullptr && *pszLog != 0;
     if (!bFile) {
@@ -117,4 +120,12 @@ int qxapi_get_plugin_argument(const struct ts_qxapi_plugin_argument *pArgument) 
         return -1;
     }
     return pArgument->iCount;
+}
+
+const char *qxapi_check_string(const char *pszText) {
+    return qxapi_check_string_ex(pszText, "NULL");
+}
+
+const char *qxapi_check_string_ex(const char *pszText, const char *pszFallback) {
+    return pszText != nullptr ? pszText : pszFallback;
 }

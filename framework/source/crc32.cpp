@@ -1,4 +1,4 @@
-// crc32.cpp - CRC-32 of IEEE 802.3, eight bytes a step.
+// crc32.cpp - CRC-32 of IEEE 802.3, eight bytes a step. Safe on any thread; the tables are constants.
 #include <qxapi.h>
 
 #include <array>
@@ -10,7 +10,7 @@ namespace {
 constexpr std::uint32_t kPolynomial = 0xEDB88320;
 constexpr std::size_t kStepSize = 8;
 
-// Table[k][b]: what byte b does to the register when k more bytes follow it in the step.
+// table[k][b]: what byte b contributes to the register if k more bytes follow it in the step.
 using Tables = std::array<std::array<std::uint32_t, 256>, kStepSize>;
 
 constexpr Tables makeTables() {

@@ -1,4 +1,4 @@
-// deadline.h - a time-out that bounds several waits as a whole, on the monotonic clock.
+// deadline.h - one time-out for several waits together, on the monotonic clock.
 #ifndef FRAMEWORK_DEADLINE_H
 #define FRAMEWORK_DEADLINE_H
 
@@ -12,8 +12,8 @@ inline Deadline deadlineIn(unsigned int uiTimeoutMs) {
     return std::chrono::steady_clock::now() + std::chrono::milliseconds(uiTimeoutMs);
 }
 
-// What is left, in milliseconds as poll() takes them, rounded up so that a wait never spins; 0 when it is
-// over.
+// Returns the milliseconds left, as poll() takes them; 0 once the deadline is over. Rounds up, so that a
+// wait for the last part of a millisecond does not spin.
 inline int deadlineLeft(Deadline deadline) {
     const auto left =
         std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();

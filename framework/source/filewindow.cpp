@@ -10,8 +10,7 @@
 
 namespace {
 
-constexpr off_t kReadAhead =
-    1024 * 1024; // asked of the system ahead of the buffer, so that reads do not wait
+constexpr off_t kReadAhead = off_t{1024} * 1024; // bytes that the system reads ahead, so that no read waits
 
 const char *kindOfFile(mode_t uiMode) {
     switch (uiMode & S_IFMT) {
@@ -32,7 +31,7 @@ const char *kindOfFile(mode_t uiMode) {
 } // namespace
 
 int fileOpenRegular(const char *pszFile, std::string &sReason) {
-    // A socket and some devices refuse to be opened in words that say little, so the kind is looked at first.
+    // Look at the kind first: for a socket and some devices, the error of open() says little.
     struct stat status {};
     if (stat(pszFile, &status) != 0) {
         sReason = std::string("it cannot be opened: ") + std::strerror(errno);
@@ -74,7 +73,7 @@ const unsigned char *windowBytes(FileWindow &window, unsigned long long ullOffse
         ulHave = window.ulLength - static_cast<std::size_t>(ullOffset - window.ullOffset);
     }
     if (ulHave < ulNeed && ullOffset < static_cast<unsigned long long>(std::numeric_limits<off_t>::max())) {
-        // What is held already is kept, the rest read behind it.
+        // Keep the bytes that are here already and read the rest behind them.
         if (ulHave > 0) {
             std::memmove(window.buffer.data(), window.buffer.data() + (ullOffset - window.ullOffset), ulHave);
         }
@@ -101,7 +100,7 @@ const unsigned char *windowBytes(FileWindow &window, unsigned long long ullOffse
         }
     }
     if (ullOffset < window.ullOffset || ullOffset - window.ullOffset > window.ulLength) {
-        ulHave = 0; // beyond what a file can have
+        ulHave = 0; // no file reaches this offset
         return window.buffer.data();
     }
     return window.buffer.data() + (ullOffset - window.ullOffset);

@@ -1,4 +1,4 @@
-// timetext.cpp - the wall clock, calendar fields and text helpers.
+// hosttime.cpp - the wall clock and calendar fields. Safe on any thread; owns nothing.
 #include <qxapi.h>
 
 #include <ctime>
@@ -25,12 +25,4 @@ int qxapi_local_time(unsigned long ulSeconds, struct tm *pLocal) {
     }
     *pLocal = {};
     return 0;
-}
-
-const char *qxapi_check_string(const char *pszText) {
-    return qxapi_check_string_ex(pszText, "NULL");
-}
-
-const char *qxapi_check_string_ex(const char *pszText, const char *pszFallback) {
-    return pszText != nullptr ? pszText : pszFallback;
 }

@@ -1,6 +1,6 @@
-// ktnendpoint.cpp - libqxapi_ktn: the life of an endpoint, from descriptor to socket and back.
+// ktnendpoint.cpp - libqxapi_ktn: makes, opens, connects, closes and releases endpoints.
 //
-// Called on the thread that owns the endpoint. What goes through an open endpoint is in ktntransfer.cpp.
+// Called on the thread that owns the endpoint. ktntransfer.cpp sends and receives on an open one.
 #include "ktnendpoint.h"
 
 #include "report.h"
@@ -22,7 +22,7 @@ constexpr unsigned int kMagic = 0x4B544E45;
 constexpr int kVersion = 2;
 constexpr unsigned int kDefaultTimeoutMs = 1000;
 
-// What callers built against the record rely on.
+// Compiled callers rely on these offsets.
 static_assert(offsetof(KTNET_ENDPOINT, uiKind) == 12 && offsetof(KTNET_ENDPOINT, iSocket) == 16);
 static_assert(offsetof(KTNET_ENDPOINT, szPeer) == 20 && offsetof(KTNET_ENDPOINT, szLocal) == 148);
 static_assert(offsetof(KTNET_ENDPOINT, uiPort) == 276 && offsetof(KTNET_ENDPOINT, uiListen) == 280);
@@ -32,13 +32,13 @@ static_assert(sizeof(KTNET_PACKET) == 72 && offsetof(KTNET_PACKET, ulPayloadLen)
 static_assert(offsetof(KTNET_PACKET, ulReserved) == 24 && offsetof(KTNET_PACKET, pPayload) == 40);
 static_assert(offsetof(KTNET_PACKET, ulPayloadSize) == 48 && offsetof(KTNET_PACKET, uiStatus) == 56);
 static_assert(offsetof(KTNET_BUFFER, ulBufferLen) == 8);
-static_assert(offsetof(KtnEndpoint, Public) == 0);
+static_assert(offsetof(KtnEndpoint, descriptor) == 0);
 
-// The transfer calls wait within uiTimeoutMs themselves; this bounds those who read or send on the socket
-// directly, and a send that the network holds up.
+// Bounds the socket's own reads and sends. The transfer calls keep to uiTimeoutMs themselves; a caller that
+// uses the socket directly does not, nor does a send that the network holds up.
 void boundTransfers(int iSocket, unsigned int uiTimeoutMs) {
     const unsigned int uiBound = uiTimeoutMs == 0 ? 1 : uiTimeoutMs;
-    const timeval bound{uiBound / 1000, uiBound % 1000 * 1000};
+    const timeval bound{uiBound / 1000, suseconds_t{uiBound % 1000} * 1000};
     setsockopt(iSocket, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);
     setsockopt(iSocket, SOL_SOCKET, SO_SNDTIMEO, &bound, sizeof bound);
 }
@@ -76,12 +76,12 @@ KTNET_ENDPOINT *ktnEndpointNew(int iMode, int iVersion) {
         frameworkReport("ktn_xapi_ktnet_init_with_version", "no memory for an endpoint");
         return nullptr;
     }
-    pEndpoint->Public.uiLibraryMagic = kMagic;
-    pEndpoint->Public.iLibraryMode = iMode;
-    pEndpoint->Public.iLibraryVersion = iVersion;
-    pEndpoint->Public.iSocket = -1;
-    pEndpoint->Public.uiTimeoutMs = kDefaultTimeoutMs;
-    return &pEndpoint->Public;
+    pEndpoint->descriptor.uiLibraryMagic = kMagic;
+    pEndpoint->descriptor.iLibraryMode = iMode;
+    pEndpoint->descriptor.iLibraryVersion = iVersion;
+    pEndpoint->descriptor.iSocket = -1;
+    pEndpoint->descriptor.uiTimeoutMs = kDefaultTimeoutMs;
+    return &pEndpoint->descriptor;
 }
 
 int ktnFailed(KTNET_ENDPOINT *pDesc, int iErrno) {
@@ -195,7 +195,7 @@ int ktn_xapi_ktnet_delete(KTNET_ENDPOINT **ppDesc) {
     }
     ktn_xapi_ktnet_close(*ppDesc);
     KtnEndpoint *pEndpoint = ktnEndpoint(*ppDesc);
-    pEndpoint->Public.uiLibraryMagic = 0;
+    pEndpoint->descriptor.uiLibraryMagic = 0;
     delete pEndpoint;
     *ppDesc = nullptr;
     return 1;

@@ -5,7 +5,7 @@
 
 namespace {
 
-// The header: byte offsets of its fields, all little-endian.
+// Byte offsets of the header's fields. All are little-endian.
 constexpr std::size_t kAtMagic = 0;
 constexpr std::size_t kAtVersion = 4;
 constexpr std::size_t kAtHeaderLength = 6;

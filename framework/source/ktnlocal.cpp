@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr const char *kWhoListen = "ktn_xapi_ktnet_create";
+constexpr const char *kWhoCreate = "ktn_xapi_ktnet_create";
 constexpr int kLockRetryMs = 5;
 
 bool fillAddress(sockaddr_un &address, const char *pszPath) {
@@ -33,9 +33,9 @@ const sockaddr *plain(const sockaddr_un &address) {
     return reinterpret_cast<const sockaddr *>(&address);
 }
 
-// Opens the folder of pszPath and locks it, so that of two processes that want the same path one looks,
-// removes and binds after the other. A lock on the folder leaves no file behind, whatever end the process
-// takes. Returns the folder (closing it unlocks), or a negative errno.
+// Opens the folder of pszPath and locks it. If two processes want the same path, one then checks, removes
+// and binds before the other starts. The lock is on the folder, so it leaves no file behind however the
+// process ends. Returns the folder, or a negative errno. Closing the folder unlocks it.
 int lockFolder(const char *pszPath, Deadline deadline) {
     char szFolder[sizeof(sockaddr_un::sun_path)] = ".";
     if (const char *pszName = std::strrchr(pszPath, '/')) {
@@ -58,8 +58,8 @@ int lockFolder(const char *pszPath, Deadline deadline) {
     return iFolder;
 }
 
-// Whether somebody answers at the address: 0 when nobody does (the file is stale), else an errno that says
-// what a connection met.
+// Tries to connect to the address. Returns 0 if nobody answers: the file is stale. Else returns the errno
+// of the attempt, EADDRINUSE for a live listener.
 int probe(const sockaddr_un &address) {
     const int iProbe = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (iProbe < 0) {
@@ -70,10 +70,11 @@ int probe(const sockaddr_un &address) {
     if (iErrno == ECONNREFUSED || iErrno == ENOENT) {
         return 0;
     }
-    return iErrno == EAGAIN ? EADDRINUSE : iErrno; // a full queue is a listener's too
+    return iErrno == EAGAIN ? EADDRINUSE : iErrno; // only a live listener has a full queue
 }
 
-// Clears the way for a new socket file. Called with the folder locked. Returns 0 or an errno (reported).
+// Removes a stale socket file. Call with the folder locked. Returns 0 if the path is free, else an errno
+// (reported).
 int removeStale(const sockaddr_un &address) {
     const char *pszPath = address.sun_path;
     struct stat status;
@@ -82,39 +83,39 @@ int removeStale(const sockaddr_un &address) {
             return 0;
         }
         const int iErrno = errno;
-        frameworkReport(kWhoListen, "can not look at %s: %s", pszPath, std::strerror(iErrno));
+        frameworkReport(kWhoCreate, "can not look at %s: %s", pszPath, std::strerror(iErrno));
         return iErrno;
     }
     if (!S_ISSOCK(status.st_mode)) {
-        frameworkReport(kWhoListen, "%s is there and is no socket; it is left alone", pszPath);
+        frameworkReport(kWhoCreate, "%s is there and is no socket; it is left alone", pszPath);
         return EEXIST;
     }
     if (status.st_uid != geteuid()) {
-        frameworkReport(kWhoListen, "%s belongs to another user (%u); it is left alone", pszPath,
+        frameworkReport(kWhoCreate, "%s belongs to another user (%u); it is left alone", pszPath,
                         status.st_uid);
         return EACCES;
     }
     if (const int iErrno = probe(address)) {
         if (iErrno == EADDRINUSE) {
-            frameworkReport(kWhoListen, "%s is served by another listener; it is left alone", pszPath);
+            frameworkReport(kWhoCreate, "%s is served by another listener; it is left alone", pszPath);
         } else {
-            frameworkReport(kWhoListen, "%s can not be probed: %s; it is left alone", pszPath,
+            frameworkReport(kWhoCreate, "%s can not be probed: %s; it is left alone", pszPath,
                             std::strerror(iErrno));
         }
         return iErrno;
     }
     if (unlink(pszPath) != 0 && errno != ENOENT) {
         const int iErrno = errno;
-        frameworkReport(kWhoListen, "can not remove the stale %s: %s", pszPath, std::strerror(iErrno));
+        frameworkReport(kWhoCreate, "can not remove the stale %s: %s", pszPath, std::strerror(iErrno));
         return iErrno;
     }
     return 0;
 }
 
-// Binds and listens. Called with the folder locked. Returns the socket or a negative errno (reported).
+// Binds and listens. Call with the folder locked. Returns the socket or a negative errno (reported).
 int bindListener(const sockaddr_un &address) {
     const int iSocket = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    // The file takes its mode from the socket: narrow from the start, and the umask of the process untouched.
+    // The file takes its mode from the socket. It is narrow from the start, and the umask stays as it is.
     if (iSocket >= 0 && fchmod(iSocket, 0600) == 0 && bind(iSocket, plain(address), sizeof address) == 0) {
         if (listen(iSocket, SOMAXCONN) == 0) {
             return iSocket;
@@ -125,7 +126,7 @@ int bindListener(const sockaddr_un &address) {
     if (iSocket >= 0) {
         close(iSocket);
     }
-    frameworkReport(kWhoListen, "can not listen at %s: %s", address.sun_path, std::strerror(iErrno));
+    frameworkReport(kWhoCreate, "can not listen at %s: %s", address.sun_path, std::strerror(iErrno));
     return -iErrno;
 }
 
@@ -135,13 +136,13 @@ int ktnLocalListen(const char *pszPath, unsigned int uiTimeoutMs, KtnSocketFile 
     file = {};
     sockaddr_un address;
     if (!fillAddress(address, pszPath)) {
-        frameworkReport(kWhoListen, "\"%s\" can not be a socket path: empty, or longer than %zu bytes",
+        frameworkReport(kWhoCreate, "\"%s\" can not be a socket path: empty, or longer than %zu bytes",
                         pszPath, sizeof address.sun_path - 1);
         return *pszPath == 0 ? -EINVAL : -ENAMETOOLONG;
     }
     const int iFolder = lockFolder(pszPath, deadlineIn(uiTimeoutMs));
     if (iFolder < 0) {
-        frameworkReport(kWhoListen, "can not lock the folder of %s: %s", pszPath, std::strerror(-iFolder));
+        frameworkReport(kWhoCreate, "can not lock the folder of %s: %s", pszPath, std::strerror(-iFolder));
         return iFolder;
     }
     const int iErrno = removeStale(address);
@@ -157,8 +158,6 @@ int ktnLocalListen(const char *pszPath, unsigned int uiTimeoutMs, KtnSocketFile 
 }
 
 void ktnLocalRemove(KtnSocketFile &file) {
-    // To be called while the listener is still open: nobody replaces the file of a live listener, so what is
-    // looked at here is what is removed.
     struct stat status;
     if (file.ulInode != 0 && lstat(file.szPath, &status) == 0 && status.st_dev == file.ulDevice &&
         status.st_ino == file.ulInode) {
@@ -197,7 +196,7 @@ int ktnLocalClient() {
         return iSocket;
     }
     const int iErrno = errno;
-    frameworkReport(kWhoListen, "no socket for a local client: %s", std::strerror(iErrno));
+    frameworkReport(kWhoCreate, "no socket for a local client: %s", std::strerror(iErrno));
     return -iErrno;
 }
 
@@ -209,13 +208,13 @@ int ktnLocalConnect(int iSocket, const char *pszPath, unsigned int uiTimeoutMs) 
                         sizeof address.sun_path - 1);
         return *pszPath == 0 ? -EINVAL : -ENAMETOOLONG;
     }
-    // The kernel itself waits for room in the listener's queue, for as long as the send time-out says; a
-    // time-out of 0 would mean for ever there.
+    // connect() waits for room in the listener's queue, and the socket's send time-out bounds that wait. A
+    // time-out of 0 would let it wait for ever, so set at least 1 ms.
     const Deadline deadline = deadlineIn(uiTimeoutMs);
     int iErrno = 0;
     do {
         const int iLeft = std::max(1, deadlineLeft(deadline));
-        const timeval wait{iLeft / 1000, iLeft % 1000 * 1000};
+        const timeval wait{iLeft / 1000, suseconds_t{iLeft % 1000} * 1000};
         setsockopt(iSocket, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
         iErrno = connect(iSocket, plain(address), sizeof address) == 0 ? 0 : errno;
     } while (iErrno == EINTR && deadlineLeft(deadline) > 0);

@@ -1,7 +1,8 @@
-// ktntransfer.cpp - libqxapi_ktn: what goes through an open endpoint, frames and plain datagrams.
+// ktntransfer.cpp - libqxapi_ktn: sends and receives frames and plain datagrams on an open endpoint.
 //
-// Called on the thread that owns the endpoint; the relay calls ktn_xapi_rx_poll_socket and
-// ktn_xapi_ktnet_tx_a_packet for every datagram, so these two allocate nothing and make one system call.
+// Called on the thread that owns the endpoint. The relay calls ktn_xapi_rx_poll_socket and
+// ktn_xapi_ktnet_tx_a_packet for every datagram. These two therefore allocate nothing and make one system
+// call each.
 #include "deadline.h"
 #include "ktnendpoint.h"
 #include "ktnframe.h"
@@ -24,7 +25,7 @@ constexpr const char *kWhoTx = "ktn_xapi_ktnet_tx_data";
 using HeaderBytes = std::array<unsigned char, KTNET_FRAME_HEADER_SIZE>;
 using Payload = std::unique_ptr<unsigned char, void (*)(void *)>;
 
-// A frame on its way in.
+// A frame while it is being received.
 struct ReceivedFrame {
     KTNET_FRAME frame{};
     Payload payload{nullptr, std::free};
@@ -48,8 +49,8 @@ int waitFor(int iSocket, short sEvents, Deadline deadline) {
     }
 }
 
-// Reads exactly ulLength bytes of a stream. ulRead tells how far it came. Returns 0 or an errno; EPIPE for a
-// peer that closed before.
+// Reads exactly ulLength bytes of a stream. ulRead takes the number read, also on failure.
+// Returns 0 or an errno; EPIPE if the peer closed too early.
 int readStream(int iSocket, unsigned char *pData, std::size_t ulLength, Deadline deadline,
                std::size_t &ulRead) {
     ulRead = 0;
@@ -67,7 +68,7 @@ int readStream(int iSocket, unsigned char *pData, std::size_t ulLength, Deadline
         } else if (errno != EINTR) {
             return errno;
         }
-        // A client that drips a byte at a time is always readable.
+        // A client that sends a byte at a time never lets waitFor wait, so check the deadline here too.
         if (ulRead < ulLength && deadlineLeft(deadline) == 0) {
             return ETIMEDOUT;
         }
@@ -75,7 +76,7 @@ int readStream(int iSocket, unsigned char *pData, std::size_t ulLength, Deadline
     return 0;
 }
 
-// Makes room for the payload that a checked header announces. Returns 0 or an errno.
+// Allocates the payload that a checked header announces. Returns 0 or an errno.
 int makePayload(ReceivedFrame &received) {
     if (received.frame.uiPayloadLen == 0) {
         return 0;
@@ -84,8 +85,8 @@ int makePayload(ReceivedFrame &received) {
     return received.payload ? 0 : ENOMEM;
 }
 
-// Receives one frame of a local connection. Returns 0 or an errno (reported); bClosed: the peer closed before
-// it sent a byte.
+// Receives one frame of a local connection. Sets bClosed if the peer closed without sending a byte.
+// Returns 0 or an errno (reported).
 int receiveLocal(int iSocket, unsigned int uiTimeoutMs, ReceivedFrame &received, bool &bClosed) {
     const Deadline deadline = deadlineIn(uiTimeoutMs);
     HeaderBytes header;
@@ -123,8 +124,8 @@ int receiveLocal(int iSocket, unsigned int uiTimeoutMs, ReceivedFrame &received,
     return iErrno;
 }
 
-// Receives one frame of a UDP socket: one datagram, looked at before it is taken. Returns 0 or an errno
-// (reported).
+// Receives one frame of a UDP socket. Peeks at the datagram's header first, to allocate what the frame
+// needs. Returns 0 or an errno (reported, but for ETIMEDOUT).
 int receiveDatagram(int iSocket, unsigned int uiTimeoutMs, ReceivedFrame &received) {
     const Deadline deadline = deadlineIn(uiTimeoutMs);
     HeaderBytes header;
@@ -132,7 +133,7 @@ int receiveDatagram(int iSocket, unsigned int uiTimeoutMs, ReceivedFrame &receiv
     while ((lLength = recv(iSocket, header.data(), header.size(), MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT)) < 0) {
         int iErrno = errno == EAGAIN ? waitFor(iSocket, POLLIN, deadline) : errno == EINTR ? 0 : errno;
         if (iErrno == ETIMEDOUT) {
-            return iErrno; // silence on a group is no fault
+            return iErrno; // silence on a group is no error
         }
         if (iErrno != 0) {
             frameworkReport(kWhoRx, "datagram not received: %s", std::strerror(iErrno));
@@ -151,7 +152,7 @@ int receiveDatagram(int iSocket, unsigned int uiTimeoutMs, ReceivedFrame &receiv
         frameworkReport(kWhoRx, "datagram lost: %s", std::strerror(iErrno));
     }
 
-    // Taken in any case, so that a bad one does not stay in front of the good ones.
+    // Take the datagram even if it is bad: it must not stay in front of the good ones.
     iovec pieces[2] = {{header.data(), header.size()},
                        {received.payload.get(), iErrno == 0 ? received.frame.uiPayloadLen : 0}};
     msghdr message{};

@@ -48,7 +48,8 @@ void appendUTF8(std::string &sText, unsigned int uiCode) {
     }
 }
 
-// UTF-16LE with its terminating zero as UTF-8; half pairs become the replacement character.
+// Converts UTF-16LE up to its terminating zero to UTF-8. Half a surrogate pair becomes the replacement
+// character.
 std::string textOf(const std::vector<unsigned char> &data) {
     constexpr unsigned int kReplacement = 0xFFFD;
     const auto unitAt = [&](std::size_t ul) {
@@ -72,7 +73,7 @@ std::string textOf(const std::vector<unsigned char> &data) {
     return sText;
 }
 
-// UTF-8 as UTF-16LE with a terminating zero; bytes that are no UTF-8 become question marks.
+// Converts UTF-8 to UTF-16LE with a terminating zero. Bytes that are no UTF-8 become question marks.
 NscValue valueOf(const std::string &sText) {
     NscValue value;
     const auto append = [&](unsigned int uiUnit) {
@@ -114,7 +115,7 @@ bool looksEncoded(const std::string &sText) {
            sText.find_first_not_of(kAlphabet, 2) == std::string::npos;
 }
 
-// A text, plain or encoded.
+// Reads a text, plain or encoded.
 bool readText(const std::string &sText, std::string &sOut, std::string &sReason) {
     NscValue value;
     if (looksEncoded(sText)) {
@@ -145,7 +146,7 @@ bool readInteger(const std::string &sText, unsigned int uiMost, unsigned int &ui
     return true;
 }
 
-// The format that a line is about, made where it is the first one to name it.
+// Returns the format that a line names by its number. Adds it if no line before named it.
 NscFormat *formatOf(NscStation &station, const std::string &sDigits, std::string &sReason) {
     if (sDigits.empty() || sDigits.size() > 4 ||
         !std::all_of(sDigits.begin(), sDigits.end(), [](unsigned char c) { return std::isdigit(c); })) {
@@ -254,7 +255,7 @@ bool nscDecode(const std::string &sText, NscValue &value, std::string &sReason) 
     }
     const std::size_t ulLength = big32(bytes.data() + 5);
     const std::size_t ulThere = bytes.size() - kValueHeadSize;
-    // Up to two bytes more than said may come of filling up the last four characters.
+    // A writer may fill up the last four characters, which leaves up to two bytes after the data.
     if (ulLength > ulThere || ulThere - ulLength > 2) {
         sReason = "an encoded value says that it has " + std::to_string(ulLength) + " bytes, and has " +
                   std::to_string(ulThere);
@@ -319,7 +320,7 @@ bool nscParse(const std::string &sText, NscStation &station, std::string &sReaso
         const std::string sValue = sLine.substr(ulEqual + 1);
         if ((eSection == ADDRESS && !readAddressLine(sName, sValue, station, sReason)) ||
             (eSection == FORMATS && !readFormatLine(sName, sValue, station, sReason))) {
-            sReason = "line " + std::to_string(ulLine) + ", " + sName.substr(0, 40) + ": " + sReason;
+            sReason.insert(0, "line " + std::to_string(ulLine) + ", " + sName.substr(0, 40) + ": ");
             return false;
         }
     }

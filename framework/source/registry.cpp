@@ -1,7 +1,7 @@
-// registry.cpp - the host's registry: a master and a slave text file, the slave overriding the master.
+// registry.cpp - the host's registry: a master and a slave text file. The slave overrides the master.
 //
-// Called by whoever asks for a setting, on any thread; each handle owns the values it read when it was
-// opened.
+// Called by any component that wants a setting, on any thread. Opening a handle reads both files; the
+// handle owns their values.
 #include "report.h"
 
 #include <qxapi.h>
@@ -22,8 +22,8 @@
 namespace {
 
 constexpr const char *kWho = "QX_OpenRegistry";
-constexpr std::size_t kFileSizeMax =
-    1024 * 1024; // far beyond any registry; a wrong path must not fill the memory
+// No registry is this large. The limit keeps a wrong path from filling the memory.
+constexpr std::size_t kFileSizeMax = std::size_t{1024} * 1024;
 
 struct Registry : ts_qx_registry {
     std::map<std::string, std::string, std::less<>> values;
@@ -91,7 +91,7 @@ int readFile(const std::string &path, std::string &content) {
     }
 }
 
-// Adds what one file says. A file that is not there is no fault: a machine without settings has none.
+// Adds the keys of one file. A missing file is no error: a machine without settings has none.
 // Returns whether the file was read.
 bool addFile(Registry &registry, const char *pszPath) {
     if (pszPath == nullptr) {

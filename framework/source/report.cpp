@@ -16,8 +16,8 @@ namespace {
 constexpr std::size_t kLineSize = 512;
 constexpr time_t kQuietSeconds = 10;
 
-// The lines written last, by hash; the oldest gives way. Two lines with one hash would share one entry: the
-// worst that comes of it is a line left out for ten seconds.
+// The lines written last, by hash. A new line replaces the oldest. Two lines with the same hash share an
+// entry; at worst, one of them is left out for ten seconds.
 struct ReportedLine {
     std::size_t ulHash;
     timespec written; // CLOCK_MONOTONIC, zero while the entry is free
@@ -29,7 +29,7 @@ bool earlier(const timespec &left, const timespec &right) {
     return left.tv_sec != right.tv_sec ? left.tv_sec < right.tv_sec : left.tv_nsec < right.tv_nsec;
 }
 
-// Whether the line may be written now; remembers it if so.
+// Returns whether the line may be written now. Remembers it if so.
 bool isDue(std::string_view line) {
     const std::size_t ulHash = std::hash<std::string_view>{}(line);
     timespec now{};
@@ -59,7 +59,7 @@ bool isDue(std::string_view line) {
 void frameworkReport(const char *pszWho, const char *pszFormat, ...) {
     const int iErrno = errno;
     std::array<char, kLineSize> line;
-    const std::size_t ulRoom = line.size() - 1; // the newline's place
+    const std::size_t ulRoom = line.size() - 1; // leave a place for the newline
     std::size_t ulLength =
         std::min(ulRoom - 1,
                  static_cast<std::size_t>(std::max(0, std::snprintf(line.data(), ulRoom, "%s: ", pszWho))));
@@ -69,7 +69,8 @@ void frameworkReport(const char *pszWho, const char *pszFormat, ...) {
     va_end(arguments);
     ulLength = std::min(ulRoom - 1, ulLength + static_cast<std::size_t>(std::max(0, iText)));
 
-    // File names and addresses come from outside: whatever they hold, the report stays one line.
+    // File names and addresses come from outside and may hold control characters. Keep the report on one
+    // line.
     std::replace_if(
         line.begin(), line.begin() + static_cast<std::ptrdiff_t>(ulLength),
         [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '?');

@@ -1,7 +1,7 @@
-// seed.cpp - SEED (RFC 4269), decryption of whole blocks in place.
+// seed.cpp - SEED (RFC 4269): decrypts whole blocks in place.
 //
-// Called by relays for every datagram, on their own threads. Owns each thread's last key schedule. The tables
-// are computed at compile time from the cipher's definition.
+// Called by relays for every datagram, on their own threads. Keeps each thread's last key schedule. The
+// compiler computes the tables from the cipher's definition.
 #include <qxapi.h>
 
 #include <array>
@@ -13,12 +13,13 @@ namespace {
 
 constexpr std::size_t kBlock = 16;
 constexpr std::size_t kRounds = 16;
-// Blocks worked on at once: one block is a long chain of dependent look-ups, several fill the waiting time.
-// That takes loops over the lanes that are unrolled, which compilers leave undone at -O2 unless told.
+// Number of blocks decrypted at once. Within a block each look-up waits for the one before; the look-ups of
+// other blocks fill that time. For this the loops over the blocks must be unrolled, and at -O2 a compiler
+// unrolls them only if told to.
 constexpr std::size_t kLanes = 4;
 #define UNROLL_LANES _Pragma("GCC unroll 4")
 
-// ---- tables ----------------------------------------------------------------------------------------------
+// ---- Tables
 
 constexpr std::uint32_t multiplyField(std::uint32_t uiLeft, std::uint32_t uiRight) {
     std::uint32_t uiProduct = 0;
@@ -45,13 +46,14 @@ constexpr std::uint32_t powerField(std::uint32_t uiBase, unsigned int uiExponent
     return uiPower;
 }
 
-// One of the two S-boxes: Matrix * x^exponent + constant over bits, the most significant bit first.
-struct SBoxes {
+// An S-box: matrix * x^exponent + constant, over bits. Each row of the matrix begins with the most
+// significant bit.
+struct SBox {
     std::array<std::uint32_t, 8> matrix;
     unsigned int uiExponent;
     std::uint32_t uiConstant;
 };
-constexpr SBoxes kSbox[2] = {
+constexpr SBox kSBoxes[2] = {
     {{0b10001010, 0b11111110, 0b10000101, 0b01000010, 0b01000101, 0b00100001, 0b10001000, 0b00010100},
      247,
      169},
@@ -59,7 +61,7 @@ constexpr SBoxes kSbox[2] = {
      251,
      56}};
 
-constexpr std::uint32_t substitute(const SBoxes &box, std::uint32_t uiByte) {
+constexpr std::uint32_t substitute(const SBox &box, std::uint32_t uiByte) {
     const std::uint32_t uiPower = powerField(uiByte, box.uiExponent);
     std::uint32_t uiResult = 0;
     for (const std::uint32_t uiRow : box.matrix) {
@@ -72,7 +74,7 @@ constexpr std::uint32_t substitute(const SBoxes &box, std::uint32_t uiByte) {
     return uiResult ^ box.uiConstant;
 }
 
-// MergedG[j][x]: what byte j of G's argument, when it is x, contributes to the result.
+// merged[j][x]: what byte j of G's argument contributes to the result if it is x.
 using MergedTables = std::array<std::array<std::uint32_t, 256>, 4>;
 
 constexpr MergedTables makeMerged() {
@@ -80,7 +82,7 @@ constexpr MergedTables makeMerged() {
     MergedTables merged{};
     for (std::size_t ulPosition = 0; ulPosition < 4; ulPosition++) {
         for (std::uint32_t uiByte = 0; uiByte < 256; uiByte++) {
-            const std::uint32_t uiSubstituted = substitute(kSbox[ulPosition % 2], uiByte);
+            const std::uint32_t uiSubstituted = substitute(kSBoxes[ulPosition % 2], uiByte);
             for (std::size_t ulTo = 0; ulTo < 4; ulTo++) {
                 merged[ulPosition][uiByte] |= (uiSubstituted & kMask[(ulTo + ulPosition) % 4]) << (8 * ulTo);
             }
@@ -96,7 +98,7 @@ inline std::uint32_t G(std::uint32_t uiWord) {
            kMergedG[2][(uiWord >> 16) & 0xFF] ^ kMergedG[3][uiWord >> 24];
 }
 
-// ---- key schedule ----------------------------------------------------------------------------------------
+// ---- Key schedule
 
 struct RoundKey {
     std::uint32_t uiLeft;
@@ -136,7 +138,7 @@ void makeSchedule(Schedule &schedule, const unsigned char *pKey) {
     }
 }
 
-// ---- blocks ----------------------------------------------------------------------------------------------
+// ---- Blocks
 
 // Decrypts kCount neighbouring blocks.
 template <std::size_t kCount>
@@ -149,7 +151,7 @@ inline void decryptBlocks(unsigned char *pData, const Schedule &schedule) {
         r0[i] = loadWord(pData + i * kBlock + 8);
         r1[i] = loadWord(pData + i * kBlock + 12);
     }
-    // The step that both halves take in turn: Half ^= F(Other).
+    // One round: half ^= F(other). The two halves swap roles from round to round.
     const auto round = [](std::uint32_t(&half0)[kCount], std::uint32_t(&half1)[kCount],
                           const std::uint32_t(&other0)[kCount], const std::uint32_t(&other1)[kCount],
                           const RoundKey &key) {

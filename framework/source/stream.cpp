@@ -1,6 +1,7 @@
-// stream.cpp - stored-file streams: a reader of the file's kind, and the clock that its packets are due on.
+// stream.cpp - stored-file streams: chooses the reader for a file, and hands its packets out when they are
+// due.
 //
-// Called by whoever plays a file, on one thread. A stream owns the file's descriptor and its reader.
+// Called by the player of a file, on one thread. A stream owns the file's descriptor and its reader.
 #include "asfstream.h"
 #include "report.h"
 #include "tsstream.h"
@@ -17,23 +18,24 @@
 
 namespace {
 
-// Packets that follow each other closely are handed out up to so much early or late, two or more at a
-// wake-up: the wake-ups are most of what playing costs, and a receiver's buffer does not notice. Nanoseconds.
+// How early or late a packet may be handed out if packets follow each other closely, in nanoseconds. One
+// wake-up then serves two or more packets. Wake-ups are most of the cost of playing, and a receiver's
+// buffer hides the shift.
 constexpr long long kEarlyMax = 1'100'000;
 constexpr long long kLateMax = 300'000;
 
 struct FileStream : ts_qxapi_stream {
     std::string sFile;
     int iFile = -1;
-    std::unique_ptr<AsfReader> pASF; // one of the two
+    std::unique_ptr<AsfReader> pASF; // one of these two is set
     std::unique_ptr<TsReader> pTS;
     bool bStarted = false;
     bool bEnd = false;
-    long long llStart = 0;   // CLOCK_MONOTONIC, nanoseconds
+    long long llStart = 0;   // CLOCK_MONOTONIC time of pStart, nanoseconds
     long long llLastDue = 0; // due time of the packet handed out last
-    MediaPacket next{};      // the packet that is due next
+    MediaPacket next{};      // the packet that is due next, if bNext
     bool bNext = false;
-    ts_qxapi_packet lent{}; // what the caller holds
+    ts_qxapi_packet lent{}; // the packet that the caller holds, if bLent
     bool bLent = false;
 };
 
@@ -47,7 +49,7 @@ long long monotonicNow() {
     return now.tv_sec * 1'000'000'000LL + now.tv_nsec;
 }
 
-// Has the next packet read, unless it is there or the reader's buffer is lent.
+// Reads the next packet, unless it has been read or the caller still holds the reader's buffer.
 void prepareNext(FileStream &stream) {
     if (!stream.bStarted || stream.bEnd || stream.bNext || stream.bLent) {
         return;
@@ -78,7 +80,7 @@ int startStream(ts_qxapi_stream *pStream) {
         return 0;
     }
     stream.bStarted = true;
-    prepareNext(stream); // the first packet, so that reading it does not make it late
+    prepareNext(stream); // read the first packet before the clock starts, so that it is not late
     stream.llStart = monotonicNow();
     return 1;
 }
@@ -96,7 +98,7 @@ ts_qxapi_packet *nextPacket(ts_qxapi_stream *pStream) {
         return nullptr;
     }
     if (!stream.bNext) {
-        yieldSetNextDue(0); // the reader has more to do
+        yieldSetNextDue(0); // the reader has more to do: do not sleep
         return nullptr;
     }
     const long long llDue = stream.llStart + stream.next.llDue;
@@ -119,7 +121,7 @@ void releasePacket(ts_qxapi_stream *pStream, ts_qxapi_packet *pPacket) {
     }
 }
 
-// Gives the stream the reader for what the file holds. Returns false and the reason when there is none.
+// Chooses the reader by the file's content. Returns false and the reason if no reader fits.
 bool chooseReader(FileStream &stream, std::string &sReason) {
     FileWindow window;
     windowOpen(window, stream.iFile, 4096);

@@ -1,4 +1,4 @@
-// thread.cpp - starts the detached threads of plug-ins and host components.
+// thread.cpp - starts the detached threads of plug-ins and host components. Called on any thread.
 #include "report.h"
 
 #include <qxapi.h>
@@ -12,9 +12,9 @@
 
 namespace {
 
-constexpr std::size_t kThreadNameSize = 16; // what the kernel keeps, terminating zero included
+constexpr std::size_t kThreadNameSize = 16; // bytes that the kernel keeps, terminating zero included
 
-// What a new thread is told; the thread releases it.
+// What a new thread is given. The thread releases it.
 struct ThreadStart {
     void *(*pBody)(void *);
     void *pArgument;
@@ -28,7 +28,8 @@ void *threadMain(void *pGiven) {
     return start.pBody(start.pArgument);
 }
 
-// Every signal but the faults: those are the thread's own doing, and whoever handles them is to see them.
+// Returns every signal but the faults. The thread itself causes a fault, so the fault's handler must see
+// it.
 sigset_t signalsOfTheProcess() {
     sigset_t signals;
     sigfillset(&signals);
@@ -49,9 +50,10 @@ int qxapi_detached_thread_tag(void *(*pBody)(void *), void *pArgument, const cha
     std::unique_ptr<ThreadStart> start(new (std::nothrow) ThreadStart{pBody, pArgument, {}});
     int iErrno = ENOMEM;
     if (start) {
-        strncpy(start->szName, pszName, kThreadNameSize - 1);
+        std::strncpy(start->szName, pszName, kThreadNameSize - 1);
 
-        // A thread inherits its creator's signal mask: in force from its first instruction.
+        // A thread inherits its creator's signal mask. Block the signals here, so that the mask holds from
+        // the new thread's first instruction.
         const sigset_t blocked = signalsOfTheProcess();
         sigset_t before;
         pthread_sigmask(SIG_BLOCK, &blocked, &before);
@@ -68,6 +70,6 @@ int qxapi_detached_thread_tag(void *(*pBody)(void *), void *pArgument, const cha
                         std::strerror(iErrno));
         return 0;
     }
-    start.release();
+    (void)start.release(); // the thread owns it now
     return 1;
 }

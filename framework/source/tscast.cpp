@@ -1,6 +1,6 @@
-// tscast.cpp - sends runs of transport stream packets, one UDP datagram each.
+// tscast.cpp - sends runs of transport stream packets, each run as one UDP datagram.
 //
-// Called by whoever plays a file, on one thread. A caster owns its socket.
+// Called by the player of a file, on one thread. A caster owns its socket.
 #include "casttarget.h"
 #include "report.h"
 #include "udpsocket.h"

@@ -7,17 +7,18 @@
 
 namespace {
 
-constexpr double kRateMin = 8.0 * kTsPacketSize * kTsClockHz / 1e9; // ticks a packet at a gigabit a second
-constexpr double kRateMax = 1.0 * kTsClockHz;                       // and at a packet a second
-// The standard allows 100 ms between references, and files break that; what is longer is a jump, unless it
-// took as many packets as that time takes.
+constexpr double kRateMin = 8.0 * kTsPacketSize * kTsClockHz / 1e9; // ticks a packet at 1 Gbit/s
+constexpr double kRateMax = 1.0 * kTsClockHz;                       // ticks a packet at one packet a second
+// The longest intervals, in ticks. The standard allows 100 ms between references, but some files exceed
+// that. A longer interval is a jump, unless it has as many packets as its time needs ("in keeping" with the
+// rate).
 constexpr unsigned long long kIntervalMax = kTsClockHz;
 constexpr unsigned long long kIntervalFirstMax = 5 * kTsClockHz;
 constexpr unsigned long long kIntervalInKeepingMax = 60 * kTsClockHz;
-constexpr double kInKeeping = 4;       // so many times faster or slower
-constexpr double kOutOfProportion = 8; // a rate so many times slower than the file's is not gone on with
+constexpr double kInKeeping = 4;       // at most this many times faster or slower is in keeping
+constexpr double kOutOfProportion = 8; // a rate this many times slower than the average is dropped
 
-// The rate to go on at where no reference tells.
+// Returns the rate to continue at where no reference follows.
 double rateOnward(const TsClock &clock) {
     if (clock.ullSoundPackets == 0) {
         return clock.dRate;
@@ -70,7 +71,7 @@ bool tsclockNeedsNext(TsClock &clock, unsigned long long ullPacket) {
 void tsclockNext(TsClock &clock, unsigned long long ullPacket, unsigned long long ullReference, bool bNewBase,
                  unsigned long long ullAsked) {
     long long llTicks = ticksOnward(clock, ullPacket);
-    const long long llAsked = ticksOnward(clock, ullAsked); // at the rate that it was given out at
+    const long long llAsked = ticksOnward(clock, ullAsked); // as it was given out
     if (clock.bReference && !bNewBase) {
         const unsigned long long ullTicks = (ullReference + kTsClockWrap - clock.ullReference) % kTsClockWrap;
         const unsigned long long ullPackets = ullPacket - clock.ullReferencePacket;
@@ -82,8 +83,8 @@ void tsclockNext(TsClock &clock, unsigned long long ullPacket, unsigned long lon
         }
     }
     if (ullAsked > clock.ullFromPacket) {
-        // The reference came into sight late: the line starts where the playout has got to, and leads to the
-        // reference's time only at a pace that can be.
+        // The reference was found late. Start the line at the last time given out. Lead it to the
+        // reference's time only if that pace is sound.
         clock.ullFromPacket = ullAsked;
         clock.llFromTicks = llAsked;
         const unsigned long long ullRest = static_cast<unsigned long long>(llTicks - llAsked);

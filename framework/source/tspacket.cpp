@@ -7,14 +7,14 @@
 namespace {
 
 constexpr unsigned int kUnits[] = {188, 192, 204};
-constexpr unsigned int kRunSure = 32;              // packets in a row that leave no doubt
-constexpr unsigned int kRunMin = 5;                // packets in a row that are believed
-constexpr unsigned int kRunShort = 2;              // the same for a file that ends before kRunMin
-constexpr std::size_t kHeadMax = kTsProbeSize / 2; // bytes before the first packet
+constexpr unsigned int kRunSure = 32;              // a run of this many packets leaves no doubt
+constexpr unsigned int kRunMin = 5;                // a run of this many packets is believed
+constexpr unsigned int kRunShort = 2;              // the same if the file ends before kRunMin packets
+constexpr std::size_t kHeadMax = kTsProbeSize / 2; // most bytes before the first packet
 constexpr unsigned int kPidNull = 0x1FFF;
 
-// How many packets follow each other from p on, at most uiMost; bToEnd: up to the last one of the ulHave
-// bytes.
+// Returns how many packets follow each other from p on, at most uiMost.
+// bToEnd: set if the run reaches the end of the ulHave bytes.
 unsigned int countRun(const unsigned char *p, std::size_t ulHave, unsigned int uiUnit, unsigned int uiMost,
                       bool &bToEnd) {
     unsigned int uiRun = 0;
@@ -27,17 +27,18 @@ unsigned int countRun(const unsigned char *p, std::size_t ulHave, unsigned int u
     return uiRun;
 }
 
-// Whether the ulHave bytes at p begin with a packet that others follow. ulHave falls short of kRunMin units
-// only at the end of the file; a last packet that stands alone is believed where it was to be expected.
+// Returns whether the ulHave bytes at p begin with a run of packets. There are fewer than kRunMin units
+// only at the end of the file. There, a single last packet counts if it is where one was expected.
 bool followsRun(const unsigned char *p, std::size_t ulHave, unsigned int uiUnit, bool bExpected) {
     bool bToEnd = false;
     const unsigned int uiRun = countRun(p, ulHave, uiUnit, kRunMin, bToEnd);
     return uiRun >= kRunMin || (bToEnd && (uiRun >= kRunShort || (uiRun == 1 && bExpected)));
 }
 
-// Moves a hunting cursor on towards ullLimit. Returns MEDIA_PACKET at a packet, MEDIA_END, MEDIA_BUSY.
+// Moves a hunting cursor to the next packet, at most to about ullLimit. Returns MEDIA_PACKET at a packet,
+// MEDIA_END, MEDIA_BUSY.
 int huntPacket(TsCursor &cursor, unsigned long long ullLimit) {
-    constexpr std::size_t kNeed = kRunMin * 204;
+    constexpr std::size_t kNeed = std::size_t{kRunMin} * 204;
     for (;;) {
         std::size_t ulHave = 0;
         const unsigned char *p = windowBytes(cursor.window, cursor.ullOffset, kNeed, ulHave);
@@ -94,7 +95,8 @@ bool tsFindLayout(FileWindow &window, TsLayout &layout) {
                 aullFirst[ulUnit] = ulPhase;
             }
             abFound[ulUnit] = true;
-            // The unit of the longest run, but from its first run on: damage in the head costs no packets.
+            // Take the unit of the longest run, but begin at that unit's first run. Damage in the head then
+            // loses no packets before it.
             if (uiRun > uiBest) {
                 uiBest = uiRun;
                 layout = {uiUnit, aullFirst[ulUnit]};

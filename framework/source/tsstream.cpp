@@ -7,21 +7,23 @@
 
 namespace {
 
-constexpr std::size_t kPlayBufferSize = 64 * 1024;
-constexpr unsigned long long kStartScan = 16 * 1024 * 1024; // bytes searched for a clock before the start
-constexpr unsigned long long kLookAhead = 4 * 1024 * 1024;  // bytes searched for the next reference in play
-constexpr unsigned long long kStepBytes = 1024 * 1024;      // bytes without a packet that one step passes
-constexpr unsigned int kOtherMax = 10; // references of another PID after which the clock's PID has ended
-constexpr std::size_t kClocksMax = 16; // PIDs compared for the start
+constexpr unsigned long long kMebibyte = 1ULL << 20;
+constexpr std::size_t kPlayBufferSize = std::size_t{64} * 1024;
+constexpr unsigned long long kStartScan = 16 * kMebibyte; // bytes searched for a clock before the start
+constexpr unsigned long long kLookAhead = 4 * kMebibyte;  // bytes searched for the next reference in play
+constexpr unsigned long long kStepBytes = kMebibyte;      // bytes without a packet that one step skips
+constexpr unsigned int kOtherMax = 10; // references of another PID before the clock follows that PID
+constexpr std::size_t kClocksMax = 16; // PIDs compared at the start
 
-// The first reference of a PID that is waiting for its second.
+// A PID's last reference, while the search waits for its next.
 struct Candidate {
     unsigned int uiPID;
     unsigned long long ullClock;
     unsigned long long ullPacket;
 };
 
-// Finds the first PID with a sound interval between two references, and the interval's rate.
+// Finds the first PID with a sound interval between two references, and starts the clock at that interval's
+// rate. Returns false and the reason if there is none.
 bool findClock(TsReader &reader, const TsLayout &layout, std::string &sReason) {
     Candidate aCandidate[kClocksMax] = {};
     std::size_t ulCandidates = 0;
@@ -67,7 +69,7 @@ bool findClock(TsReader &reader, const TsLayout &layout, std::string &sReason) {
     return false;
 }
 
-// Looks ahead for the clock's next reference. Returns false when none is in sight.
+// Searches ahead for the clock's next reference. Returns false if there is none within kLookAhead.
 bool scanReference(TsReader &reader) {
     TsCursor &scan = reader.scan;
     const unsigned long long ullLimit = reader.play.ullOffset + kLookAhead;
@@ -101,7 +103,7 @@ bool scanReference(TsReader &reader) {
     return false;
 }
 
-// When the packet is due, in nanoseconds.
+// Returns when the packet is due, in nanoseconds.
 long long dueTime(TsReader &reader, unsigned long long ullPacket) {
     while (tsclockNeedsNext(reader.clock, ullPacket) && scanReference(reader)) {
     }

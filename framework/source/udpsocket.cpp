@@ -12,8 +12,8 @@
 
 namespace {
 
-// What 100 ms at 400 Mbit/s of 1316-byte datagrams take in a socket's queue. The kernel charges a datagram
-// with the whole memory it lies in: its 2 KiB buffer and the 256 bytes of its descriptor.
+// The space that 100 ms of 1316-byte datagrams at 400 Mbit/s take in a socket's queue. The kernel counts
+// all the memory of a datagram: its 2 KiB buffer and the 256 bytes of its descriptor.
 constexpr int kStallDatagrams = 400'000'000 / 10 / (1316 * 8);
 constexpr int kDatagramCharge = 2048 + 256;
 constexpr int kStallBytes = kStallDatagrams * kDatagramCharge;
@@ -65,9 +65,9 @@ int readInterface(const char *pszWho, const char *pszFrom, const char *pszInterf
     return ENODEV;
 }
 
-// Asks for a receive buffer that rides out the stall. Twice what the queue takes is asked for (the kernel
-// doubles the number itself): drivers differ in what they charge, and while a reader catches up, up to a
-// quarter of the buffer counts as still taken.
+// Asks for a receive buffer that holds all datagrams of a 100 ms stall. The kernel doubles the number asked
+// for, and the doubled size is needed: drivers differ in the memory they use, and while a reader catches
+// up, up to a quarter of the buffer still counts as full.
 void askForReceiveBuffer(int iSocket, const char *pszAddress, unsigned short usPort) {
     if (setInteger(iSocket, SOL_SOCKET, SO_RCVBUFFORCE, kStallBytes) != 0) {
         setInteger(iSocket, SOL_SOCKET, SO_RCVBUF, kStallBytes);
@@ -83,7 +83,7 @@ void askForReceiveBuffer(int iSocket, const char *pszAddress, unsigned short usP
     }
 }
 
-// Sets where the datagrams to a group go. Returns 0, or an errno (reported).
+// Sets the interface, hop limit and local copy for datagrams to a group. Returns 0, or an errno (reported).
 int setGroupSending(int iSocket, const char *pszAddress, const char *pszInterface, int iHops) {
     static constexpr const char *kWho = "udpOpenSender";
     const char *pszFrom = "given";
@@ -156,8 +156,8 @@ int udpOpenReceiver(const char *pszAddress, unsigned short usPort, const char *p
         frameworkReport(kWho, "no socket for %s:%u: %s", pszAddress, usPort, std::strerror(iErrno));
         return -iErrno;
     }
-    // Bound to the group itself, the socket gets no other group's datagrams of that port; with
-    // IP_MULTICAST_ALL off it gets none that came in on an interface that some other program joined on.
+    // Bind to the group itself, to get no other group's datagrams for that port. Turn IP_MULTICAST_ALL off,
+    // to get none from interfaces on which only other programs joined.
     if (isGroup(address)) {
         setInteger(iSocket, SOL_SOCKET, SO_REUSEADDR, 1);
         setInteger(iSocket, IPPROTO_IP, IP_MULTICAST_ALL, 0);
@@ -200,7 +200,7 @@ int udpSendMessage(int iSocket, const msghdr &message) {
         switch (errno) {
         case EINTR:
             break;
-        case ECONNREFUSED: // what an ICMP answer can leave behind; reading the error has cleared it
+        case ECONNREFUSED: // errors that an ICMP answer may have left; reading one clears it, so try again
         case ENETUNREACH:
         case EHOSTUNREACH:
         case EHOSTDOWN:

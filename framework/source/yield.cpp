@@ -26,7 +26,7 @@ void qxapi_load_balance(void) {
     clock_gettime(CLOCK_MONOTONIC, &now);
     const long long llNow = now.tv_sec * kNanoseconds + now.tv_nsec;
     const long long llUntil = std::min(llNextDue, llNow + kYieldPauseNanoseconds);
-    llNextDue = kNoHint; // a hint left behind by a stream that is gone must not make the thread spin
+    llNextDue = kNoHint; // an old time from a closed stream must not make the thread spin
     if (llUntil <= llNow) {
         sched_yield();
         return;

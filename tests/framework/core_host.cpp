@@ -1,4 +1,4 @@
-// Threads, console, log, time, texts and yields of the stand-in framework.
+// Tests of the framework's threads, log and yields.
 #include <qxapi.h>
 #include <vexa_pgl.h>
 
@@ -22,7 +22,7 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-// What a started thread found, handed over by bDone.
+// What a started thread found. bDone hands the rest over to the test.
 struct Seen {
     sigset_t mask;
     char szName[16];
@@ -90,6 +90,7 @@ TEST(Yield, PausesAreShortAndIdleLoopsCostLittle) {
     for (const auto pause : {vexa_load_balance, qxapi_load_balance}) {
         const auto before = spent();
         std::vector<std::thread> threads;
+        threads.reserve(5);
         for (int i = 0; i < 5; i++) {
             threads.emplace_back([pause, started = Clock::now()] {
                 int iPasses = 0;
@@ -97,7 +98,7 @@ TEST(Yield, PausesAreShortAndIdleLoopsCostLittle) {
                     pause();
                 }
                 EXPECT_LE(iPasses, 250); // no pause below 8 ms
-                EXPECT_GE(iPasses, 50);  // on average none above 40 ms, on a machine that is busy
+                EXPECT_GE(iPasses, 50);  // on average no pause above 40 ms, even on a busy machine
             });
         }
         for (std::thread &thread : threads) {

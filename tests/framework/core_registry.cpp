@@ -1,4 +1,4 @@
-// The registry of the stand-in framework.
+// Tests of the framework's registry.
 #include <qxapi.h>
 
 #include <gtest/gtest.h>
@@ -22,7 +22,7 @@ protected:
     }
     void write(const char *pszName, const std::string &text) { std::ofstream(root + pszName) << text; }
 
-    // The value of a key; "(none)" when the registry or the key is absent. Checks the length on the way.
+    // Returns the value of a key, "(none)" if there is no registry or no such key. Also checks the length.
     std::string value(const char *pszKey) {
         ts_qx_registry *pRegistry = QX_OpenRegistry("/master", "/slave", 0x10000002);
         if (pRegistry == nullptr) {
@@ -30,7 +30,7 @@ protected:
         }
         int iLength = 77;
         const char *pszValue = pRegistry->pOperations->pLookup(pRegistry, pszKey, &iLength);
-        const std::string value = pszValue != nullptr ? pszValue : "(none)";
+        std::string value = pszValue != nullptr ? pszValue : "(none)";
         EXPECT_EQ(iLength, static_cast<int>(pszValue != nullptr ? value.size() : 0)) << pszKey;
         QX_CloseRegistry(pRegistry);
         return value;

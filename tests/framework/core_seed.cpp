@@ -1,4 +1,4 @@
-// SEED and CRC-32 of the stand-in framework.
+// Tests of the framework's SEED and CRC-32.
 #include <qxapi.h>
 
 #include <gtest/gtest.h>
@@ -42,8 +42,8 @@ class Seed : public testing::TestWithParam<Decrypt> {};
 INSTANTIATE_TEST_SUITE_P(Both, Seed, testing::Values(qxapi_seed_decrypt, qxapi_fast_seed_decrypt),
                          [](const auto &Info) { return Info.index == 0 ? "Plain" : "Fast"; });
 
-// Lengths around whole groups of blocks, with a rest behind them that must stay; unaligned; the keys by
-// turns, so that a key schedule kept too long shows.
+// Lengths around whole groups of blocks, each with a rest behind that must stay. The data is unaligned. The
+// keys take turns, so that a key schedule kept too long is noticed.
 TEST_P(Seed, WholeBlocksAreDecryptedAndTheRestIsLeft) {
     for (std::size_t ulBlocks = 0; ulBlocks <= 9; ulBlocks++) {
         for (std::size_t ulRest = 0; ulRest < 16; ulRest += 5) {

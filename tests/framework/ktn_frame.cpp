@@ -1,4 +1,4 @@
-// The bytes of KTNet frames.
+// Tests of the decoding of KTNet frames.
 #include "ktn_support.h"
 
 #include <qxapi_ktn_frame.h>

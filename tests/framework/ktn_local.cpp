@@ -1,4 +1,4 @@
-// KTNet over local stream sockets.
+// Tests of KTNet over local stream sockets.
 #include "ktn_support.h"
 
 #include "ktnlocal.h"
@@ -41,7 +41,8 @@ protected:
         EXPECT_EQ(ktn_xapi_ktnet_accept(server.get(), &pConn), 1);
         return Endpoint(pConn);
     }
-    void leaveStaleFile() { ASSERT_TRUE(PlainSocket(path).bindTo()); } // of a process that is gone
+    // Leaves the socket file of a process that is gone.
+    void leaveStaleFile() { ASSERT_TRUE(PlainSocket(path).bindTo()); }
     auto filesLeft() const { return std::distance(std::filesystem::directory_iterator(folder), {}); }
 
     const std::string folder = testing::TempDir() + "ktn_local_test";
@@ -80,7 +81,7 @@ TEST_F(Local, LyingAndCutFramesAreRefused) {
     for (const BadFrame &bad : badFrames()) {
         PlainSocket client(path);
         ASSERT_TRUE(client.connectTo() && client.put(bad.bytes()));
-        if (bad.iLocal != -EMSGSIZE) { // that one is told at once, without waiting for what never comes
+        if (bad.iLocal != -EMSGSIZE) { // a frame too long is refused at once, while the client waits
             client.end();
         }
         const Endpoint conn = acceptFrom(server);
@@ -94,10 +95,11 @@ TEST_F(Local, LyingAndCutFramesAreRefused) {
     }
 }
 
-// The receiver serves one client at a time: none may hold it longer than the time-out, whatever it does.
+// The receiver serves one client at a time. No client may hold it longer than the time-out, whatever the
+// client does.
 TEST_F(Local, SilentAndSlowClientsAreGivenUp) {
     const Endpoint server = serve(100);
-    for (const std::ptrdiff_t lAtOnce : {0, 28, 1}) { // the last one drips on, a byte each 20 ms
+    for (const std::ptrdiff_t lAtOnce : {0, 28, 1}) { // the last client sends on, a byte every 20 ms
         PlainSocket client(path);
         ASSERT_TRUE(client.connectTo() &&
                     client.put(Bytes(kFrameBytes.begin(), kFrameBytes.begin() + lAtOnce)));
@@ -209,7 +211,7 @@ TEST_F(Local, ReplacedSocketFileIsNotRemoved) {
     EXPECT_TRUE(PlainSocket(path).connectTo());
 }
 
-// Hosts that start at once on a stale file must not both believe that they serve the path.
+// If two hosts start at the same time on a stale file, only one may serve the path.
 TEST_F(Local, OneOfManyStartersWins) {
     constexpr int kStarters = 4;
     for (int iRound = 0; iRound < 300; iRound++) {
@@ -217,10 +219,11 @@ TEST_F(Local, OneOfManyStartersWins) {
         std::atomic<int> iReady{0}, iWon{0};
         std::vector<Endpoint> servers(kStarters);
         std::vector<std::thread> threads;
+        threads.reserve(kStarters);
         for (Endpoint &server : servers) {
             threads.emplace_back([&] {
                 server = makeServer();
-                for (iReady++; iReady < kStarters;) { // all set off in the same instant
+                for (iReady++; iReady < kStarters;) { // all start in the same instant
                     std::this_thread::yield();
                 }
                 iWon += ktn_xapi_ktnet_create(server.get()) == 1;
@@ -241,7 +244,7 @@ TEST_F(Local, PathsThatCanNotBeServedAreRefused) {
         {"", -EINVAL},
         {folder + "/missing/socket", -ENOENT},
         {"/" + std::string(120, 'x'), -ENAMETOOLONG},
-        {"/" + std::string(127, 'x'), -ENAMETOOLONG}}; // no room for a zero
+        {"/" + std::string(127, 'x'), -ENAMETOOLONG}}; // no room for the terminating zero
     for (const auto &[wrong, iExpected] : cases) {
         const Endpoint server = makeEndpoint(KTNET_KIND_LOCAL, "", wrong, 0, 1), client = makeClient();
         EXPECT_EQ(ktn_xapi_ktnet_create(server.get()), iExpected) << wrong;

@@ -1,4 +1,5 @@
-// What the KTNet tests share: endpoints and plain sockets that release themselves, frames, and a stopwatch.
+// ktn_support.h - shared by the KTNet tests: endpoints and plain sockets that release themselves, frames,
+// and a stopwatch.
 #ifndef KTN_SUPPORT_H
 #define KTN_SUPPORT_H
 
@@ -36,7 +37,7 @@ inline Endpoint makeEndpoint(unsigned int uiKind, const std::string &peer, const
     return Endpoint(pDesc);
 }
 
-// A socket without the library.
+// A local socket without the library.
 struct PlainSocket {
     int iSocket;
     sockaddr_un address{AF_UNIX, {}};
@@ -67,13 +68,12 @@ struct Stopwatch {
     auto spent() const { return std::chrono::steady_clock::now() - started; }
 };
 
-// A frame as it must be on the wire: ident 200, service 205, command 0x40020, parameter 0x01020304, payload
-// abc.
+// The bytes of one frame: ident 200, service 205, command 0x40020, parameter 0x01020304, payload abc.
 inline const Bytes kFrameBytes = {'K',  'T',  'N',  'F',  0x02, 0x00, 0x1C, 0x00, 0xC8, 0x00, 0x00,
                                   0x00, 0xCD, 0x00, 0x00, 0x00, 0x20, 0x00, 0x04, 0x00, 0x04, 0x03,
                                   0x02, 0x01, 0x03, 0x00, 0x00, 0x00, 'a',  'b',  'c'};
 
-// The same for tx_data; Payload must outlive it.
+// Returns a packet for tx_data with the header words of kFrameBytes. payload must outlive it.
 inline KTNET_PACKET packetOf(Bytes &payload) {
     KTNET_PACKET packet{};
     packet.uiIdent = 200;
@@ -85,21 +85,21 @@ inline KTNET_PACKET packetOf(Bytes &payload) {
     return packet;
 }
 
-// Takes a payload over and releases it.
+// Returns the bytes of a received payload and releases it.
 inline Bytes payloadOf(KTNET_PACKET &packet) {
     Bytes payload(packet.pPayload, packet.pPayload + packet.ulPayloadLen);
     ktn_xapi_free(std::exchange(packet.pPayload, nullptr));
     return payload;
 }
 
-// Frames that must be refused, made from FrameBytes: bytes put at an offset, or the frame cut short.
+// A frame that must be refused. It is kFrameBytes with other bytes put at an offset, or cut short.
 struct BadFrame {
     const char *pszWhat;
     std::size_t ulAt;
     Bytes put;
     std::size_t ulKeep; // bytes of the frame that are sent
-    int iLocal;         // what a local receiver returns
-    int iDecode;        // what decoding says
+    int iLocal;         // result of a local receiver
+    int iDecode;        // result of decoding
 
     Bytes bytes() const {
         Bytes frame = kFrameBytes;

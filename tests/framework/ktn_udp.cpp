@@ -1,4 +1,4 @@
-// KTNet over UDP, multicast and unicast.
+// Tests of KTNet over UDP, multicast and unicast.
 #include "ktn_support.h"
 
 #include <gtest/gtest.h>
@@ -22,7 +22,7 @@ Endpoint opened(Endpoint desc) {
     return desc;
 }
 
-// Waits for the next datagram of an endpoint. Empty when none comes.
+// Returns the next datagram of an endpoint. Empty if none comes in time.
 Bytes take(const Endpoint &receiver, unsigned int uiTimeoutMs = 2000) {
     Bytes data(65536);
     if (ktn_xapi_rx_poll_socket(receiver->iSocket, uiTimeoutMs) != 1) {
@@ -49,7 +49,8 @@ TEST(Udp, GroupAndPortAloneAreReceivedByEveryListener) {
     const Endpoint first = opened(makeReceiver()), second = opened(makeReceiver()),
                    otherGroup = opened(makeReceiver("239.1.1.2")),
                    otherPort = opened(makeReceiver("239.1.1.1", 5001, "lo")), sender = opened(makeSender());
-    EXPECT_EQ(give(opened(makeSender("127.0.0.1")), {8}), 1); // to the port alone: nobody's
+    // The same port at another address: nobody gets it.
+    EXPECT_EQ(give(opened(makeSender("127.0.0.1")), {8}), 1);
     EXPECT_EQ(give(sender, {1, 2, 3}), 3);
     EXPECT_EQ(give(sender, {}), 1) << "an empty datagram is sent too";
     EXPECT_EQ(take(first), (Bytes{1, 2, 3}));
@@ -110,8 +111,8 @@ TEST(Udp, DatagramThatIsNoFrameDoesNotBlockTheNext) {
     }
 }
 
-// A connected unicast socket reports the ICMP answer to one datagram at the next: that one must go all the
-// same.
+// A connected unicast socket reports the ICMP answer to one datagram when it sends the next. That next
+// datagram must go out all the same.
 TEST(Udp, UnicastReceiverThatComesLateGetsTheNextDatagram) {
     const Endpoint sender = opened(makeSender("127.0.0.1", 6000));
     for (unsigned char c = 1; c <= 3; c++) {
@@ -166,13 +167,13 @@ TEST(Udp, SendingInterfaceComesFromTheEnvironmentElseFromTheRoutes) {
         setenv("KTNET_MULTICAST_IF", pszInterface, 1);
         EXPECT_LT(ktn_xapi_ktnet_create(makeSender().get()), 0) << pszInterface;
     }
-    opened(makeSender("127.0.0.1")); // a plain address takes no interface
+    opened(makeSender("127.0.0.1")); // a plain address needs no interface
     unsetenv("KTNET_MULTICAST_IF");
     EXPECT_EQ(std::system("ip route add 224.0.0.0/4 dev lo"), 0);
 }
 
-// 100 ms of 1316-byte datagrams at 400 Mbit/s, as far as this kernel gives the room; if it does not, it is
-// said.
+// The reader stalls for 100 ms of 1316-byte datagrams at 400 Mbit/s. If this kernel gives less room, the
+// framework must say so; the test then sends what has room.
 TEST(Udp, StallOfTheReaderLosesNothing) {
     testing::internal::CaptureStderr();
     const Endpoint receiver = opened(makeReceiver()), sender = opened(makeSender());

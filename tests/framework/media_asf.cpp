@@ -1,4 +1,4 @@
-// ASF files: which data packets come out, when they are due, and which headers are refused.
+// Tests of ASF files: which data packets come out, when they are due, and which headers are refused.
 #include "asfstream.h"
 #include "media_files.h"
 
@@ -11,7 +11,7 @@ constexpr unsigned int kPacket = 100;
 const std::string kGuidTail = "\x8E\x66\xCF\x11\xA6\xD9\x00\xAA\x00\x62\xCE\x6C"s;
 const std::string kGuidIndex = "\x90\x08\x00\x33\xB1\xE5\xCF\x11\x89\xF4\x00\xA0\xC9\x03\x49\xCB"s;
 
-// Bytes put at a place of the header, where its facts can lie.
+// Bytes put at an offset of the header, to make one of its fields lie.
 struct Put {
     std::size_t ulAt;
     std::string sBytes;
@@ -20,8 +20,8 @@ using Lies = std::vector<Put>;
 constexpr std::size_t kHeaderSize = 16, kOtherSize = 46, kProperties = 70, kFlags = 158, kLeast = 162,
                       kData = 174, kDataSize = 190, kCount = 214;
 
-// A header with an object of no known kind before the file properties: packets of 100 bytes at 80 kbit/s,
-// that is 10 ms each.
+// Returns a header with an unknown object before the file properties. Its packets have 100 bytes at 80
+// kbit/s, so each takes 10 ms.
 std::string headerBytes(std::size_t ulPackets, const Lies &lies = {}) {
     std::string sHeader = "\x30\x26\xB2\x75"s + kGuidTail + little(30 + 40 + 104, 8) + "\2\0\0\0\1\2"s +
                           std::string(16, 'o') + little(40, 8) + std::string(16, 'o') +
@@ -35,8 +35,8 @@ std::string headerBytes(std::size_t ulPackets, const Lies &lies = {}) {
     return sHeader;
 }
 
-// Data packets with error correction, a word of padding length and no packet length; with all lengths; with
-// neither.
+// Returns data packets of three kinds in turn: with error correction, a word of padding length and no
+// packet length; with all lengths; with neither.
 std::string packetsBytes(const std::vector<unsigned int> &sendTimes) {
     const std::string asFront[] = {"\x82\0\0\x10\x5D\0\0"s, "\x7E\x5D\x64\0\0\0\x9\x9\x9\x9\0\0\0\0"s,
                                    "\0\x5D"s};
@@ -88,7 +88,7 @@ TEST(MediaAsf, LyingSizesAndCountsLoseNoPacket) {
     const struct {
         const char *pszWhat;
         Lies lies;
-        std::string sBehind; // the packets
+        std::string sBehind; // bytes behind the packets
         std::size_t ulPackets = 5;
     } aCase[] = {
         {"a count of 0", {}, ""},
@@ -110,7 +110,7 @@ TEST(MediaAsf, LyingSizesAndCountsLoseNoPacket) {
 
 TEST(MediaAsf, DamagedPacketGoesOutInItsPlace) {
     std::string sPackets = packetsBytes({0, 40, 80, 120});
-    sPackets[2 * kPacket] = '\xFF'; // an error correction that is no such thing
+    sPackets[std::size_t{2} * kPacket] = '\xFF'; // invalid error correction
     const Drained drained = play(headerBytes(4) + sPackets);
     EXPECT_TRUE(drained.sBytes == sPackets);
     EXPECT_EQ(drained.dueMs[2], 50);

@@ -1,4 +1,4 @@
-// The casters on real sockets: datagrams byte for byte, hop limits, targets and stations that are none.
+// Tests of the casters on real sockets: datagrams byte for byte, hop limits, invalid targets and stations.
 #include "media_files.h"
 #include "nsc.h"
 #include "udpsocket.h"
@@ -18,7 +18,7 @@ TsCasterOwner openTs() {
     return {qxapi_open_tscast(), qxapi_close_tscast};
 }
 
-// A caster with a hop limit of 16, and with the station if one is named.
+// Returns a caster with a hop limit of 16. Sets the station unless it is null.
 AsfCasterOwner openAsf(const MemoryFile *pStation = nullptr, unsigned int uiFormatIndex = 0) {
     AsfCasterOwner pCaster(qxapi_open_asfcast(), qxapi_close_asfcast);
     pCaster->uiHops = 16;
@@ -47,7 +47,7 @@ struct Receiver {
     Receiver &operator=(const Receiver &) = delete;
     ~Receiver() { close(iSocket); }
 
-    // The next datagram; "nothing" when none comes.
+    // Returns the next datagram, "nothing" if none comes in time.
     std::string next() {
         static char aData[65536];
         alignas(cmsghdr) char aControl[64];
@@ -64,7 +64,7 @@ struct Receiver {
     }
 };
 
-// A station of two formats, Format1 with id 0x12 and Format4 with id 0x7FE.
+// Returns a station with two formats: Format1 with id 0x12 and Format4 with id 0x7FE.
 std::string stationText(const char *pszAddress, unsigned short usPort, int iHops) {
     NscStation station;
     station.sAddress = pszAddress;
@@ -85,13 +85,13 @@ TEST(MediaCast, MsbPacketsAreTheStationsByteForByte) {
     EXPECT_EQ(send(pFirst, "packet"), 1);
     EXPECT_EQ(send(pFirst, "second packet"), 1);
     const std::string sFirst = receiver.next();
-    const char cToggle = sFirst.size() > 5 ? sFirst[5] : 'x'; // of which value the process has got to
+    const char cToggle = sFirst.size() > 5 ? sFirst[5] : 'x'; // the process may be at either value
     EXPECT_EQ(sFirst, "\x00\x00\x00\x00\x12"s + cToggle + "\x0E\x00packet"s);
     EXPECT_EQ(receiver.next(), "\x01\x00\x00\x00\x12"s + cToggle + "\x15\x00second packet"s);
     EXPECT_TRUE(cToggle == '\0' || cToggle == '\x80');
     EXPECT_EQ(receiver.iHops, 5); // the station's, not the caster's 16
 
-    const AsfCasterOwner pUnused = openAsf(&station); // a caster that sends nothing is no playout
+    const AsfCasterOwner pUnused = openAsf(&station); // sends nothing, so it is no playout
     EXPECT_EQ(send(openAsf(&station, 4), "x"), 1);
     EXPECT_EQ(receiver.next(),
               "\x00\x00\x00\x00\xFE"s + static_cast<char>(0x07 | (cToggle ^ '\x80')) + "\x09\x00x"s);
@@ -102,7 +102,7 @@ TEST(MediaCast, ExplicitTargetReplacesTheStationsAndTheCastersHopLimitStandsIn) 
     const MemoryFile station(stationText("239.1.2.4", 6003, -1));
     const AsfCasterOwner pCaster = openAsf(&station, 1);
     ASSERT_EQ(pCaster->pSetTarget(pCaster.get(), "239.1.2.5", 6002), 1);
-    EXPECT_EQ(pCaster->pSetTarget(pCaster.get(), "239.1.2.5", 0), 0); // leaves the one before
+    EXPECT_EQ(pCaster->pSetTarget(pCaster.get(), "239.1.2.5", 0), 0); // the earlier target stays
 
     EXPECT_EQ(send(pCaster, std::string(65507 - 8, 'x')), 1);
     const std::string sDatagram = receiver.next();

@@ -1,5 +1,4 @@
-// media_files.h - what the tests of stored files share: bytes, files in memory, and everything that a reader
-// hands out.
+// media_files.h - shared by the tests of stored files: bytes, files in memory, and the packets of a reader.
 #ifndef TESTS_MEDIA_FILES_H
 #define TESTS_MEDIA_FILES_H
 
@@ -14,7 +13,7 @@
 #include <unistd.h>
 #include <vector>
 
-// A file that is gone when it is closed, with a path for those who want one.
+// A file in memory. It has a path while it is open and is gone once it is closed.
 struct MemoryFile {
     int iFile;
     std::string sPath;
@@ -28,7 +27,7 @@ struct MemoryFile {
     ~MemoryFile() { close(iFile); }
 };
 
-// A file of the samples folder.
+// Returns the bytes of a file in the samples folder.
 inline std::string sampleBytes(const char *pszName) {
     std::ifstream file(std::string(SAMPLES) + pszName, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
@@ -36,11 +35,11 @@ inline std::string sampleBytes(const char *pszName) {
 
 struct Drained {
     std::string sBytes;            // of all packets
-    std::vector<double> dueMs;     // of each
-    std::vector<unsigned> lengths; // of each
+    std::vector<double> dueMs;     // of each packet
+    std::vector<unsigned> lengths; // of each packet
 };
 
-// Takes everything out of a reader.
+// Reads all packets of a reader.
 template <typename Reader>
 Drained drain(Reader &reader, int (*pNext)(Reader &, MediaPacket &)) {
     Drained drained;
@@ -57,7 +56,7 @@ Drained drain(Reader &reader, int (*pNext)(Reader &, MediaPacket &)) {
     return drained;
 }
 
-// uiBytes of the value, the least significant first.
+// Returns the low uiBytes bytes of the value, the least significant first.
 inline std::string little(unsigned long long ullValue, unsigned int uiBytes) {
     std::string sBytes;
     for (unsigned int ui = 0; ui < uiBytes; ui++) {
@@ -66,7 +65,7 @@ inline std::string little(unsigned long long ullValue, unsigned int uiBytes) {
     return sBytes;
 }
 
-// A transport stream packet with its number in it; llClock: its clock reference in ticks, -1 none.
+// Returns a transport stream packet that holds its number. llClock: its clock reference in ticks, -1 none.
 inline std::string tsPacketBytes(std::size_t ulNumber, long long llClock, unsigned int uiPID = 0x100,
                                  bool bDiscontinuity = false) {
     std::string sBytes = {0x47, static_cast<char>(uiPID >> 8), static_cast<char>(uiPID), 0x10};
@@ -84,7 +83,7 @@ inline std::string tsPacketBytes(std::size_t ulNumber, long long llClock, unsign
         sBytes += static_cast<char>(llExtension);
     }
     sBytes += little(ulNumber, 4);
-    sBytes.resize(188, static_cast<char>(0x80 + ulNumber % 64)); // no sync bytes by chance
+    sBytes.resize(188, static_cast<char>(0x80 + ulNumber % 64)); // never a sync byte by chance
     return sBytes;
 }
 

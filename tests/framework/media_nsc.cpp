@@ -1,4 +1,4 @@
-// Station files: the public encoding, what is read and written, and what is refused.
+// Tests of station files: the public encoding, what is read and written, and what is refused.
 #include "media_files.h"
 #include "nsc.h"
 

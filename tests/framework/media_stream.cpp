@@ -1,4 +1,5 @@
-// Streams as a player sees them: what is opened at all, the clock in real time, files that change in play.
+// Tests of streams as a player sees them: which files open, the clock in real time, files that change while
+// played.
 #include "media_files.h"
 
 #include <chrono>
@@ -11,6 +12,7 @@
 namespace {
 
 using namespace std::chrono_literals;
+constexpr std::size_t kRunSize = std::size_t{188} * 7; // bytes of a full run
 using StreamOwner = std::unique_ptr<ts_qxapi_stream, decltype(&qxapi_close_stream)>;
 
 StreamOwner openStream(const std::string &sPath) {
@@ -23,7 +25,8 @@ StreamOwner startedStream(const std::string &sPath) {
     return pStream;
 }
 
-// ulPackets transport stream packets with a clock reference in every tenth, ulMicroseconds apart.
+// Returns ulPackets transport stream packets that are ulMicroseconds apart. Every tenth has a clock
+// reference.
 std::string transportStream(std::size_t ulPackets, unsigned long ulMicroseconds) {
     std::string sFile;
     for (std::size_t ul = 0; ul < ulPackets; ul++) {
@@ -32,7 +35,7 @@ std::string transportStream(std::size_t ulPackets, unsigned long ulMicroseconds)
     return sFile;
 }
 
-// Plays the stream to its end and returns what came out; after pAfterRun(run) of each.
+// Plays the stream to its end and returns the bytes that came out. Calls pAfterRun(n) after run n.
 template <typename AfterRun>
 std::string playStream(ts_qxapi_stream &stream, AfterRun &&pAfterRun) {
     std::string sBytes;
@@ -72,7 +75,7 @@ TEST(MediaStream, WhatCannotBePlayedIsRefusedByName) {
     EXPECT_FALSE(openStream(""));
     EXPECT_EQ(qxapi_open_stream(nullptr), nullptr);
 
-    // Sync bytes and nothing else pass for a transport stream, but have no clock.
+    // Sync bytes alone pass for a transport stream, but have no clock.
     const StreamOwner pStream = openStream(text.sPath);
     ASSERT_TRUE(pStream);
     EXPECT_EQ(pStream->pStart(pStream.get()), 0);
@@ -108,14 +111,14 @@ TEST(MediaStream, FileThatShrinksEndsAndOneThatGrowsGoesOn) {
         const StreamOwner pStream = startedStream(file.sPath);
         const std::string sBytes = playStream(*pStream, [&](unsigned int uiRun) {
             if (uiRun == 100) {
-                ASSERT_TRUE(bGrow ? pwrite(file.iFile, sFile.data(), 188 * 7, 188 * 7000) == 188 * 7
-                                  : ftruncate(file.iFile, 188 * 3000 + 50) == 0);
+                ASSERT_TRUE(bGrow ? pwrite(file.iFile, sFile.data(), kRunSize, off_t{188} * 7000) == kRunSize
+                                  : ftruncate(file.iFile, off_t{188} * 3000 + 50) == 0);
             }
         });
 
-        EXPECT_TRUE(sBytes == (sFile + sFile.substr(0, 188 * 7)).substr(0, sBytes.size()));
+        EXPECT_TRUE(sBytes == (sFile + sFile.substr(0, kRunSize)).substr(0, sBytes.size()));
         EXPECT_GE(sBytes.size(), bGrow ? 188U * 7007 : 188U * 700);
-        EXPECT_LE(sBytes.size(), bGrow ? 188U * 7007 : 188U * 3700); // what was read before
+        EXPECT_LE(sBytes.size(), bGrow ? 188U * 7007 : 188U * 3700); // what was read ahead comes out too
     }
 }
 

@@ -1,4 +1,4 @@
-// Transport stream files: which packets come out, and when they are due.
+// Tests of transport stream files: which packets come out, and when they are due.
 #include "media_files.h"
 #include "tsstream.h"
 
@@ -28,7 +28,8 @@ std::string bytesOf(const Packets &packets, std::size_t ulBefore = 0, std::size_
     return sBytes;
 }
 
-// A millisecond a packet, a clock reference every 40 packets: run n is due at 7 n ms.
+// Returns packets of one millisecond each, with a clock reference in every 40th. Run n is then due at 7 n
+// ms.
 Packets steadyPackets(std::size_t ulPackets, long long llStart = 1000 * kMsTicks) {
     Packets packets(ulPackets);
     for (std::size_t ul = 0; ul < ulPackets; ul += 40) {
@@ -37,7 +38,7 @@ Packets steadyPackets(std::size_t ulPackets, long long llStart = 1000 * kMsTicks
     return packets;
 }
 
-// The same, with every ulStep-th packet from ulFrom to ulTo changed.
+// Returns steady packets with every ulStep-th from ulFrom to ulTo changed.
 template <typename Change>
 Packets changed(std::size_t ulPackets, std::size_t ulFrom, std::size_t ulTo, std::size_t ulStep,
                 Change change) {
@@ -48,7 +49,8 @@ Packets changed(std::size_t ulPackets, std::size_t ulFrom, std::size_t ulTo, std
     return packets;
 }
 
-// The clock shifted from packet 400 on, with the discontinuity flagged in one packet (0 none).
+// Returns steady packets with their clock shifted from packet 400 on. One packet flags the discontinuity,
+// unless its number is 0.
 Packets shifted(long long llBy, std::size_t ulFlagged = 0) {
     Packets packets = steadyPackets(1200, 20'000'000 * kMsTicks);
     for (std::size_t ul = 400; ul < 1200; ul += 40) {
@@ -83,7 +85,7 @@ void expectSteady(const Drained &drained, std::size_t ulPackets, double dToleran
 TEST(MediaTs, NoLayoutLosesOrChangesPackets) {
     const Packets packets = steadyPackets(1000);
     for (const auto &[ulBefore, ulBehind] : {std::pair{0U, 0U}, {4U, 0U}, {0U, 16U}}) {
-        // A head that is no packet, then the packets.
+        // Bytes that are no packet, then the packets.
         const Drained drained = play(std::string(1000, 'x') + bytesOf(packets, ulBefore, ulBehind));
 
         EXPECT_TRUE(drained.sBytes == bytesOf(packets)) << ulBefore << "+188+" << ulBehind;
@@ -93,7 +95,7 @@ TEST(MediaTs, NoLayoutLosesOrChangesPackets) {
     }
 }
 
-// Whatever happens to the clock references, a file of constant rate is played at that rate.
+// A file of constant rate must play at that rate, whatever happens to its clock references.
 TEST(MediaTs, NoClockNonsenseStallsOrRacesThePlayout) {
     const std::pair<const char *, Packets> aCase[] = {
         {"wrap", steadyPackets(1200, kWrap - 333 * kMsTicks)},
@@ -154,14 +156,16 @@ TEST(MediaTs, DamageCostsOnlyTheDamagedPackets) {
         std::string sPut;
         std::size_t ulLostAt, ulLost; // of the damaged file
     } aCase[] = {
-        {"bytes in between", 188 * 701, 0, std::string(500, 'x'), 188 * 701, 500},
-        {"a hole larger than a step", 188 * 701, 0, std::string(9'000'000, '\0'), 188 * 701, 9'000'000},
-        {"a sync byte lost", 188 * 701, 1, "x", 188 * 701, 188},
-        {"a sync byte lost in the head", 188 * 11, 1, "x", 188 * 11, 188},
-        {"the last but one sync byte lost", 188 * 1398, 1, "x", 188 * 1398, 188},
-        // The packet's place is kept, its tail is the next one's head: that one is lost.
-        {"bytes lost inside a packet", 188 * 701 + 50, 30, "", 188 * 702, 158},
-        {"a cut tail", 188 * 1400 - 100, 100, "", 188 * 1399, 88},
+        {"bytes in between", kTsPacketSize * 701, 0, std::string(500, 'x'), kTsPacketSize * 701, 500},
+        {"a hole larger than a step", kTsPacketSize * 701, 0, std::string(8'000'000, '\0'),
+         kTsPacketSize * 701, 8'000'000},
+        {"a sync byte lost", kTsPacketSize * 701, 1, "x", kTsPacketSize * 701, 188},
+        {"a sync byte lost in the head", kTsPacketSize * 11, 1, "x", kTsPacketSize * 11, 188},
+        {"the last but one sync byte lost", kTsPacketSize * 1398, 1, "x", kTsPacketSize * 1398, 188},
+        // The damaged packet keeps its place and takes the head of the next packet as its tail. The next is
+        // lost.
+        {"bytes lost inside a packet", kTsPacketSize * 701 + 50, 30, "", kTsPacketSize * 702, 158},
+        {"a cut tail", kTsPacketSize * 1400 - 100, 100, "", kTsPacketSize * 1399, 88},
     };
     for (const auto &testCase : aCase) {
         SCOPED_TRACE(testCase.pszWhat);
@@ -171,13 +175,13 @@ TEST(MediaTs, DamageCostsOnlyTheDamagedPackets) {
         sExpected.erase(testCase.ulLostAt, testCase.ulLost);
 
         testing::internal::CaptureStderr();
-        const Drained drained =
-            play(sFile, testCase.pszWhat); // reports that repeat another's words are left out
+        // A name of its own for each case: a repeated report would be left out.
+        const Drained drained = play(sFile, testCase.pszWhat);
         const std::string sReports = testing::internal::GetCapturedStderr();
 
         EXPECT_TRUE(drained.sBytes == sExpected);
-        // A lost packet moves the others by its millisecond.
-        expectSteady(drained, sExpected.size() / 188, 1.1);
+        // Each lost packet moves the later ones by a millisecond.
+        expectSteady(drained, sExpected.size() / kTsPacketSize, 1.1);
         EXPECT_EQ(std::count(sReports.begin(), sReports.end(), '\n'), 1) << sReports;
     }
 }
