@@ -116,7 +116,7 @@ TEST_F(FoundationTest, AddressThatDoesNotFitIsRefused) {
         for (const bool bPeer : {true, false}) {
             KTNET_ENDPOINT *pDesc = nullptr;
             EXPECT_EQ(KTNETOpenReceiver(&pDesc, KTNET_STREAM_RECEIVER, bPeer ? address.c_str() : "p", 1,
-                                        bPeer ? "l" : address.c_str(), nullptr),
+                                        bPeer ? "l" : address.c_str(), nullptr, nullptr),
                       ulLength == 127 ? 1 : -1);
             KTNETClose(&pDesc);
         }

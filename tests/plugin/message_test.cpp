@@ -102,19 +102,27 @@ TEST_F(MessageTest, PauseAndSendTimeCountFromTheSending) {
     EXPECT_EQ(script::frames(kAir).front().payload.at(4), 3);
 }
 
-TEST_F(MessageTest, TextThatFitsNoDatagramIsCountedAndHoldsNobodyUp) {
+TEST_F(MessageTest, TextThatFitsNoDatagramIsCountedAndHasItsPause) {
     // The longest text that fits makes a datagram of the largest size.
     static_assert(PCMBC_TEXT_MAX == KTNET_UDP_FRAME_MAX - 28 - 50);
     const std::string text(PCMBC_TEXT_MAX + 1, 'x');
     Engine engine(PCMBCEngine, lists);
-    script::fail(Step::Tx, "", -90, 2);
-    file(&priority, {.pszText = text.c_str(), .ulPri = 1, .ulRep = 2});
+    script::fail(Step::Tx, "", -90);
+    file(&priority, {.pszText = text.c_str(), .ulPri = 1, .ulRep = 2, .ulET = 20});
     file(&normal, {.pszText = "low", .ulCT = 99});
-    EXPECT_THAT(aired(14), ElementsAre("14 low"));
-    EXPECT_EQ(count(err(), kFailedLine), 2u);
+    EXPECT_THAT(aired(20), ElementsAre("20 low")); // its end lets the next one go out at once
+    EXPECT_EQ(count(err(), kFailedLine), 1u);
     EXPECT_EQ(count(out(), "[pcmbcengine:#] \033[2;31m message of EPG id 1: 65430 bytes of text do not fit a "
                            "datagram, not sent \033[1;41m[ERROR]\033[0m\n"),
-              2u);
+              1u);
+}
+
+TEST_F(MessageTest, ClockSetBackStretchesNoPause) {
+    Engine engine(PCMBCEngine, lists);
+    runTo(1000);
+    file(&normal, {.ulET = 2000});
+    script::advance(-500ul); // back to 500: the pause of 7 s ends at 507, not at 1007
+    EXPECT_THAT(aired(508), ElementsAre("1000 aaaa", "507 aaaa"));
 }
 
 TEST_F(MessageTest, NewerAndPrioritisedMessagesTakeTheAir) {

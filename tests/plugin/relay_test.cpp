@@ -113,7 +113,7 @@ TEST_F(RelayTest, CastThatCannotStartStaysFailedUntilAcknowledged) {
     const std::string print = "PCCASTBYPASSEngine():# \033[1;41m[Initialize FAILURE]\033[0m\n"
                               "PRINTCASTInfo: Caller[PCCASTBYPASSEngine]\n";
     const CastFields keyless{.iEncryption = 2},
-        circular{.pszSource = "224.2.2.2", .usSourcePort = 5000}; // would feed itself
+        circular{.pszSource = "10.0.0.1", .pszTarget = "10.0.0.1", .usSourcePort = 5000}; // would feed itself
     struct Case {
         Step step;
         const char *pszKey;
