@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr size_t kQueueBytes = 256 * 1024;
+constexpr size_t kQueueBytes = 262144;
 constexpr size_t kPartBytes = 4096; // a line without an end goes on in parts of this size
 constexpr size_t kWriteBytes = 4096;
 constexpr std::chrono::seconds kLastWait{2};
@@ -63,42 +63,42 @@ void ConsoleQueue::put(std::string_view sBytes) {
     while (!sBytes.empty()) {
         const size_t uEnd = sBytes.find('\n');
         const size_t uTake = uEnd == std::string_view::npos ? sBytes.size() : uEnd + 1;
-        m_sPart += sBytes.substr(0, uTake);
+        sPart += sBytes.substr(0, uTake);
         sBytes.remove_prefix(uTake);
-        if (uEnd != std::string_view::npos || m_sPart.size() >= kPartBytes) {
-            enqueue(std::exchange(m_sPart, {}));
+        if (uEnd != std::string_view::npos || sPart.size() >= kPartBytes) {
+            enqueue(std::exchange(sPart, {}));
         }
     }
 }
 
 void ConsoleQueue::finish() {
-    if (!m_sPart.empty()) {
-        enqueue(std::exchange(m_sPart, {}));
+    if (!sPart.empty()) {
+        enqueue(std::exchange(sPart, {}));
     }
 }
 
 std::string ConsoleQueue::take(size_t uMost) {
-    std::string sPiece = m_sQueue.substr(0, uMost);
-    m_sQueue.erase(0, sPiece.size());
-    if (m_ulDropped != 0 && m_sQueue.size() <= m_uMost / 2) {
-        m_sQueue +=
-            "pccast: lines dropped here because nobody read them in time: " + std::to_string(m_ulDropped) +
+    std::string sPiece = sQueue.substr(0, uMost);
+    sQueue.erase(0, sPiece.size());
+    if (ulDropped != 0 && sQueue.size() <= uLimit / 2) {
+        sQueue +=
+            "pccast: lines dropped here because nobody read them in time: " + std::to_string(ulDropped) +
             "\n";
-        m_ulDropped = 0;
+        ulDropped = 0;
     }
     return sPiece;
 }
 
 void ConsoleQueue::enqueue(std::string sLine) {
-    if (!m_bColour) {
+    if (!bColour) {
         sLine = withoutEscapes(sLine);
     }
     // After a dropped line, all are dropped until the count is said: it stands where they are missing.
-    if (m_ulDropped != 0 || m_sQueue.size() + sLine.size() > m_uMost) {
-        ++m_ulDropped;
+    if (ulDropped != 0 || sQueue.size() + sLine.size() > uLimit) {
+        ++ulDropped;
         return;
     }
-    m_sQueue += sLine;
+    sQueue += sLine;
 }
 
 struct ConsolePump::Channel {
@@ -196,20 +196,20 @@ void ConsolePump::open(std::initializer_list<int> files) {
     close(aPipe[1]);
     std::thread([pChannel] { pChannel->readAll(); }).detach();
     std::thread([pChannel] { pChannel->writeAll(); }).detach();
-    m_channels.push_back(pChannel);
+    channels.push_back(pChannel);
 }
 
 ConsolePump::~ConsolePump() {
     std::fflush(stdout);
     const int iNull = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
     for (const int iFile : {STDOUT_FILENO, STDERR_FILENO}) {
-        if (!m_channels.empty() && (iNull < 0 || dup2(iNull, iFile) < 0)) {
+        if (!channels.empty() && (iNull < 0 || dup2(iNull, iFile) < 0)) {
             close(iFile);
         }
     }
     close(iNull);
     const auto end = std::chrono::steady_clock::now() + kLastWait;
-    for (const auto &pChannel : m_channels) {
+    for (const auto &pChannel : channels) {
         std::unique_lock<std::mutex> guard(pChannel->lock);
         pChannel->changed.wait_until(guard, end, [&] { return pChannel->bWritten; });
     }

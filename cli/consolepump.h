@@ -21,8 +21,8 @@ bool isColourful(int iFile);
 // The bytes that wait for the real output, with a limit. The owner locks.
 class ConsoleQueue {
 public:
-    // uMost: bytes that it holds at most. bColour: escape sequences stay in.
-    ConsoleQueue(size_t uMost, bool bColour) : m_uMost(uMost), m_bColour(bColour) {}
+    // uBytes: how many it holds at most. bWithColour: escape sequences stay in.
+    ConsoleQueue(size_t uBytes, bool bWithColour) : uLimit(uBytes), bColour(bWithColour) {}
 
     // Takes bytes as they come. A whole line enters the queue, or is dropped and counted. A part of a line
     // waits for its end; a very long part goes on without.
@@ -35,11 +35,11 @@ public:
 private:
     void enqueue(std::string sLine);
 
-    size_t m_uMost;
-    bool m_bColour;
-    std::string m_sPart;
-    std::string m_sQueue;
-    unsigned long m_ulDropped = 0; // lines since the last count was said
+    size_t uLimit;
+    bool bColour;
+    std::string sPart;
+    std::string sQueue;
+    unsigned long ulDropped = 0; // lines since the last count was said
 };
 
 class ConsolePump {
@@ -55,7 +55,7 @@ public:
 
 private:
     struct Channel; // shared with its threads, which live on where a write hangs
-    std::vector<std::shared_ptr<Channel>> m_channels;
+    std::vector<std::shared_ptr<Channel>> channels;
 
     void open(std::initializer_list<int> files);
 };

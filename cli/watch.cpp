@@ -69,41 +69,41 @@ public:
     void enter() {
         std::fputs(kScreenOn, stdout);
         std::fflush(stdout);
-        m_bEntered = true;
+        bEntered = true;
         // In the background a change of the settings would stop the program.
-        m_bKeys = isatty(STDIN_FILENO) == 1 && tcgetpgrp(STDIN_FILENO) == getpgrp() &&
-                  tcgetattr(STDIN_FILENO, &m_before) == 0;
-        if (m_bKeys) {
-            struct termios settings = m_before;
+        bKeys = isatty(STDIN_FILENO) == 1 && tcgetpgrp(STDIN_FILENO) == getpgrp() &&
+                tcgetattr(STDIN_FILENO, &before) == 0;
+        if (bKeys) {
+            struct termios settings = before;
             settings.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
             tcsetattr(STDIN_FILENO, TCSANOW, &settings);
         }
     }
     void leave() {
-        if (m_bKeys) {
-            tcsetattr(STDIN_FILENO, TCSANOW, &m_before);
+        if (bKeys) {
+            tcsetattr(STDIN_FILENO, TCSANOW, &before);
         }
-        if (m_bEntered) {
+        if (bEntered) {
             std::fputs(kScreenOff, stdout);
             std::fflush(stdout);
         }
-        m_bKeys = false;
-        m_bEntered = false;
+        bKeys = false;
+        bEntered = false;
     }
-    bool hasKeys() const { return m_bKeys; }
+    bool hasKeys() const { return bKeys; }
     // Takes the keys that were pressed. Returns whether one of them is q.
     bool isQuit() {
         std::array<char, 64> aKeys{};
         const ssize_t lKeys = read(STDIN_FILENO, aKeys.data(), aKeys.size());
-        m_bKeys = m_bKeys && lKeys > 0; // a keyboard that hung up is not asked again
+        bKeys = bKeys && lKeys > 0; // a keyboard that hung up is not asked again
         return lKeys > 0 && std::string_view(aKeys.data(), static_cast<size_t>(lKeys)).find_first_of("qQ") !=
                                 std::string_view::npos;
     }
 
 private:
-    bool m_bEntered = false;
-    bool m_bKeys = false;
-    struct termios m_before {};
+    bool bEntered = false;
+    bool bKeys = false;
+    struct termios before {};
 };
 
 // Joins the group on a port. Null: the reason is on standard error.

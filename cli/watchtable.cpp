@@ -10,7 +10,9 @@
 namespace {
 
 constexpr size_t kEntriesKept = 50;
-constexpr size_t kTimesWidth = 4; // how often a message was heard: "999x"
+constexpr unsigned long kDay = 86400;
+constexpr size_t kColumnBytes = 4; // of a text, at the most
+constexpr size_t kTimesWidth = 4;  // how often a message was heard: "999x"
 // A cast is announced every 11 s; two missed ones in a row mean that its sender is silent.
 constexpr unsigned long kSilentAfter = 25;
 
@@ -54,12 +56,11 @@ std::string ago(unsigned long ulThen, unsigned long ulNow) {
 
 // The time of day; the date when it is not within a day from now.
 std::string shortTime(const std::optional<unsigned int> &uiTime, unsigned long ulNow) {
-    constexpr unsigned long ulDay = 24 * 3600;
     if (!uiTime) {
         return "";
     }
-    return *uiTime > ulNow + ulDay || *uiTime + ulDay < ulNow ? writeTime(*uiTime).substr(2, 8)
-                                                              : writeTimeOfDay(*uiTime);
+    return *uiTime > ulNow + kDay || *uiTime + kDay < ulNow ? writeTime(*uiTime).substr(2, 8)
+                                                            : writeTimeOfDay(*uiTime);
 }
 
 bool isOver(const WatchCast &cast, unsigned long ulNow) {
@@ -113,13 +114,12 @@ std::vector<std::string> messageLines(const WatchMessage &message, unsigned long
         uLines = 1; // too narrow to indent
     }
     const size_t uColumns = window.uColumns - std::min(window.uColumns, uIndent);
-    constexpr size_t uBytesMost = 4; // for a column, at the most
     const std::string sText =
-        textForTerminal(message.record.sText->substr(0, (uColumns + 1) * uLines * uBytesMost));
+        textForTerminal(message.record.sText->substr(0, (uColumns + 1) * uLines * kColumnBytes));
     std::vector<std::string> lines = textWrap(sText, uColumns, uLines);
     for (std::string &sLine : lines) {
-        sLine = drawn((&sLine == &lines.front() ? sHead : std::string(uIndent, ' ')) + sLine, window,
-                      bOver ? kDim : nullptr);
+        sLine.insert(0, &sLine == &lines.front() ? sHead : std::string(uIndent, ' '));
+        sLine = drawn(sLine, window, bOver ? kDim : nullptr);
     }
     return lines;
 }

@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
+#include <exception>
 #include <functional>
 #include <string>
 
@@ -28,6 +29,16 @@ inline int readArguments(CLI::App *pApp, int iArguments, char **ppArguments,
     }
     std::fprintf(stderr, "%s: %s\n", pApp->get_name().c_str(), sProblem.c_str());
     return 64;
+}
+
+// Calls the tool. An exception, such as for memory that runs out, is printed and ends it with 1.
+inline int runTool(int (*pRun)(int, char **), int iArguments, char **ppArguments) noexcept {
+    try {
+        return pRun(iArguments, ppArguments);
+    } catch (const std::exception &error) {
+        std::fprintf(stderr, "%s: %s\n", ppArguments[0], error.what());
+        return 1;
+    }
 }
 
 #endif

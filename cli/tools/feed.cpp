@@ -74,10 +74,7 @@ int feed(const FeedOptions &options) {
     return 0;
 }
 
-} // namespace
-
-int main(int iArguments, char **ppArguments) {
-    holdStandardDescriptors();
+int run(int iArguments, char **ppArguments) {
     FeedOptions options;
     std::string sDatagrams;
     CLI::App app("Plays a stored transport stream to an address at its own pace, as a live source does.",
@@ -99,4 +96,11 @@ int main(int iArguments, char **ppArguments) {
                    : readNumber(sDatagrams, kNumberMax, &options.ulDatagrams);
     });
     return iExit >= 0 ? iExit : feed(options);
+}
+
+} // namespace
+
+int main(int iArguments, char **ppArguments) {
+    holdStandardDescriptors();
+    return runTool(run, iArguments, ppArguments);
 }

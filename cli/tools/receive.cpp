@@ -57,10 +57,7 @@ int receive(const ReceiveOptions &receive, KTNET_ENDPOINT *pDesc, FILE *pFile) {
     return ulReceived == 0 || ulReceived < receive.ulDatagrams ? 1 : 0;
 }
 
-} // namespace
-
-int main(int iArguments, char **ppArguments) {
-    holdStandardDescriptors();
+int run(int iArguments, char **ppArguments) {
     ReceiveOptions wanted;
     std::string sGroup;
     CLI::App app("Writes the datagrams that come for a group or an address of this machine to a file.",
@@ -119,4 +116,11 @@ int main(int iArguments, char **ppArguments) {
     }
     ktn_xapi_ktnet_delete(&pDesc);
     return iExit;
+}
+
+} // namespace
+
+int main(int iArguments, char **ppArguments) {
+    holdStandardDescriptors();
+    return runTool(run, iArguments, ppArguments);
 }

@@ -290,8 +290,8 @@ TEST(WatchTable, StaysInsideTheWindowHoweverMuchIsHeard) {
     const std::vector<std::string> small = watchDraw(state, 1790000000, WatchWindow{80, 12});
     EXPECT_EQ(small.size(), 12u);
     EXPECT_NE(small.at(4).find("239.1.2.3:5000"), std::string::npos);
-    for (const size_t uRows : {1, 5, 16, 24, 60}) {
-        for (const size_t uColumns : {1, 20, 30, 80, 200}) {
+    for (const size_t uRows : {1u, 5u, 16u, 24u, 60u}) {
+        for (const size_t uColumns : {1u, 20u, 30u, 80u, 200u}) {
             const std::vector<std::string> lines = watchDraw(state, 1790000000, WatchWindow{uColumns, uRows});
             EXPECT_EQ(lines.size(), uRows);
             for (const std::string &sLine : lines) {
