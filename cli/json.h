@@ -10,9 +10,10 @@
 
 using Json = nlohmann::ordered_json;
 
-// One line. Bytes that are not UTF-8 become U+FFFD.
+// One line, in ASCII alone, so that no character of a text can steer a terminal. Bytes that are not UTF-8
+// become U+FFFD.
 inline std::string writeJSON(const Json &value) {
-    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+    return value.dump(-1, ' ', true, Json::error_handler_t::replace);
 }
 
 #endif
