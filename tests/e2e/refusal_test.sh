@@ -6,7 +6,6 @@ cast=239.77.0.2:5000
 refused 69 'no service listens on /tmp/PCSTREAM.uds; start one with: pccast serve' "$pccast" relay 239.77.0.1:1 $cast
 refused 69 'no service listens on /tmp/PCMBC.uds' "$pccast" message text
 refused 64 "there is no command 'rely'" "$pccast" rely
-refused 64 'takes no arguments' "$bin/diagpccast" --help
 refused 64 "SOURCE: '239.77.0.1' has no port" "$pccast" relay 239.77.0.1 $cast
 refused 64 "start: 'noon' is not a time" "$pccast" relay 239.77.0.1:1 $cast --start noon
 refused 64 'IDENTITY' "$pccast" stop 1:2:3
