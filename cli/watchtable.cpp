@@ -21,7 +21,7 @@ struct Column {
     size_t uWidth;
 };
 // The most important columns come first: up to STATE they fit into 80.
-constexpr std::array<Column, 9> kCastColumns{{{"EPG", 10},
+constexpr std::array<Column, 10> kCastColumns{{{"EPG", 10},
                                               {"KIND", 6},
                                               {"FORMAT", 6},
                                               {"DESTINATION", 21},
@@ -29,6 +29,7 @@ constexpr std::array<Column, 9> kCastColumns{{{"EPG", 10},
                                               {"STATE", 16},
                                               {"LEFT", 8},
                                               {"FROM", 8},
+                                              {"IDENTITY", 38},
                                               {"BY", 0}}};
 
 constexpr const char *kGreen = "\033[32m";
@@ -95,6 +96,7 @@ std::string castLine(const WatchCast &cast, unsigned long ulNow, const WatchWind
                                                              castState(cast, ulNow, &pszColour),
                                                              bLeft ? writeTimeLeft(*record.uiET - ulNow) : "",
                                                              shortTime(record.uiST, ulNow),
+                                                             airIdentity(record),
                                                              cast.sSender};
     std::string sLine = "  ";
     for (size_t i = 0; i < aCell.size(); ++i) {
