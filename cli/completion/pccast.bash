@@ -11,7 +11,7 @@ _pccast() {
     COMPREPLY=()
     for ((i = 1; i < COMP_CWORD; i++)); do
         case ${COMP_WORDS[i]} in
-            serve | relay | file | stop | message | cancel | watch | station)
+            serve | relay | file | stop | message | cancel | list | status | events | watch | station)
                 command=${COMP_WORDS[i]}
                 break
                 ;;
@@ -44,14 +44,14 @@ _pccast() {
             _pccast_files "$word"
             return
             ;;
-        --epg | --key | --port | --to | --group | --ttl | --name | --repeat | --count | --stream-id)
+        --epg | --key | --port | --to | --group | --ttl | --name | --repeat | --count | --stream-id | --after)
             return
             ;;
     esac
 
     local request="--epg --start --end --for --plugin --help"
     case $command in
-        "") COMPREPLY=($(compgen -W "serve relay file stop message cancel watch station --help --version" -- "$word")) ;;
+        "") COMPREPLY=($(compgen -W "serve relay file stop message cancel list status events watch station --help --version" -- "$word")) ;;
         serve) COMPREPLY=($(compgen -W "--interface --plugin --help" -- "$word")) ;;
         relay) COMPREPLY=($(compgen -W "$request --format --type --key --seed --fast-seed --chunks" -- "$word")) ;;
         file)
@@ -63,6 +63,8 @@ _pccast() {
         stop) COMPREPLY=($(compgen -W "--epg --type --start --end --port --format --plugin --help" -- "$word")) ;;
         message) COMPREPLY=($(compgen -W "$request --priority --repeat" -- "$word")) ;;
         cancel) COMPREPLY=($(compgen -W "--priority --plugin --help" -- "$word")) ;;
+        list | status) COMPREPLY=($(compgen -W "--json --help" -- "$word")) ;;
+        events) COMPREPLY=($(compgen -W "--follow --json --after --help" -- "$word")) ;;
         watch) COMPREPLY=($(compgen -W "--json --plain --for --count --interface --help" -- "$word")) ;;
         station)
             case $word in
