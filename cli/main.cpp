@@ -1,6 +1,7 @@
 // pccast - the program: it hosts the service and submits requests to it. Each subcommand has a file of its
 // own.
 #include "commands.h"
+#include "descriptors.h"
 
 #include <CLI/CLI.hpp>
 
@@ -94,6 +95,7 @@ int run(int iArguments, char **ppArguments) {
 } // namespace
 
 int main(int iArguments, char **ppArguments) {
+    holdStandardDescriptors();
     try {
         return run(iArguments, ppArguments);
     } catch (const std::exception &error) {
