@@ -445,8 +445,8 @@ std::vector<std::string> listLines(const Json &view, const Screen &screen) {
         const std::string sWhy = textOf(requests[i], "why");
         std::string sLine = joined(rows[i], aWidth, eEnd);
         if (bWide) {
-            lines.push_back(
-                coloured(sLine + (sWhy.empty() ? "" : "  " + sWhy), colourOf(requests[i]), screen));
+            sLine += sWhy.empty() ? "" : "  " + sWhy;
+            lines.push_back(coloured(sLine, colourOf(requests[i]), screen));
             continue;
         }
         lines.push_back(coloured(sLine, colourOf(requests[i]), screen));
