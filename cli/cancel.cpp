@@ -1,6 +1,5 @@
 // pccast cancel - takes a message back.
 #include "commands.h"
-#include "pluginloader.h"
 #include "submit.h"
 
 #include <CLI/CLI.hpp>
@@ -13,12 +12,13 @@ namespace {
 struct CancelOptions {
     std::string sIdentity;
     bool bPriority = false;
-    std::string sPlugin;
+    ServiceOptions service;
 };
 
 int cancel(const CancelOptions &options) {
     MessageIdentity identity{};
-    const int iExit = checkArguments({{"IDENTITY", readMessageIdentity(options.sIdentity, &identity)}});
+    Service service{};
+    int iExit = checkArguments({{"IDENTITY", readMessageIdentity(options.sIdentity, &identity)}});
     if (iExit != EXIT_DONE) {
         return iExit;
     }
@@ -26,10 +26,14 @@ int cancel(const CancelOptions &options) {
         return sayAndReturn(EXIT_BAD_DATA, "that message ended by itself at " + writeTime(identity.ulET) +
                                                "; there is nothing left to cancel");
     }
+    iExit = reachService(options.service, ServiceKind::Messages, &service);
+    if (iExit != EXIT_DONE) {
+        return iExit;
+    }
     // A cancel looks only in the list that holds the message. It needs a text too; any text will do.
     identity.bPriority = identity.bPriority || options.bPriority;
-    const int iSubmitted = submitMessage(options.sPlugin, PCMBC_CMD_CANCEL, identity, 1, "cancel");
-    return iSubmitted == EXIT_DONE ? sayAndReturn(EXIT_DONE, "cancel requested") : iSubmitted;
+    iExit = submitMessage(service, PCMBC_CMD_CANCEL, identity, 1, "cancel");
+    return iExit == EXIT_DONE ? sayAndReturn(EXIT_DONE, "cancel requested") : iExit;
 }
 
 } // namespace
@@ -42,7 +46,8 @@ void addCancelCommand(CLI::App &app, int &iExitCode) {
         ->required();
     pCommand->add_flag("--priority", options->bPriority,
                        "it was a priority message; not needed when IDENTITY ends in :priority");
-    addPluginOption(pCommand, options->sPlugin);
+    addServiceOptions(pCommand, options->service);
     pCommand->footer(helpExample("pccast cancel 1:1790000000:1790000000:1790000600:priority"));
-    pCommand->callback([options, &iExitCode] { iExitCode = cancel(*options); });
+    setRequestAction(
+        pCommand, [options] { return cancel(*options); }, iExitCode);
 }

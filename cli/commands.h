@@ -35,6 +35,16 @@ void addStationCommand(CLI::App &app, int &iExitCode);
 // Says sText on standard error under the program's name and returns iExitCode.
 int sayAndReturn(int iExitCode, const std::string &sText);
 
+// The command of that name; null when there is none.
+const CLI::App *commandNamed(const CLI::App &app, const std::string &sName);
+
+// Turns standard output aside: from now on what anybody else prints there goes to standard error, and
+// printResult alone writes where standard output has led. Returns false when it cannot (said).
+bool keepOutputForResults();
+
+// Writes one line to standard output at once.
+void printResult(const std::string &sLine);
+
 // An argument and what is wrong with it: the result of its reader, empty when it could be read.
 struct Argument {
     const char *pszName;

@@ -1,9 +1,7 @@
 #include "request.h"
 
 #include "castformat.h"
-#include "clitext.h"
 #include "commands.h"
-#include "pluginloader.h"
 
 #include <CLI/CLI.hpp>
 #include <unistd.h>
@@ -23,7 +21,7 @@ void addRequestOptions(CLI::App *pCommand, RequestOptions &options, const char *
                      std::string("how long it lasts, instead of --end (default ") + pszDefaultFor + ")")
         ->type_name("DURATION")
         ->excludes(pEnd);
-    addPluginOption(pCommand, options.sPlugin);
+    addServiceOptions(pCommand, options.service);
 }
 
 int readRequestOptions(const RequestOptions &options, unsigned long ulDefaultFor, RequestTimes *pTimes) {
@@ -57,6 +55,12 @@ int readRequestOptions(const RequestOptions &options, unsigned long ulDefaultFor
     }
     *pTimes = times;
     return EXIT_DONE;
+}
+
+int reachForRequest(const RequestOptions &options, unsigned long ulDefaultFor, ServiceKind eKind,
+                    Service *pService, RequestTimes *pTimes) {
+    const int iExit = reachService(options.service, eKind, pService);
+    return iExit == EXIT_DONE ? readRequestOptions(options, ulDefaultFor, pTimes) : iExit;
 }
 
 void warnWithoutStationFile(unsigned long ulFormat) {

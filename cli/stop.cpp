@@ -1,6 +1,5 @@
 // pccast stop - takes the equal cast request back if it still waits, else ends the cast on air.
 #include "commands.h"
-#include "pluginloader.h"
 #include "submit.h"
 
 #include "castformat.h"
@@ -20,7 +19,7 @@ struct StopOptions {
     std::string sEnd;
     std::string sPort;
     std::string sFormat = "ts";
-    std::string sPlugin;
+    ServiceOptions service;
 };
 
 int readParts(const StopOptions &options, unsigned long ulNow, CastIdentity *pIdentity) {
@@ -55,6 +54,7 @@ int sayItsTimeIsOver(const CastIdentity &identity) {
 int stop(const StopOptions &options) {
     const unsigned long ulNow = vexa_time(nullptr);
     CastRequest request{};
+    Service service{};
     int iExit = EXIT_DONE;
     if (!options.sIdentity.empty()) {
         iExit = checkArguments({{"IDENTITY", readCastIdentity(options.sIdentity, &request.identity)}});
@@ -73,13 +73,17 @@ int stop(const StopOptions &options) {
         return sayItsTimeIsOver(request.identity);
     }
 
+    iExit = reachService(options.service, ServiceKind::Casts, &service);
+    if (iExit != EXIT_DONE) {
+        return iExit;
+    }
     // The service uses nothing of the rest, but it refuses a record without it.
     request.ulCT = ulNow;
     request.sSource = "0.0.0.0";
     request.usSourcePort = request.identity.usPort;
     request.sDestination = "0.0.0.0";
     request.sFile = "-";
-    iExit = submitCast(options.sPlugin, CAST_CMD_STOP, request);
+    iExit = submitCast(service, CAST_CMD_STOP, request);
     return iExit == EXIT_DONE ? sayAndReturn(EXIT_DONE, "stop requested") : iExit;
 }
 
@@ -98,12 +102,13 @@ void addStopCommand(CLI::App &app, int &iExitCode) {
     pCommand
         ->add_option("--format", options->sFormat, "the format that its end is announced with (default ts)")
         ->type_name("ts|asf|NUMBER");
-    addPluginOption(pCommand, options->sPlugin);
+    addServiceOptions(pCommand, options->service);
     pCommand->footer(
         "Programme, type, start, end and port together name the cast. If it still waits, it is taken back.\n"
         "Careful: if no waiting request has all of them, stop ends whichever cast of the same type is on\n"
         "air, as soon as the given start is reached. A file may last longer than its request; it then plays\n"
         "to its end, and stop says how to end it.\n\n" +
         helpExample("pccast stop 7:2:1790000000:1790003600:5000:0x2021"));
-    pCommand->callback([options, &iExitCode] { iExitCode = stop(*options); });
+    setRequestAction(
+        pCommand, [options] { return stop(*options); }, iExitCode);
 }
