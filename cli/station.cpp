@@ -30,24 +30,24 @@ struct StationOptions {
 
 // Reads the head of an ASF file, up to its first data packet, as the one format of the station. Returns
 // EXIT_DONE, or an exit code after saying what is wrong.
-int readFormatOf(const std::string &sFile, NSCFORMAT &format) {
+int readFormatOf(const std::string &sFile, NscFormat &format) {
     std::string sReason;
     const int iFile = fileOpenRegular(sFile.c_str(), sReason);
     if (iFile < 0) {
         return sayAndReturn(EXIT_NO_INPUT, sFile + ": " + sReason);
     }
-    FILEWINDOW window;
-    windowOpen(window, iFile, ASF_HEADER_MAX);
-    ASFHEADER header;
+    FileWindow window;
+    windowOpen(window, iFile, kAsfHeaderMax);
+    AsfHeader header;
     const bool bRead = asfReadHeader(window, header, sReason);
     if (bRead) {
         // The header object, and the head of the data object. Other objects may lie between them.
-        const std::pair<unsigned long long, std::size_t> aPart[] = {{0, header.ullHeaderSize},
-                                                                    {header.ullDataOffset, ASF_DATA_HEADER}};
+        const std::pair<unsigned long long, std::size_t> aPart[] = {
+            {0, header.ullHeaderSize}, {header.ullDataOffset, kAsfDataHeaderSize}};
         for (const auto &[ullOffset, ulSize] : aPart) {
             std::size_t ulHave = 0;
             const unsigned char *p = windowBytes(window, ullOffset, ulSize, ulHave);
-            format.Header.insert(format.Header.end(), p, p + std::min(ulHave, ulSize));
+            format.header.insert(format.header.end(), p, p + std::min(ulHave, ulSize));
         }
     }
     close(iFile);
@@ -80,7 +80,7 @@ int replaceFile(const std::string &sFile, const std::string &sText) {
 }
 
 int writeStation(const StationOptions &options) {
-    NSCSTATION station;
+    NscStation station;
     std::string sReason;
     if (options.sGroup.empty() || options.uiPort == 0) {
         return sayAndReturn(EXIT_USAGE, "a station needs --group ADDRESS and --port N");
@@ -88,7 +88,7 @@ int writeStation(const StationOptions &options) {
     if (!castTargetCheckAddress(options.sGroup, sReason)) {
         return sayAndReturn(EXIT_USAGE, "--group: " + sReason);
     }
-    NSCFORMAT format;
+    NscFormat format;
     const int iExit = readFormatOf(options.sFile, format);
     if (iExit != EXIT_DONE) {
         return iExit;
@@ -97,7 +97,7 @@ int writeStation(const StationOptions &options) {
     station.sAddress = options.sGroup;
     station.usPort = static_cast<unsigned short>(options.uiPort);
     station.iHops = options.iHops;
-    station.Formats.push_back(std::move(format));
+    station.formats.push_back(std::move(format));
     const std::string sText = nscWrite(station);
     if (!options.sOutput.empty() && options.sOutput != "-") {
         return replaceFile(options.sOutput, sText);
@@ -107,7 +107,7 @@ int writeStation(const StationOptions &options) {
 }
 
 int showStation(const StationOptions &options) {
-    NSCSTATION station;
+    NscStation station;
     std::string sReason;
     if (!nscRead(options.sFile.c_str(), station, sReason)) {
         const bool bThere = access(options.sFile.c_str(), R_OK) == 0;
@@ -117,9 +117,9 @@ int showStation(const StationOptions &options) {
     std::printf("version     %s\n", textForTerminal(station.sVersion).c_str());
     std::printf("target      %s:%u\n", station.sAddress.c_str(), station.usPort);
     std::printf("hop limit   %s\n", station.iHops < 0 ? "not named" : std::to_string(station.iHops).c_str());
-    for (const NSCFORMAT &format : station.Formats) {
+    for (const NscFormat &format : station.formats) {
         std::printf("format %-4u Format ID %u, header of %zu bytes%s%s\n", format.uiIndex, format.uiFormatID,
-                    format.Header.size(), format.sDescription.empty() ? "" : ", ",
+                    format.header.size(), format.sDescription.empty() ? "" : ", ",
                     textForTerminal(format.sDescription).c_str());
     }
     return EXIT_DONE;

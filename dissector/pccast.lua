@@ -1,12 +1,12 @@
 -- pccast.lua - shows what PCCAST sends in Wireshark and tshark.
 --
---   pccast      frames on UDP 7890 (announcements) and 9367 (messages): header, items, CRCs recomputed
---   pccast_msb  the packets of ASF casts, found by their shape on any UDP port, or on the port of the
---               preference pccast_msb.port
+--   pccast      frames on UDP 7890 (announcements) and 9367 (messages): header, items, whether the CRCs are right
+--   pccast_msb  packets of ASF casts: found by their shape on any UDP port, or all on the port that the
+--               preference pccast_msb.port names
 --
 --   tshark -X lua_script:pccast.lua -r capture.pcapng -Y pccast
 --
--- For good: copy this file to ~/.local/lib/wireshark/plugins.
+-- To load it always, copy it to ~/.local/lib/wireshark/plugins.
 
 local ANNOUNCEMENT_PORT = 7890
 local MESSAGE_PORT = 9367
@@ -18,7 +18,7 @@ local SERVICE_AIR = 204
 local pccast = Proto("pccast", "PCCAST announcement or message")
 
 local KINDS = {
-    -- by uiIdent and uiCommand; items: which of the tables below describes the payload
+    -- ident and command say which kind it is; items names the table below that describes the payload
     {ident = 1234, command = 0x40030, name = "On air", items = "announcement"},
     {ident = 1234, command = 0x40033, name = "End", items = "announcement"},
     {ident = 14, command = 0x40020, name = "Message", items = "message"},
@@ -70,7 +70,7 @@ local e = {
 }
 pccast.experts = e
 
--- tag -> name, field, and the length that the value must have (none: any); time: seconds since the epoch
+-- By tag. length: what the value must have, nil for any. time: the value is seconds since the epoch.
 local ITEMS = {
     announcement = {
         [1100] = {name = "CRC", field = f.crc, length = 4},
@@ -117,8 +117,8 @@ end
 
 -- ---- items
 
--- Cuts the payload into items; an empty one has no value. Returns them, whether their lengths add up, and the
--- byte where the reading ended.
+-- Cuts the payload into items. An empty item has no value. Returns the items, whether their lengths add up, and
+-- the byte where the reading ended.
 local function read_items(payload)
     local items, at, size = {}, 0, payload:len()
     while size - at >= 4 do
@@ -174,7 +174,7 @@ local function add_items(tree, items, known_items)
     return values
 end
 
--- Checks the CRC of one item against the bytes that it covers. Returns the word for the summary.
+-- Checks the CRC in an item against the bytes that it covers. Returns the words for the summary.
 local function check_crc(item, covered, field, what)
     local stated, computed = item.value:le_uint(), crc32(covered)
     item.node:add(field, item.value, stated == computed):set_generated()
@@ -184,8 +184,8 @@ local function check_crc(item, covered, field, what)
     return what .. " WRONG"
 end
 
--- The first item's CRC covers what lies behind it, up to the station file's CRC or the end; that one covers
--- the station file.
+-- The CRC in the first item covers what follows, up to the station file's CRC or the end. The station file's CRC
+-- covers the station file.
 local function check_announcement(tree, payload, items, values, words)
     if items[1] == nil or items[1].tag ~= 1100 or items[1].value == nil or items[1].length ~= 4 then
         tree:add_proto_expert_info(e.crc, "the announcement does not begin with its CRC")
@@ -236,7 +236,7 @@ local function find_kind(ident, service, command)
     end
 end
 
--- What is wrong with the header, nil when nothing is: checked in a receiver's order.
+-- Returns what is wrong with the header, or nil. Checks in the order of a receiver.
 local function header_fault(buffer)
     if buffer:len() < HEADER_SIZE then return "shorter than a frame header" end
     if buffer(0, 4):string() ~= "KTNF" then return "does not begin with KTNF" end
@@ -276,7 +276,7 @@ function pccast.dissector(buffer, pinfo, root)
         if kind then words = describe(kind, values) end
     end
     if buffer:len() < buffer:reported_len() then
-        words[#words + 1] = "cut by the capture" -- nothing can be said about the sum and the CRC
+        words[#words + 1] = "cut by the capture" -- the sum and the CRC cannot be checked
     else
         if not whole then
             tree:add_proto_expert_info(e.item,
@@ -316,9 +316,9 @@ msb.experts = {msb_size}
 msb.prefs.port = Pref.uint("UDP port", 0, "Port whose datagrams are MSB packets; 0: found by their shape")
 
 local MSB_HEADER = 8
-local TYPED_LENGTH = {[0] = 0, 1, 2, 4} -- bytes of a field by its two-bit length type
+local TYPED_LENGTH = {[0] = 0, 1, 2, 4} -- bytes of a field, by its two-bit length type
 
--- Where the ASF data packet's send time lies, nil when it is cut before.
+-- Returns where the send time lies in the ASF data packet, or nil when the packet is cut before it.
 local function send_time_at(data)
     local at = 0
     if bit.band(data(0, 1):uint(), 0x80) ~= 0 then at = 1 + bit.band(data(0, 1):uint(), 0x0F) end
@@ -361,7 +361,7 @@ function msb.dissector(buffer, pinfo, root)
     return buffer:len()
 end
 
--- By shape: the size is the datagram's, the unused bits of the stream id are clear, and the ASF packet begins
+-- The shape: the size is that of the datagram, the unused bits of the stream id are clear, and the ASF packet begins
 -- with the error correction flags that every encoder writes.
 msb:register_heuristic("udp", function(buffer, pinfo, root)
     if buffer:len() < MSB_HEADER + 8 or buffer(6, 2):le_uint() ~= buffer:reported_len() or

@@ -1,13 +1,14 @@
-// promise.h - what the code under test is held to.
+// promise.h - checks what the code under test promises.
 #ifndef FUZZ_PROMISE_H
 #define FUZZ_PROMISE_H
 
 #include <cstdlib>
 
-// Ends the run where a promise is broken.
+// Aborts the run if a promise is broken.
 inline void promise(bool bHolds) {
-    if (!bHolds)
+    if (!bHolds) {
         std::abort();
+    }
 }
 
 #endif

@@ -1,4 +1,5 @@
-// replay - runs a fuzz target on the files of a folder, without a fuzzer: inputs that once found a fault.
+// replay - runs a fuzz target on the files of a folder, without a fuzzer. The tests run it on the target's
+// corpus.
 //
 //   replay FOLDER
 #include <cstdint>
@@ -12,12 +13,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *pData, std::size_t ulS
 
 int main(int iCount, char **ppszArgument) {
     unsigned int uiFiles = 0;
-    for (const auto &Entry : std::filesystem::directory_iterator(iCount > 1 ? ppszArgument[1] : ".")) {
-        std::ifstream File(Entry.path(), std::ios::binary);
-        const std::vector<char> Bytes{std::istreambuf_iterator<char>(File), {}};
-        std::printf("%s\n", Entry.path().c_str()); // the last line names the one that ended the run
+    for (const auto &entry : std::filesystem::directory_iterator(iCount > 1 ? ppszArgument[1] : ".")) {
+        std::ifstream file(entry.path(), std::ios::binary);
+        const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
+        std::printf("%s\n", entry.path().c_str()); // if a file ends the run, the last line names it
         std::fflush(stdout);
-        LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t *>(Bytes.data()), Bytes.size());
+        LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t *>(bytes.data()), bytes.size());
         uiFiles++;
     }
     return uiFiles > 0 ? 0 : 1;

@@ -44,6 +44,7 @@ struct Living {
     bool bTold = false; // that it is filed
     bool bInList = false;
     bool bOnAir = false;
+    bool bEnded = false; // cast: its last time on air ended by itself or by a stop
     bool bMet = false;   // stop or cancel request: it has met something
     bool bShown = false; // message: broadcast since it is current
     bool bOver = false;  // it has been on air, and will not return by itself
@@ -310,10 +311,12 @@ void viewOpen(const ViewThread (&threads)[PCCAST_VIEW_THREADS]) noexcept {
     }
 }
 
-void viewClose() noexcept {
-    change([](View &state) {
-        state.bOpen = false;
-        state.threads = {};
+void viewClose(const KTPLUGIN_INFO_TAG *pSelf) noexcept {
+    change([=](View &state) {
+        if (state.threads[0].pBlock == pSelf) {
+            state.bOpen = false;
+            state.threads = {};
+        }
     });
 }
 
@@ -378,7 +381,15 @@ void viewCancelled(const void *pRecord, const void *pBy) noexcept {
 }
 
 void viewExpired(const void *pRecord) noexcept {
-    last(pRecord, PCCAST_EVENT_EXPIRED, PCCAST_REASON_END_TIME);
+    change([&](View &state) {
+        if (Living *pLiving = known(state, pRecord)) {
+            // A file that has been played can go back to its list. Its story is told already.
+            if (!pLiving->bEnded) {
+                note(state, PCCAST_EVENT_EXPIRED, PCCAST_REASON_END_TIME, *pLiving);
+            }
+            forget(state, pLiving);
+        }
+    });
 }
 
 void viewDropped(const void *pRecord, unsigned int uiReason) noexcept {
@@ -486,6 +497,7 @@ void viewEnded(ViewEngine eEngine, unsigned int uiReason) noexcept {
         }
         pLiving->bOnAir = false;
         pLiving->bOver = true;
+        pLiving->bEnded = uiKind == PCCAST_EVENT_ENDED;
         note(state, uiKind, uiReason, *pLiving, pOther).traffic = readTraffic(eEngine);
         if (pLiving->pRecord == nullptr) {
             state.living.erase(onAir.ulRequest);

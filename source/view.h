@@ -29,7 +29,8 @@ struct ViewThread {
     const KTPLUGIN_INFO_TAG *pBlock;
 };
 void viewOpen(const ViewThread (&threads)[PCCAST_VIEW_THREADS]) noexcept;
-void viewClose() noexcept;
+// pSelf: the supervisor's block. A view that another supervisor has opened since stays open.
+void viewClose(const KTPLUGIN_INFO_TAG *pSelf) noexcept;
 void viewPass() noexcept; // one pass of the supervisor
 
 // ---- requests

@@ -1,8 +1,8 @@
 /* qxapi.h - libqxapi: threads, console, assertion reports, plug-in arguments, CRC-32, SEED, registry,
  * stored-file streams, file casters, log records, time and text helpers.
  *
- * Every call is safe from any thread unless it says otherwise. A stream, a caster and a registry handle are
- * used by one thread at a time. */
+ * Every call is safe from any thread unless its comment says otherwise. Only one thread at a time may use a
+ * stream, a caster or a registry handle. */
 #ifndef QXAPI_H
 #define QXAPI_H
 
@@ -21,106 +21,105 @@ extern "C" {
 #define QXAPI_FORMAT(text, first)
 #endif
 
-/* ---- threads ------------------------------------------------------------------------------------------- */
+/* ---- Threads */
 
-/* Starts pBody(pArgument) on a new detached thread that takes no signals of the process.
- * pszTag, iLine: who starts it, for the thread's name and for the error line.
+/* Starts pBody(pArgument) on a new detached thread. The thread takes no signals of the process.
+ * pszTag: who starts it; becomes the thread's name. pszTag and iLine stand in the error line.
  * Returns 1 started, 0 not started (the reason is on standard error). */
 int qxapi_detached_thread_tag(void *(*pBody)(void *), void *pArgument, const char *pszTag, int iLine);
 
-/* ---- console and assertion reports ------------------------------------------------------------------------
- */
+/* ---- Console and assertion reports */
 
-/* Writes to the host's console (standard output, flushed). Returns as printf. */
+/* Writes to the host's console: standard output, flushed. Returns what printf returns; -1 if the flush
+ * fails. */
 int qxapi_printf(const char *pszFormat, ...) QXAPI_FORMAT(1, 2);
 
-/* Reports a condition that does not hold: when iCondition is 0, one line with file, function, line and
- * pszText on standard error. Returns in every case. */
+/* Reports a condition that does not hold. If iCondition is 0, prints one line with file, function, line and
+ * pszText on standard error. Always returns. */
 void qxapi_assert_gateway(int iCondition, const char *pszFile, const char *pszFunction, int iLine,
                           const char *pszText);
 
-/* ---- plug-in arguments
- * -------------------------------------------------------------------------------------- */
+/* ---- Plug-in arguments */
 
-/* What a host hands to a plug-in: iCount texts, owned by the host. */
+/* What a host hands to a plug-in. The host owns the texts. */
 struct ts_qxapi_plugin_argument {
     int iCount;
     const char *const *ppszText;
 };
 
-/* Returns the number of arguments; 0 for none or a null record, -1 for a record that lies (a negative count,
- * or a count without texts). */
+/* Returns the number of arguments, 0 for a null record. Returns -1 if the record contradicts itself: the
+ * count is negative, or there is a count without texts. */
 int qxapi_get_plugin_argument(const struct ts_qxapi_plugin_argument *pArgument);
 
-/* ---- CRC-32
- * --------------------------------------------------------------------------------------------------- */
+/* ---- CRC-32 */
 
-/* CRC-32 of IEEE 802.3 (reflected polynomial EDB88320, final inversion) over ulLength bytes.
- * uiInitial: the register's initial value, 0xFFFFFFFF for a CRC from the start: "123456789" gives CBF43926.
- * To go on after an earlier piece, pass the complement of its result. */
+/* Returns the CRC-32 of IEEE 802.3 over ulLength bytes: reflected polynomial EDB88320, inverted at the end.
+ * uiInitial: the register's initial value. 0xFFFFFFFF starts a new CRC; "123456789" then gives CBF43926.
+ * To continue after an earlier piece, pass the complement of its result. */
 unsigned int qxapi_crc32(unsigned int uiInitial, const void *pData, unsigned long ulLength);
 
-/* ---- SEED (RFC 4269)
- * -------------------------------------------------------------------------------------------- */
+/* ---- SEED (RFC 4269) */
 
-/* Both decrypt the whole 16-byte blocks of pData in place, each block on its own (ECB), with the 16 bytes at
- * pKey; a rest of fewer than 16 bytes is left as it is. The fast one works with merged tables and keeps the
- * calling thread's last key schedule. */
+/* Both calls decrypt pData in place with the 16 bytes at pKey. Each block of 16 bytes is decrypted on its
+ * own (ECB). The last bytes stay as they are if they do not fill a block.
+ * The fast call gives the same result. It keeps the calling thread's last key schedule for the next call. */
 void qxapi_seed_decrypt(unsigned char *pData, unsigned long ulLength, const unsigned char *pKey);
 void qxapi_fast_seed_decrypt(unsigned char *pData, unsigned long ulLength, const unsigned char *pKey);
 
-/* ---- registry
- * --------------------------------------------------------------------------------------------------- */
+/* ---- Registry */
 
 struct ts_qx_registry;
 
-/* The operations that a registry handle carries. */
+/* The operations of a registry handle. */
 struct ts_qx_registry_operations {
-    /* Returns the value text of pszKeyPath, owned by the handle, or null when the key is absent; stores its
-     * length in bytes, the terminating zero not counted, in *piLength (0 when absent). */
+    /* Returns the value of pszKeyPath, or null if there is no such key. The handle owns the text.
+     * *piLength: takes the length in bytes without the terminating zero, 0 if there is no such key. */
     const char *(*pLookup)(struct ts_qx_registry *pRegistry, const char *pszKeyPath, int *piLength);
 };
 
-/* A registry handle begins with its operations; the rest is the library's. */
+/* A registry handle begins with its operations. What follows belongs to the library. */
 struct ts_qx_registry {
     const struct ts_qx_registry_operations *pOperations;
 };
 
-/* Opens the registry made of a master and a slave file: text, one key=value a line, lines that begin with #
- * are comments; what the slave says overrides the master. The environment variable QX_REGISTRY_ROOT puts
- * another root in front of both paths. Lines that cannot be read as key=value are passed over, each reported
- * on standard error. uiFlags: 0x10000002 opens for reading (any value is taken).
- * Returns a handle, or null when neither file can be read or memory runs out. */
+/* Opens the registry of a master and a slave file. Both are text with one key=value a line; a line that
+ * begins with # is a comment. A key of the slave overrides the same key of the master. A line that is no
+ * key=value is skipped and reported on standard error. The environment variable QX_REGISTRY_ROOT, if set,
+ * is put in front of both paths.
+ * uiFlags: 0x10000002 opens for reading (any value is taken).
+ * Returns a handle, or null if neither file can be read or memory runs out. */
 struct ts_qx_registry *QX_OpenRegistry(const char *pszMaster, const char *pszSlave, unsigned int uiFlags);
 
-/* Closes the handle and releases its values. A null handle is ignored. */
+/* Closes the handle and releases its values. Ignores null. */
 void QX_CloseRegistry(struct ts_qx_registry *pRegistry);
 
-/* ---- stored-file streams
- * ---------------------------------------------------------------------------------------- */
+/* ---- Stored-file streams */
 
-/* One packet of a stream, lent to the caller until pReleasePacket. */
+/* One packet of a stream. The stream lends it until pReleasePacket. */
 struct ts_qxapi_packet {
-    const unsigned char *pData; /* ASF: one data packet; TS: up to seven packets of 188 bytes */
-    unsigned int uiLength;      /* bytes */
+    /* ASF: one data packet. TS: up to seven packets of 188 bytes. */
+    const unsigned char *pData;
+    /* Bytes at pData. */
+    unsigned int uiLength;
 };
 
-/* A stored file read as packets, each due at its own time on a monotonic clock that starts with pStart. */
+/* A stored file, read as packets. Each packet is due at a time of its own, on a monotonic clock that starts
+ * with pStart. */
 struct ts_qxapi_stream {
-    /* Reads the file's head and starts the clock. Returns 1 started; 0 not (the reason is on standard error).
-     */
+    /* Reads the file's head and starts the clock. Returns 1 started, 0 not (the reason is on standard
+     * error). */
     int (*pStart)(struct ts_qxapi_stream *pStream);
-    /* Returns non-zero once every packet has been handed out, or the file cannot be read on. */
+    /* Returns non-zero once every packet has been handed out, or once the file can no longer be read. */
     int (*pIsAtEnd)(struct ts_qxapi_stream *pStream);
-    /* Returns the next packet when it is due, null when none is due yet or the stream is at its end. Packets
-     * that follow each other closely may come up to about a millisecond early, several at one waking. At most
-     * one packet is lent at a time. */
+    /* Returns the next packet once it is due. Returns null while none is due, while one is still lent, and
+     * at the end of the stream. Packets that follow each other closely may come about a millisecond early,
+     * so that the caller wakes once for several. */
     struct ts_qxapi_packet *(*pNextPacket)(struct ts_qxapi_stream *pStream);
     /* Takes a packet back. */
     void (*pReleasePacket)(struct ts_qxapi_stream *pStream, struct ts_qxapi_packet *pPacket);
 };
 
-/* Opens a stored file, ASF or MPEG transport stream by its content.
+/* Opens a stored file. Its content decides whether it is ASF or an MPEG transport stream.
  * Returns the stream, or null (the reason is on standard error). */
 struct ts_qxapi_stream *qxapi_open_stream(const char *pszFile);
 
@@ -134,65 +133,70 @@ struct ts_qxapi_stream_progress {
 /* Fills *pProgress for a started stream; called by the thread that reads it. Returns 1, or 0 (nothing known). */
 int qxapi_stream_progress(const struct ts_qxapi_stream *pStream, struct ts_qxapi_stream_progress *pProgress);
 
-/* Closes the file and releases the stream. A null stream is ignored. */
+/* Closes the file and releases the stream. Ignores null. */
 void qxapi_close_stream(struct ts_qxapi_stream *pStream);
 
-/* Gives up the processor while a stream has no packet due: until the next packet of the calling thread's
- * last asked stream is due, but no longer than a few milliseconds. */
+/* Pauses the calling thread while a stream has no packet due. The pause ends when the next packet is due of
+ * the stream that the thread asked last, and after a few milliseconds at the latest. */
 void qxapi_load_balance(void);
 
-/* ---- file casters
- * --------------------------------------------------------------------------------------------------- */
+/* ---- File casters */
 
 /* Sends ASF data packets as Media Stream Broadcast packets. */
 struct ts_qxapi_asfcast {
-    unsigned int uiMode; /* 0: the default playout mode, the only one here */
-    unsigned int uiHops; /* hop limit where the station file names none */
-    /* Takes group, port and format from the station file. uiFormatIndex: 0 the first format, else FormatN.
-     * Returns 1, or 0 (no such file, not a station file, no such format; the reason on standard error). */
+    /* 0: the default playout mode. There is no other. */
+    unsigned int uiMode;
+    /* The hop limit if the station file names none. */
+    unsigned int uiHops;
+    /* Takes group, port and format from the station file. uiFormatIndex: 0 the first format, N the one
+     * called FormatN. Returns 1, or 0 if the file cannot be read, is no station file or lacks the format
+     * (the reason is on standard error). */
     int (*pSetStation)(struct ts_qxapi_asfcast *pCaster, const char *pszNSC, unsigned int uiFormatIndex);
-    /* Sends to an explicit target instead of the station's group. Returns 1, or 0 for an invalid one. */
+    /* Sends to pszTarget instead of the station's group. Returns 1, or 0 if the target is invalid. */
     int (*pSetTarget)(struct ts_qxapi_asfcast *pCaster, const char *pszTarget, unsigned int uiPort);
-    /* Sends one data packet. Returns 1 sent; 0 no target is set; -1 the send failed (reason on standard
-     * error). */
+    /* Sends one data packet. Returns 1 sent, 0 no target is set, -1 the send failed (the reason is on
+     * standard error). */
     int (*pSend)(struct ts_qxapi_asfcast *pCaster, const unsigned char *pData, unsigned int uiLength);
 };
 
-/* Sends runs of transport stream packets, one UDP datagram each. */
+/* Sends runs of transport stream packets, each run as one UDP datagram. */
 struct ts_qxapi_tscast {
-    unsigned int uiMode; /* 0: the default playout mode, the only one here */
-    /* Opens the way out. pszAux: the sending interface (name or address), null for the default one;
-     * iReserved: -1; pszTarget: "address:port" or "address"; uiPort: the port when the text has none;
-     * uiHops: multicast hop limit. Returns 1, or 0 (the reason on standard error). */
+    /* 0: the default playout mode. There is no other. */
+    unsigned int uiMode;
+    /* Opens the socket to the target.
+     * pszAux: the sending interface (name or address), null for the default one. iReserved: -1.
+     * pszTarget: "address:port" or "address". uiPort: the port if the text has none. uiHops: multicast hop
+     * limit. Returns 1, or 0 (the reason is on standard error). */
     int (*pSetUp)(struct ts_qxapi_tscast *pCaster, const char *pszAux, int iReserved, const char *pszTarget,
                   unsigned int uiPort, unsigned int uiHops);
-    /* Sends one datagram. Returns 1 sent; 0 not set up; -1 the send failed (reason on standard error). */
+    /* Sends one datagram. Returns 1 sent, 0 not set up, -1 the send failed (the reason is on standard
+     * error). */
     int (*pSend)(struct ts_qxapi_tscast *pCaster, const unsigned char *pData, unsigned int uiLength);
 };
 
-/* Return a caster with no target yet, or null when memory runs out. The close calls release it and its
- * socket; a null caster is ignored. */
+/* The open calls return a caster without a target, or null if memory runs out. The close calls release the
+ * caster and its socket; they ignore null. */
 struct ts_qxapi_asfcast *qxapi_open_asfcast(void);
 void qxapi_close_asfcast(struct ts_qxapi_asfcast *pCaster);
 struct ts_qxapi_tscast *qxapi_open_tscast(void);
 void qxapi_close_tscast(struct ts_qxapi_tscast *pCaster);
 
-/* ---- log records, time, text
- * ------------------------------------------------------------------------------------------ */
+/* ---- Log records, time, text */
 
-/* Writes one record to the host's log: standard output, or the file that QX_LOG_FILE names (appended), as
- * "[pszTag] " and the formatted text; a newline is added where the text brings none. Returns the number of
- * bytes written, -1 on an error. */
+/* Writes one record to the host's log: "[pszTag] " and the formatted text, with a newline added if the text
+ * has none. The log is the file that QX_LOG_FILE names (the record is appended), else standard output.
+ * Returns the number of bytes written, -1 on an error. */
 int qxapi_log_printf(const char *pszTag, const char *pszFormat, ...) QXAPI_FORMAT(2, 3);
 
-/* The wall clock: seconds since the epoch and microseconds of the second. A null output is left out.
- * Returns 1. */
+/* Reads the wall clock: seconds since the epoch, and microseconds within that second. Either output may be
+ * null. Returns 1. */
 int qxapi_time_ex2(unsigned long *pulSeconds, unsigned long *pulMicroseconds);
 
-/* Local calendar fields of ulSeconds. Returns 1, or 0 when they cannot be had (*pLocal is then all zero). */
+/* Stores the local calendar fields of ulSeconds. Returns 1, or 0 if there are none; *pLocal is then all
+ * zero. */
 int qxapi_local_time(unsigned long ulSeconds, struct tm *pLocal);
 
-/* Return pszText when there is one, else "NULL" or pszFallback. */
+/* Both calls return pszText unless it is null. Else the first returns "NULL", the second pszFallback. */
 const char *qxapi_check_string(const char *pszText);
 const char *qxapi_check_string_ex(const char *pszText, const char *pszFallback);
 

@@ -1,8 +1,9 @@
 /* qxapi_ktn.h - libqxapi_ktn: KTNet, framed packets and datagrams over local stream sockets and UDP.
  *
- * An endpoint is used by the thread that made it; different endpoints may be used at the same time. All
- * results are signed: positive success, 0 nothing (a time-out), negative failure. A failure's reason goes to
- * standard error, a lasting one not more often than every ten seconds, and the errno value into uiError. */
+ * An endpoint belongs to the thread that made it. Different endpoints may be used at the same time.
+ * All results are signed: positive success, 0 nothing (a time-out), negative failure. A failure prints its
+ * reason on standard error and stores the errno value in uiError. The same line is printed again only after
+ * ten seconds. */
 #ifndef QXAPI_KTN_H
 #define QXAPI_KTN_H
 
@@ -13,30 +14,43 @@ extern "C" {
 #pragma GCC visibility push(default)
 #endif
 
-#define KTNET_KIND_LOCAL 0x80100u /* local stream socket on a file-system path */
-#define KTNET_KIND_UDP 0x10400u   /* UDP socket, multicast or unicast */
+/* ---- Records */
+
+/* Kinds of endpoint: a local stream socket on a file-system path; a UDP socket, multicast or unicast. */
+#define KTNET_KIND_LOCAL 0x80100u
+#define KTNET_KIND_UDP 0x10400u
 
 #define KTNET_ADDRESS_SIZE 128u
-#define KTNET_LOCAL_FRAME_MAX (1024u * 1024u) /* bytes of one frame on a local socket, header included */
-#define KTNET_UDP_FRAME_MAX 65507u            /* bytes of one UDP datagram, frame header included */
 
-/* Endpoint descriptor: made by ktn_xapi_ktnet_init_with_version or _accept, released by _delete. Fields named
- * iLibrary... and uiLibrary... are the library's own. */
+/* Bytes of the largest frame on a local socket and in a UDP datagram, frame header included. */
+#define KTNET_LOCAL_FRAME_MAX (1024u * 1024u)
+#define KTNET_UDP_FRAME_MAX 65507u
+
+/* Endpoint descriptor. ktn_xapi_ktnet_init_with_version and _accept make it, _delete releases it. Fields
+ * named iLibrary... and uiLibrary... belong to the library. */
 typedef struct KTNET_ENDPOINT {
     unsigned int uiLibraryMagic;
     int iLibraryMode;
     int iLibraryVersion;
-    unsigned int uiKind; /* KTNET_KIND_LOCAL or KTNET_KIND_UDP */
-    int iSocket;         /* -1 while there is none */
-    char
-        szPeer[KTNET_ADDRESS_SIZE]; /* socket path to connect to; group or address to send to or to receive */
-    char szLocal[KTNET_ADDRESS_SIZE]; /* socket path to listen on; address of the receiving interface */
-    unsigned int uiPort;              /* UDP port */
-    unsigned int uiListen;            /* 1 the receiving side, 0 the sending side */
-    unsigned int uiAux;               /* not used */
-    unsigned int uiTimeoutMs;         /* bounds each receive and each send of a frame as a whole */
+    /* KTNET_KIND_LOCAL or KTNET_KIND_UDP. */
+    unsigned int uiKind;
+    /* -1 while there is none. */
+    int iSocket;
+    /* Local: the socket path to connect to. UDP: the group or address to send to or to receive. */
+    char szPeer[KTNET_ADDRESS_SIZE];
+    /* Local: the socket path to listen on. UDP: the receiving interface, by name or address. */
+    char szLocal[KTNET_ADDRESS_SIZE];
+    /* UDP port. */
+    unsigned int uiPort;
+    /* 1 the receiving side, 0 the sending side. */
+    unsigned int uiListen;
+    /* Not used. */
+    unsigned int uiAux;
+    /* Bounds each receive of a frame, and each send, as a whole. */
+    unsigned int uiTimeoutMs;
     unsigned int uiLibraryFlags;
-    unsigned int uiError; /* errno of the last failure; the caller clears it */
+    /* errno of the last failure. The caller clears it. */
+    unsigned int uiError;
     unsigned int uiLibraryReserved;
 } KTNET_ENDPOINT;
 
@@ -46,12 +60,15 @@ typedef struct KTNET_PACKET {
     unsigned int uiService;
     unsigned int uiCommand;
     unsigned int uiParam;
-    unsigned long ulPayloadLen; /* bytes at pPayload */
+    /* Bytes at pPayload. */
+    unsigned long ulPayloadLen;
     unsigned long ulReserved;
     unsigned long ulUnused;
-    unsigned char *pPayload; /* a sender's own; a receiver's is allocated by the library (ktn_xapi_free) */
+    /* A sender's own. A receiver's is allocated by the library; ktn_xapi_free releases it. */
+    unsigned char *pPayload;
     unsigned long ulPayloadSize;
-    unsigned int uiStatus; /* errno of the last failure; the caller clears it */
+    /* errno of the last failure. The caller clears it. */
+    unsigned int uiStatus;
     unsigned int uiUnused[3];
 } KTNET_PACKET;
 
@@ -61,63 +78,67 @@ typedef struct KTNET_BUFFER {
     unsigned long ulBufferLen;
 } KTNET_BUFFER;
 
-/* Makes a descriptor with defaults (no socket, time-out 1000 ms) in *ppDesc, which is overwritten.
- * iMode: 0 or 1, kept for diagnosis; iVersion: 2. Returns 1; -1 (and *ppDesc null) for another version, no
- * slot or no memory. */
+/* ---- Life of an endpoint */
+
+/* Makes a descriptor with defaults (no socket, time-out 1000 ms). Overwrites *ppDesc with it.
+ * iMode: 0 or 1, kept for diagnosis. iVersion: 2.
+ * Returns 1; -1 for another version, a null ppDesc or a lack of memory (*ppDesc is then null). */
 int ktn_xapi_ktnet_init_with_version(KTNET_ENDPOINT **ppDesc, int iMode, int iVersion);
 
-/* Opens the socket that the descriptor describes and stores it in iSocket:
- * local, uiListen 1: a listening socket at szLocal, file mode 0600. A stale socket file of this user is
- *   replaced; anything else at the path (no socket, another user's, served by a live listener) is an error.
- * local, uiListen 0: a client socket for szPeer.
- * UDP, uiListen 0: sends to szPeer:uiPort; for a group through the interface that KTNET_MULTICAST_IF names
- *   (name or address), else the routing table's; receivers on this machine get a copy.
- * UDP, uiListen 1: receives what is sent to szPeer:uiPort: a group is joined on the interface of szLocal, an
- *   address of this machine is received as plain unicast.
+/* Opens the socket that the descriptor describes and stores it in iSocket.
+ * Local, uiListen 1: listens at szLocal, file mode 0600. Replaces a stale socket file of this user. Fails
+ * if the path holds anything else: no socket, another user's socket, or one that a live listener serves.
+ * Local, uiListen 0: makes a client socket for szPeer.
+ * UDP, uiListen 0: sends to szPeer:uiPort. To a group, KTNET_MULTICAST_IF names the sending interface (name
+ *   or address), else the routing table does; receivers on this machine get a copy.
+ * UDP, uiListen 1: receives what is sent to szPeer:uiPort. Joins a group on the interface of szLocal;
+ *   receives an address of this machine as plain unicast.
  * Returns 1, or a negative errno; the descriptor then has no socket. */
 int ktn_xapi_ktnet_create(KTNET_ENDPOINT *pDesc);
 
-/* Waits until iSocket is readable (a listener: a connection is pending), at most uiTimeoutMs.
- * Returns 1 readable, 0 time-out (also when a signal cut the wait short), a negative errno. */
-int ktn_xapi_rx_poll_socket(int iSocket, unsigned int uiTimeoutMs);
-
-/* Accepts one pending connection into a new descriptor in *ppConn with the listener's time-out. Returns 1; 0
- * the connection had gone; a negative errno. A peer of another user (root excepted) is refused: -EACCES. On
- * anything but 1 *ppConn is null. */
+/* Accepts one pending connection into a new descriptor in *ppConn. It inherits the listener's time-out.
+ * Returns 1; 0 if the connection has gone; a negative errno. Refuses a peer of another user with -EACCES,
+ * unless it is root. *ppConn is null for every result but 1. */
 int ktn_xapi_ktnet_accept(KTNET_ENDPOINT *pDesc, KTNET_ENDPOINT **ppConn);
-
-/* Receives one whole frame within uiTimeoutMs: header words, ulPayloadLen, and the payload in a buffer of the
- * library's (null when empty). Magic, version and length are checked before anything is allocated.
- * Returns 1; 0 the peer closed without a byte; a negative errno (-EPROTO no frame, -EMSGSIZE too long,
- * -ETIMEDOUT). pPayload is null unless 1 is returned. */
-int ktn_xapi_ktnet_rx_data(KTNET_ENDPOINT *pConn, KTNET_PACKET *pPacket);
 
 /* Connects a client descriptor to szPeer. Returns 1, or a negative errno. */
 int ktn_xapi_ktnet_connect(KTNET_ENDPOINT *pDesc);
 
-/* Sends header words and ulPayloadLen bytes at pPayload as one frame, on UDP as one datagram.
+/* Sets the multicast hop limit of a sending UDP socket. iFamily: 0 (IPv4). iHops: 0 to 255. iOn: 1 also
+ * sends a copy to receivers on this machine, 0 does not. Returns 1, or a negative errno. */
+int ktn_xapi_hops_socket(int iFamily, int iSocket, int iHops, int iOn);
+
+/* Closes the descriptor's socket; removes a listener's socket file. Returns 1, 0 if there was no socket. */
+int ktn_xapi_ktnet_close(KTNET_ENDPOINT *pDesc);
+
+/* Closes what is still open, releases the descriptor and sets *ppDesc to null. Returns 1, 0 if there was
+ * none. */
+int ktn_xapi_ktnet_delete(KTNET_ENDPOINT **ppDesc);
+
+/* ---- Transfer */
+
+/* Waits at most uiTimeoutMs until iSocket is readable. A listener is readable once a connection is pending.
+ * Returns 1 readable, 0 time-out (also if a signal cut the wait short), or a negative errno. */
+int ktn_xapi_rx_poll_socket(int iSocket, unsigned int uiTimeoutMs);
+
+/* Receives one whole frame within uiTimeoutMs: header words, ulPayloadLen and the payload. Allocates the
+ * payload's buffer, after it has checked magic, version and length; an empty payload has none.
+ * Returns 1; 0 if the peer closed without sending a byte; a negative errno (-EPROTO no frame, -EMSGSIZE too
+ * long, -ETIMEDOUT). pPayload is null for every result but 1. */
+int ktn_xapi_ktnet_rx_data(KTNET_ENDPOINT *pConn, KTNET_PACKET *pPacket);
+
+/* Sends the header words and ulPayloadLen bytes at pPayload as one frame. On UDP a frame is one datagram.
  * Returns 1, or a negative errno (-EMSGSIZE for a frame over the maximum of its kind). */
 int ktn_xapi_ktnet_tx_data(KTNET_ENDPOINT *pDesc, KTNET_PACKET *pPacket);
 
-/* Sends the buffer as one unframed datagram. iFlags: 0. Returns the bytes sent (1 for an empty buffer), or a
- * negative errno. Allocates nothing. */
+/* Sends the buffer as one unframed datagram. Allocates nothing. iFlags: 0.
+ * Returns the bytes sent (1 for an empty buffer), or a negative errno. */
 int ktn_xapi_ktnet_tx_a_packet(KTNET_ENDPOINT *pDesc, int iFlags, KTNET_BUFFER *pBuffer);
-
-/* Closes the descriptor's socket; a listener's socket file is removed. Returns 1, 0 when there was none. */
-int ktn_xapi_ktnet_close(KTNET_ENDPOINT *pDesc);
-
-/* Closes what is still open, releases the descriptor and empties *ppDesc. Returns 1, 0 when there was none.
- */
-int ktn_xapi_ktnet_delete(KTNET_ENDPOINT **ppDesc);
-
-/* Sets the multicast hop limit of a sending UDP socket. iFamily: 0 (IPv4); iHops: 0 to 255; iOn: 1 also keeps
- * the copy for receivers on this machine, 0 drops it. Returns 1, or a negative errno. */
-int ktn_xapi_hops_socket(int iFamily, int iSocket, int iHops, int iOn);
 
 /* Prints the header for diagnosis on standard output. */
 void ktn_xapi_dump_packet_info(const KTNET_PACKET *pPacket);
 
-/* Releases a payload of ktn_xapi_ktnet_rx_data. Null is ignored. */
+/* Releases a payload of ktn_xapi_ktnet_rx_data. Ignores null. */
 void ktn_xapi_free(void *pPayload);
 
 #if defined(__GNUC__)

@@ -1,7 +1,8 @@
-/* qxapi_ktn_frame.h - libqxapi_ktn: the bytes of a KTNet frame, for those who read frames from elsewhere (a
- * recorded or watched datagram) than a KTNet endpoint. The layout is described in docs/wire-formats.md.
+/* qxapi_ktn_frame.h - libqxapi_ktn: the bytes of a KTNet frame. For programs that take frames from
+ * elsewhere than a KTNet endpoint, such as a recorded or watched datagram. docs/wire-formats.md describes
+ * the layout.
  *
- * Every call is safe from any thread; nothing is allocated. */
+ * Every call is safe from any thread. Nothing is allocated. */
 #ifndef QXAPI_KTN_FRAME_H
 #define QXAPI_KTN_FRAME_H
 
@@ -12,17 +13,20 @@ extern "C" {
 #pragma GCC visibility push(default)
 #endif
 
-#define KTNET_FRAME_MAGIC 0x464E544Bu /* the bytes 'K' 'T' 'N' 'F' as a little-endian word */
+/* The bytes 'K' 'T' 'N' 'F' as a little-endian word. */
+#define KTNET_FRAME_MAGIC 0x464E544Bu
 #define KTNET_FRAME_VERSION 2u
 #define KTNET_FRAME_HEADER_SIZE 28u
 
-/* Results of decoding: KTNET_FRAME_GOOD, or which check failed. */
+/* Results of decoding: good, or the check that failed.
+ * SHORT: fewer bytes than a header. BAD_MAGIC: does not begin with the magic. BAD_VERSION: another version.
+ * BAD_HEADER: another header length. BAD_LENGTH: payload length and bytes present do not agree. */
 #define KTNET_FRAME_GOOD 1
-#define KTNET_FRAME_SHORT (-1)       /* fewer bytes than a header */
-#define KTNET_FRAME_BAD_MAGIC (-2)   /* does not begin with the magic */
-#define KTNET_FRAME_BAD_VERSION (-3) /* another version */
-#define KTNET_FRAME_BAD_HEADER (-4)  /* another header length */
-#define KTNET_FRAME_BAD_LENGTH (-5)  /* payload length and bytes present do not agree */
+#define KTNET_FRAME_SHORT (-1)
+#define KTNET_FRAME_BAD_MAGIC (-2)
+#define KTNET_FRAME_BAD_VERSION (-3)
+#define KTNET_FRAME_BAD_HEADER (-4)
+#define KTNET_FRAME_BAD_LENGTH (-5)
 
 /* What a frame says. */
 typedef struct KTNET_FRAME {
@@ -31,14 +35,16 @@ typedef struct KTNET_FRAME {
     unsigned int uiCommand;
     unsigned int uiParam;
     unsigned int uiPayloadLen;
-    const unsigned char *pPayload; /* inside the decoded bytes; null after decoding a header alone */
+    /* Points into the decoded bytes. Null if only the header was decoded. */
+    const unsigned char *pPayload;
 } KTNET_FRAME;
 
-/* Decodes the frame header at pBytes (at least KTNET_FRAME_HEADER_SIZE of the ulLength bytes); the payload
- * need not be there yet. Returns one of the results above; *pFrame is filled for KTNET_FRAME_GOOD only. */
+/* Decodes the frame header at pBytes. The payload need not be there yet.
+ * ulLength: bytes at pBytes, at least KTNET_FRAME_HEADER_SIZE.
+ * Returns one of the results above. Fills *pFrame for KTNET_FRAME_GOOD only. */
 int ktn_xapi_frame_decode_header(const unsigned char *pBytes, unsigned long ulLength, KTNET_FRAME *pFrame);
 
-/* Decodes one whole frame: header and payload, no byte more or less than ulLength. Returns as above. */
+/* Decodes one whole frame: header and payload, exactly ulLength bytes. Returns and fills as above. */
 int ktn_xapi_frame_decode(const unsigned char *pBytes, unsigned long ulLength, KTNET_FRAME *pFrame);
 
 /* Returns the text of a result, for messages. */

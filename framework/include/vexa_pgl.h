@@ -11,17 +11,19 @@ extern "C" {
 #pragma GCC visibility push(default)
 #endif
 
-/* Returns the wall clock in whole seconds since the epoch; stores it in *pTime too unless pTime is null. */
+/* Returns the wall clock in whole seconds since the epoch. Also stores it in *pTime unless pTime is null.
+ * */
 unsigned long vexa_time(unsigned long *pTime);
 
-/* Gives up the processor for a few milliseconds: the one pause of a polling loop. Short enough that a loop
- * of a few passes reacts within tens of milliseconds, long enough that idle loops cost next to nothing. */
+/* Pauses the calling thread for a few milliseconds; a polling loop calls it once a pass. The pause is
+ * short: a loop of a few passes still reacts within tens of milliseconds. It is long enough that idle loops
+ * cost next to nothing. */
 void vexa_load_balance(void);
 
-/* Returns non-zero once the process has been asked to break off. Does not clear it. */
+/* Returns non-zero once the process has been asked to break off. Does not clear the request. */
 int vexa_get_global_break(void);
 
-/* Sets (non-zero) or clears (0) the process-wide break. Async-signal-safe. */
+/* Sets (non-zero) or clears (0) the process-wide break flag. Async-signal-safe. */
 void vexa_set_global_break(int iBreak);
 
 #if defined(__GNUC__)

@@ -1,7 +1,9 @@
-// asfcast.cpp - sends ASF data packets as Media Stream Broadcast packets, to a station's group or a target.
+// asfcast.cpp - sends ASF data packets as Media Stream Broadcast (MSB) packets, to a station's group or a
+// target.
 //
-// Called by whoever plays a file, on one thread. A caster owns its socket. Receivers tell one playout from
-// the next by a bit of the stream id, which the process keeps from caster to caster.
+// Called by the player of a file, on one thread. A caster owns its socket. One bit of the stream id changes
+// with each playout, so that receivers tell one playout from the next. The process counts its playouts for
+// that bit.
 #include "casttarget.h"
 #include "nsc.h"
 #include "report.h"
@@ -18,60 +20,64 @@
 
 namespace {
 
-constexpr std::size_t MSB_HEADER = 8;
-constexpr unsigned int MSB_PACKET_MAX = 65507; // the most that an IPv4 datagram holds
-constexpr unsigned int STREAM_ID_TOGGLE = 0x8000;
+constexpr std::size_t kMsbHeaderSize = 8;
+constexpr unsigned int kMsbPacketMax = 65507; // the most that an IPv4 datagram holds
+constexpr unsigned int kStreamIdToggle = 0x8000;
 
 std::atomic<unsigned int> uiPlayouts{0}; // playouts of this process that have sent something
 
-struct ASFCAST : ts_qxapi_asfcast {
+struct AsfCaster : ts_qxapi_asfcast {
     int iSocket = -1;
-    CASTTARGET Target;
-    int iStationHops = -1;       // of the station file, -1 none
+    CastTarget target;
+    int iStationHops = -1;       // hop limit of the station file, -1 none
     unsigned int uiFormatID = 0; // of the station's format
     unsigned int uiPacketID = 0; // of the next packet
-    unsigned int uiToggle = 0;   // the playout's bit, settled with its first packet
-    bool bSettled = false;
+    unsigned int uiToggle = 0;   // the playout's bit of the stream id
+    bool bToggleChosen = false;  // the first packet chooses uiToggle
 };
 
-// Opens the way to Target and closes an earlier one. Returns 1, or 0 and leaves the earlier one (reported).
-int openTarget(ASFCAST &Caster, CASTTARGET Target, int iStationHops) {
-    const unsigned int uiHops = iStationHops >= 0 ? static_cast<unsigned int>(iStationHops) : Caster.uiHops;
+// Opens a socket to target and closes the earlier one. Returns 1. Returns 0 on failure (reported); the
+// earlier socket then stays.
+int openTarget(AsfCaster &caster, CastTarget target, int iStationHops) {
+    const unsigned int uiHops = iStationHops >= 0 ? static_cast<unsigned int>(iStationHops) : caster.uiHops;
     if (uiHops > 255) {
         frameworkReport("asfcast", "%s:%u: a hop limit of %u is above 255: nothing is sent there",
-                        Target.sAddress.c_str(), Target.usPort, uiHops);
+                        target.sAddress.c_str(), target.usPort, uiHops);
         return 0;
     }
     const int iSocket =
-        udpOpenSender(Target.sAddress.c_str(), Target.usPort, nullptr, static_cast<int>(uiHops));
-    if (iSocket < 0)
+        udpOpenSender(target.sAddress.c_str(), target.usPort, nullptr, static_cast<int>(uiHops));
+    if (iSocket < 0) {
         return 0;
-    if (Caster.iSocket >= 0)
-        close(Caster.iSocket);
-    Caster.iSocket = iSocket;
-    Caster.Target = std::move(Target);
+    }
+    if (caster.iSocket >= 0) {
+        close(caster.iSocket);
+    }
+    caster.iSocket = iSocket;
+    caster.target = std::move(target);
     return 1;
 }
 
 int setStation(ts_qxapi_asfcast *pCaster, const char *pszNSC, unsigned int uiFormatIndex) {
-    ASFCAST &Caster = *static_cast<ASFCAST *>(pCaster);
+    AsfCaster &caster = *static_cast<AsfCaster *>(pCaster);
     const char *pszFile = pszNSC ? pszNSC : "(no file named)";
     try {
         std::string sReason = "no station file is named";
-        NSCSTATION Station;
-        if (!pszNSC || !nscRead(pszNSC, Station, sReason)) {
+        NscStation station;
+        if (!pszNSC || !nscRead(pszNSC, station, sReason)) {
             frameworkReport("asfcast", "%s is no station to send from: %s", pszFile, sReason.c_str());
             return 0;
         }
-        const NSCFORMAT *pFormat = nscFindFormat(Station, uiFormatIndex);
+        const NscFormat *pFormat = nscFindFormat(station, uiFormatIndex);
         if (!pFormat) {
             frameworkReport("asfcast", "%s has no Format%u", pszFile, uiFormatIndex);
             return 0;
         }
-        if (!openTarget(Caster, {Station.sAddress, Station.usPort}, Station.iHops))
+        if (!openTarget(caster, {station.sAddress, station.usPort}, station.iHops)) {
             return 0;
-        Caster.iStationHops = Station.iHops;
-        Caster.uiFormatID = pFormat->uiFormatID;
+        }
+        caster.iStationHops = station.iHops;
+        caster.uiFormatID = pFormat->uiFormatID;
         return 1;
     } catch (const std::bad_alloc &) {
         frameworkReport("asfcast", "%s: no memory to read it", pszFile);
@@ -80,15 +86,15 @@ int setStation(ts_qxapi_asfcast *pCaster, const char *pszNSC, unsigned int uiFor
 }
 
 int setTarget(ts_qxapi_asfcast *pCaster, const char *pszTarget, unsigned int uiPort) {
-    ASFCAST &Caster = *static_cast<ASFCAST *>(pCaster);
+    AsfCaster &caster = *static_cast<AsfCaster *>(pCaster);
     try {
         std::string sReason;
-        CASTTARGET Target;
-        if (!castTargetParse(pszTarget, uiPort, Target, sReason)) {
+        CastTarget target;
+        if (!castTargetParse(pszTarget, uiPort, target, sReason)) {
             frameworkReport("asfcast", "%s: it is not taken as the target", sReason.c_str());
             return 0;
         }
-        return openTarget(Caster, std::move(Target), Caster.iStationHops);
+        return openTarget(caster, std::move(target), caster.iStationHops);
     } catch (const std::bad_alloc &) {
         frameworkReport("asfcast", "no memory to take a target");
         return 0;
@@ -98,8 +104,9 @@ int setTarget(ts_qxapi_asfcast *pCaster, const char *pszTarget, unsigned int uiP
 // Writes the header of an MSB packet of uiSize bytes, little-endian: packet id, stream id, size.
 void writeHeader(unsigned char *pHeader, unsigned int uiPacketID, unsigned int uiStreamID,
                  unsigned int uiSize) {
-    for (unsigned int ui = 0; ui < 4; ui++)
+    for (unsigned int ui = 0; ui < 4; ui++) {
         pHeader[ui] = static_cast<unsigned char>(uiPacketID >> 8 * ui);
+    }
     for (unsigned int ui = 0; ui < 2; ui++) {
         pHeader[4 + ui] = static_cast<unsigned char>(uiStreamID >> 8 * ui);
         pHeader[6 + ui] = static_cast<unsigned char>(uiSize >> 8 * ui);
@@ -107,37 +114,39 @@ void writeHeader(unsigned char *pHeader, unsigned int uiPacketID, unsigned int u
 }
 
 int sendPacket(ts_qxapi_asfcast *pCaster, const unsigned char *pData, unsigned int uiLength) {
-    ASFCAST &Caster = *static_cast<ASFCAST *>(pCaster);
-    if (Caster.iSocket < 0)
+    AsfCaster &caster = *static_cast<AsfCaster *>(pCaster);
+    if (caster.iSocket < 0) {
         return 0;
-    if (uiLength > MSB_PACKET_MAX - MSB_HEADER) {
+    }
+    if (uiLength > kMsbPacketMax - kMsbHeaderSize) {
         frameworkReport("asfcast", "%s:%u: a data packet of %u bytes is too large for a datagram",
-                        Caster.Target.sAddress.c_str(), Caster.Target.usPort, uiLength);
+                        caster.target.sAddress.c_str(), caster.target.usPort, uiLength);
         return -1;
     }
-    if (!Caster.bSettled) {
-        Caster.uiToggle = uiPlayouts.fetch_add(1, std::memory_order_relaxed) % 2 * STREAM_ID_TOGGLE;
-        Caster.bSettled = true;
+    if (!caster.bToggleChosen) {
+        caster.uiToggle = uiPlayouts.fetch_add(1, std::memory_order_relaxed) % 2 * kStreamIdToggle;
+        caster.bToggleChosen = true;
     }
-    unsigned char aHeader[MSB_HEADER];
-    const unsigned int uiSize = uiLength + static_cast<unsigned int>(MSB_HEADER);
-    writeHeader(aHeader, Caster.uiPacketID++, Caster.uiFormatID | Caster.uiToggle, uiSize);
-    iovec aPiece[2] = {{aHeader, MSB_HEADER}, {const_cast<unsigned char *>(pData), uiLength}};
-    msghdr Message{};
-    Message.msg_iov = aPiece;
-    Message.msg_iovlen = 2;
-    const int iSent = udpSendMessage(Caster.iSocket, Message);
-    if (iSent >= 0)
+    unsigned char aHeader[kMsbHeaderSize];
+    const unsigned int uiSize = uiLength + static_cast<unsigned int>(kMsbHeaderSize);
+    writeHeader(aHeader, caster.uiPacketID++, caster.uiFormatID | caster.uiToggle, uiSize);
+    iovec aPiece[2] = {{aHeader, kMsbHeaderSize}, {const_cast<unsigned char *>(pData), uiLength}};
+    msghdr message{};
+    message.msg_iov = aPiece;
+    message.msg_iovlen = 2;
+    const int iSent = udpSendMessage(caster.iSocket, message);
+    if (iSent >= 0) {
         return 1;
+    }
     frameworkReport("asfcast", "%s:%u: a packet of %u bytes cannot be sent: %s",
-                    Caster.Target.sAddress.c_str(), Caster.Target.usPort, uiSize, std::strerror(-iSent));
+                    caster.target.sAddress.c_str(), caster.target.usPort, uiSize, std::strerror(-iSent));
     return -1;
 }
 
 } // namespace
 
 ts_qxapi_asfcast *qxapi_open_asfcast(void) {
-    ASFCAST *pCaster = new (std::nothrow) ASFCAST{};
+    AsfCaster *pCaster = new (std::nothrow) AsfCaster{};
     if (pCaster) {
         pCaster->pSetStation = setStation;
         pCaster->pSetTarget = setTarget;
@@ -147,10 +156,12 @@ ts_qxapi_asfcast *qxapi_open_asfcast(void) {
 }
 
 void qxapi_close_asfcast(ts_qxapi_asfcast *pCaster) {
-    if (!pCaster)
+    if (!pCaster) {
         return;
-    ASFCAST *pOwn = static_cast<ASFCAST *>(pCaster);
-    if (pOwn->iSocket >= 0)
+    }
+    AsfCaster *pOwn = static_cast<AsfCaster *>(pCaster);
+    if (pOwn->iSocket >= 0) {
         close(pOwn->iSocket);
+    }
     delete pOwn;
 }

@@ -4,87 +4,92 @@
 
 namespace {
 
-using GUID = unsigned char[16];
+using Guid = unsigned char[16];
 
-constexpr GUID GUID_HEADER = {0x30, 0x26, 0xB2, 0x75, 0x8E, 0x66, 0xCF, 0x11,
+constexpr Guid kGuidHeader = {0x30, 0x26, 0xB2, 0x75, 0x8E, 0x66, 0xCF, 0x11,
                               0xA6, 0xD9, 0x00, 0xAA, 0x00, 0x62, 0xCE, 0x6C};
-constexpr GUID GUID_DATA = {0x36, 0x26, 0xB2, 0x75, 0x8E, 0x66, 0xCF, 0x11,
+constexpr Guid kGuidData = {0x36, 0x26, 0xB2, 0x75, 0x8E, 0x66, 0xCF, 0x11,
                             0xA6, 0xD9, 0x00, 0xAA, 0x00, 0x62, 0xCE, 0x6C};
-constexpr GUID GUID_FILE_PROPERTIES = {0xA1, 0xDC, 0xAB, 0x8C, 0x47, 0xA9, 0xCF, 0x11,
-                                       0x8E, 0xE4, 0x00, 0xC0, 0x0C, 0x20, 0x53, 0x65};
+constexpr Guid kGuidFileProperties = {0xA1, 0xDC, 0xAB, 0x8C, 0x47, 0xA9, 0xCF, 0x11,
+                                      0x8E, 0xE4, 0x00, 0xC0, 0x0C, 0x20, 0x53, 0x65};
 
-constexpr std::size_t OBJECT_HEADER = 24;    // GUID and size
-constexpr std::size_t HEADER_FIXED = 30;     // the header object before its first sub-object
-constexpr std::size_t FILE_PROPERTIES = 104; // the object's whole size
-constexpr unsigned int PACKET_MIN = 16;      // less has no room for a packet's own fields
-constexpr unsigned int PACKET_MAX = 65536;
-constexpr unsigned int OBJECTS_MAX = 64; // objects passed between header and data
+constexpr std::size_t kObjectHeaderSize = 24;    // GUID and size
+constexpr std::size_t kFixedHeaderSize = 30;     // bytes of the header object before its first sub-object
+constexpr std::size_t kFilePropertiesSize = 104; // the object's whole size
+constexpr unsigned int kPacketMin = 16;          // a smaller packet has no room for its own fields
+constexpr unsigned int kPacketMax = 65536;
+constexpr unsigned int kObjectsMax = 64; // objects between header and data that are skipped
 
 unsigned long long little(const unsigned char *p, unsigned int uiBytes) {
     unsigned long long ullValue = 0;
-    for (unsigned int ui = uiBytes; ui > 0; ui--)
+    for (unsigned int ui = uiBytes; ui > 0; ui--) {
         ullValue = ullValue << 8 | p[ui - 1];
+    }
     return ullValue;
 }
 
-bool readFileProperties(const unsigned char *p, ASFHEADER &Header, std::string &sReason) {
+bool readFileProperties(const unsigned char *p, AsfHeader &header, std::string &sReason) {
     const unsigned long long ullLeast = little(p + 92, 4);
     const unsigned long long ullMost = little(p + 96, 4);
-    Header.bBroadcast = (p[88] & 1) != 0;
-    Header.uiBitRate = static_cast<unsigned int>(little(p + 100, 4));
-    Header.uiPacketSize = static_cast<unsigned int>(ullMost);
-    if (ullLeast == ullMost && ullMost >= PACKET_MIN && ullMost <= PACKET_MAX)
+    header.bBroadcast = (p[88] & 1) != 0;
+    header.uiBitRate = static_cast<unsigned int>(little(p + 100, 4));
+    header.uiPacketSize = static_cast<unsigned int>(ullMost);
+    if (ullLeast == ullMost && ullMost >= kPacketMin && ullMost <= kPacketMax) {
         return true;
+    }
     sReason = "its header names packets of " + std::to_string(ullLeast) + " to " + std::to_string(ullMost) +
-              " bytes; one size of " + std::to_string(PACKET_MIN) + " to " + std::to_string(PACKET_MAX) +
+              " bytes; one size of " + std::to_string(kPacketMin) + " to " + std::to_string(kPacketMax) +
               " is needed";
     return false;
 }
 
-// Moves ulAt behind a field of 0, 1, 2 or 4 bytes, as the 2-bit type says.
+// Moves ulAt behind a field. The two bits of uiType give the field's length: 0, 1, 2 or 4 bytes.
+// Returns false if the packet ends before the field does.
 bool skipTyped(unsigned int uiType, std::size_t ulLength, std::size_t &ulAt) {
-    constexpr std::size_t SIZES[] = {0, 1, 2, 4};
-    ulAt += SIZES[uiType & 3];
+    constexpr std::size_t kFieldSizes[] = {0, 1, 2, 4};
+    ulAt += kFieldSizes[uiType & 3];
     return ulAt <= ulLength;
 }
 
 } // namespace
 
 bool asfRecognises(const unsigned char *pData, std::size_t ulLength) {
-    return ulLength >= sizeof GUID_HEADER && std::memcmp(pData, GUID_HEADER, sizeof GUID_HEADER) == 0;
+    return ulLength >= sizeof kGuidHeader && std::memcmp(pData, kGuidHeader, sizeof kGuidHeader) == 0;
 }
 
-bool asfReadHeader(FILEWINDOW &Window, ASFHEADER &Header, std::string &sReason) {
-    Header = ASFHEADER{};
+bool asfReadHeader(FileWindow &window, AsfHeader &header, std::string &sReason) {
+    header = AsfHeader{};
     std::size_t ulHave = 0;
-    const unsigned char *p = windowBytes(Window, 0, HEADER_FIXED, ulHave);
-    if (!asfRecognises(p, ulHave) || ulHave < HEADER_FIXED) {
+    const unsigned char *p = windowBytes(window, 0, kFixedHeaderSize, ulHave);
+    if (!asfRecognises(p, ulHave) || ulHave < kFixedHeaderSize) {
         sReason = "it does not begin with an ASF header";
         return false;
     }
-    Header.ullHeaderSize = little(p + 16, 8);
-    if (Header.ullHeaderSize < HEADER_FIXED || Header.ullHeaderSize > ASF_HEADER_MAX) {
-        sReason = "its header says that it is " + std::to_string(Header.ullHeaderSize) + " bytes long";
+    header.ullHeaderSize = little(p + 16, 8);
+    if (header.ullHeaderSize < kFixedHeaderSize || header.ullHeaderSize > kAsfHeaderMax) {
+        sReason = "its header says that it is " + std::to_string(header.ullHeaderSize) + " bytes long";
         return false;
     }
 
-    // The sub-objects, each at least its own header long: the walk ends with the header object.
+    // Walk the sub-objects. Each is at least as long as its own header, so the walk always ends.
     bool bFound = false;
-    unsigned long long ullAt = HEADER_FIXED;
-    while (!bFound && ullAt + OBJECT_HEADER <= Header.ullHeaderSize) {
-        p = windowBytes(Window, ullAt, FILE_PROPERTIES, ulHave);
-        if (ulHave < OBJECT_HEADER)
+    unsigned long long ullAt = kFixedHeaderSize;
+    while (!bFound && ullAt + kObjectHeaderSize <= header.ullHeaderSize) {
+        p = windowBytes(window, ullAt, kFilePropertiesSize, ulHave);
+        if (ulHave < kObjectHeaderSize) {
             break;
+        }
         const unsigned long long ullSize = little(p + 16, 8);
-        if (ullSize < OBJECT_HEADER || ullSize > Header.ullHeaderSize - ullAt) {
+        if (ullSize < kObjectHeaderSize || ullSize > header.ullHeaderSize - ullAt) {
             sReason = "an object of its header, at byte " + std::to_string(ullAt) + ", says that it is " +
                       std::to_string(ullSize) + " bytes long";
             return false;
         }
-        bFound = std::memcmp(p, GUID_FILE_PROPERTIES, sizeof(GUID)) == 0 && ullSize >= FILE_PROPERTIES &&
-                 ulHave >= FILE_PROPERTIES;
-        if (bFound && !readFileProperties(p, Header, sReason))
+        bFound = std::memcmp(p, kGuidFileProperties, sizeof(Guid)) == 0 && ullSize >= kFilePropertiesSize &&
+                 ulHave >= kFilePropertiesSize;
+        if (bFound && !readFileProperties(p, header, sReason)) {
             return false;
+        }
         ullAt += ullSize;
     }
     if (!bFound) {
@@ -92,19 +97,21 @@ bool asfReadHeader(FILEWINDOW &Window, ASFHEADER &Header, std::string &sReason) 
         return false;
     }
 
-    ullAt = Header.ullHeaderSize;
-    for (unsigned int ui = 0; ui < OBJECTS_MAX; ui++) {
-        p = windowBytes(Window, ullAt, ASF_DATA_HEADER, ulHave);
-        if (ulHave < OBJECT_HEADER)
+    ullAt = header.ullHeaderSize;
+    for (unsigned int ui = 0; ui < kObjectsMax; ui++) {
+        p = windowBytes(window, ullAt, kAsfDataHeaderSize, ulHave);
+        if (ulHave < kObjectHeaderSize) {
             break;
+        }
         const unsigned long long ullSize = little(p + 16, 8);
-        if (std::memcmp(p, GUID_DATA, sizeof(GUID)) == 0 && ulHave >= ASF_DATA_HEADER) {
-            Header.ullDataOffset = ullAt;
-            Header.ullDataSize = ullSize;
+        if (std::memcmp(p, kGuidData, sizeof(Guid)) == 0 && ulHave >= kAsfDataHeaderSize) {
+            header.ullDataOffset = ullAt;
+            header.ullDataSize = ullSize;
             return true;
         }
-        if (ullSize < OBJECT_HEADER || ullSize > (1ULL << 62) || ullAt > (1ULL << 62))
+        if (ullSize < kObjectHeaderSize || ullSize > (1ULL << 62) || ullAt > (1ULL << 62)) {
             break;
+        }
         ullAt += ullSize;
     }
     sReason = "no data object follows its header";
@@ -113,25 +120,30 @@ bool asfReadHeader(FILEWINDOW &Window, ASFHEADER &Header, std::string &sReason) 
 
 bool asfReadSendTime(const unsigned char *pPacket, std::size_t ulLength, unsigned int &uiSendTime) {
     std::size_t ulAt = 0;
-    if (ulLength < PACKET_MIN)
+    if (ulLength < kPacketMin) {
         return false;
+    }
     if (pPacket[0] & 0x80) {
-        // Error correction data: its length in the low nibble, and neither another length type nor a packet
-        // that is all error correction.
-        if ((pPacket[0] & 0x70) != 0)
+        // Error correction data comes first, with its length in the low nibble. The bits above it must be
+        // 0: they mean another type of length, or a packet of error correction alone.
+        if ((pPacket[0] & 0x70) != 0) {
             return false;
+        }
         ulAt = 1 + (pPacket[0] & 0x0FU);
     }
-    if (ulAt + 2 > ulLength)
+    if (ulAt + 2 > ulLength) {
         return false;
+    }
     const unsigned int uiTypes = pPacket[ulAt];
     ulAt += 2;
     for (const unsigned int uiShift : {5U, 1U, 3U}) { // packet length, sequence, padding length
-        if (!skipTyped(uiTypes >> uiShift, ulLength, ulAt))
+        if (!skipTyped(uiTypes >> uiShift, ulLength, ulAt)) {
             return false;
+        }
     }
-    if (ulAt + 6 > ulLength) // send time and duration
+    if (ulAt + 6 > ulLength) { // send time and duration
         return false;
+    }
     uiSendTime = static_cast<unsigned int>(little(pPacket + ulAt, 4));
     return true;
 }

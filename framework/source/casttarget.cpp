@@ -5,15 +5,16 @@
 #include <cctype>
 
 bool castTargetCheckAddress(const std::string &sAddress, std::string &sReason) {
-    in_addr Address{};
-    if (inet_pton(AF_INET, sAddress.c_str(), &Address) == 1 && sAddress.find('\0') == std::string::npos &&
-        Address.s_addr != htonl(INADDR_ANY))
+    in_addr address{};
+    if (inet_pton(AF_INET, sAddress.c_str(), &address) == 1 && sAddress.find('\0') == std::string::npos &&
+        address.s_addr != htonl(INADDR_ANY)) {
         return true;
+    }
     sReason = "\"" + sAddress.substr(0, 40) + "\" is no IPv4 address to send to";
     return false;
 }
 
-bool castTargetParse(const char *pszTarget, unsigned int uiPort, CASTTARGET &Target, std::string &sReason) {
+bool castTargetParse(const char *pszTarget, unsigned int uiPort, CastTarget &target, std::string &sReason) {
     if (!pszTarget || !*pszTarget) {
         sReason = "no target is named";
         return false;
@@ -32,8 +33,9 @@ bool castTargetParse(const char *pszTarget, unsigned int uiPort, CASTTARGET &Tar
         sReason = "\"" + sTarget.substr(0, 40) + "\" has no port from 1 to 65535";
         return false;
     }
-    if (!castTargetCheckAddress(sTarget.substr(0, ulColon), sReason))
+    if (!castTargetCheckAddress(sTarget.substr(0, ulColon), sReason)) {
         return false;
-    Target = {sTarget.substr(0, ulColon), static_cast<unsigned short>(ulPort)};
+    }
+    target = {sTarget.substr(0, ulColon), static_cast<unsigned short>(ulPort)};
     return true;
 }

@@ -1,4 +1,4 @@
-// casttarget.h - the target of a cast as text: an IPv4 address, and a port.
+// casttarget.h - reads the target of a cast from text: an IPv4 address and a port.
 //
 // Used by the casters and by the station files. No state.
 #ifndef FRAMEWORK_CASTTARGET_H
@@ -6,16 +6,16 @@
 
 #include <string>
 
-struct CASTTARGET {
+struct CastTarget {
     std::string sAddress;
     unsigned short usPort = 0;
 };
 
-// Whether sAddress is an IPv4 address that can be sent to. Returns false and the reason when it is not.
+// Returns whether sAddress is an IPv4 address to which datagrams can go. If not, sReason takes the reason.
 bool castTargetCheckAddress(const std::string &sAddress, std::string &sReason);
 
-// Reads "address:port" or "address", the port then being uiPort. Returns false and the reason when it is
-// none.
-bool castTargetParse(const char *pszTarget, unsigned int uiPort, CASTTARGET &Target, std::string &sReason);
+// Reads "address:port", or "address" with the port uiPort. Returns false and the reason if the text is
+// neither.
+bool castTargetParse(const char *pszTarget, unsigned int uiPort, CastTarget &target, std::string &sReason);
 
 #endif

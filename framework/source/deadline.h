@@ -1,4 +1,4 @@
-// deadline.h - a time-out that bounds several waits as a whole, on the monotonic clock.
+// deadline.h - one time-out for several waits together, on the monotonic clock.
 #ifndef FRAMEWORK_DEADLINE_H
 #define FRAMEWORK_DEADLINE_H
 
@@ -6,18 +6,18 @@
 #include <chrono>
 #include <climits>
 
-using DEADLINE = std::chrono::steady_clock::time_point;
+using Deadline = std::chrono::steady_clock::time_point;
 
-inline DEADLINE deadlineIn(unsigned int uiTimeoutMs) {
+inline Deadline deadlineIn(unsigned int uiTimeoutMs) {
     return std::chrono::steady_clock::now() + std::chrono::milliseconds(uiTimeoutMs);
 }
 
-// What is left, in milliseconds as poll() takes them, rounded up so that a wait never spins; 0 when it is
-// over.
-inline int deadlineLeft(DEADLINE Deadline) {
-    const auto Left =
-        std::chrono::ceil<std::chrono::milliseconds>(Deadline - std::chrono::steady_clock::now()).count();
-    return static_cast<int>(std::clamp<long long>(Left, 0, INT_MAX));
+// Returns the milliseconds left, as poll() takes them; 0 once the deadline is over. Rounds up, so that a
+// wait for the last part of a millisecond does not spin.
+inline int deadlineLeft(Deadline deadline) {
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
+    return static_cast<int>(std::clamp<long long>(left, 0, INT_MAX));
 }
 
 #endif

@@ -10,8 +10,7 @@
 
 namespace {
 
-constexpr off_t READ_AHEAD =
-    1024 * 1024; // asked of the system ahead of the buffer, so that reads do not wait
+constexpr off_t kReadAhead = off_t{1024} * 1024; // bytes that the system reads ahead, so that no read waits
 
 const char *kindOfFile(mode_t uiMode) {
     switch (uiMode & S_IFMT) {
@@ -32,76 +31,85 @@ const char *kindOfFile(mode_t uiMode) {
 } // namespace
 
 int fileOpenRegular(const char *pszFile, std::string &sReason) {
-    // A socket and some devices refuse to be opened in words that say little, so the kind is looked at first.
-    struct stat Status {};
-    if (stat(pszFile, &Status) != 0) {
+    // Look at the kind first: for a socket and some devices, the error of open() says little.
+    struct stat status {};
+    if (stat(pszFile, &status) != 0) {
         sReason = std::string("it cannot be opened: ") + std::strerror(errno);
         return -1;
     }
     int iFile = -1;
-    if (S_ISREG(Status.st_mode)) {
+    if (S_ISREG(status.st_mode)) {
         iFile = open(pszFile, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-        if (iFile < 0 || fstat(iFile, &Status) != 0) {
+        if (iFile < 0 || fstat(iFile, &status) != 0) {
             sReason = std::string("it cannot be opened: ") + std::strerror(errno);
-            if (iFile >= 0)
+            if (iFile >= 0) {
                 close(iFile);
+            }
             return -1;
         }
     }
-    if (!S_ISREG(Status.st_mode)) {
-        sReason = std::string("it is ") + kindOfFile(Status.st_mode) + ", not a regular file";
-        if (iFile >= 0)
+    if (!S_ISREG(status.st_mode)) {
+        sReason = std::string("it is ") + kindOfFile(status.st_mode) + ", not a regular file";
+        if (iFile >= 0) {
             close(iFile);
+        }
         return -1;
     }
     return iFile;
 }
 
-void windowOpen(FILEWINDOW &Window, int iFile, std::size_t ulSize) {
-    Window.iFile = iFile;
-    Window.ullOffset = 0;
-    Window.ulLength = 0;
-    Window.iError = 0;
-    Window.Buffer.resize(ulSize);
+void windowOpen(FileWindow &window, int iFile, std::size_t ulSize) {
+    window.iFile = iFile;
+    window.ullOffset = 0;
+    window.ulLength = 0;
+    window.iError = 0;
+    window.buffer.resize(ulSize);
 }
 
-const unsigned char *windowBytes(FILEWINDOW &Window, unsigned long long ullOffset, std::size_t ulNeed,
+const unsigned char *windowBytes(FileWindow &window, unsigned long long ullOffset, std::size_t ulNeed,
                                  std::size_t &ulHave) {
     ulHave = 0;
-    if (ullOffset >= Window.ullOffset && ullOffset - Window.ullOffset <= Window.ulLength)
-        ulHave = Window.ulLength - static_cast<std::size_t>(ullOffset - Window.ullOffset);
+    if (ullOffset >= window.ullOffset && ullOffset - window.ullOffset <= window.ulLength) {
+        ulHave = window.ulLength - static_cast<std::size_t>(ullOffset - window.ullOffset);
+    }
     if (ulHave < ulNeed && ullOffset < static_cast<unsigned long long>(std::numeric_limits<off_t>::max())) {
-        // What is held already is kept, the rest read behind it.
-        if (ulHave > 0)
-            std::memmove(Window.Buffer.data(), Window.Buffer.data() + (ullOffset - Window.ullOffset), ulHave);
-        Window.ullOffset = ullOffset;
-        while (ulHave < Window.Buffer.size()) {
+        // Keep the bytes that are here already and read the rest behind them.
+        if (ulHave > 0) {
+            std::memmove(window.buffer.data(), window.buffer.data() + (ullOffset - window.ullOffset), ulHave);
+        }
+        window.ullOffset = ullOffset;
+        while (ulHave < window.buffer.size()) {
             const ssize_t lRead =
-                pread(Window.iFile, Window.Buffer.data() + ulHave, Window.Buffer.size() - ulHave,
+                pread(window.iFile, window.buffer.data() + ulHave, window.buffer.size() - ulHave,
                       static_cast<off_t>(ullOffset + ulHave));
-            if (lRead < 0 && errno == EINTR)
+            if (lRead < 0 && errno == EINTR) {
                 continue;
-            if (lRead < 0)
-                Window.iError = errno;
-            if (lRead <= 0)
+            }
+            if (lRead < 0) {
+                window.iError = errno;
+            }
+            if (lRead <= 0) {
                 break;
+            }
             ulHave += static_cast<std::size_t>(lRead);
         }
-        Window.ulLength = ulHave;
-        if (ulHave == Window.Buffer.size())
-            posix_fadvise(Window.iFile, static_cast<off_t>(ullOffset + ulHave), READ_AHEAD,
+        window.ulLength = ulHave;
+        if (ulHave == window.buffer.size()) {
+            posix_fadvise(window.iFile, static_cast<off_t>(ullOffset + ulHave), kReadAhead,
                           POSIX_FADV_WILLNEED);
+        }
     }
-    if (ullOffset < Window.ullOffset || ullOffset - Window.ullOffset > Window.ulLength) {
-        ulHave = 0; // beyond what a file can have
-        return Window.Buffer.data();
+    if (ullOffset < window.ullOffset || ullOffset - window.ullOffset > window.ulLength) {
+        ulHave = 0; // no file reaches this offset
+        return window.buffer.data();
     }
-    return Window.Buffer.data() + (ullOffset - Window.ullOffset);
+    return window.buffer.data() + (ullOffset - window.ullOffset);
 }
 
-unsigned long long windowSkipHole(const FILEWINDOW &Window, unsigned long long ullOffset) {
-    off_t lData = lseek(Window.iFile, static_cast<off_t>(ullOffset), SEEK_DATA);
-    if (lData < 0 && errno == ENXIO)
-        lData = lseek(Window.iFile, 0, SEEK_END);
+unsigned long long windowSkipHole(const FileWindow &window, unsigned long long ullOffset) {
+    off_t lData = lseek(window.iFile, static_cast<off_t>(ullOffset), SEEK_DATA);
+    if (lData < 0 && errno == ENXIO) {
+        lData = lseek(window.iFile, 0, SEEK_END);
+    }
     return std::max(ullOffset, static_cast<unsigned long long>(std::max<off_t>(lData, 0)));
 }

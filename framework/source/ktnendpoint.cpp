@@ -1,6 +1,6 @@
-// ktnendpoint.cpp - libqxapi_ktn: the life of an endpoint, from descriptor to socket and back.
+// ktnendpoint.cpp - libqxapi_ktn: makes, opens, connects, closes and releases endpoints.
 //
-// Called on the thread that owns the endpoint. What goes through an open endpoint is in ktntransfer.cpp.
+// Called on the thread that owns the endpoint. ktntransfer.cpp sends and receives on an open one.
 #include "ktnendpoint.h"
 
 #include "report.h"
@@ -18,11 +18,11 @@
 
 namespace {
 
-constexpr unsigned int MAGIC = 0x4B544E45;
-constexpr int VERSION = 2;
-constexpr unsigned int DEFAULT_TIMEOUT_MS = 1000;
+constexpr unsigned int kMagic = 0x4B544E45;
+constexpr int kVersion = 2;
+constexpr unsigned int kDefaultTimeoutMs = 1000;
 
-// What callers built against the record rely on.
+// Compiled callers rely on these offsets.
 static_assert(offsetof(KTNET_ENDPOINT, uiKind) == 12 && offsetof(KTNET_ENDPOINT, iSocket) == 16);
 static_assert(offsetof(KTNET_ENDPOINT, szPeer) == 20 && offsetof(KTNET_ENDPOINT, szLocal) == 148);
 static_assert(offsetof(KTNET_ENDPOINT, uiPort) == 276 && offsetof(KTNET_ENDPOINT, uiListen) == 280);
@@ -32,54 +32,56 @@ static_assert(sizeof(KTNET_PACKET) == 72 && offsetof(KTNET_PACKET, ulPayloadLen)
 static_assert(offsetof(KTNET_PACKET, ulReserved) == 24 && offsetof(KTNET_PACKET, pPayload) == 40);
 static_assert(offsetof(KTNET_PACKET, ulPayloadSize) == 48 && offsetof(KTNET_PACKET, uiStatus) == 56);
 static_assert(offsetof(KTNET_BUFFER, ulBufferLen) == 8);
-static_assert(offsetof(KTN_ENDPOINT, Public) == 0);
+static_assert(offsetof(KtnEndpoint, descriptor) == 0);
 
-// The transfer calls wait within uiTimeoutMs themselves; this bounds those who read or send on the socket
-// directly, and a send that the network holds up.
+// Bounds the socket's own reads and sends. The transfer calls keep to uiTimeoutMs themselves; a caller that
+// uses the socket directly does not, nor does a send that the network holds up.
 void boundTransfers(int iSocket, unsigned int uiTimeoutMs) {
     const unsigned int uiBound = uiTimeoutMs == 0 ? 1 : uiTimeoutMs;
-    const timeval Bound{uiBound / 1000, uiBound % 1000 * 1000};
-    setsockopt(iSocket, SOL_SOCKET, SO_RCVTIMEO, &Bound, sizeof Bound);
-    setsockopt(iSocket, SOL_SOCKET, SO_SNDTIMEO, &Bound, sizeof Bound);
+    const timeval bound{uiBound / 1000, suseconds_t{uiBound % 1000} * 1000};
+    setsockopt(iSocket, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);
+    setsockopt(iSocket, SOL_SOCKET, SO_SNDTIMEO, &bound, sizeof bound);
 }
 
-int openUdp(const KTNET_ENDPOINT &Desc) {
-    if (Desc.uiPort > 0xFFFF) {
-        frameworkReport("ktn_xapi_ktnet_create", "%s: %u is no UDP port", Desc.szPeer, Desc.uiPort);
+int openUdp(const KTNET_ENDPOINT &desc) {
+    if (desc.uiPort > 0xFFFF) {
+        frameworkReport("ktn_xapi_ktnet_create", "%s: %u is no UDP port", desc.szPeer, desc.uiPort);
         return -EINVAL;
     }
-    const auto usPort = static_cast<unsigned short>(Desc.uiPort);
-    const int iSocket = Desc.uiListen != 0 ? udpOpenReceiver(Desc.szPeer, usPort, Desc.szLocal)
-                                           : udpOpenSender(Desc.szPeer, usPort, nullptr, -1);
-    if (iSocket >= 0)
-        boundTransfers(iSocket, Desc.uiTimeoutMs);
+    const auto usPort = static_cast<unsigned short>(desc.uiPort);
+    const int iSocket = desc.uiListen != 0 ? udpOpenReceiver(desc.szPeer, usPort, desc.szLocal)
+                                           : udpOpenSender(desc.szPeer, usPort, nullptr, -1);
+    if (iSocket >= 0) {
+        boundTransfers(iSocket, desc.uiTimeoutMs);
+    }
     return iSocket;
 }
 
 bool isTerminated(const char *pszText) {
-    return memchr(pszText, 0, KTNET_ADDRESS_SIZE) != nullptr;
+    return std::memchr(pszText, 0, KTNET_ADDRESS_SIZE) != nullptr;
 }
 
 } // namespace
 
-KTN_ENDPOINT *ktnEndpoint(KTNET_ENDPOINT *pDesc) {
-    if (pDesc == nullptr || pDesc->uiLibraryMagic != MAGIC)
+KtnEndpoint *ktnEndpoint(KTNET_ENDPOINT *pDesc) {
+    if (pDesc == nullptr || pDesc->uiLibraryMagic != kMagic) {
         return nullptr;
-    return reinterpret_cast<KTN_ENDPOINT *>(pDesc);
+    }
+    return reinterpret_cast<KtnEndpoint *>(pDesc);
 }
 
 KTNET_ENDPOINT *ktnEndpointNew(int iMode, int iVersion) {
-    auto *pEndpoint = new (std::nothrow) KTN_ENDPOINT{};
+    auto *pEndpoint = new (std::nothrow) KtnEndpoint{};
     if (pEndpoint == nullptr) {
         frameworkReport("ktn_xapi_ktnet_init_with_version", "no memory for an endpoint");
         return nullptr;
     }
-    pEndpoint->Public.uiLibraryMagic = MAGIC;
-    pEndpoint->Public.iLibraryMode = iMode;
-    pEndpoint->Public.iLibraryVersion = iVersion;
-    pEndpoint->Public.iSocket = -1;
-    pEndpoint->Public.uiTimeoutMs = DEFAULT_TIMEOUT_MS;
-    return &pEndpoint->Public;
+    pEndpoint->descriptor.uiLibraryMagic = kMagic;
+    pEndpoint->descriptor.iLibraryMode = iMode;
+    pEndpoint->descriptor.iLibraryVersion = iVersion;
+    pEndpoint->descriptor.iSocket = -1;
+    pEndpoint->descriptor.uiTimeoutMs = kDefaultTimeoutMs;
+    return &pEndpoint->descriptor;
 }
 
 int ktnFailed(KTNET_ENDPOINT *pDesc, int iErrno) {
@@ -88,12 +90,13 @@ int ktnFailed(KTNET_ENDPOINT *pDesc, int iErrno) {
 }
 
 int ktn_xapi_ktnet_init_with_version(KTNET_ENDPOINT **ppDesc, int iMode, int iVersion) {
-    if (ppDesc == nullptr)
+    if (ppDesc == nullptr) {
         return -1;
+    }
     *ppDesc = nullptr;
-    if (iVersion != VERSION) {
+    if (iVersion != kVersion) {
         frameworkReport("ktn_xapi_ktnet_init_with_version", "version %d is asked for, this library has %d",
-                        iVersion, VERSION);
+                        iVersion, kVersion);
         return -1;
     }
     *ppDesc = ktnEndpointNew(iMode, iVersion);
@@ -101,9 +104,10 @@ int ktn_xapi_ktnet_init_with_version(KTNET_ENDPOINT **ppDesc, int iMode, int iVe
 }
 
 int ktn_xapi_ktnet_create(KTNET_ENDPOINT *pDesc) {
-    KTN_ENDPOINT *pEndpoint = ktnEndpoint(pDesc);
-    if (pEndpoint == nullptr)
+    KtnEndpoint *pEndpoint = ktnEndpoint(pDesc);
+    if (pEndpoint == nullptr) {
         return -EINVAL;
+    }
     if (pDesc->iSocket >= 0) {
         frameworkReport("ktn_xapi_ktnet_create", "the endpoint has a socket already");
         return ktnFailed(pDesc, EALREADY);
@@ -114,33 +118,40 @@ int ktn_xapi_ktnet_create(KTNET_ENDPOINT *pDesc) {
         return ktnFailed(pDesc, ENAMETOOLONG);
     }
     int iSocket = -EINVAL;
-    if (pDesc->uiKind == KTNET_KIND_UDP)
+    if (pDesc->uiKind == KTNET_KIND_UDP) {
         iSocket = openUdp(*pDesc);
-    else if (pDesc->uiKind != KTNET_KIND_LOCAL)
+    } else if (pDesc->uiKind != KTNET_KIND_LOCAL) {
         frameworkReport("ktn_xapi_ktnet_create", "there is no endpoint of kind 0x%x", pDesc->uiKind);
-    else if (pDesc->uiListen != 0)
-        iSocket = ktnLocalListen(pDesc->szLocal, pDesc->uiTimeoutMs, pEndpoint->SocketFile);
-    else
+    } else if (pDesc->uiListen != 0) {
+        iSocket = ktnLocalListen(pDesc->szLocal, pDesc->uiTimeoutMs, pEndpoint->socketFile);
+    } else {
         iSocket = ktnLocalClient();
-    if (iSocket < 0)
+    }
+    if (iSocket < 0) {
         return ktnFailed(pDesc, -iSocket);
+    }
     pDesc->iSocket = iSocket;
     return 1;
 }
 
 int ktn_xapi_ktnet_accept(KTNET_ENDPOINT *pDesc, KTNET_ENDPOINT **ppConn) {
-    if (ppConn == nullptr)
+    if (ppConn == nullptr) {
         return -EINVAL;
+    }
     *ppConn = nullptr;
-    if (ktnEndpoint(pDesc) == nullptr)
+    if (ktnEndpoint(pDesc) == nullptr) {
         return -EINVAL;
-    if (pDesc->uiKind != KTNET_KIND_LOCAL || pDesc->uiListen == 0)
+    }
+    if (pDesc->uiKind != KTNET_KIND_LOCAL || pDesc->uiListen == 0) {
         return ktnFailed(pDesc, EOPNOTSUPP);
+    }
     const int iSocket = ktnLocalAccept(pDesc->iSocket);
-    if (iSocket == -EAGAIN)
+    if (iSocket == -EAGAIN) {
         return 0;
-    if (iSocket < 0)
+    }
+    if (iSocket < 0) {
         return ktnFailed(pDesc, -iSocket);
+    }
     KTNET_ENDPOINT *pConn = ktnEndpointNew(pDesc->iLibraryMode, pDesc->iLibraryVersion);
     if (pConn == nullptr) {
         close(iSocket);
@@ -154,47 +165,54 @@ int ktn_xapi_ktnet_accept(KTNET_ENDPOINT *pDesc, KTNET_ENDPOINT **ppConn) {
 }
 
 int ktn_xapi_ktnet_connect(KTNET_ENDPOINT *pDesc) {
-    if (ktnEndpoint(pDesc) == nullptr)
+    if (ktnEndpoint(pDesc) == nullptr) {
         return -EINVAL;
-    if (pDesc->uiKind != KTNET_KIND_LOCAL || pDesc->uiListen != 0)
+    }
+    if (pDesc->uiKind != KTNET_KIND_LOCAL || pDesc->uiListen != 0) {
         return ktnFailed(pDesc, EOPNOTSUPP);
-    if (!isTerminated(pDesc->szPeer))
+    }
+    if (!isTerminated(pDesc->szPeer)) {
         return ktnFailed(pDesc, ENAMETOOLONG);
+    }
     const int iResult = ktnLocalConnect(pDesc->iSocket, pDesc->szPeer, pDesc->uiTimeoutMs);
     return iResult < 0 ? ktnFailed(pDesc, -iResult) : 1;
 }
 
 int ktn_xapi_ktnet_close(KTNET_ENDPOINT *pDesc) {
-    KTN_ENDPOINT *pEndpoint = ktnEndpoint(pDesc);
-    if (pEndpoint == nullptr || pDesc->iSocket < 0)
+    KtnEndpoint *pEndpoint = ktnEndpoint(pDesc);
+    if (pEndpoint == nullptr || pDesc->iSocket < 0) {
         return 0;
-    ktnLocalRemove(pEndpoint->SocketFile);
+    }
+    ktnLocalRemove(pEndpoint->socketFile);
     close(pDesc->iSocket);
     pDesc->iSocket = -1;
     return 1;
 }
 
 int ktn_xapi_ktnet_delete(KTNET_ENDPOINT **ppDesc) {
-    if (ppDesc == nullptr || ktnEndpoint(*ppDesc) == nullptr)
+    if (ppDesc == nullptr || ktnEndpoint(*ppDesc) == nullptr) {
         return 0;
+    }
     ktn_xapi_ktnet_close(*ppDesc);
-    KTN_ENDPOINT *pEndpoint = ktnEndpoint(*ppDesc);
-    pEndpoint->Public.uiLibraryMagic = 0;
+    KtnEndpoint *pEndpoint = ktnEndpoint(*ppDesc);
+    pEndpoint->descriptor.uiLibraryMagic = 0;
     delete pEndpoint;
     *ppDesc = nullptr;
     return 1;
 }
 
 int ktn_xapi_hops_socket(int iFamily, int iSocket, int iHops, int iOn) {
-    if (iFamily != 0 && iFamily != AF_INET)
+    if (iFamily != 0 && iFamily != AF_INET) {
         return -EAFNOSUPPORT;
-    if (iHops < 0 || iHops > 255)
+    }
+    if (iHops < 0 || iHops > 255) {
         return -EINVAL;
+    }
     const int iLoop = iOn != 0 ? 1 : 0;
     if (setsockopt(iSocket, IPPROTO_IP, IP_MULTICAST_TTL, &iHops, sizeof iHops) != 0 ||
         setsockopt(iSocket, IPPROTO_IP, IP_MULTICAST_LOOP, &iLoop, sizeof iLoop) != 0) {
         const int iErrno = errno;
-        frameworkReport("ktn_xapi_hops_socket", "hop limit %d not set: %s", iHops, strerror(iErrno));
+        frameworkReport("ktn_xapi_hops_socket", "hop limit %d not set: %s", iHops, std::strerror(iErrno));
         return -iErrno;
     }
     return 1;
@@ -202,14 +220,14 @@ int ktn_xapi_hops_socket(int iFamily, int iSocket, int iHops, int iOn) {
 
 void ktn_xapi_dump_packet_info(const KTNET_PACKET *pPacket) {
     if (pPacket == nullptr) {
-        printf("KTNET_PACKET: NULL\n");
+        std::printf("KTNET_PACKET: NULL\n");
         return;
     }
-    printf("KTNET_PACKET: ident %u service %u command 0x%x param %u payload %lu bytes status %u\n",
-           pPacket->uiIdent, pPacket->uiService, pPacket->uiCommand, pPacket->uiParam, pPacket->ulPayloadLen,
-           pPacket->uiStatus);
+    std::printf("KTNET_PACKET: ident %u service %u command 0x%x param %u payload %lu bytes status %u\n",
+                pPacket->uiIdent, pPacket->uiService, pPacket->uiCommand, pPacket->uiParam,
+                pPacket->ulPayloadLen, pPacket->uiStatus);
 }
 
 void ktn_xapi_free(void *pPayload) {
-    free(pPayload);
+    std::free(pPayload);
 }

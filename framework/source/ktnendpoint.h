@@ -1,4 +1,6 @@
-// ktnendpoint.h - what the library keeps of an endpoint, and how its calls fail.
+// ktnendpoint.h - what the library keeps for an endpoint, and how its calls record a failure.
+//
+// Used by the endpoint and transfer calls, on the thread that owns the endpoint.
 #ifndef FRAMEWORK_KTNENDPOINT_H
 #define FRAMEWORK_KTNENDPOINT_H
 
@@ -6,19 +8,19 @@
 
 #include <qxapi_ktn.h>
 
-// A descriptor as the library allocates it: the callers see the first member only.
-struct KTN_ENDPOINT {
-    KTNET_ENDPOINT Public;
-    KTN_SOCKET_FILE SocketFile; // a local listener's
+// A descriptor as the library allocates it. Callers see only the first member.
+struct KtnEndpoint {
+    KTNET_ENDPOINT descriptor;
+    KtnSocketFile socketFile; // of a local listener
 };
 
-// The endpoint of a descriptor; null when it is none that the library made.
-KTN_ENDPOINT *ktnEndpoint(KTNET_ENDPOINT *pDesc);
+// Returns the endpoint of a descriptor, or null if the library did not make it.
+KtnEndpoint *ktnEndpoint(KTNET_ENDPOINT *pDesc);
 
-// Makes a descriptor with defaults. Returns null when memory runs out.
+// Makes a descriptor with defaults. Returns null if memory runs out (reported).
 KTNET_ENDPOINT *ktnEndpointNew(int iMode, int iVersion);
 
-// Notes a failure in the descriptor and returns it as a negative errno.
+// Stores iErrno in the descriptor's uiError and returns it negated.
 int ktnFailed(KTNET_ENDPOINT *pDesc, int iErrno);
 
 #endif

@@ -1,42 +1,47 @@
-// ktnlocal.h - local stream sockets on file-system paths: listening, accepting, connecting.
+// ktnlocal.h - local stream sockets on file-system paths: listens, accepts, connects.
 //
-// Called by the endpoint operations, on the thread of the endpoint. A listener's socket file belongs to the
-// process that serves it; the rules here keep two processes from both believing that.
+// Called by the endpoint calls, on the thread that owns the endpoint. A listener's socket file belongs to
+// one process; the rules here make sure that no second process serves the same path.
 #ifndef FRAMEWORK_KTNLOCAL_H
 #define FRAMEWORK_KTNLOCAL_H
 
 #include <sys/socket.h>
 #include <sys/types.h>
 
-// The socket file of a listener, as it was made.
-struct KTN_SOCKET_FILE {
+// Identifies the socket file that a listener made.
+struct KtnSocketFile {
     dev_t ulDevice;
-    ino_t ulInode; // 0: no file
+    ino_t ulInode; // 0 no file
     char szPath[128];
 };
 
-// All return a socket (0 for "no connection" where said) or a negative errno, which is reported.
+// The calls that return a socket return a negative errno on failure and report it.
 
-// Listens at pszPath with file mode 0600. Replaces a stale socket file of this user; leaves alone, as an
-// error, what is no socket, another user's, or served by a live listener.
-int ktnLocalListen(const char *pszPath, unsigned int uiTimeoutMs, KTN_SOCKET_FILE &File);
+// Listens at pszPath with file mode 0600 and stores the socket file in file. Replaces a stale socket file
+// of this user. Fails, and leaves the path alone, if it holds no socket, another user's, or one that a live
+// listener serves.
+// uiTimeoutMs: how long to wait for another process that is starting at the same path.
+int ktnLocalListen(const char *pszPath, unsigned int uiTimeoutMs, KtnSocketFile &file);
 
-// Removes the socket file, if it is still the one that the listener made.
-void ktnLocalRemove(KTN_SOCKET_FILE &File);
+// Removes the socket file if it is still the one that the listener made. The listener must still be open:
+// no process replaces the file of a live listener, so the file cannot change between the check and the
+// removal.
+void ktnLocalRemove(KtnSocketFile &file);
 
-// Accepts one pending connection; -EAGAIN when it has gone, -EACCES for a peer that is not allowed.
+// Accepts one pending connection. Returns -EAGAIN if it has gone (not reported), -EACCES if the peer is not
+// allowed.
 int ktnLocalAccept(int iListener);
 
-// Whether a peer may talk to this process: the same user, or root.
-inline bool ktnLocalPeerAllowed(const ucred &Peer, uid_t uiOwn) {
-    return Peer.uid == uiOwn || Peer.uid == 0;
+// Returns whether a peer may talk to this process: only the same user and root may.
+inline bool ktnLocalPeerAllowed(const ucred &peer, uid_t uiOwn) {
+    return peer.uid == uiOwn || peer.uid == 0;
 }
 
-// Opens a client socket, not yet connected.
+// Opens a client socket without connecting it.
 int ktnLocalClient();
 
-// Connects it. A listener whose queue is full is waited for, at most uiTimeoutMs. Returns 0 or a negative
-// errno.
+// Connects a client socket to pszPath. Waits at most uiTimeoutMs while the listener's queue is full.
+// Returns 0 or a negative errno (reported).
 int ktnLocalConnect(int iSocket, const char *pszPath, unsigned int uiTimeoutMs);
 
 #endif

@@ -1,7 +1,8 @@
-// ktntransfer.cpp - libqxapi_ktn: what goes through an open endpoint, frames and plain datagrams.
+// ktntransfer.cpp - libqxapi_ktn: sends and receives frames and plain datagrams on an open endpoint.
 //
-// Called on the thread that owns the endpoint; the relay calls ktn_xapi_rx_poll_socket and
-// ktn_xapi_ktnet_tx_a_packet for every datagram, so these two allocate nothing and make one system call.
+// Called on the thread that owns the endpoint. The relay calls ktn_xapi_rx_poll_socket and
+// ktn_xapi_ktnet_tx_a_packet for every datagram. These two therefore allocate nothing and make one system
+// call each.
 #include "deadline.h"
 #include "ktnendpoint.h"
 #include "ktnframe.h"
@@ -18,160 +19,176 @@
 
 namespace {
 
-constexpr const char *WHO_RX = "ktn_xapi_ktnet_rx_data";
-constexpr const char *WHO_TX = "ktn_xapi_ktnet_tx_data";
+constexpr const char *kWhoRx = "ktn_xapi_ktnet_rx_data";
+constexpr const char *kWhoTx = "ktn_xapi_ktnet_tx_data";
 
-using HEADER = std::array<unsigned char, KTNET_FRAME_HEADER_SIZE>;
-using PAYLOAD = std::unique_ptr<unsigned char, void (*)(void *)>;
+using HeaderBytes = std::array<unsigned char, KTNET_FRAME_HEADER_SIZE>;
+using Payload = std::unique_ptr<unsigned char, void (*)(void *)>;
 
-// A frame on its way in.
-struct RECEIVED {
-    KTNET_FRAME Frame{};
-    PAYLOAD Payload{nullptr, free};
+// A frame while it is being received.
+struct ReceivedFrame {
+    KTNET_FRAME frame{};
+    Payload payload{nullptr, std::free};
 };
 
 // Waits for sEvents on the socket until the deadline. Returns 0 or an errno (ETIMEDOUT).
-int waitFor(int iSocket, short sEvents, DEADLINE Deadline) {
+int waitFor(int iSocket, short sEvents, Deadline deadline) {
     for (;;) {
-        pollfd Poll{iSocket, sEvents, 0};
-        const int iLeft = deadlineLeft(Deadline);
-        const int iReady = poll(&Poll, 1, iLeft);
-        if (iReady > 0)
+        pollfd readiness{iSocket, sEvents, 0};
+        const int iLeft = deadlineLeft(deadline);
+        const int iReady = poll(&readiness, 1, iLeft);
+        if (iReady > 0) {
             return 0;
-        if (iReady < 0 && errno != EINTR)
+        }
+        if (iReady < 0 && errno != EINTR) {
             return errno;
-        if (iLeft == 0)
+        }
+        if (iLeft == 0) {
             return ETIMEDOUT;
+        }
     }
 }
 
-// Reads exactly ulLength bytes of a stream. ulRead tells how far it came. Returns 0 or an errno; EPIPE for a
-// peer that closed before.
-int readStream(int iSocket, unsigned char *pData, size_t ulLength, DEADLINE Deadline, size_t &ulRead) {
+// Reads exactly ulLength bytes of a stream. ulRead takes the number read, also on failure.
+// Returns 0 or an errno; EPIPE if the peer closed too early.
+int readStream(int iSocket, unsigned char *pData, std::size_t ulLength, Deadline deadline,
+               std::size_t &ulRead) {
     ulRead = 0;
     while (ulRead < ulLength) {
         const ssize_t lRead = recv(iSocket, pData + ulRead, ulLength - ulRead, MSG_DONTWAIT);
-        if (lRead == 0)
+        if (lRead == 0) {
             return EPIPE;
+        }
         if (lRead > 0) {
-            ulRead += static_cast<size_t>(lRead);
+            ulRead += static_cast<std::size_t>(lRead);
         } else if (errno == EAGAIN) {
-            if (const int iErrno = waitFor(iSocket, POLLIN, Deadline))
+            if (const int iErrno = waitFor(iSocket, POLLIN, deadline)) {
                 return iErrno;
+            }
         } else if (errno != EINTR) {
             return errno;
         }
-        // A client that drips a byte at a time is always readable.
-        if (ulRead < ulLength && deadlineLeft(Deadline) == 0)
+        // A client that sends a byte at a time never lets waitFor wait, so check the deadline here too.
+        if (ulRead < ulLength && deadlineLeft(deadline) == 0) {
             return ETIMEDOUT;
+        }
     }
     return 0;
 }
 
-// Makes room for the payload that a checked header announces. Returns 0 or an errno.
-int makePayload(RECEIVED &Received) {
-    if (Received.Frame.uiPayloadLen == 0)
+// Allocates the payload that a checked header announces. Returns 0 or an errno.
+int makePayload(ReceivedFrame &received) {
+    if (received.frame.uiPayloadLen == 0) {
         return 0;
-    Received.Payload.reset(static_cast<unsigned char *>(malloc(Received.Frame.uiPayloadLen)));
-    return Received.Payload ? 0 : ENOMEM;
+    }
+    received.payload.reset(static_cast<unsigned char *>(std::malloc(received.frame.uiPayloadLen)));
+    return received.payload ? 0 : ENOMEM;
 }
 
-// Receives one frame of a local connection. Returns 0 or an errno (reported); bClosed: the peer closed before
-// it sent a byte.
-int receiveLocal(int iSocket, unsigned int uiTimeoutMs, RECEIVED &Received, bool &bClosed) {
-    const DEADLINE Deadline = deadlineIn(uiTimeoutMs);
-    HEADER Header;
-    size_t ulRead = 0;
-    int iErrno = readStream(iSocket, Header.data(), Header.size(), Deadline, ulRead);
+// Receives one frame of a local connection. Sets bClosed if the peer closed without sending a byte.
+// Returns 0 or an errno (reported).
+int receiveLocal(int iSocket, unsigned int uiTimeoutMs, ReceivedFrame &received, bool &bClosed) {
+    const Deadline deadline = deadlineIn(uiTimeoutMs);
+    HeaderBytes header;
+    std::size_t ulRead = 0;
+    int iErrno = readStream(iSocket, header.data(), header.size(), deadline, ulRead);
     if (iErrno == EPIPE && ulRead == 0) {
         bClosed = true;
         return 0;
     }
     if (iErrno == 0) {
-        const int iResult = ktn_xapi_frame_decode_header(Header.data(), Header.size(), &Received.Frame);
+        const int iResult = ktn_xapi_frame_decode_header(header.data(), header.size(), &received.frame);
         if (iResult != KTNET_FRAME_GOOD) {
-            frameworkReport(WHO_RX, "a client sent no frame: %s", ktn_xapi_frame_text(iResult));
+            frameworkReport(kWhoRx, "a client sent no frame: %s", ktn_xapi_frame_text(iResult));
             return EPROTO;
         }
-        if (Received.Frame.uiPayloadLen > KTNET_LOCAL_FRAME_MAX - KTNET_FRAME_HEADER_SIZE) {
-            frameworkReport(WHO_RX, "a client announced a frame of more than %u bytes",
+        if (received.frame.uiPayloadLen > KTNET_LOCAL_FRAME_MAX - KTNET_FRAME_HEADER_SIZE) {
+            frameworkReport(kWhoRx, "a client announced a frame of more than %u bytes",
                             KTNET_LOCAL_FRAME_MAX);
             return EMSGSIZE;
         }
-        iErrno = makePayload(Received);
+        iErrno = makePayload(received);
     }
-    if (iErrno == 0)
-        iErrno = readStream(iSocket, Received.Payload.get(), Received.Frame.uiPayloadLen, Deadline, ulRead);
+    if (iErrno == 0) {
+        iErrno = readStream(iSocket, received.payload.get(), received.frame.uiPayloadLen, deadline, ulRead);
+    }
     if (iErrno == EPIPE) {
-        frameworkReport(WHO_RX, "a client closed in the middle of a frame");
+        frameworkReport(kWhoRx, "a client closed in the middle of a frame");
         return EPROTO;
     }
-    if (iErrno == ETIMEDOUT)
-        frameworkReport(WHO_RX, "a client sent no whole frame within %u ms", uiTimeoutMs);
-    else if (iErrno != 0)
-        frameworkReport(WHO_RX, "frame not received: %s", strerror(iErrno));
+    if (iErrno == ETIMEDOUT) {
+        frameworkReport(kWhoRx, "a client sent no whole frame within %u ms", uiTimeoutMs);
+    } else if (iErrno != 0) {
+        frameworkReport(kWhoRx, "frame not received: %s", std::strerror(iErrno));
+    }
     return iErrno;
 }
 
-// Receives one frame of a UDP socket: one datagram, looked at before it is taken. Returns 0 or an errno
-// (reported).
-int receiveDatagram(int iSocket, unsigned int uiTimeoutMs, RECEIVED &Received) {
-    const DEADLINE Deadline = deadlineIn(uiTimeoutMs);
-    HEADER Header;
+// Receives one frame of a UDP socket. Peeks at the datagram's header first, to allocate what the frame
+// needs. Returns 0 or an errno (reported, but for ETIMEDOUT).
+int receiveDatagram(int iSocket, unsigned int uiTimeoutMs, ReceivedFrame &received) {
+    const Deadline deadline = deadlineIn(uiTimeoutMs);
+    HeaderBytes header;
     ssize_t lLength;
-    while ((lLength = recv(iSocket, Header.data(), Header.size(), MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT)) < 0) {
-        int iErrno = errno == EAGAIN ? waitFor(iSocket, POLLIN, Deadline) : errno == EINTR ? 0 : errno;
-        if (iErrno == ETIMEDOUT)
-            return iErrno; // silence on a group is no fault
+    while ((lLength = recv(iSocket, header.data(), header.size(), MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT)) < 0) {
+        int iErrno = errno == EAGAIN ? waitFor(iSocket, POLLIN, deadline) : errno == EINTR ? 0 : errno;
+        if (iErrno == ETIMEDOUT) {
+            return iErrno; // silence on a group is no error
+        }
         if (iErrno != 0) {
-            frameworkReport(WHO_RX, "datagram not received: %s", strerror(iErrno));
+            frameworkReport(kWhoRx, "datagram not received: %s", std::strerror(iErrno));
             return iErrno;
         }
     }
-    const auto ulLength = static_cast<size_t>(lLength);
-    int iResult = ktn_xapi_frame_decode_header(Header.data(), ulLength, &Received.Frame);
-    if (iResult == KTNET_FRAME_GOOD && Received.Frame.uiPayloadLen != ulLength - Header.size())
+    const auto ulLength = static_cast<std::size_t>(lLength);
+    int iResult = ktn_xapi_frame_decode_header(header.data(), ulLength, &received.frame);
+    if (iResult == KTNET_FRAME_GOOD && received.frame.uiPayloadLen != ulLength - header.size()) {
         iResult = KTNET_FRAME_BAD_LENGTH;
-    int iErrno = iResult == KTNET_FRAME_GOOD ? makePayload(Received) : EPROTO;
-    if (iResult != KTNET_FRAME_GOOD)
-        frameworkReport(WHO_RX, "a datagram is no frame: %s", ktn_xapi_frame_text(iResult));
-    else if (iErrno != 0)
-        frameworkReport(WHO_RX, "datagram lost: %s", strerror(iErrno));
+    }
+    int iErrno = iResult == KTNET_FRAME_GOOD ? makePayload(received) : EPROTO;
+    if (iResult != KTNET_FRAME_GOOD) {
+        frameworkReport(kWhoRx, "a datagram is no frame: %s", ktn_xapi_frame_text(iResult));
+    } else if (iErrno != 0) {
+        frameworkReport(kWhoRx, "datagram lost: %s", std::strerror(iErrno));
+    }
 
-    // Taken in any case, so that a bad one does not stay in front of the good ones.
-    iovec Pieces[2] = {{Header.data(), Header.size()},
-                       {Received.Payload.get(), iErrno == 0 ? Received.Frame.uiPayloadLen : 0}};
-    msghdr Message{};
-    Message.msg_iov = Pieces;
-    Message.msg_iovlen = 2;
+    // Take the datagram even if it is bad: it must not stay in front of the good ones.
+    iovec pieces[2] = {{header.data(), header.size()},
+                       {received.payload.get(), iErrno == 0 ? received.frame.uiPayloadLen : 0}};
+    msghdr message{};
+    message.msg_iov = pieces;
+    message.msg_iovlen = 2;
     ssize_t lTaken;
-    while ((lTaken = recvmsg(iSocket, &Message, MSG_DONTWAIT)) < 0 && errno == EINTR) {
+    while ((lTaken = recvmsg(iSocket, &message, MSG_DONTWAIT)) < 0 && errno == EINTR) {
     }
     return iErrno != 0 ? iErrno : lTaken == lLength ? 0 : EPROTO;
 }
 
 // Sends a frame's pieces on a stream. Returns 0 or an errno.
-int writeStream(int iSocket, msghdr &Message, DEADLINE Deadline) {
-    while (Message.msg_iovlen > 0) {
-        const ssize_t lSent = sendmsg(iSocket, &Message, MSG_NOSIGNAL | MSG_DONTWAIT);
+int writeStream(int iSocket, msghdr &message, Deadline deadline) {
+    while (message.msg_iovlen > 0) {
+        const ssize_t lSent = sendmsg(iSocket, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (lSent < 0 && errno == EAGAIN) {
-            if (const int iErrno = waitFor(iSocket, POLLOUT, Deadline))
+            if (const int iErrno = waitFor(iSocket, POLLOUT, deadline)) {
                 return iErrno;
+            }
             continue;
         }
-        if (lSent < 0 && errno != EINTR)
+        if (lSent < 0 && errno != EINTR) {
             return errno;
-        auto ulSent = static_cast<size_t>(std::max<ssize_t>(0, lSent));
-        while (Message.msg_iovlen > 0 && ulSent >= Message.msg_iov->iov_len) {
-            ulSent -= Message.msg_iov->iov_len;
-            Message.msg_iov++;
-            Message.msg_iovlen--;
         }
-        if (Message.msg_iovlen > 0) {
-            Message.msg_iov->iov_base = static_cast<unsigned char *>(Message.msg_iov->iov_base) + ulSent;
-            Message.msg_iov->iov_len -= ulSent;
-            if (deadlineLeft(Deadline) == 0)
+        auto ulSent = static_cast<std::size_t>(std::max<ssize_t>(0, lSent));
+        while (message.msg_iovlen > 0 && ulSent >= message.msg_iov->iov_len) {
+            ulSent -= message.msg_iov->iov_len;
+            message.msg_iov++;
+            message.msg_iovlen--;
+        }
+        if (message.msg_iovlen > 0) {
+            message.msg_iov->iov_base = static_cast<unsigned char *>(message.msg_iov->iov_base) + ulSent;
+            message.msg_iov->iov_len -= ulSent;
+            if (deadlineLeft(deadline) == 0) {
                 return ETIMEDOUT;
+            }
         }
     }
     return 0;
@@ -180,90 +197,103 @@ int writeStream(int iSocket, msghdr &Message, DEADLINE Deadline) {
 } // namespace
 
 int ktn_xapi_rx_poll_socket(int iSocket, unsigned int uiTimeoutMs) {
-    if (iSocket < 0)
+    if (iSocket < 0) {
         return -EBADF;
-    pollfd Poll{iSocket, POLLIN, 0};
-    const int iReady = poll(&Poll, 1, static_cast<int>(std::min<unsigned int>(uiTimeoutMs, INT_MAX)));
-    if (iReady < 0)
+    }
+    pollfd readiness{iSocket, POLLIN, 0};
+    const int iReady = poll(&readiness, 1, static_cast<int>(std::min<unsigned int>(uiTimeoutMs, INT_MAX)));
+    if (iReady < 0) {
         return errno == EINTR ? 0 : -errno;
-    if (iReady > 0 && (Poll.revents & POLLNVAL) != 0)
+    }
+    if (iReady > 0 && (readiness.revents & POLLNVAL) != 0) {
         return -EBADF;
+    }
     return iReady > 0 ? 1 : 0;
 }
 
 int ktn_xapi_ktnet_rx_data(KTNET_ENDPOINT *pConn, KTNET_PACKET *pPacket) {
-    if (ktnEndpoint(pConn) == nullptr || pPacket == nullptr)
+    if (ktnEndpoint(pConn) == nullptr || pPacket == nullptr) {
         return -EINVAL;
+    }
     pPacket->pPayload = nullptr;
     pPacket->ulPayloadLen = 0;
     pPacket->ulPayloadSize = 0;
-    RECEIVED Received;
+    ReceivedFrame received;
     bool bClosed = false;
     int iErrno = ENOTCONN;
-    if (pConn->iSocket >= 0)
+    if (pConn->iSocket >= 0) {
         iErrno = pConn->uiKind == KTNET_KIND_UDP
-                     ? receiveDatagram(pConn->iSocket, pConn->uiTimeoutMs, Received)
-                     : receiveLocal(pConn->iSocket, pConn->uiTimeoutMs, Received, bClosed);
+                     ? receiveDatagram(pConn->iSocket, pConn->uiTimeoutMs, received)
+                     : receiveLocal(pConn->iSocket, pConn->uiTimeoutMs, received, bClosed);
+    }
     if (iErrno != 0) {
         pPacket->uiStatus = static_cast<unsigned int>(iErrno);
         return ktnFailed(pConn, iErrno);
     }
-    if (bClosed)
+    if (bClosed) {
         return 0;
-    pPacket->uiIdent = Received.Frame.uiIdent;
-    pPacket->uiService = Received.Frame.uiService;
-    pPacket->uiCommand = Received.Frame.uiCommand;
-    pPacket->uiParam = Received.Frame.uiParam;
-    pPacket->ulPayloadLen = Received.Frame.uiPayloadLen;
-    pPacket->ulPayloadSize = Received.Frame.uiPayloadLen;
-    pPacket->pPayload = Received.Payload.release();
+    }
+    pPacket->uiIdent = received.frame.uiIdent;
+    pPacket->uiService = received.frame.uiService;
+    pPacket->uiCommand = received.frame.uiCommand;
+    pPacket->uiParam = received.frame.uiParam;
+    pPacket->ulPayloadLen = received.frame.uiPayloadLen;
+    pPacket->ulPayloadSize = received.frame.uiPayloadLen;
+    pPacket->pPayload = received.payload.release();
     return 1;
 }
 
 int ktn_xapi_ktnet_tx_data(KTNET_ENDPOINT *pDesc, KTNET_PACKET *pPacket) {
-    if (ktnEndpoint(pDesc) == nullptr || pPacket == nullptr)
+    if (ktnEndpoint(pDesc) == nullptr || pPacket == nullptr) {
         return -EINVAL;
+    }
     const bool bUdp = pDesc->uiKind == KTNET_KIND_UDP;
     int iErrno = 0;
-    if (pPacket->pPayload == nullptr && pPacket->ulPayloadLen > 0)
+    if (pPacket->pPayload == nullptr && pPacket->ulPayloadLen > 0) {
         iErrno = EINVAL;
-    else if (pPacket->ulPayloadLen >
-             (bUdp ? KTNET_UDP_FRAME_MAX : KTNET_LOCAL_FRAME_MAX) - KTNET_FRAME_HEADER_SIZE)
+    } else if (pPacket->ulPayloadLen >
+               (bUdp ? KTNET_UDP_FRAME_MAX : KTNET_LOCAL_FRAME_MAX) - KTNET_FRAME_HEADER_SIZE) {
         iErrno = EMSGSIZE;
-    else if (pDesc->iSocket < 0)
+    } else if (pDesc->iSocket < 0) {
         iErrno = ENOTCONN;
+    }
     if (iErrno == 0) {
-        HEADER Header;
-        ktnFrameEncodeHeader(Header.data(),
+        HeaderBytes header;
+        ktnFrameEncodeHeader(header.data(),
                              {pPacket->uiIdent, pPacket->uiService, pPacket->uiCommand, pPacket->uiParam,
                               static_cast<unsigned int>(pPacket->ulPayloadLen), nullptr});
-        iovec Pieces[2] = {{Header.data(), Header.size()}, {pPacket->pPayload, pPacket->ulPayloadLen}};
-        msghdr Message{};
-        Message.msg_iov = Pieces;
-        Message.msg_iovlen = pPacket->ulPayloadLen > 0 ? 2 : 1;
-        iErrno = bUdp ? -std::min(0, udpSendMessage(pDesc->iSocket, Message))
-                      : writeStream(pDesc->iSocket, Message, deadlineIn(pDesc->uiTimeoutMs));
+        iovec pieces[2] = {{header.data(), header.size()}, {pPacket->pPayload, pPacket->ulPayloadLen}};
+        msghdr message{};
+        message.msg_iov = pieces;
+        message.msg_iovlen = pPacket->ulPayloadLen > 0 ? 2 : 1;
+        iErrno = bUdp ? -std::min(0, udpSendMessage(pDesc->iSocket, message))
+                      : writeStream(pDesc->iSocket, message, deadlineIn(pDesc->uiTimeoutMs));
     }
-    if (iErrno == 0)
+    if (iErrno == 0) {
         return 1;
+    }
     pPacket->uiStatus = static_cast<unsigned int>(iErrno);
-    if (bUdp)
-        frameworkReport(WHO_TX, "frame not sent to %s:%u: %s", pDesc->szPeer, pDesc->uiPort,
-                        strerror(iErrno));
-    else
-        frameworkReport(WHO_TX, "frame not sent to %s: %s", pDesc->szPeer, strerror(iErrno));
+    if (bUdp) {
+        frameworkReport(kWhoTx, "frame not sent to %s:%u: %s", pDesc->szPeer, pDesc->uiPort,
+                        std::strerror(iErrno));
+    } else {
+        frameworkReport(kWhoTx, "frame not sent to %s: %s", pDesc->szPeer, std::strerror(iErrno));
+    }
     return ktnFailed(pDesc, iErrno);
 }
 
 int ktn_xapi_ktnet_tx_a_packet(KTNET_ENDPOINT *pDesc, int iFlags, KTNET_BUFFER *pBuffer) {
-    if (ktnEndpoint(pDesc) == nullptr || pBuffer == nullptr)
+    if (ktnEndpoint(pDesc) == nullptr || pBuffer == nullptr) {
         return -EINVAL;
-    if (iFlags != 0 || pDesc->uiKind != KTNET_KIND_UDP)
+    }
+    if (iFlags != 0 || pDesc->uiKind != KTNET_KIND_UDP) {
         return ktnFailed(pDesc, EOPNOTSUPP);
+    }
     const int iSent = udpSend(pDesc->iSocket, pBuffer->pBuffer, pBuffer->ulBufferLen);
-    if (iSent >= 0)
+    if (iSent >= 0) {
         return std::max(1, iSent);
+    }
     frameworkReport("ktn_xapi_ktnet_tx_a_packet", "datagram not sent to %s:%u: %s", pDesc->szPeer,
-                    pDesc->uiPort, strerror(-iSent));
+                    pDesc->uiPort, std::strerror(-iSent));
     return ktnFailed(pDesc, -iSent);
 }

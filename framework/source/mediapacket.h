@@ -1,18 +1,18 @@
-// mediapacket.h - what the readers of stored files hand to the stream: packets with their due times.
+// mediapacket.h - what a reader of stored files hands to the stream: packets with due times.
 #ifndef FRAMEWORK_MEDIAPACKET_H
 #define FRAMEWORK_MEDIAPACKET_H
 
-// How a reader's step ended.
-enum MEDIASTEP {
-    MEDIA_END = 0,    // every packet has been handed out, or the file cannot be read on (reported)
+// Result of one step of a reader.
+enum MediaStep {
+    MEDIA_END = 0,    // no packet is left, or the file can no longer be read (reported)
     MEDIA_PACKET = 1, // one packet was handed out
-    MEDIA_BUSY = 2    // the step was ended to keep it short: ask again
+    MEDIA_BUSY = 2    // no packet yet; the step ended early to stay short. Ask again
 };
 
-struct MEDIAPACKET {
-    const unsigned char *pData; // the reader's, valid until its next step
+struct MediaPacket {
+    const unsigned char *pData; // owned by the reader, valid until its next step
     unsigned int uiLength;
-    long long llDue; // nanoseconds after the file's first packet; never less than the packet's before it
+    long long llDue; // nanoseconds after the file's first packet; never earlier than the packet before
 };
 
 #endif

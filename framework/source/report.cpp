@@ -5,50 +5,52 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <ctime>
 #include <functional>
 #include <mutex>
 #include <string_view>
-#include <time.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr size_t LINE_SIZE = 512;
-constexpr time_t QUIET_SECONDS = 10;
+constexpr std::size_t kLineSize = 512;
+constexpr time_t kQuietSeconds = 10;
 
-// The lines written last, by hash; the oldest gives way. Two lines with one hash would share one entry: the
-// worst that comes of it is a line left out for ten seconds.
-struct REPORTED {
-    size_t ulHash;
-    timespec Written; // CLOCK_MONOTONIC, zero while the entry is free
+// The lines written last, by hash. A new line replaces the oldest. Two lines with the same hash share an
+// entry; at worst, one of them is left out for ten seconds.
+struct ReportedLine {
+    std::size_t ulHash;
+    timespec written; // CLOCK_MONOTONIC, zero while the entry is free
 };
-std::mutex ReportMutex;
-std::array<REPORTED, 64> Reported;
+std::mutex reportMutex;
+std::array<ReportedLine, 64> reported;
 
-bool earlier(const timespec &Left, const timespec &Right) {
-    return Left.tv_sec != Right.tv_sec ? Left.tv_sec < Right.tv_sec : Left.tv_nsec < Right.tv_nsec;
+bool earlier(const timespec &left, const timespec &right) {
+    return left.tv_sec != right.tv_sec ? left.tv_sec < right.tv_sec : left.tv_nsec < right.tv_nsec;
 }
 
-// Whether the line may be written now; remembers it if so.
-bool isDue(std::string_view Line) {
-    const size_t ulHash = std::hash<std::string_view>{}(Line);
-    timespec Now{};
-    clock_gettime(CLOCK_MONOTONIC, &Now);
+// Returns whether the line may be written now. Remembers it if so.
+bool isDue(std::string_view line) {
+    const std::size_t ulHash = std::hash<std::string_view>{}(line);
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
 
-    const std::lock_guard Lock(ReportMutex);
-    REPORTED *pEntry = &Reported[0];
-    for (REPORTED &Entry : Reported) {
-        const bool bWritten = Entry.Written.tv_sec != 0 || Entry.Written.tv_nsec != 0;
-        if (bWritten && Entry.ulHash == ulHash) {
-            if (earlier(Now, {Entry.Written.tv_sec + QUIET_SECONDS, Entry.Written.tv_nsec}))
+    const std::lock_guard lock(reportMutex);
+    ReportedLine *pEntry = &reported[0];
+    for (ReportedLine &entry : reported) {
+        const bool bWritten = entry.written.tv_sec != 0 || entry.written.tv_nsec != 0;
+        if (bWritten && entry.ulHash == ulHash) {
+            if (earlier(now, {entry.written.tv_sec + kQuietSeconds, entry.written.tv_nsec})) {
                 return false;
-            pEntry = &Entry;
+            }
+            pEntry = &entry;
             break;
         }
-        if (earlier(Entry.Written, pEntry->Written))
-            pEntry = &Entry;
+        if (earlier(entry.written, pEntry->written)) {
+            pEntry = &entry;
+        }
     }
-    *pEntry = {ulHash, Now};
+    *pEntry = {ulHash, now};
     return true;
 }
 
@@ -56,23 +58,25 @@ bool isDue(std::string_view Line) {
 
 void frameworkReport(const char *pszWho, const char *pszFormat, ...) {
     const int iErrno = errno;
-    std::array<char, LINE_SIZE> Line;
-    const size_t ulRoom = Line.size() - 1; // the newline's place
-    size_t ulLength =
-        std::min(ulRoom - 1, static_cast<size_t>(std::max(0, snprintf(Line.data(), ulRoom, "%s: ", pszWho))));
-    va_list Arguments;
-    va_start(Arguments, pszFormat);
-    const int iText = vsnprintf(Line.data() + ulLength, ulRoom - ulLength, pszFormat, Arguments);
-    va_end(Arguments);
-    ulLength = std::min(ulRoom - 1, ulLength + static_cast<size_t>(std::max(0, iText)));
+    std::array<char, kLineSize> line;
+    const std::size_t ulRoom = line.size() - 1; // leave a place for the newline
+    std::size_t ulLength =
+        std::min(ulRoom - 1,
+                 static_cast<std::size_t>(std::max(0, std::snprintf(line.data(), ulRoom, "%s: ", pszWho))));
+    va_list arguments;
+    va_start(arguments, pszFormat);
+    const int iText = std::vsnprintf(line.data() + ulLength, ulRoom - ulLength, pszFormat, arguments);
+    va_end(arguments);
+    ulLength = std::min(ulRoom - 1, ulLength + static_cast<std::size_t>(std::max(0, iText)));
 
-    // File names and addresses come from outside: whatever they hold, the report stays one line.
+    // File names and addresses come from outside and may hold control characters. Keep the report on one
+    // line.
     std::replace_if(
-        Line.begin(), Line.begin() + static_cast<std::ptrdiff_t>(ulLength),
+        line.begin(), line.begin() + static_cast<std::ptrdiff_t>(ulLength),
         [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '?');
-    if (isDue({Line.data(), ulLength})) {
-        Line[ulLength++] = '\n';
-        while (write(STDERR_FILENO, Line.data(), ulLength) < 0 && errno == EINTR) {
+    if (isDue({line.data(), ulLength})) {
+        line[ulLength++] = '\n';
+        while (write(STDERR_FILENO, line.data(), ulLength) < 0 && errno == EINTR) {
         }
     }
     errno = iErrno;

@@ -1,6 +1,7 @@
-// stream.cpp - stored-file streams: a reader of the file's kind, and the clock that its packets are due on.
+// stream.cpp - stored-file streams: chooses the reader for a file, and hands its packets out when they are
+// due.
 //
-// Called by whoever plays a file, on one thread. A stream owns the file's descriptor and its reader.
+// Called by the player of a file, on one thread. A stream owns the file's descriptor and its reader.
 #include "asfstream.h"
 #include "report.h"
 #include "tsstream.h"
@@ -9,121 +10,125 @@
 #include <qxapi.h>
 
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <memory>
 #include <new>
-#include <time.h>
 #include <unistd.h>
 
 namespace {
 
-// Packets that follow each other closely are handed out up to so much early or late, two or more at a
-// wake-up: the wake-ups are most of what playing costs, and a receiver's buffer does not notice. Nanoseconds.
-constexpr long long EARLY_MAX = 1'100'000;
-constexpr long long LATE_MAX = 300'000;
+// How early or late a packet may be handed out if packets follow each other closely, in nanoseconds. One
+// wake-up then serves two or more packets. Wake-ups are most of the cost of playing, and a receiver's
+// buffer hides the shift.
+constexpr long long kEarlyMax = 1'100'000;
+constexpr long long kLateMax = 300'000;
 
-struct STREAM : ts_qxapi_stream {
+struct FileStream : ts_qxapi_stream {
     std::string sFile;
     int iFile = -1;
-    std::unique_ptr<ASFREADER> pASF; // one of the two
-    std::unique_ptr<TSREADER> pTS;
+    std::unique_ptr<AsfReader> pASF; // one of these two is set
+    std::unique_ptr<TsReader> pTS;
     bool bStarted = false;
     bool bEnd = false;
-    long long llStart = 0;   // CLOCK_MONOTONIC, nanoseconds
+    long long llStart = 0;   // CLOCK_MONOTONIC time of pStart, nanoseconds
     long long llLastDue = 0; // due time of the packet handed out last
-    MEDIAPACKET Next{};      // the packet that is due next
+    MediaPacket next{};      // the packet that is due next, if bNext
     bool bNext = false;
-    ts_qxapi_packet Lent{}; // what the caller holds
+    ts_qxapi_packet lent{}; // the packet that the caller holds, if bLent
     bool bLent = false;
 };
 
-STREAM *streamOf(ts_qxapi_stream *pStream) {
-    return static_cast<STREAM *>(pStream);
+FileStream *streamOf(ts_qxapi_stream *pStream) {
+    return static_cast<FileStream *>(pStream);
 }
 
 long long monotonicNow() {
-    timespec Now{};
-    clock_gettime(CLOCK_MONOTONIC, &Now);
-    return Now.tv_sec * 1'000'000'000LL + Now.tv_nsec;
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1'000'000'000LL + now.tv_nsec;
 }
 
-// Has the next packet read, unless it is there or the reader's buffer is lent.
-void prepareNext(STREAM &Stream) {
-    if (!Stream.bStarted || Stream.bEnd || Stream.bNext || Stream.bLent)
+// Reads the next packet, unless it has been read or the caller still holds the reader's buffer.
+void prepareNext(FileStream &stream) {
+    if (!stream.bStarted || stream.bEnd || stream.bNext || stream.bLent) {
         return;
+    }
     const int iStep =
-        Stream.pASF ? asfReaderNext(*Stream.pASF, Stream.Next) : tsReaderNext(*Stream.pTS, Stream.Next);
-    Stream.bNext = iStep == MEDIA_PACKET;
-    Stream.bEnd = iStep == MEDIA_END;
+        stream.pASF ? asfReaderNext(*stream.pASF, stream.next) : tsReaderNext(*stream.pTS, stream.next);
+    stream.bNext = iStep == MEDIA_PACKET;
+    stream.bEnd = iStep == MEDIA_END;
 }
 
 int startStream(ts_qxapi_stream *pStream) {
-    STREAM &Stream = *streamOf(pStream);
-    if (Stream.bStarted) {
-        frameworkReport("stream", "%s: started a second time: it plays on", Stream.sFile.c_str());
+    FileStream &stream = *streamOf(pStream);
+    if (stream.bStarted) {
+        frameworkReport("stream", "%s: started a second time: it plays on", stream.sFile.c_str());
         return 0;
     }
     try {
         std::string sReason;
-        const bool bStarted = Stream.pASF
-                                  ? asfReaderStart(*Stream.pASF, Stream.iFile, Stream.sFile.c_str(), sReason)
-                                  : tsReaderStart(*Stream.pTS, Stream.iFile, Stream.sFile.c_str(), sReason);
+        const bool bStarted = stream.pASF
+                                  ? asfReaderStart(*stream.pASF, stream.iFile, stream.sFile.c_str(), sReason)
+                                  : tsReaderStart(*stream.pTS, stream.iFile, stream.sFile.c_str(), sReason);
         if (!bStarted) {
-            frameworkReport("stream", "%s cannot be played: %s", Stream.sFile.c_str(), sReason.c_str());
+            frameworkReport("stream", "%s cannot be played: %s", stream.sFile.c_str(), sReason.c_str());
             return 0;
         }
     } catch (const std::bad_alloc &) {
-        frameworkReport("stream", "%s cannot be played: no memory", Stream.sFile.c_str());
+        frameworkReport("stream", "%s cannot be played: no memory", stream.sFile.c_str());
         return 0;
     }
-    Stream.bStarted = true;
-    prepareNext(Stream); // the first packet, so that reading it does not make it late
-    Stream.llStart = monotonicNow();
+    stream.bStarted = true;
+    prepareNext(stream); // read the first packet before the clock starts, so that it is not late
+    stream.llStart = monotonicNow();
     return 1;
 }
 
 int streamIsAtEnd(ts_qxapi_stream *pStream) {
-    STREAM &Stream = *streamOf(pStream);
-    prepareNext(Stream);
-    return Stream.bEnd || !Stream.bStarted;
+    FileStream &stream = *streamOf(pStream);
+    prepareNext(stream);
+    return stream.bEnd || !stream.bStarted;
 }
 
 ts_qxapi_packet *nextPacket(ts_qxapi_stream *pStream) {
-    STREAM &Stream = *streamOf(pStream);
-    prepareNext(Stream);
-    if (Stream.bLent || Stream.bEnd || !Stream.bStarted)
-        return nullptr;
-    if (!Stream.bNext) {
-        yieldSetNextDue(0); // the reader has more to do
+    FileStream &stream = *streamOf(pStream);
+    prepareNext(stream);
+    if (stream.bLent || stream.bEnd || !stream.bStarted) {
         return nullptr;
     }
-    const long long llDue = Stream.llStart + Stream.Next.llDue;
-    const bool bClose = Stream.Next.llDue - Stream.llLastDue < EARLY_MAX + LATE_MAX;
-    if (llDue > monotonicNow() + (bClose ? EARLY_MAX : 0)) {
-        yieldSetNextDue(llDue + (bClose ? LATE_MAX : 0));
+    if (!stream.bNext) {
+        yieldSetNextDue(0); // the reader has more to do: do not sleep
         return nullptr;
     }
-    Stream.llLastDue = Stream.Next.llDue;
-    Stream.Lent = {Stream.Next.pData, Stream.Next.uiLength};
-    Stream.bNext = false;
-    Stream.bLent = true;
-    return &Stream.Lent;
+    const long long llDue = stream.llStart + stream.next.llDue;
+    const bool bClose = stream.next.llDue - stream.llLastDue < kEarlyMax + kLateMax;
+    if (llDue > monotonicNow() + (bClose ? kEarlyMax : 0)) {
+        yieldSetNextDue(llDue + (bClose ? kLateMax : 0));
+        return nullptr;
+    }
+    stream.llLastDue = stream.next.llDue;
+    stream.lent = {stream.next.pData, stream.next.uiLength};
+    stream.bNext = false;
+    stream.bLent = true;
+    return &stream.lent;
 }
 
 void releasePacket(ts_qxapi_stream *pStream, ts_qxapi_packet *pPacket) {
-    STREAM &Stream = *streamOf(pStream);
-    if (pPacket == &Stream.Lent)
-        Stream.bLent = false;
+    FileStream &stream = *streamOf(pStream);
+    if (pPacket == &stream.lent) {
+        stream.bLent = false;
+    }
 }
 
-// Gives the stream the reader for what the file holds. Returns false and the reason when there is none.
-bool chooseReader(STREAM &Stream, std::string &sReason) {
-    FILEWINDOW Window;
-    windowOpen(Window, Stream.iFile, 4096);
+// Chooses the reader by the file's content. Returns false and the reason if no reader fits.
+bool chooseReader(FileStream &stream, std::string &sReason) {
+    FileWindow window;
+    windowOpen(window, stream.iFile, 4096);
     std::size_t ulHave = 0;
-    const unsigned char *p = windowBytes(Window, 0, 16, ulHave);
-    if (Window.iError != 0) {
-        sReason = std::string("it cannot be read: ") + std::strerror(Window.iError);
+    const unsigned char *p = windowBytes(window, 0, 16, ulHave);
+    if (window.iError != 0) {
+        sReason = std::string("it cannot be read: ") + std::strerror(window.iError);
         return false;
     }
     if (ulHave == 0) {
@@ -131,11 +136,11 @@ bool chooseReader(STREAM &Stream, std::string &sReason) {
         return false;
     }
     if (asfRecognises(p, ulHave)) {
-        Stream.pASF = std::make_unique<ASFREADER>();
+        stream.pASF = std::make_unique<AsfReader>();
         return true;
     }
-    if (tsReaderRecognises(Stream.iFile)) {
-        Stream.pTS = std::make_unique<TSREADER>();
+    if (tsReaderRecognises(stream.iFile)) {
+        stream.pTS = std::make_unique<TsReader>();
         return true;
     }
     sReason = "it is neither an ASF file nor an MPEG transport stream";
@@ -150,7 +155,7 @@ ts_qxapi_stream *qxapi_open_stream(const char *pszFile) {
         return nullptr;
     }
     try {
-        auto pStream = std::make_unique<STREAM>();
+        auto pStream = std::make_unique<FileStream>();
         std::string sReason;
         static_cast<ts_qxapi_stream &>(*pStream) = {startStream, streamIsAtEnd, nextPacket, releasePacket};
         pStream->sFile = pszFile;
@@ -160,8 +165,9 @@ ts_qxapi_stream *qxapi_open_stream(const char *pszFile) {
             return pStream.release();
         }
         frameworkReport("stream", "%s cannot be played: %s", pszFile, sReason.c_str());
-        if (pStream->iFile >= 0)
+        if (pStream->iFile >= 0) {
             close(pStream->iFile);
+        }
     } catch (const std::bad_alloc &) {
         frameworkReport("stream", "%s cannot be played: no memory", pszFile);
     }
@@ -169,9 +175,10 @@ ts_qxapi_stream *qxapi_open_stream(const char *pszFile) {
 }
 
 void qxapi_close_stream(ts_qxapi_stream *pStream) {
-    if (!pStream)
+    if (!pStream) {
         return;
-    STREAM *pOwn = streamOf(pStream);
+    }
+    FileStream *pOwn = streamOf(pStream);
     close(pOwn->iFile);
     delete pOwn;
 }

@@ -1,4 +1,4 @@
-// thread.cpp - starts the detached threads of plug-ins and host components.
+// thread.cpp - starts the detached threads of plug-ins and host components. Called on any thread.
 #include "report.h"
 
 #include <qxapi.h>
@@ -12,29 +12,31 @@
 
 namespace {
 
-constexpr size_t THREAD_NAME_SIZE = 16; // what the kernel keeps, terminating zero included
+constexpr std::size_t kThreadNameSize = 16; // bytes that the kernel keeps, terminating zero included
 
-// What a new thread is told; the thread releases it.
-struct THREAD_START {
+// What a new thread is given. The thread releases it.
+struct ThreadStart {
     void *(*pBody)(void *);
     void *pArgument;
-    char szName[THREAD_NAME_SIZE];
+    char szName[kThreadNameSize];
 };
 
 void *threadMain(void *pGiven) {
-    const std::unique_ptr<THREAD_START> Given(static_cast<THREAD_START *>(pGiven));
-    const THREAD_START Start = *Given;
-    pthread_setname_np(pthread_self(), Start.szName);
-    return Start.pBody(Start.pArgument);
+    const std::unique_ptr<ThreadStart> given(static_cast<ThreadStart *>(pGiven));
+    const ThreadStart start = *given;
+    pthread_setname_np(pthread_self(), start.szName);
+    return start.pBody(start.pArgument);
 }
 
-// Every signal but the faults: those are the thread's own doing, and whoever handles them is to see them.
+// Returns every signal but the faults. The thread itself causes a fault, so the fault's handler must see
+// it.
 sigset_t signalsOfTheProcess() {
-    sigset_t Signals;
-    sigfillset(&Signals);
-    for (const int iFault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS})
-        sigdelset(&Signals, iFault);
-    return Signals;
+    sigset_t signals;
+    sigfillset(&signals);
+    for (const int iFault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS}) {
+        sigdelset(&signals, iFault);
+    }
+    return signals;
 }
 
 } // namespace
@@ -45,28 +47,29 @@ int qxapi_detached_thread_tag(void *(*pBody)(void *), void *pArgument, const cha
         frameworkReport("qxapi_detached_thread_tag", "%s:%d: no thread body is given", pszName, iLine);
         return 0;
     }
-    std::unique_ptr<THREAD_START> Start(new (std::nothrow) THREAD_START{pBody, pArgument, {}});
+    std::unique_ptr<ThreadStart> start(new (std::nothrow) ThreadStart{pBody, pArgument, {}});
     int iErrno = ENOMEM;
-    if (Start) {
-        strncpy(Start->szName, pszName, THREAD_NAME_SIZE - 1);
+    if (start) {
+        std::strncpy(start->szName, pszName, kThreadNameSize - 1);
 
-        // A thread inherits its creator's signal mask: in force from its first instruction.
-        const sigset_t Blocked = signalsOfTheProcess();
-        sigset_t Before;
-        pthread_sigmask(SIG_BLOCK, &Blocked, &Before);
-        pthread_attr_t Attributes;
-        pthread_attr_init(&Attributes);
-        pthread_attr_setdetachstate(&Attributes, PTHREAD_CREATE_DETACHED);
-        pthread_t Thread;
-        iErrno = pthread_create(&Thread, &Attributes, threadMain, Start.get());
-        pthread_attr_destroy(&Attributes);
-        pthread_sigmask(SIG_SETMASK, &Before, nullptr);
+        // A thread inherits its creator's signal mask. Block the signals here, so that the mask holds from
+        // the new thread's first instruction.
+        const sigset_t blocked = signalsOfTheProcess();
+        sigset_t before;
+        pthread_sigmask(SIG_BLOCK, &blocked, &before);
+        pthread_attr_t attributes;
+        pthread_attr_init(&attributes);
+        pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+        pthread_t thread;
+        iErrno = pthread_create(&thread, &attributes, threadMain, start.get());
+        pthread_attr_destroy(&attributes);
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
     }
     if (iErrno != 0) {
         frameworkReport("qxapi_detached_thread_tag", "%s:%d: thread not started: %s", pszName, iLine,
-                        strerror(iErrno));
+                        std::strerror(iErrno));
         return 0;
     }
-    Start.release();
+    (void)start.release(); // the thread owns it now
     return 1;
 }

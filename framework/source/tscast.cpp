@@ -1,6 +1,6 @@
-// tscast.cpp - sends runs of transport stream packets, one UDP datagram each.
+// tscast.cpp - sends runs of transport stream packets, each run as one UDP datagram.
 //
-// Called by whoever plays a file, on one thread. A caster owns its socket.
+// Called by the player of a file, on one thread. A caster owns its socket.
 #include "casttarget.h"
 #include "report.h"
 #include "udpsocket.h"
@@ -14,18 +14,18 @@
 
 namespace {
 
-struct TSCAST : ts_qxapi_tscast {
+struct TsCaster : ts_qxapi_tscast {
     int iSocket = -1;
-    CASTTARGET Target;
+    CastTarget target;
 };
 
 int setUp(ts_qxapi_tscast *pCaster, const char *pszAux, int, const char *pszTarget, unsigned int uiPort,
           unsigned int uiHops) {
-    TSCAST &Caster = *static_cast<TSCAST *>(pCaster);
+    TsCaster &caster = *static_cast<TsCaster *>(pCaster);
     try {
         std::string sReason;
-        CASTTARGET Target;
-        if (!castTargetParse(pszTarget, uiPort, Target, sReason)) {
+        CastTarget target;
+        if (!castTargetParse(pszTarget, uiPort, target, sReason)) {
             frameworkReport("tscast", "%s: nothing can be sent", sReason.c_str());
             return 0;
         }
@@ -35,13 +35,15 @@ int setUp(ts_qxapi_tscast *pCaster, const char *pszAux, int, const char *pszTarg
             return 0;
         }
         const int iSocket =
-            udpOpenSender(Target.sAddress.c_str(), Target.usPort, pszAux, static_cast<int>(uiHops));
-        if (iSocket < 0)
+            udpOpenSender(target.sAddress.c_str(), target.usPort, pszAux, static_cast<int>(uiHops));
+        if (iSocket < 0) {
             return 0;
-        if (Caster.iSocket >= 0)
-            close(Caster.iSocket);
-        Caster.iSocket = iSocket;
-        Caster.Target = std::move(Target);
+        }
+        if (caster.iSocket >= 0) {
+            close(caster.iSocket);
+        }
+        caster.iSocket = iSocket;
+        caster.target = std::move(target);
         return 1;
     } catch (const std::bad_alloc &) {
         frameworkReport("tscast", "no memory: nothing can be sent");
@@ -50,21 +52,23 @@ int setUp(ts_qxapi_tscast *pCaster, const char *pszAux, int, const char *pszTarg
 }
 
 int sendRun(ts_qxapi_tscast *pCaster, const unsigned char *pData, unsigned int uiLength) {
-    const TSCAST &Caster = *static_cast<TSCAST *>(pCaster);
-    if (Caster.iSocket < 0)
+    const TsCaster &caster = *static_cast<TsCaster *>(pCaster);
+    if (caster.iSocket < 0) {
         return 0;
-    const int iSent = udpSend(Caster.iSocket, pData, uiLength);
-    if (iSent >= 0)
+    }
+    const int iSent = udpSend(caster.iSocket, pData, uiLength);
+    if (iSent >= 0) {
         return 1;
+    }
     frameworkReport("tscast", "%s:%u: a datagram of %u bytes cannot be sent: %s",
-                    Caster.Target.sAddress.c_str(), Caster.Target.usPort, uiLength, std::strerror(-iSent));
+                    caster.target.sAddress.c_str(), caster.target.usPort, uiLength, std::strerror(-iSent));
     return -1;
 }
 
 } // namespace
 
 ts_qxapi_tscast *qxapi_open_tscast(void) {
-    TSCAST *pCaster = new (std::nothrow) TSCAST{};
+    TsCaster *pCaster = new (std::nothrow) TsCaster{};
     if (pCaster) {
         pCaster->pSetUp = setUp;
         pCaster->pSend = sendRun;
@@ -73,10 +77,12 @@ ts_qxapi_tscast *qxapi_open_tscast(void) {
 }
 
 void qxapi_close_tscast(ts_qxapi_tscast *pCaster) {
-    if (!pCaster)
+    if (!pCaster) {
         return;
-    TSCAST *pOwn = static_cast<TSCAST *>(pCaster);
-    if (pOwn->iSocket >= 0)
+    }
+    TsCaster *pOwn = static_cast<TsCaster *>(pCaster);
+    if (pOwn->iSocket >= 0) {
         close(pOwn->iSocket);
+    }
     delete pOwn;
 }

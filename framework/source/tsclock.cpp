@@ -7,100 +7,106 @@
 
 namespace {
 
-constexpr double RATE_MIN = 8.0 * TS_PACKET * TS_CLOCK_HZ / 1e9; // ticks a packet at a gigabit a second
-constexpr double RATE_MAX = 1.0 * TS_CLOCK_HZ;                   // and at a packet a second
-// The standard allows 100 ms between references, and files break that; what is longer is a jump, unless it
-// took as many packets as that time takes.
-constexpr unsigned long long INTERVAL_MAX = TS_CLOCK_HZ;
-constexpr unsigned long long INTERVAL_FIRST_MAX = 5 * TS_CLOCK_HZ;
-constexpr unsigned long long INTERVAL_IN_KEEPING_MAX = 60 * TS_CLOCK_HZ;
-constexpr double IN_KEEPING = 4;        // so many times faster or slower
-constexpr double OUT_OF_PROPORTION = 8; // a rate so many times slower than the file's is not gone on with
+constexpr double kRateMin = 8.0 * kTsPacketSize * kTsClockHz / 1e9; // ticks a packet at 1 Gbit/s
+constexpr double kRateMax = 1.0 * kTsClockHz;                       // ticks a packet at one packet a second
+// The longest intervals, in ticks. The standard allows 100 ms between references, but some files exceed
+// that. A longer interval is a jump, unless it has as many packets as its time needs ("in keeping" with the
+// rate).
+constexpr unsigned long long kIntervalMax = kTsClockHz;
+constexpr unsigned long long kIntervalFirstMax = 5 * kTsClockHz;
+constexpr unsigned long long kIntervalInKeepingMax = 60 * kTsClockHz;
+constexpr double kInKeeping = 4;       // at most this many times faster or slower is in keeping
+constexpr double kOutOfProportion = 8; // a rate this many times slower than the average is dropped
 
-// The rate to go on at where no reference tells.
-double rateOnward(const TSCLOCK &Clock) {
-    if (Clock.ullSoundPackets == 0)
-        return Clock.dRate;
+// Returns the rate to continue at where no reference follows.
+double rateOnward(const TsClock &clock) {
+    if (clock.ullSoundPackets == 0) {
+        return clock.dRate;
+    }
     const double dAverage =
-        static_cast<double>(Clock.llSoundTicks) / static_cast<double>(Clock.ullSoundPackets);
-    return Clock.dRate > dAverage * OUT_OF_PROPORTION ? dAverage : Clock.dRate;
+        static_cast<double>(clock.llSoundTicks) / static_cast<double>(clock.ullSoundPackets);
+    return clock.dRate > dAverage * kOutOfProportion ? dAverage : clock.dRate;
 }
 
 double packetsBetween(unsigned long long ullFrom, unsigned long long ullTo) {
     return static_cast<double>(static_cast<long long>(ullTo - ullFrom));
 }
 
-long long ticksOnward(const TSCLOCK &Clock, unsigned long long ullPacket) {
-    return Clock.llFromTicks +
-           std::llround(rateOnward(Clock) * packetsBetween(Clock.ullFromPacket, ullPacket));
+long long ticksOnward(const TsClock &clock, unsigned long long ullPacket) {
+    return clock.llFromTicks +
+           std::llround(rateOnward(clock) * packetsBetween(clock.ullFromPacket, ullPacket));
 }
 
 } // namespace
 
 bool tsclockIsSound(unsigned long long ullTicks, unsigned long long ullPackets, double dRate) {
-    if (ullPackets == 0)
+    if (ullPackets == 0) {
         return false;
-    const double dThis = static_cast<double>(ullTicks) / static_cast<double>(ullPackets);
-    if (dThis < RATE_MIN || dThis > RATE_MAX)
-        return false;
-    if (dRate <= 0)
-        return ullTicks <= INTERVAL_FIRST_MAX;
-    return ullTicks <= INTERVAL_MAX || (ullTicks <= INTERVAL_IN_KEEPING_MAX && dThis <= dRate * IN_KEEPING &&
-                                        dThis >= dRate / IN_KEEPING);
-}
-
-void tsclockStart(TSCLOCK &Clock, double dRate) {
-    Clock = TSCLOCK{};
-    Clock.dRate = dRate;
-}
-
-bool tsclockNeedsNext(TSCLOCK &Clock, unsigned long long ullPacket) {
-    if (Clock.bNext && ullPacket >= Clock.ullNextPacket) {
-        Clock.ullFromPacket = Clock.ullNextPacket;
-        Clock.llFromTicks = Clock.llNextTicks;
-        Clock.bNext = false;
     }
-    return !Clock.bNext;
+    const double dThis = static_cast<double>(ullTicks) / static_cast<double>(ullPackets);
+    if (dThis < kRateMin || dThis > kRateMax) {
+        return false;
+    }
+    if (dRate <= 0) {
+        return ullTicks <= kIntervalFirstMax;
+    }
+    return ullTicks <= kIntervalMax ||
+           (ullTicks <= kIntervalInKeepingMax && dThis <= dRate * kInKeeping && dThis >= dRate / kInKeeping);
 }
 
-void tsclockNext(TSCLOCK &Clock, unsigned long long ullPacket, unsigned long long ullReference, bool bNewBase,
+void tsclockStart(TsClock &clock, double dRate) {
+    clock = TsClock{};
+    clock.dRate = dRate;
+}
+
+bool tsclockNeedsNext(TsClock &clock, unsigned long long ullPacket) {
+    if (clock.bNext && ullPacket >= clock.ullNextPacket) {
+        clock.ullFromPacket = clock.ullNextPacket;
+        clock.llFromTicks = clock.llNextTicks;
+        clock.bNext = false;
+    }
+    return !clock.bNext;
+}
+
+void tsclockNext(TsClock &clock, unsigned long long ullPacket, unsigned long long ullReference, bool bNewBase,
                  unsigned long long ullAsked) {
-    long long llTicks = ticksOnward(Clock, ullPacket);
-    const long long llAsked = ticksOnward(Clock, ullAsked); // at the rate that it was given out at
-    if (Clock.bReference && !bNewBase) {
-        const unsigned long long ullTicks =
-            (ullReference + TS_CLOCK_WRAP - Clock.ullReference) % TS_CLOCK_WRAP;
-        const unsigned long long ullPackets = ullPacket - Clock.ullReferencePacket;
-        if (tsclockIsSound(ullTicks, ullPackets, Clock.dRate)) {
-            llTicks = Clock.llReferenceTicks + static_cast<long long>(ullTicks);
-            Clock.dRate = static_cast<double>(ullTicks) / static_cast<double>(ullPackets);
-            Clock.ullSoundPackets += ullPackets;
-            Clock.llSoundTicks += static_cast<long long>(ullTicks);
+    long long llTicks = ticksOnward(clock, ullPacket);
+    const long long llAsked = ticksOnward(clock, ullAsked); // as it was given out
+    if (clock.bReference && !bNewBase) {
+        const unsigned long long ullTicks = (ullReference + kTsClockWrap - clock.ullReference) % kTsClockWrap;
+        const unsigned long long ullPackets = ullPacket - clock.ullReferencePacket;
+        if (tsclockIsSound(ullTicks, ullPackets, clock.dRate)) {
+            llTicks = clock.llReferenceTicks + static_cast<long long>(ullTicks);
+            clock.dRate = static_cast<double>(ullTicks) / static_cast<double>(ullPackets);
+            clock.ullSoundPackets += ullPackets;
+            clock.llSoundTicks += static_cast<long long>(ullTicks);
         }
     }
-    if (ullAsked > Clock.ullFromPacket) {
-        // The reference came into sight late: the line starts where the playout has got to, and leads to the
-        // reference's time only at a pace that can be.
-        Clock.ullFromPacket = ullAsked;
-        Clock.llFromTicks = llAsked;
+    if (ullAsked > clock.ullFromPacket) {
+        // The reference was found late. Start the line at the last time given out. Lead it to the
+        // reference's time only if that pace is sound.
+        clock.ullFromPacket = ullAsked;
+        clock.llFromTicks = llAsked;
         const unsigned long long ullRest = static_cast<unsigned long long>(llTicks - llAsked);
-        if (!tsclockIsSound(ullRest, ullPacket - ullAsked, Clock.dRate))
-            llTicks = ticksOnward(Clock, ullPacket);
+        if (!tsclockIsSound(ullRest, ullPacket - ullAsked, clock.dRate)) {
+            llTicks = ticksOnward(clock, ullPacket);
+        }
     }
-    Clock.bNext = true;
-    Clock.ullNextPacket = ullPacket;
-    Clock.llNextTicks = std::max(llTicks, Clock.llFromTicks);
-    Clock.bReference = true;
-    Clock.ullReference = ullReference;
-    Clock.ullReferencePacket = ullPacket;
-    Clock.llReferenceTicks = Clock.llNextTicks;
+    clock.bNext = true;
+    clock.ullNextPacket = ullPacket;
+    clock.llNextTicks = std::max(llTicks, clock.llFromTicks);
+    clock.bReference = true;
+    clock.ullReference = ullReference;
+    clock.ullReferencePacket = ullPacket;
+    clock.llReferenceTicks = clock.llNextTicks;
 }
 
-long long tsclockDue(const TSCLOCK &Clock, unsigned long long ullPacket) {
-    if (!Clock.bNext)
-        return ticksOnward(Clock, ullPacket);
-    const double dPart = packetsBetween(Clock.ullFromPacket, ullPacket) /
-                         std::max(packetsBetween(Clock.ullFromPacket, Clock.ullNextPacket), 1.0);
-    return Clock.llFromTicks +
-           std::llround(dPart * static_cast<double>(Clock.llNextTicks - Clock.llFromTicks));
+long long tsclockDue(const TsClock &clock, unsigned long long ullPacket) {
+    if (!clock.bNext) {
+        return ticksOnward(clock, ullPacket);
+    }
+    const double dPart = packetsBetween(clock.ullFromPacket, ullPacket) /
+                         std::max(packetsBetween(clock.ullFromPacket, clock.ullNextPacket), 1.0);
+    return clock.llFromTicks +
+           std::llround(dPart * static_cast<double>(clock.llNextTicks - clock.llFromTicks));
 }

@@ -1,59 +1,60 @@
-// tspacket.h - transport stream packets in a stored file: their layout, their order, their clock references.
+// tspacket.h - finds transport stream packets in a stored file, and reads their clock references.
 //
-// Used by the transport stream reader. A file holds packets of 188 bytes, alone or in units of 192 (a time
-// stamp of 4 bytes before each) or 204 bytes (16 bytes of error correction behind each), possibly with bytes
-// in between that belong to no packet.
+// Used by the transport stream reader. A file holds packets of 188 bytes in units of 188, 192 or 204 bytes.
+// A unit of 192 has a time stamp of 4 bytes before the packet; a unit of 204 has 16 bytes of error
+// correction behind it. There may be bytes in between that belong to no packet.
 #ifndef FRAMEWORK_TSPACKET_H
 #define FRAMEWORK_TSPACKET_H
 
 #include "filewindow.h"
 #include "mediapacket.h"
 
-constexpr std::size_t TS_PACKET = 188;
-constexpr unsigned char TS_SYNC = 0x47;
-constexpr std::size_t TS_PROBE = 128 * 1024; // bytes of the file's head in which packets must show
-constexpr long long TS_CLOCK_HZ = 27'000'000;
-constexpr unsigned long long TS_CLOCK_WRAP = (1ULL << 33) * 300;
+constexpr std::size_t kTsPacketSize = 188;
+constexpr unsigned char kTsSync = 0x47;
+constexpr std::size_t kTsProbeSize = std::size_t{128} * 1024; // packets must appear in this head of the file
+constexpr long long kTsClockHz = 27'000'000;
+constexpr unsigned long long kTsClockWrap = (1ULL << 33) * 300;
 
-// Where a file's packets are: the distance between two of them, and the file offset of the first.
-struct TSLAYOUT {
+// Where a file's packets are: the bytes from one to the next, and the file offset of the first.
+struct TsLayout {
     unsigned int uiUnit = 0;
     unsigned long long ullFirst = 0;
 };
 
-// Finds the layout by what the head of the file holds. Window: at least TS_PROBE bytes of buffer.
-// Returns false when no run of packets is found.
-bool tsFindLayout(FILEWINDOW &Window, TSLAYOUT &Layout);
+// Finds the layout from the head of the file. window: has a buffer of at least kTsProbeSize bytes.
+// Returns false if there is no run of packets.
+bool tsFindLayout(FileWindow &window, TsLayout &layout);
 
-// A place in the file that moves from packet to packet. Two cursors of one file pass the same packets.
-struct TSCURSOR {
-    FILEWINDOW Window;
+// A place in the file that moves from packet to packet. All cursors of a file meet the same packets.
+struct TsCursor {
+    FileWindow window;
     unsigned int uiUnit = 0;
     unsigned long long ullOffset = 0;    // file offset of the next packet
     unsigned long long ullPassed = 0;    // packets passed so far
-    bool bHunting = false;               // looking for the next packet, byte by byte
-    unsigned long long ullLosses = 0;    // how often packets did not follow each other
-    unsigned long long ullFirstLoss = 0; // file offset of the first time
-    unsigned long long ullLastLoss = 0;  // and of the last time
+    bool bHunting = false;               // searches for the next packet byte by byte
+    unsigned long long ullLosses = 0;    // how often no packet followed the one before
+    unsigned long long ullFirstLoss = 0; // file offset of the first loss
+    unsigned long long ullLastLoss = 0;  // file offset of the last loss
     unsigned long long ullSkipped = 0;   // bytes that belong to no packet
 };
 
-void tsCursorOpen(TSCURSOR &Cursor, int iFile, std::size_t ulBuffer, const TSLAYOUT &Layout);
+void tsCursorOpen(TsCursor &cursor, int iFile, std::size_t ulBuffer, const TsLayout &layout);
 
-// Steps over the next packet and lends its 188 bytes until the next step. Where no packet follows, the next
-// run of packets is looked for, up to the file offset ullLimit in this step. Returns MEDIA_PACKET, MEDIA_END
-// (no whole packet follows; Window.iError tells a failed read), MEDIA_BUSY.
-int tsCursorNext(TSCURSOR &Cursor, unsigned long long ullLimit, const unsigned char *&pPacket);
+// Moves over the next packet and lends its 188 bytes until the next step. If no packet follows here,
+// searches for the next run of packets, in this step as far as the file offset ullLimit.
+// Returns MEDIA_PACKET, MEDIA_BUSY, or MEDIA_END if no whole packet follows. After MEDIA_END, window.iError
+// is set if a read failed.
+int tsCursorNext(TsCursor &cursor, unsigned long long ullLimit, const unsigned char *&pPacket);
 
 // What one packet says about its program's clock.
-struct TSREFERENCE {
+struct TsReference {
     unsigned int uiPID;
-    bool bDiscontinuity;         // the clock is about to start anew
+    bool bDiscontinuity;         // the clock starts anew
     bool bClock;                 // ullClock holds a reference
-    unsigned long long ullClock; // 27 MHz, below TS_CLOCK_WRAP
+    unsigned long long ullClock; // 27 MHz, below kTsClockWrap
 };
 
-// Reads the clock reference of a packet. Returns false when there is neither a reference nor a discontinuity.
-bool tsReadReference(const unsigned char *pPacket, TSREFERENCE &Reference);
+// Reads the clock reference of a packet. Returns false if it holds neither a reference nor a discontinuity.
+bool tsReadReference(const unsigned char *pPacket, TsReference &reference);
 
 #endif

@@ -7,179 +7,198 @@
 
 namespace {
 
-constexpr std::size_t PLAY_BUFFER = 64 * 1024;
-constexpr unsigned long long START_SCAN = 16 * 1024 * 1024; // bytes searched for a clock before the start
-constexpr unsigned long long LOOK_AHEAD = 4 * 1024 * 1024;  // bytes searched for the next reference in play
-constexpr unsigned long long STEP_BYTES = 1024 * 1024;      // bytes without a packet that one step passes
-constexpr unsigned int OTHER_MAX = 10; // references of another PID after which the clock's PID has ended
-constexpr std::size_t CLOCKS_MAX = 16; // PIDs compared for the start
+constexpr unsigned long long kMebibyte = 1ULL << 20;
+constexpr std::size_t kPlayBufferSize = std::size_t{64} * 1024;
+constexpr unsigned long long kStartScan = 16 * kMebibyte; // bytes searched for a clock before the start
+constexpr unsigned long long kLookAhead = 4 * kMebibyte;  // bytes searched for the next reference in play
+constexpr unsigned long long kStepBytes = kMebibyte;      // bytes without a packet that one step skips
+constexpr unsigned int kOtherMax = 10; // references of another PID before the clock follows that PID
+constexpr std::size_t kClocksMax = 16; // PIDs compared at the start
 
-// The first reference of a PID that is waiting for its second.
-struct CANDIDATE {
+// A PID's last reference, while the search waits for its next.
+struct Candidate {
     unsigned int uiPID;
     unsigned long long ullClock;
     unsigned long long ullPacket;
 };
 
-// Finds the first PID with a sound interval between two references, and the interval's rate.
-bool findClock(TSREADER &Reader, const TSLAYOUT &Layout, std::string &sReason) {
-    CANDIDATE aCandidate[CLOCKS_MAX] = {};
+// Finds the first PID with a sound interval between two references, and starts the clock at that interval's
+// rate. Returns false and the reason if there is none.
+bool findClock(TsReader &reader, const TsLayout &layout, std::string &sReason) {
+    Candidate aCandidate[kClocksMax] = {};
     std::size_t ulCandidates = 0;
     unsigned long long ullReferences = 0;
-    TSCURSOR &Scan = Reader.Scan;
+    TsCursor &scan = reader.scan;
     const unsigned char *pPacket = nullptr;
-    const unsigned long long ullLimit = Layout.ullFirst + START_SCAN;
-    while (Scan.ullOffset < ullLimit && tsCursorNext(Scan, ullLimit, pPacket) == MEDIA_PACKET) {
-        TSREFERENCE Reference{};
-        if (!tsReadReference(pPacket, Reference) || !Reference.bClock)
+    const unsigned long long ullLimit = layout.ullFirst + kStartScan;
+    while (scan.ullOffset < ullLimit && tsCursorNext(scan, ullLimit, pPacket) == MEDIA_PACKET) {
+        TsReference reference{};
+        if (!tsReadReference(pPacket, reference) || !reference.bClock) {
             continue;
+        }
         ullReferences++;
-        const unsigned long long ullPacket = Scan.ullPassed - 1;
-        CANDIDATE *pEnd = aCandidate + ulCandidates;
-        CANDIDATE *pCandidate = std::find_if(
-            aCandidate, pEnd, [&](const CANDIDATE &Candidate) { return Candidate.uiPID == Reference.uiPID; });
-        if (pCandidate != pEnd && !Reference.bDiscontinuity) {
+        const unsigned long long ullPacket = scan.ullPassed - 1;
+        Candidate *pEnd = aCandidate + ulCandidates;
+        Candidate *pCandidate = std::find_if(
+            aCandidate, pEnd, [&](const Candidate &candidate) { return candidate.uiPID == reference.uiPID; });
+        if (pCandidate != pEnd && !reference.bDiscontinuity) {
             const unsigned long long ullTicks =
-                (Reference.ullClock + TS_CLOCK_WRAP - pCandidate->ullClock) % TS_CLOCK_WRAP;
+                (reference.ullClock + kTsClockWrap - pCandidate->ullClock) % kTsClockWrap;
             const unsigned long long ullPackets = ullPacket - pCandidate->ullPacket;
             if (tsclockIsSound(ullTicks, ullPackets, 0)) {
-                Reader.uiClockPID = Reference.uiPID;
-                tsclockStart(Reader.Clock, static_cast<double>(ullTicks) / static_cast<double>(ullPackets));
+                reader.uiClockPID = reference.uiPID;
+                tsclockStart(reader.clock, static_cast<double>(ullTicks) / static_cast<double>(ullPackets));
                 return true;
             }
         }
-        if (pCandidate == pEnd && ulCandidates < CLOCKS_MAX)
+        if (pCandidate == pEnd && ulCandidates < kClocksMax) {
             ulCandidates++;
-        if (pCandidate < aCandidate + ulCandidates)
-            *pCandidate = {Reference.uiPID, Reference.ullClock, ullPacket};
+        }
+        if (pCandidate < aCandidate + ulCandidates) {
+            *pCandidate = {reference.uiPID, reference.ullClock, ullPacket};
+        }
     }
-    if (Scan.Window.iError != 0)
-        sReason = std::string("it cannot be read: ") + std::strerror(Scan.Window.iError);
-    else if (ullReferences == 0)
+    if (scan.window.iError != 0) {
+        sReason = std::string("it cannot be read: ") + std::strerror(scan.window.iError);
+    } else if (ullReferences == 0) {
         sReason = "its first 16 MiB hold no clock reference (PCR), so its pace is not known";
-    else
+    } else {
         sReason =
             "its first 16 MiB hold no two clock references (PCR) that make sense, so its pace is not known";
+    }
     return false;
 }
 
-// Looks ahead for the clock's next reference. Returns false when none is in sight.
-bool scanReference(TSREADER &Reader) {
-    TSCURSOR &Scan = Reader.Scan;
-    const unsigned long long ullLimit = Reader.Play.ullOffset + LOOK_AHEAD;
+// Searches ahead for the clock's next reference. Returns false if there is none within kLookAhead.
+bool scanReference(TsReader &reader) {
+    TsCursor &scan = reader.scan;
+    const unsigned long long ullLimit = reader.play.ullOffset + kLookAhead;
     const unsigned char *pPacket = nullptr;
-    while (Scan.ullOffset < ullLimit && tsCursorNext(Scan, ullLimit, pPacket) == MEDIA_PACKET) {
-        TSREFERENCE Reference{};
-        if (!tsReadReference(pPacket, Reference))
+    while (scan.ullOffset < ullLimit && tsCursorNext(scan, ullLimit, pPacket) == MEDIA_PACKET) {
+        TsReference reference{};
+        if (!tsReadReference(pPacket, reference)) {
             continue;
-        if (Reference.uiPID != Reader.uiClockPID) {
-            if (!Reference.bClock)
-                continue;
-            Reader.uiOther = Reference.uiPID == Reader.uiOtherPID ? Reader.uiOther + 1 : 1;
-            Reader.uiOtherPID = Reference.uiPID;
-            if (Reader.uiOther < OTHER_MAX)
-                continue;
-            Reader.uiClockPID = Reference.uiPID;
-            Reader.bNewBase = true;
         }
-        Reader.bNewBase = Reader.bNewBase || Reference.bDiscontinuity;
-        if (!Reference.bClock)
+        if (reference.uiPID != reader.uiClockPID) {
+            if (!reference.bClock) {
+                continue;
+            }
+            reader.uiOther = reference.uiPID == reader.uiOtherPID ? reader.uiOther + 1 : 1;
+            reader.uiOtherPID = reference.uiPID;
+            if (reader.uiOther < kOtherMax) {
+                continue;
+            }
+            reader.uiClockPID = reference.uiPID;
+            reader.bNewBase = true;
+        }
+        reader.bNewBase = reader.bNewBase || reference.bDiscontinuity;
+        if (!reference.bClock) {
             continue;
-        tsclockNext(Reader.Clock, Scan.ullPassed - 1, Reference.ullClock, Reader.bNewBase, Reader.ullAsked);
-        Reader.bNewBase = false;
-        Reader.uiOther = 0;
+        }
+        tsclockNext(reader.clock, scan.ullPassed - 1, reference.ullClock, reader.bNewBase, reader.ullAsked);
+        reader.bNewBase = false;
+        reader.uiOther = 0;
         return true;
     }
     return false;
 }
 
-// When the packet is due, in nanoseconds.
-long long dueTime(TSREADER &Reader, unsigned long long ullPacket) {
-    while (tsclockNeedsNext(Reader.Clock, ullPacket) && scanReference(Reader)) {
+// Returns when the packet is due, in nanoseconds.
+long long dueTime(TsReader &reader, unsigned long long ullPacket) {
+    while (tsclockNeedsNext(reader.clock, ullPacket) && scanReference(reader)) {
     }
-    Reader.ullAsked = ullPacket;
-    const long long llTicks = tsclockDue(Reader.Clock, ullPacket);
+    reader.ullAsked = ullPacket;
+    const long long llTicks = tsclockDue(reader.clock, ullPacket);
     return llTicks / 27 * 1000 + llTicks % 27 * 1000 / 27;
 }
 
-void reportLoss(TSREADER &Reader) {
-    if (Reader.bReported || Reader.Play.ullLosses == 0)
+void reportLoss(TsReader &reader) {
+    if (reader.bReported || reader.play.ullLosses == 0) {
         return;
-    Reader.bReported = true;
+    }
+    reader.bReported = true;
     frameworkReport("stream", "%s: no transport stream packet at byte %llu: going on with the next ones",
-                    Reader.sFile.c_str(), Reader.Play.ullFirstLoss);
+                    reader.sFile.c_str(), reader.play.ullFirstLoss);
 }
 
-void reportEnd(const TSREADER &Reader) {
-    const TSCURSOR &Play = Reader.Play;
-    if (Play.Window.iError != 0) {
+void reportEnd(const TsReader &reader) {
+    const TsCursor &play = reader.play;
+    if (play.window.iError != 0) {
         frameworkReport("stream", "%s: cannot be read on at byte %llu: %s: the playout ends here",
-                        Reader.sFile.c_str(), Play.ullOffset, std::strerror(Play.Window.iError));
+                        reader.sFile.c_str(), play.ullOffset, std::strerror(play.window.iError));
         return;
     }
     std::size_t ulRest = 0;
-    if (Play.Window.ullOffset + Play.Window.ulLength > Play.ullOffset)
-        ulRest = static_cast<std::size_t>(Play.Window.ullOffset + Play.Window.ulLength - Play.ullOffset);
-    if (ulRest > 0)
+    if (play.window.ullOffset + play.window.ulLength > play.ullOffset) {
+        ulRest = static_cast<std::size_t>(play.window.ullOffset + play.window.ulLength - play.ullOffset);
+    }
+    if (ulRest > 0) {
         frameworkReport("stream", "%s: ends with %zu bytes that are no whole packet: they are left out",
-                        Reader.sFile.c_str(), ulRest);
-    if (Play.ullLosses > 1)
+                        reader.sFile.c_str(), ulRest);
+    }
+    if (play.ullLosses > 1) {
         frameworkReport("stream", "%s: %llu bytes in %llu places were no transport stream packets",
-                        Reader.sFile.c_str(), Play.ullSkipped, Play.ullLosses);
+                        reader.sFile.c_str(), play.ullSkipped, play.ullLosses);
+    }
 }
 
 } // namespace
 
 bool tsReaderRecognises(int iFile) {
-    FILEWINDOW Window;
-    TSLAYOUT Layout;
-    windowOpen(Window, iFile, TS_PROBE);
-    return tsFindLayout(Window, Layout);
+    FileWindow window;
+    TsLayout layout;
+    windowOpen(window, iFile, kTsProbeSize);
+    return tsFindLayout(window, layout);
 }
 
-bool tsReaderStart(TSREADER &Reader, int iFile, const char *pszFile, std::string &sReason) {
-    Reader = TSREADER{};
-    Reader.sFile = pszFile;
-    FILEWINDOW Window;
-    TSLAYOUT Layout;
-    windowOpen(Window, iFile, TS_PROBE);
-    if (!tsFindLayout(Window, Layout)) {
+bool tsReaderStart(TsReader &reader, int iFile, const char *pszFile, std::string &sReason) {
+    reader = TsReader{};
+    reader.sFile = pszFile;
+    FileWindow window;
+    TsLayout layout;
+    windowOpen(window, iFile, kTsProbeSize);
+    if (!tsFindLayout(window, layout)) {
         sReason = "its head holds no transport stream packets";
         return false;
     }
-    tsCursorOpen(Reader.Play, iFile, PLAY_BUFFER, Layout);
-    tsCursorOpen(Reader.Scan, iFile, PLAY_BUFFER, Layout);
-    if (!findClock(Reader, Layout, sReason))
+    tsCursorOpen(reader.play, iFile, kPlayBufferSize, layout);
+    tsCursorOpen(reader.scan, iFile, kPlayBufferSize, layout);
+    if (!findClock(reader, layout, sReason)) {
         return false;
-    tsCursorOpen(Reader.Scan, iFile, PLAY_BUFFER, Layout);
-    if (Layout.ullFirst >= Layout.uiUnit)
+    }
+    tsCursorOpen(reader.scan, iFile, kPlayBufferSize, layout);
+    if (layout.ullFirst >= layout.uiUnit) {
         frameworkReport("stream", "%s: %llu bytes before the first packet are left out", pszFile,
-                        Layout.ullFirst);
+                        layout.ullFirst);
+    }
     return true;
 }
 
-int tsReaderNext(TSREADER &Reader, MEDIAPACKET &Packet) {
-    if (Reader.bHandedOut) {
-        Reader.bHandedOut = false;
-        Reader.uiRun = 0;
+int tsReaderNext(TsReader &reader, MediaPacket &packet) {
+    if (reader.bHandedOut) {
+        reader.bHandedOut = false;
+        reader.uiRun = 0;
     }
-    while (Reader.uiRun < TS_RUN) {
+    while (reader.uiRun < kTsRunMax) {
         const unsigned char *pPacket = nullptr;
-        const int iStep = tsCursorNext(Reader.Play, Reader.Play.ullOffset + STEP_BYTES, pPacket);
-        reportLoss(Reader);
-        if (iStep == MEDIA_BUSY)
+        const int iStep = tsCursorNext(reader.play, reader.play.ullOffset + kStepBytes, pPacket);
+        reportLoss(reader);
+        if (iStep == MEDIA_BUSY) {
             return MEDIA_BUSY;
+        }
         if (iStep == MEDIA_END) {
-            if (Reader.uiRun > 0)
+            if (reader.uiRun > 0) {
                 break;
-            reportEnd(Reader);
+            }
+            reportEnd(reader);
             return MEDIA_END;
         }
-        std::memcpy(Reader.aRun + Reader.uiRun * TS_PACKET, pPacket, TS_PACKET);
-        if (Reader.uiRun++ == 0)
-            Reader.llRunDue = std::max(Reader.llRunDue, dueTime(Reader, Reader.Play.ullPassed - 1));
+        std::memcpy(reader.aRun + reader.uiRun * kTsPacketSize, pPacket, kTsPacketSize);
+        if (reader.uiRun++ == 0) {
+            reader.llRunDue = std::max(reader.llRunDue, dueTime(reader, reader.play.ullPassed - 1));
+        }
     }
-    Reader.bHandedOut = true;
-    Packet = {Reader.aRun, Reader.uiRun * static_cast<unsigned int>(TS_PACKET), Reader.llRunDue};
+    reader.bHandedOut = true;
+    packet = {reader.aRun, reader.uiRun * static_cast<unsigned int>(kTsPacketSize), reader.llRunDue};
     return MEDIA_PACKET;
 }

@@ -12,12 +12,12 @@
 
 namespace {
 
-// What 100 ms at 400 Mbit/s of 1316-byte datagrams take in a socket's queue. The kernel charges a datagram
-// with the whole memory it lies in: its 2 KiB buffer and the 256 bytes of its descriptor.
-constexpr int STALL_DATAGRAMS = 400'000'000 / 10 / (1316 * 8);
-constexpr int DATAGRAM_CHARGE = 2048 + 256;
-constexpr int STALL_BYTES = STALL_DATAGRAMS * DATAGRAM_CHARGE;
-constexpr int SEND_BYTES = 2 * 1024 * 1024;
+// The space that 100 ms of 1316-byte datagrams at 400 Mbit/s take in a socket's queue. The kernel counts
+// all the memory of a datagram: its 2 KiB buffer and the 256 bytes of its descriptor.
+constexpr int kStallDatagrams = 400'000'000 / 10 / (1316 * 8);
+constexpr int kDatagramCharge = 2048 + 256;
+constexpr int kStallBytes = kStallDatagrams * kDatagramCharge;
+constexpr int kSendBytes = 2 * 1024 * 1024;
 
 int closeWith(int iSocket, int iErrno) {
     close(iSocket);
@@ -28,21 +28,21 @@ int setInteger(int iSocket, int iLevel, int iOption, int iValue) {
     return setsockopt(iSocket, iLevel, iOption, &iValue, sizeof iValue);
 }
 
-bool isGroup(const sockaddr_in &Address) {
-    return IN_MULTICAST(ntohl(Address.sin_addr.s_addr));
+bool isGroup(const sockaddr_in &address) {
+    return IN_MULTICAST(ntohl(address.sin_addr.s_addr));
 }
 
 // Reads address and port into Address. Returns 0, or an errno (reported).
-int readAddress(const char *pszWho, const char *pszAddress, unsigned short usPort, sockaddr_in &Address) {
-    Address = {};
-    Address.sin_family = AF_INET;
-    Address.sin_port = htons(usPort);
-    if (pszAddress == nullptr || inet_pton(AF_INET, pszAddress, &Address.sin_addr) != 1) {
+int readAddress(const char *pszWho, const char *pszAddress, unsigned short usPort, sockaddr_in &address) {
+    address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(usPort);
+    if (pszAddress == nullptr || inet_pton(AF_INET, pszAddress, &address.sin_addr) != 1) {
         frameworkReport(pszWho, "\"%s\" is no IPv4 address (four numbers with dots)",
                         pszAddress == nullptr ? "" : pszAddress);
         return EINVAL;
     }
-    if (Address.sin_addr.s_addr == htonl(INADDR_ANY) || usPort == 0) {
+    if (address.sin_addr.s_addr == htonl(INADDR_ANY) || usPort == 0) {
         frameworkReport(pszWho, "%s:%u names no target: neither the address nor the port may be zero",
                         pszAddress, usPort);
         return EINVAL;
@@ -51,57 +51,63 @@ int readAddress(const char *pszWho, const char *pszAddress, unsigned short usPor
 }
 
 // Reads an interface's name or one of this machine's addresses. Returns 0, or an errno (reported).
-int readInterface(const char *pszWho, const char *pszFrom, const char *pszInterface, ip_mreqn &Interface) {
-    if (inet_pton(AF_INET, pszInterface, &Interface.imr_address) == 1)
+int readInterface(const char *pszWho, const char *pszFrom, const char *pszInterface, ip_mreqn &interface) {
+    if (inet_pton(AF_INET, pszInterface, &interface.imr_address) == 1) {
         return 0;
-    Interface.imr_address.s_addr = htonl(INADDR_ANY);
-    Interface.imr_ifindex = static_cast<int>(if_nametoindex(pszInterface));
-    if (Interface.imr_ifindex != 0)
+    }
+    interface.imr_address.s_addr = htonl(INADDR_ANY);
+    interface.imr_ifindex = static_cast<int>(if_nametoindex(pszInterface));
+    if (interface.imr_ifindex != 0) {
         return 0;
+    }
     frameworkReport(pszWho, "\"%s\" (%s) is neither a network interface nor an address of this machine",
                     pszInterface, pszFrom);
     return ENODEV;
 }
 
-// Asks for a receive buffer that rides out the stall. Twice what the queue takes is asked for (the kernel
-// doubles the number itself): drivers differ in what they charge, and while a reader catches up, up to a
-// quarter of the buffer counts as still taken.
+// Asks for a receive buffer that holds all datagrams of a 100 ms stall. The kernel doubles the number asked
+// for, and the doubled size is needed: drivers differ in the memory they use, and while a reader catches
+// up, up to a quarter of the buffer still counts as full.
 void askForReceiveBuffer(int iSocket, const char *pszAddress, unsigned short usPort) {
-    if (setInteger(iSocket, SOL_SOCKET, SO_RCVBUFFORCE, STALL_BYTES) != 0)
-        setInteger(iSocket, SOL_SOCKET, SO_RCVBUF, STALL_BYTES);
+    if (setInteger(iSocket, SOL_SOCKET, SO_RCVBUFFORCE, kStallBytes) != 0) {
+        setInteger(iSocket, SOL_SOCKET, SO_RCVBUF, kStallBytes);
+    }
     int iGiven = 0;
     socklen_t uiLength = sizeof iGiven;
     getsockopt(iSocket, SOL_SOCKET, SO_RCVBUF, &iGiven, &uiLength);
-    if (iGiven < STALL_BYTES / 10 * 9)
+    if (iGiven < kStallBytes / 10 * 9) {
         frameworkReport("udpOpenReceiver",
                         "%s:%u: the kernel gives a receive buffer of %d bytes; %d ride out a 100 ms stall at "
                         "400 Mbit/s: raise net.core.rmem_max to %d",
-                        pszAddress, usPort, iGiven, STALL_BYTES, STALL_BYTES);
+                        pszAddress, usPort, iGiven, kStallBytes, kStallBytes);
+    }
 }
 
-// Sets where the datagrams to a group go. Returns 0, or an errno (reported).
+// Sets the interface, hop limit and local copy for datagrams to a group. Returns 0, or an errno (reported).
 int setGroupSending(int iSocket, const char *pszAddress, const char *pszInterface, int iHops) {
-    static constexpr const char *pszWho = "udpOpenSender";
+    static constexpr const char *kWho = "udpOpenSender";
     const char *pszFrom = "given";
     if (pszInterface == nullptr || *pszInterface == 0) {
-        pszInterface = getenv("KTNET_MULTICAST_IF");
+        pszInterface = std::getenv("KTNET_MULTICAST_IF");
         pszFrom = "from KTNET_MULTICAST_IF";
     }
     if (pszInterface != nullptr && *pszInterface != 0) {
-        ip_mreqn Interface{};
-        if (const int iErrno = readInterface(pszWho, pszFrom, pszInterface, Interface))
+        ip_mreqn interface {};
+        if (const int iErrno = readInterface(kWho, pszFrom, pszInterface, interface)) {
             return iErrno;
-        if (setsockopt(iSocket, IPPROTO_IP, IP_MULTICAST_IF, &Interface, sizeof Interface) != 0) {
+        }
+        if (setsockopt(iSocket, IPPROTO_IP, IP_MULTICAST_IF, &interface, sizeof interface) != 0) {
             const int iErrno = errno;
-            frameworkReport(pszWho, "can not send to %s through \"%s\" (%s): %s", pszAddress, pszInterface,
-                            pszFrom, strerror(iErrno));
+            frameworkReport(kWho, "can not send to %s through \"%s\" (%s): %s", pszAddress, pszInterface,
+                            pszFrom, std::strerror(iErrno));
             return iErrno;
         }
     }
     if (setInteger(iSocket, IPPROTO_IP, IP_MULTICAST_LOOP, 1) != 0 ||
         (iHops >= 0 && setInteger(iSocket, IPPROTO_IP, IP_MULTICAST_TTL, iHops) != 0)) {
         const int iErrno = errno;
-        frameworkReport(pszWho, "%s: can not set the hop limit %d: %s", pszAddress, iHops, strerror(iErrno));
+        frameworkReport(kWho, "%s: can not set the hop limit %d: %s", pszAddress, iHops,
+                        std::strerror(iErrno));
         return iErrno;
     }
     return 0;
@@ -110,25 +116,27 @@ int setGroupSending(int iSocket, const char *pszAddress, const char *pszInterfac
 } // namespace
 
 int udpOpenSender(const char *pszAddress, unsigned short usPort, const char *pszInterface, int iHops) {
-    static constexpr const char *pszWho = "udpOpenSender";
-    sockaddr_in Address;
-    if (const int iErrno = readAddress(pszWho, pszAddress, usPort, Address))
+    static constexpr const char *kWho = "udpOpenSender";
+    sockaddr_in address;
+    if (const int iErrno = readAddress(kWho, pszAddress, usPort, address)) {
         return -iErrno;
+    }
     const int iSocket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (iSocket < 0) {
         const int iErrno = errno;
-        frameworkReport(pszWho, "no socket for %s:%u: %s", pszAddress, usPort, strerror(iErrno));
+        frameworkReport(kWho, "no socket for %s:%u: %s", pszAddress, usPort, std::strerror(iErrno));
         return -iErrno;
     }
-    setInteger(iSocket, SOL_SOCKET, SO_SNDBUF, SEND_BYTES);
-    if (isGroup(Address)) {
-        if (const int iErrno = setGroupSending(iSocket, pszAddress, pszInterface, iHops))
+    setInteger(iSocket, SOL_SOCKET, SO_SNDBUF, kSendBytes);
+    if (isGroup(address)) {
+        if (const int iErrno = setGroupSending(iSocket, pszAddress, pszInterface, iHops)) {
             return closeWith(iSocket, iErrno);
+        }
     }
-    if (connect(iSocket, reinterpret_cast<const sockaddr *>(&Address), sizeof Address) != 0) {
+    if (connect(iSocket, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
         const int iErrno = errno;
-        frameworkReport(pszWho, "no way to %s:%u: %s%s", pszAddress, usPort, strerror(iErrno),
-                        iErrno == ENETUNREACH && isGroup(Address)
+        frameworkReport(kWho, "no way to %s:%u: %s%s", pszAddress, usPort, std::strerror(iErrno),
+                        iErrno == ENETUNREACH && isGroup(address)
                             ? " (KTNET_MULTICAST_IF can name the sending interface)"
                             : "");
         return closeWith(iSocket, iErrno);
@@ -137,41 +145,43 @@ int udpOpenSender(const char *pszAddress, unsigned short usPort, const char *psz
 }
 
 int udpOpenReceiver(const char *pszAddress, unsigned short usPort, const char *pszInterface) {
-    static constexpr const char *pszWho = "udpOpenReceiver";
-    sockaddr_in Address;
-    if (const int iErrno = readAddress(pszWho, pszAddress, usPort, Address))
+    static constexpr const char *kWho = "udpOpenReceiver";
+    sockaddr_in address;
+    if (const int iErrno = readAddress(kWho, pszAddress, usPort, address)) {
         return -iErrno;
+    }
     const int iSocket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (iSocket < 0) {
         const int iErrno = errno;
-        frameworkReport(pszWho, "no socket for %s:%u: %s", pszAddress, usPort, strerror(iErrno));
+        frameworkReport(kWho, "no socket for %s:%u: %s", pszAddress, usPort, std::strerror(iErrno));
         return -iErrno;
     }
-    // Bound to the group itself, the socket gets no other group's datagrams of that port; with
-    // IP_MULTICAST_ALL off it gets none that came in on an interface that some other program joined on.
-    if (isGroup(Address)) {
+    // Bind to the group itself, to get no other group's datagrams for that port. Turn IP_MULTICAST_ALL off,
+    // to get none from interfaces on which only other programs joined.
+    if (isGroup(address)) {
         setInteger(iSocket, SOL_SOCKET, SO_REUSEADDR, 1);
         setInteger(iSocket, IPPROTO_IP, IP_MULTICAST_ALL, 0);
     }
-    if (bind(iSocket, reinterpret_cast<const sockaddr *>(&Address), sizeof Address) != 0) {
+    if (bind(iSocket, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
         const int iErrno = errno;
-        frameworkReport(pszWho, "can not receive on %s:%u: %s", pszAddress, usPort,
+        frameworkReport(kWho, "can not receive on %s:%u: %s", pszAddress, usPort,
                         iErrno == EADDRNOTAVAIL ? "neither a multicast group nor an address of this machine"
-                                                : strerror(iErrno));
+                                                : std::strerror(iErrno));
         return closeWith(iSocket, iErrno);
     }
-    if (isGroup(Address)) {
+    if (isGroup(address)) {
         const bool bNamed = pszInterface != nullptr && *pszInterface != 0;
-        ip_mreqn Membership{};
+        ip_mreqn membership{};
         if (bNamed) {
-            if (const int iErrno = readInterface(pszWho, "given", pszInterface, Membership))
+            if (const int iErrno = readInterface(kWho, "given", pszInterface, membership)) {
                 return closeWith(iSocket, iErrno);
+            }
         }
-        Membership.imr_multiaddr = Address.sin_addr;
-        if (setsockopt(iSocket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &Membership, sizeof Membership) != 0) {
+        membership.imr_multiaddr = address.sin_addr;
+        if (setsockopt(iSocket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) != 0) {
             const int iErrno = errno;
-            frameworkReport(pszWho, "can not join %s:%u on %s: %s%s", pszAddress, usPort,
-                            bNamed ? pszInterface : "the routing table's interface", strerror(iErrno),
+            frameworkReport(kWho, "can not join %s:%u on %s: %s%s", pszAddress, usPort,
+                            bNamed ? pszInterface : "the routing table's interface", std::strerror(iErrno),
                             iErrno == ENODEV && !bNamed ? " (no route leads to 224.0.0.0/4)" : "");
             return closeWith(iSocket, iErrno);
         }
@@ -180,23 +190,25 @@ int udpOpenReceiver(const char *pszAddress, unsigned short usPort, const char *p
     return iSocket;
 }
 
-int udpSendMessage(int iSocket, const msghdr &Message) {
+int udpSendMessage(int iSocket, const msghdr &message) {
     bool bSecond = false;
     for (;;) {
-        const ssize_t lSent = sendmsg(iSocket, &Message, MSG_NOSIGNAL);
-        if (lSent >= 0)
+        const ssize_t lSent = sendmsg(iSocket, &message, MSG_NOSIGNAL);
+        if (lSent >= 0) {
             return static_cast<int>(lSent);
+        }
         switch (errno) {
         case EINTR:
             break;
-        case ECONNREFUSED: // what an ICMP answer can leave behind; reading the error has cleared it
+        case ECONNREFUSED: // errors that an ICMP answer may have left; reading one clears it, so try again
         case ENETUNREACH:
         case EHOSTUNREACH:
         case EHOSTDOWN:
         case ENONET:
         case ENOPROTOOPT:
-            if (bSecond)
+            if (bSecond) {
                 return -errno;
+            }
             bSecond = true;
             break;
         default:
@@ -206,9 +218,9 @@ int udpSendMessage(int iSocket, const msghdr &Message) {
 }
 
 int udpSend(int iSocket, const void *pData, unsigned long ulLength) {
-    iovec Piece{const_cast<void *>(pData), ulLength};
-    msghdr Message{};
-    Message.msg_iov = &Piece;
-    Message.msg_iovlen = 1;
-    return udpSendMessage(iSocket, Message);
+    iovec piece{const_cast<void *>(pData), ulLength};
+    msghdr message{};
+    message.msg_iov = &piece;
+    message.msg_iovlen = 1;
+    return udpSendMessage(iSocket, message);
 }

@@ -1,34 +1,36 @@
-// vexa.cpp - libvexa_pgl: clock, yield and break flag. Owns the break flag, the library's only state.
+// vexa.cpp - libvexa_pgl: clock, yield and break flag. Safe on any thread. Owns the break flag, its only
+// state.
 #include "yield.h"
 
 #include <vexa_pgl.h>
 
 #include <atomic>
-#include <time.h>
+#include <ctime>
 
 namespace {
 
-// Written by whoever asks the process to break off, also a signal handler.
+// Written by any thread or signal handler that asks the process to break off.
 std::atomic<int> iGlobalBreak{0};
 static_assert(std::atomic<int>::is_always_lock_free);
 
 } // namespace
 
 unsigned long vexa_time(unsigned long *pTime) {
-    // Not time(): that clock is up to a tick behind, and a second that begins late there would begin twice
-    // for those who read both.
-    timespec Now{};
-    clock_gettime(CLOCK_REALTIME, &Now);
-    const auto ulSeconds = static_cast<unsigned long>(Now.tv_sec);
-    if (pTime != nullptr)
+    // Not time(): that clock is up to a tick behind. A caller that reads both clocks would see time step
+    // back at the start of a second.
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const auto ulSeconds = static_cast<unsigned long>(now.tv_sec);
+    if (pTime != nullptr) {
         *pTime = ulSeconds;
+    }
     return ulSeconds;
 }
 
 void vexa_load_balance(void) {
-    // A signal may cut the pause short: the caller polls anyway.
-    const timespec Pause{0, YIELD_PAUSE_NANOSECONDS};
-    clock_nanosleep(CLOCK_MONOTONIC, 0, &Pause, nullptr);
+    // A signal may cut the pause short. That does no harm: the caller polls again.
+    const timespec pause{0, kYieldPauseNanoseconds};
+    clock_nanosleep(CLOCK_MONOTONIC, 0, &pause, nullptr);
 }
 
 int vexa_get_global_break(void) {

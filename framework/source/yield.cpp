@@ -4,16 +4,16 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <ctime>
 #include <limits>
 #include <sched.h>
-#include <time.h>
 
 namespace {
 
-constexpr long long NANOSECONDS = 1'000'000'000;
-constexpr long long NO_HINT = std::numeric_limits<long long>::max();
+constexpr long long kNanoseconds = 1'000'000'000;
+constexpr long long kNoHint = std::numeric_limits<long long>::max();
 
-thread_local long long llNextDue = NO_HINT;
+thread_local long long llNextDue = kNoHint;
 
 } // namespace
 
@@ -22,17 +22,17 @@ void yieldSetNextDue(long long llMonotonicNanoseconds) {
 }
 
 void qxapi_load_balance(void) {
-    timespec Now{};
-    clock_gettime(CLOCK_MONOTONIC, &Now);
-    const long long llNow = Now.tv_sec * NANOSECONDS + Now.tv_nsec;
-    const long long llUntil = std::min(llNextDue, llNow + YIELD_PAUSE_NANOSECONDS);
-    llNextDue = NO_HINT; // a hint left behind by a stream that is gone must not make the thread spin
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const long long llNow = now.tv_sec * kNanoseconds + now.tv_nsec;
+    const long long llUntil = std::min(llNextDue, llNow + kYieldPauseNanoseconds);
+    llNextDue = kNoHint; // an old time from a closed stream must not make the thread spin
     if (llUntil <= llNow) {
         sched_yield();
         return;
     }
-    const timespec Until{static_cast<time_t>(llUntil / NANOSECONDS),
-                         static_cast<long>(llUntil % NANOSECONDS)};
-    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &Until, nullptr) == EINTR) {
+    const timespec until{static_cast<time_t>(llUntil / kNanoseconds),
+                         static_cast<long>(llUntil % kNanoseconds)};
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
     }
 }

@@ -1,16 +1,17 @@
-// yield.h - how long the pauses of polling threads are.
+// yield.h - how long polling threads pause.
 //
-// A stream's next-packet call leaves the due time of the packet that it does not hand out yet;
-// qxapi_load_balance of the same thread then sleeps until that time.
+// A stream's pNextPacket stores the due time of a packet that is not due yet. qxapi_load_balance on the
+// same thread then sleeps until that time.
 #ifndef FRAMEWORK_YIELD_H
 #define FRAMEWORK_YIELD_H
 
-// The longest pause. Five passes of a loop stay within 50 ms, and a wake-up costs some 12 us in a virtual
-// machine: five idle loops together take 0.6 % of a core.
-constexpr long YIELD_PAUSE_NANOSECONDS = 10'000'000;
+// The longest pause. With it, five passes of a loop take at most 50 ms. A wake-up costs about 12 us in a
+// virtual machine, so five idle loops together take 0.6 % of a core.
+constexpr long kYieldPauseNanoseconds = 10'000'000;
 
-// Sets the hint of the calling thread, which the thread's next qxapi_load_balance uses up.
-// llMonotonicNanoseconds: CLOCK_MONOTONIC time at which the thread's next packet is due.
+// Stores when the calling thread's next packet is due. The thread's next qxapi_load_balance uses the time
+// and clears it.
+// llMonotonicNanoseconds: on CLOCK_MONOTONIC.
 void yieldSetNextDue(long long llMonotonicNanoseconds);
 
 #endif

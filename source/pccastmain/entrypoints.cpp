@@ -24,6 +24,7 @@ const char *const QX_PlugIn_Map[12] = {
 }
 
 std::atomic<uint32_t> gSupervisorStarts{0};
+std::atomic<KTPLUGIN_INFO_TAG *> gAbandonedBlock{nullptr};
 
 namespace {
 
@@ -87,12 +88,14 @@ int __qxapi_close_pccast__() {
     if (hasEnded(pBlock)) {
         std::free(pBlock);
     } else {
-        // The supervisor is still waiting. Later it writes to its block. So the block is not released.
+        // The supervisor is still waiting, and writes to its block when that is over. So the block is left to
+        // it.
         const char *pEngine = gStoppingEngine;
         std::printf(
             "[%s:%d] \e[2;31m %s does not end: the service is closed without it, and what it uses is kept "
             "\e[1;41m[ERROR]\e[0m\n",
             kModule, __LINE__, pEngine != nullptr ? pEngine : "PCCASTPluginMain");
+        gAbandonedBlock = pBlock;
     }
     gpPCCASTPluginInfo = nullptr;
     qxapi_printf(" \e[1;32m*\e[0m Close PCCast plugin\n");

@@ -24,6 +24,10 @@ extern std::atomic<uint32_t> gSupervisorStarts;
 // writes it. The close routine reads it, to print the name if the wait takes too long.
 extern std::atomic<const char *> gStoppingEngine;
 
+// The block of a supervisor that the close routine did not await to the end; null: none. The close routine
+// writes it. The supervisor takes it out as its very last act, and releases the block.
+extern std::atomic<KTPLUGIN_INFO_TAG *> gAbandonedBlock;
+
 // Prints a warning if a request has bytes behind its last whole item. The items before them are used.
 // pKind: "cast" or "message". ulWalked: bytes of whole items. ulTotal: bytes of the request.
 inline void reportRest(const char *pKind, unsigned long ulWalked, unsigned long ulTotal) {

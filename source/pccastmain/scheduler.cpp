@@ -460,12 +460,17 @@ int PCCASTPluginMain(KTPLUGIN_INFO_TAG *pBlock) {
             schedulingLoop(pBlock, pService);
         }
         const bool bAllEnded = stopEngines(pService);
-        viewClose();
+        viewClose(pBlock);
         if (bAllEnded) {
             destroyService(pService);
         }
     }
     --pBlock->iThreadCount;
     pBlock->eState = ENGINE_STOPPED;
+    // From here on the block is the closer's, unless the closer has gone.
+    KTPLUGIN_INFO_TAG *pAbandoned = pBlock;
+    if (gAbandonedBlock.compare_exchange_strong(pAbandoned, nullptr)) {
+        std::free(pAbandoned);
+    }
     return 0;
 }

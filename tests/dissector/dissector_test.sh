@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# What tshark shows of literal frames and packets, with the dissector that the argument names: every field, the CRCs
-# recomputed, and a clear word about bytes that do not hold.
+# Compares what tshark shows of literal frames and packets with what it should show: every field, whether the CRCs
+# are right, and a clear word about bad bytes. Argument: the dissector.
 set -euo pipefail
 dissector=$(readlink -f "$1")
 for tool in tshark text2pcap; do
@@ -8,17 +8,17 @@ for tool in tshark text2pcap; do
 done
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-export HOME=$work XDG_CONFIG_HOME=$work TZ=UTC LC_ALL=C.UTF-8 # no settings of the user's
+export HOME=$work XDG_CONFIG_HOME=$work TZ=UTC LC_ALL=C.UTF-8 # without the user's settings
 cd "$work"
 failed=0
 
-# capture PORT: makes PORT.pcapng of the datagrams on standard input, one a line in hexadecimal.
+# capture PORT: makes PORT.pcapng of the datagrams on standard input, one per line, in hexadecimal.
 capture() {
     sed -e 's/^/000000 /' | text2pcap -q -4 192.0.2.1,224.9.9.9 -u 40000,"$1" - "$1.pcapng" 2>text2pcap.log ||
         { cat text2pcap.log; exit 1; }
 }
 
-# expect WHAT FILE OPTION...: what tshark prints of FILE with the options is what stands on standard input.
+# expect WHAT FILE OPTION...: tshark with the options must print of FILE what stands on standard input.
 expect() {
     local what=$1 file=$2
     shift 2
@@ -28,15 +28,15 @@ expect() {
     fi
 }
 
-# fields NAME...: the options that print these fields, | between them.
+# fields NAME...: prints the options for these fields, with | between them.
 fields() {
     printf -- '-T\nfields\n-E\nseparator=|\n'
     printf -- '-e\n%s\n' "$@"
 }
 info=(-o 'gui.column.format:"Info","%i"')
 
-# ---- announcements: an H.264 relay, an ASF file with its station, an end; then the same with a wrong programme,
-# with a wrong station file, with an item that reaches past the end, of another version, of no known kind, and without items
+# ---- announcements: an H.264 relay, an ASF file with its station, an end. Then the bad ones: a wrong programme, a
+# wrong station file, an item that reaches past the end, another version, an unknown kind, no items
 capture 7890 <<'END'
 4b 54 4e 46 02 00 1c 00 d2 04 00 00 cc 00 00 00 30 00 04 00 d2 04 06 6b 43 00 00 00 4c 04 04 00 a1 c0 2f 55 01 07 04 00 07 00 00 00 1d 70 04 00 01 00 00 00 1c 70 04 00 02 00 00 00 11 70 04 00 d2 04 06 6b 12 70 04 00 0e 05 06 6b 14 70 09 00 32 33 39 2e 31 2e 32 2e 33 17 70 02 00 88 13
 4b 54 4e 46 02 00 1c 00 d2 04 00 00 cc 00 00 00 30 00 04 00 dd 04 04 6b 47 00 00 00 4c 04 04 00 68 3b cb 3c 01 07 04 00 09 00 00 00 1d 70 04 00 10 00 00 00 1c 70 04 00 03 00 00 00 11 70 04 00 d6 04 04 6b 12 70 04 00 de 04 04 6b 4d 04 04 00 cd 19 67 c1 4f 04 0b 00 5b 41 64 64 72 65 73 73 5d 0d 0a
@@ -82,7 +82,7 @@ expect "what does not hold" 7890.pcapng -Y _ws.expert "${options[@]}" <<'END'
 9|the announcement does not begin with its CRC
 END
 
-# ---- messages: in UTF-8; with its length in the long form; shorter than it says
+# ---- messages: one in UTF-8, one with its length in the long form, one that is shorter than it says
 capture 9367 <<'END'
 4b 54 4e 46 02 00 1c 00 0e 00 00 00 cc 00 00 00 20 00 04 00 d4 04 06 6b 37 00 00 00 4b 00 04 00 d4 04 06 6b 0b 00 04 00 d4 04 06 6b 0c 00 04 00 2c 07 06 6b 0a 50 02 00 01 00 03 50 04 00 03 00 00 00 01 50 04 00 20 00 00 00 0b 50 05 00 4e 6f 6f c3 bc
 4b 54 4e 46 02 00 1c 00 0e 00 00 00 cc 00 00 00 20 00 04 00 d4 04 06 6b 0a 00 00 00 0b 50 ff ff 02 00 00 00 48 69
@@ -96,8 +96,8 @@ Nov 24, 2026 21:42:44.000000000 UTC||||||2|Hi|
 ||||||||payload length and bytes present do not agree
 END
 
-# ---- MSB packets, found by their shape: the first of a playout; one of the next, with a typed packet length and
-# padding in front of its time; then two that are none: a wrong size, unused bits set
+# ---- MSB packets, found by their shape: the first one of a playout, then one of the next playout, with a packet
+# length and padding before its time. The last two are no such packets: a wrong size, unused bits set
 capture 8080 <<'END'
 00 00 00 00 01 00 18 00 82 00 00 01 5d 2e 00 00 00 2e 00 82 02 01 00 00
 07 00 00 00 01 80 18 00 82 00 00 51 5d 10 00 05 00 2e 01 00 00 10 00 81

@@ -1,4 +1,4 @@
-// The registry of the stand-in framework.
+// Tests of the framework's registry.
 #include <qxapi.h>
 
 #include <gtest/gtest.h>
@@ -13,29 +13,30 @@ namespace {
 class Registry : public testing::Test {
 protected:
     void SetUp() override {
-        std::filesystem::create_directories(Root);
-        setenv("QX_REGISTRY_ROOT", Root.c_str(), 1);
+        std::filesystem::create_directories(root);
+        setenv("QX_REGISTRY_ROOT", root.c_str(), 1);
     }
     void TearDown() override {
         unsetenv("QX_REGISTRY_ROOT");
-        std::filesystem::remove_all(Root);
+        std::filesystem::remove_all(root);
     }
-    void write(const char *pszName, const std::string &Text) { std::ofstream(Root + pszName) << Text; }
+    void write(const char *pszName, const std::string &text) { std::ofstream(root + pszName) << text; }
 
-    // The value of a key; "(none)" when the registry or the key is absent. Checks the length on the way.
+    // Returns the value of a key, "(none)" if there is no registry or no such key. Also checks the length.
     std::string value(const char *pszKey) {
         ts_qx_registry *pRegistry = QX_OpenRegistry("/master", "/slave", 0x10000002);
-        if (pRegistry == nullptr)
+        if (pRegistry == nullptr) {
             return "(none)";
+        }
         int iLength = 77;
         const char *pszValue = pRegistry->pOperations->pLookup(pRegistry, pszKey, &iLength);
-        const std::string Value = pszValue != nullptr ? pszValue : "(none)";
-        EXPECT_EQ(iLength, static_cast<int>(pszValue != nullptr ? Value.size() : 0)) << pszKey;
+        std::string value = pszValue != nullptr ? pszValue : "(none)";
+        EXPECT_EQ(iLength, static_cast<int>(pszValue != nullptr ? value.size() : 0)) << pszKey;
         QX_CloseRegistry(pRegistry);
-        return Value;
+        return value;
     }
 
-    const std::string Root = testing::TempDir() + "registry_test";
+    const std::string root = testing::TempDir() + "registry_test";
 };
 
 TEST_F(Registry, SlaveOverridesMasterAndGarbledLinesHarmNoOthers) {
@@ -44,16 +45,17 @@ TEST_F(Registry, SlaveOverridesMasterAndGarbledLinesHarmNoOthers) {
                      "=no key\n/N=a\0b\n\n/E=\n/F=a=b#c\n/G=first\n/G=last"s);
     write("/slave", "/A=slave\n/E2=\n");
     testing::internal::CaptureStderr();
-    const std::pair<const char *, const char *> Expected[] = {
+    const std::pair<const char *, const char *> expected[] = {
         {"/A", "slave"}, {"/B", "kept"}, {"/C", "with blanks"}, {"/D", "(none)"}, {"/E", ""},
         {"/F", "a=b#c"}, {"/G", "last"}, {"/N", "(none)"},      {"", "(none)"},   {"/a", "(none)"}};
-    for (const auto &[pszKey, pszValue] : Expected)
+    for (const auto &[pszKey, pszValue] : expected) {
         EXPECT_EQ(value(pszKey), pszValue) << pszKey;
-    const std::string Printed = testing::internal::GetCapturedStderr();
+    }
+    const std::string printed = testing::internal::GetCapturedStderr();
     for (const char *pszLine : {"master:6 ", "master:7 ", "master:8 "}) {
-        const size_t ulFirst = Printed.find(pszLine);
+        const std::size_t ulFirst = printed.find(pszLine);
         EXPECT_NE(ulFirst, std::string::npos) << pszLine;
-        EXPECT_EQ(Printed.find(pszLine, ulFirst + 1), std::string::npos)
+        EXPECT_EQ(printed.find(pszLine, ulFirst + 1), std::string::npos)
             << "a lookup a second must not flood";
     }
 }

@@ -1,4 +1,4 @@
-// SEED and CRC-32 of the stand-in framework.
+// Tests of the framework's SEED and CRC-32.
 #include <qxapi.h>
 
 #include <gtest/gtest.h>
@@ -15,14 +15,14 @@
 
 namespace {
 
-using BYTES = std::vector<unsigned char>;
-using BLOCK = std::array<unsigned char, 16>;
+using Bytes = std::vector<unsigned char>;
+using Block = std::array<unsigned char, 16>;
 
-struct VECTOR {
-    BLOCK Key, Plain, Cipher;
+struct TestVector {
+    Block key, plain, cipher;
 };
 // RFC 4269, appendix B.
-constexpr VECTOR Vectors[] = {
+constexpr TestVector kVectors[] = {
     {{},
      {0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08, 0x09, 0x0A, 0x0B, 0x0C, 0x0D, 0x0E, 0x0F},
      {0x5E, 0xBA, 0xC6, 0xE0, 0x05, 0x4E, 0x16, 0x68, 0x19, 0xAF, 0xF1, 0xCC, 0x6D, 0x34, 0x6C, 0xDB}},
@@ -36,27 +36,27 @@ constexpr VECTOR Vectors[] = {
      {0xB4, 0x1E, 0x6B, 0xE2, 0xEB, 0xA8, 0x4A, 0x14, 0x8E, 0x2E, 0xED, 0x84, 0x59, 0x3C, 0x5E, 0xC7},
      {0x9B, 0x9B, 0x7B, 0xFC, 0xD1, 0x81, 0x3C, 0xB9, 0x5D, 0x0B, 0x36, 0x18, 0xF4, 0x0F, 0x51, 0x22}}};
 
-using DECRYPT = void (*)(unsigned char *, unsigned long, const unsigned char *);
+using Decrypt = void (*)(unsigned char *, unsigned long, const unsigned char *);
 
-class Seed : public testing::TestWithParam<DECRYPT> {};
+class Seed : public testing::TestWithParam<Decrypt> {};
 INSTANTIATE_TEST_SUITE_P(Both, Seed, testing::Values(qxapi_seed_decrypt, qxapi_fast_seed_decrypt),
                          [](const auto &Info) { return Info.index == 0 ? "Plain" : "Fast"; });
 
-// Lengths around whole groups of blocks, with a rest behind them that must stay; unaligned; the keys by
-// turns, so that a key schedule kept too long shows.
+// Lengths around whole groups of blocks, each with a rest behind that must stay. The data is unaligned. The
+// keys take turns, so that a key schedule kept too long is noticed.
 TEST_P(Seed, WholeBlocksAreDecryptedAndTheRestIsLeft) {
-    for (size_t ulBlocks = 0; ulBlocks <= 9; ulBlocks++) {
-        for (size_t ulRest = 0; ulRest < 16; ulRest += 5) {
-            for (const VECTOR &Vector : Vectors) {
-                BYTES Data(1), Expected(1);
-                for (size_t i = 0; i < ulBlocks; i++) {
-                    Data.insert(Data.end(), Vector.Cipher.begin(), Vector.Cipher.end());
-                    Expected.insert(Expected.end(), Vector.Plain.begin(), Vector.Plain.end());
+    for (std::size_t ulBlocks = 0; ulBlocks <= 9; ulBlocks++) {
+        for (std::size_t ulRest = 0; ulRest < 16; ulRest += 5) {
+            for (const TestVector &vector : kVectors) {
+                Bytes data(1), expected(1);
+                for (std::size_t i = 0; i < ulBlocks; i++) {
+                    data.insert(data.end(), vector.cipher.begin(), vector.cipher.end());
+                    expected.insert(expected.end(), vector.plain.begin(), vector.plain.end());
                 }
-                Data.insert(Data.end(), ulRest + 1, 0xA5); // one byte beyond what the call may touch
-                Expected.insert(Expected.end(), ulRest + 1, 0xA5);
-                GetParam()(Data.data() + 1, ulBlocks * 16 + ulRest, Vector.Key.data());
-                ASSERT_EQ(Data, Expected) << ulBlocks << " blocks, rest " << ulRest;
+                data.insert(data.end(), ulRest + 1, 0xA5); // one byte beyond what the call may touch
+                expected.insert(expected.end(), ulRest + 1, 0xA5);
+                GetParam()(data.data() + 1, ulBlocks * 16 + ulRest, vector.key.data());
+                ASSERT_EQ(data, expected) << ulBlocks << " blocks, rest " << ulRest;
             }
         }
     }
@@ -67,23 +67,26 @@ TEST_P(Seed, RandomDatagramsAgreeWithAnotherImplementation) {
     OSSL_PROVIDER *pLegacy = OSSL_PROVIDER_load(nullptr, "legacy");
     OSSL_PROVIDER *pDefault = OSSL_PROVIDER_load(nullptr, "default");
     EVP_CIPHER *pCipher = EVP_CIPHER_fetch(nullptr, "SEED-ECB", nullptr);
-    if (pCipher == nullptr)
+    if (pCipher == nullptr) {
         GTEST_SKIP() << "this libcrypto has no SEED";
+    }
     EVP_CIPHER_CTX *pContext = EVP_CIPHER_CTX_new();
     std::srand(7);
-    for (size_t ulLength = 16; ulLength <= 1316; ulLength += 100) {
-        BYTES Key(16), Data(ulLength);
-        for (BYTES *pBytes : {&Key, &Data})
-            for (unsigned char &cByte : *pBytes)
+    for (std::size_t ulLength = 16; ulLength <= 1316; ulLength += 100) {
+        Bytes key(16), data(ulLength);
+        for (Bytes *pBytes : {&key, &data}) {
+            for (unsigned char &cByte : *pBytes) {
                 cByte = static_cast<unsigned char>(std::rand());
-        BYTES Expected = Data;
+            }
+        }
+        Bytes expected = data;
         int iOut = 0;
-        EVP_DecryptInit_ex2(pContext, pCipher, Key.data(), nullptr, nullptr);
+        EVP_DecryptInit_ex2(pContext, pCipher, key.data(), nullptr, nullptr);
         EVP_CIPHER_CTX_set_padding(pContext, 0);
-        EVP_DecryptUpdate(pContext, Expected.data(), &iOut, Data.data(),
+        EVP_DecryptUpdate(pContext, expected.data(), &iOut, data.data(),
                           static_cast<int>(ulLength / 16 * 16));
-        GetParam()(Data.data(), ulLength, Key.data());
-        ASSERT_EQ(Data, Expected) << ulLength << " bytes";
+        GetParam()(data.data(), ulLength, key.data());
+        ASSERT_EQ(data, expected) << ulLength << " bytes";
     }
     EVP_CIPHER_CTX_free(pContext);
     EVP_CIPHER_free(pCipher);
@@ -93,13 +96,13 @@ TEST_P(Seed, RandomDatagramsAgreeWithAnotherImplementation) {
 #endif
 
 TEST(Crc32, KnownValuesHoldAndPiecesAddUp) {
-    const std::string Digits = "123456789", Zeros(32, '\0'), Ones(32, '\xFF');
-    for (const auto &[Text, uiExpected] :
-         {std::pair{Digits, 0xCBF43926u}, {Zeros, 0x190A55ADu}, {Ones, 0xFF6CAB0Bu}, {std::string(), 0u}}) {
-        EXPECT_EQ(qxapi_crc32(0xFFFFFFFF, Text.data(), Text.size()), uiExpected) << Text.size();
-        for (size_t ulSplit = 0; ulSplit <= Text.size(); ulSplit++) {
-            const unsigned int uiFirst = qxapi_crc32(0xFFFFFFFF, Text.data(), ulSplit);
-            EXPECT_EQ(qxapi_crc32(~uiFirst, Text.data() + ulSplit, Text.size() - ulSplit), uiExpected)
+    const std::string digits = "123456789", zeros(32, '\0'), ones(32, '\xFF');
+    for (const auto &[sText, uiExpected] :
+         {std::pair{digits, 0xCBF43926u}, {zeros, 0x190A55ADu}, {ones, 0xFF6CAB0Bu}, {std::string(), 0u}}) {
+        EXPECT_EQ(qxapi_crc32(0xFFFFFFFF, sText.data(), sText.size()), uiExpected) << sText.size();
+        for (std::size_t ulSplit = 0; ulSplit <= sText.size(); ulSplit++) {
+            const unsigned int uiFirst = qxapi_crc32(0xFFFFFFFF, sText.data(), ulSplit);
+            EXPECT_EQ(qxapi_crc32(~uiFirst, sText.data() + ulSplit, sText.size() - ulSplit), uiExpected)
                 << ulSplit;
         }
     }

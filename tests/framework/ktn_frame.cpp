@@ -1,4 +1,4 @@
-// The bytes of KTNet frames.
+// Tests of the decoding of KTNet frames.
 #include "ktn_support.h"
 
 #include <qxapi_ktn_frame.h>
@@ -7,8 +7,8 @@
 
 #include <cerrno>
 
-const std::vector<BAD_FRAME> &badFrames() {
-    static const std::vector<BAD_FRAME> Frames = {
+const std::vector<BadFrame> &badFrames() {
+    static const std::vector<BadFrame> frames = {
         {"nothing", 0, {}, 0, 0, KTNET_FRAME_SHORT},
         {"a lost byte of the header", 0, {}, 27, -EPROTO, KTNET_FRAME_SHORT},
         {"other magic", 3, {'f'}, 31, -EPROTO, KTNET_FRAME_BAD_MAGIC},
@@ -19,22 +19,22 @@ const std::vector<BAD_FRAME> &badFrames() {
         {"payload that does not come", 24, {4, 0, 0, 0}, 31, -EPROTO, KTNET_FRAME_BAD_LENGTH},
         {"a byte over a mebibyte", 24, {0xE5, 0xFF, 0x0F, 0x00}, 31, -EMSGSIZE, KTNET_FRAME_BAD_LENGTH},
         {"length of all ones", 24, {0xFF, 0xFF, 0xFF, 0xFF}, 31, -EMSGSIZE, KTNET_FRAME_BAD_LENGTH}};
-    return Frames;
+    return frames;
 }
 
 namespace {
 
 TEST(Frame, EachCheckFailsByItsName) {
-    for (const BAD_FRAME &Bad : badFrames()) {
-        const BYTES Bytes = Bad.bytes();
-        KTNET_FRAME Frame{};
-        EXPECT_EQ(ktn_xapi_frame_decode(Bytes.data(), Bytes.size(), &Frame), Bad.iDecode) << Bad.pszWhat;
-        EXPECT_EQ(Frame.uiIdent, 0u) << Bad.pszWhat << ": nothing is stored";
+    for (const BadFrame &bad : badFrames()) {
+        const Bytes bytes = bad.bytes();
+        KTNET_FRAME frame{};
+        EXPECT_EQ(ktn_xapi_frame_decode(bytes.data(), bytes.size(), &frame), bad.iDecode) << bad.pszWhat;
+        EXPECT_EQ(frame.uiIdent, 0u) << bad.pszWhat << ": nothing is stored";
     }
-    BYTES Longer = FrameBytes;
-    Longer.push_back(0);
-    KTNET_FRAME Frame{};
-    EXPECT_EQ(ktn_xapi_frame_decode(Longer.data(), Longer.size(), &Frame), KTNET_FRAME_BAD_LENGTH);
+    Bytes longer = kFrameBytes;
+    longer.push_back(0);
+    KTNET_FRAME frame{};
+    EXPECT_EQ(ktn_xapi_frame_decode(longer.data(), longer.size(), &frame), KTNET_FRAME_BAD_LENGTH);
 }
 
 } // namespace

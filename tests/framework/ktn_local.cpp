@@ -1,4 +1,4 @@
-// KTNet over local stream sockets.
+// Tests of KTNet over local stream sockets.
 #include "ktn_support.h"
 
 #include "ktnlocal.h"
@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 #include <deque>
 #include <filesystem>
 #include <fstream>
@@ -18,236 +19,248 @@ namespace {
 
 class Local : public testing::Test {
 protected:
-    void SetUp() override { std::filesystem::create_directories(Folder); }
-    void TearDown() override { std::filesystem::remove_all(Folder); }
+    void SetUp() override { std::filesystem::create_directories(folder); }
+    void TearDown() override { std::filesystem::remove_all(folder); }
 
-    ENDPOINT server(unsigned int uiTimeoutMs = 2000) {
-        return endpoint(KTNET_KIND_LOCAL, "", Path, 0, 1, uiTimeoutMs);
+    Endpoint makeServer(unsigned int uiTimeoutMs = 2000) {
+        return makeEndpoint(KTNET_KIND_LOCAL, "", path, 0, 1, uiTimeoutMs);
     }
-    ENDPOINT serve(unsigned int uiTimeoutMs = 2000) {
-        ENDPOINT Server = server(uiTimeoutMs);
-        EXPECT_EQ(ktn_xapi_ktnet_create(Server.get()), 1);
-        return Server;
+    Endpoint serve(unsigned int uiTimeoutMs = 2000) {
+        Endpoint server = makeServer(uiTimeoutMs);
+        EXPECT_EQ(ktn_xapi_ktnet_create(server.get()), 1);
+        return server;
     }
-    ENDPOINT client(unsigned int uiTimeoutMs = 2000) {
-        ENDPOINT Client = endpoint(KTNET_KIND_LOCAL, Path, "", 0, 0, uiTimeoutMs);
-        EXPECT_EQ(ktn_xapi_ktnet_create(Client.get()), 1);
-        return Client;
+    Endpoint makeClient(unsigned int uiTimeoutMs = 2000) {
+        Endpoint client = makeEndpoint(KTNET_KIND_LOCAL, path, "", 0, 0, uiTimeoutMs);
+        EXPECT_EQ(ktn_xapi_ktnet_create(client.get()), 1);
+        return client;
     }
-    static ENDPOINT acceptFrom(const ENDPOINT &Server) {
+    static Endpoint acceptFrom(const Endpoint &server) {
         KTNET_ENDPOINT *pConn = nullptr;
-        EXPECT_EQ(ktn_xapi_rx_poll_socket(Server->iSocket, 2000), 1);
-        EXPECT_EQ(ktn_xapi_ktnet_accept(Server.get(), &pConn), 1);
-        return ENDPOINT(pConn);
+        EXPECT_EQ(ktn_xapi_rx_poll_socket(server->iSocket, 2000), 1);
+        EXPECT_EQ(ktn_xapi_ktnet_accept(server.get(), &pConn), 1);
+        return Endpoint(pConn);
     }
-    void leaveStaleFile() { ASSERT_TRUE(PLAIN_SOCKET(Path).bindTo()); } // of a process that is gone
-    auto filesLeft() const { return std::distance(std::filesystem::directory_iterator(Folder), {}); }
+    // Leaves the socket file of a process that is gone.
+    void leaveStaleFile() { ASSERT_TRUE(PlainSocket(path).bindTo()); }
+    auto filesLeft() const { return std::distance(std::filesystem::directory_iterator(folder), {}); }
 
-    const std::string Folder = testing::TempDir() + "ktn_local_test";
-    const std::string Path = Folder + "/socket";
+    const std::string folder = testing::TempDir() + "ktn_local_test";
+    const std::string path = folder + "/socket";
 };
 
 TEST_F(Local, FramesOfEverySizeArriveWhole) {
-    const ENDPOINT Server = serve();
-    for (const size_t ulSize : {size_t{0}, size_t{1}, size_t{65535}, size_t{KTNET_LOCAL_FRAME_MAX - 28}}) {
-        BYTES Payload(ulSize);
-        for (size_t i = 0; i < ulSize; i++)
-            Payload[i] = static_cast<unsigned char>(i * 7 + i / 256);
-        std::thread Commander([&] {
-            const ENDPOINT Client = client();
-            KTNET_PACKET Sent = packetOf(Payload);
-            EXPECT_EQ(ktn_xapi_ktnet_connect(Client.get()), 1);
-            EXPECT_EQ(ktn_xapi_ktnet_tx_data(Client.get(), &Sent), 1);
+    const Endpoint server = serve();
+    for (const std::size_t ulSize :
+         {std::size_t{0}, std::size_t{1}, std::size_t{65535}, std::size_t{KTNET_LOCAL_FRAME_MAX - 28}}) {
+        Bytes payload(ulSize);
+        for (std::size_t i = 0; i < ulSize; i++) {
+            payload[i] = static_cast<unsigned char>(i * 7 + i / 256);
+        }
+        std::thread commander([&] {
+            const Endpoint client = makeClient();
+            KTNET_PACKET sent = packetOf(payload);
+            EXPECT_EQ(ktn_xapi_ktnet_connect(client.get()), 1);
+            EXPECT_EQ(ktn_xapi_ktnet_tx_data(client.get(), &sent), 1);
         });
-        const ENDPOINT Conn = acceptFrom(Server);
-        KTNET_PACKET Received{};
-        EXPECT_EQ(ktn_xapi_ktnet_rx_data(Conn.get(), &Received), 1);
-        Commander.join();
-        EXPECT_EQ(Received.uiIdent, 200u);
-        EXPECT_EQ(Received.uiService, 205u);
-        EXPECT_EQ(Received.uiCommand, 0x40020u);
-        EXPECT_EQ(Received.uiParam, 0x01020304u);
-        EXPECT_EQ(Received.pPayload == nullptr, ulSize == 0);
-        EXPECT_EQ(payloadOf(Received), Payload);
+        const Endpoint conn = acceptFrom(server);
+        KTNET_PACKET received{};
+        EXPECT_EQ(ktn_xapi_ktnet_rx_data(conn.get(), &received), 1);
+        commander.join();
+        EXPECT_EQ(received.uiIdent, 200u);
+        EXPECT_EQ(received.uiService, 205u);
+        EXPECT_EQ(received.uiCommand, 0x40020u);
+        EXPECT_EQ(received.uiParam, 0x01020304u);
+        EXPECT_EQ(received.pPayload == nullptr, ulSize == 0);
+        EXPECT_EQ(payloadOf(received), payload);
     }
 }
 
 TEST_F(Local, LyingAndCutFramesAreRefused) {
-    const ENDPOINT Server = serve();
-    for (const BAD_FRAME &Bad : badFrames()) {
-        PLAIN_SOCKET Client(Path);
-        ASSERT_TRUE(Client.connectTo() && Client.put(Bad.bytes()));
-        if (Bad.iLocal != -EMSGSIZE) // that one is told at once, without waiting for what never comes
-            Client.end();
-        const ENDPOINT Conn = acceptFrom(Server);
-        KTNET_PACKET Received{};
-        Received.pPayload = reinterpret_cast<unsigned char *>(this);
-        const STOPWATCH Watch;
-        EXPECT_EQ(ktn_xapi_ktnet_rx_data(Conn.get(), &Received), Bad.iLocal) << Bad.pszWhat;
-        EXPECT_LT(Watch.spent(), 1000ms) << Bad.pszWhat;
-        EXPECT_EQ(Received.pPayload, nullptr) << Bad.pszWhat;
-        EXPECT_EQ(static_cast<int>(Conn->uiError), -Bad.iLocal) << Bad.pszWhat;
+    const Endpoint server = serve();
+    for (const BadFrame &bad : badFrames()) {
+        PlainSocket client(path);
+        ASSERT_TRUE(client.connectTo() && client.put(bad.bytes()));
+        if (bad.iLocal != -EMSGSIZE) { // a frame too long is refused at once, while the client waits
+            client.end();
+        }
+        const Endpoint conn = acceptFrom(server);
+        KTNET_PACKET received{};
+        received.pPayload = reinterpret_cast<unsigned char *>(this);
+        const Stopwatch watch;
+        EXPECT_EQ(ktn_xapi_ktnet_rx_data(conn.get(), &received), bad.iLocal) << bad.pszWhat;
+        EXPECT_LT(watch.spent(), 1000ms) << bad.pszWhat;
+        EXPECT_EQ(received.pPayload, nullptr) << bad.pszWhat;
+        EXPECT_EQ(static_cast<int>(conn->uiError), -bad.iLocal) << bad.pszWhat;
     }
 }
 
-// The receiver serves one client at a time: none may hold it longer than the time-out, whatever it does.
+// The receiver serves one client at a time. No client may hold it longer than the time-out, whatever the
+// client does.
 TEST_F(Local, SilentAndSlowClientsAreGivenUp) {
-    const ENDPOINT Server = serve(100);
-    for (const std::ptrdiff_t lAtOnce : {0, 28, 1}) { // the last one drips on, a byte each 20 ms
-        PLAIN_SOCKET Client(Path);
-        ASSERT_TRUE(Client.connectTo() &&
-                    Client.put(BYTES(FrameBytes.begin(), FrameBytes.begin() + lAtOnce)));
-        std::thread Dripping([&] {
-            for (size_t i = 1; lAtOnce == 1 && i < FrameBytes.size() && Client.put({FrameBytes[i]}); i++)
+    const Endpoint server = serve(100);
+    for (const std::ptrdiff_t lAtOnce : {0, 28, 1}) { // the last client sends on, a byte every 20 ms
+        PlainSocket client(path);
+        ASSERT_TRUE(client.connectTo() &&
+                    client.put(Bytes(kFrameBytes.begin(), kFrameBytes.begin() + lAtOnce)));
+        std::thread dripping([&] {
+            for (std::size_t i = 1; lAtOnce == 1 && i < kFrameBytes.size() && client.put({kFrameBytes[i]});
+                 i++) {
                 std::this_thread::sleep_for(20ms);
+            }
         });
-        ENDPOINT Conn = acceptFrom(Server);
-        KTNET_PACKET Received{};
-        const STOPWATCH Watch;
-        EXPECT_EQ(ktn_xapi_ktnet_rx_data(Conn.get(), &Received), -ETIMEDOUT) << lAtOnce;
-        const auto Spent = Watch.spent();
-        Conn.reset();
-        Dripping.join();
-        EXPECT_GE(Spent, 95ms) << lAtOnce;
-        EXPECT_LT(Spent, 500ms) << lAtOnce;
+        Endpoint conn = acceptFrom(server);
+        KTNET_PACKET received{};
+        const Stopwatch watch;
+        EXPECT_EQ(ktn_xapi_ktnet_rx_data(conn.get(), &received), -ETIMEDOUT) << lAtOnce;
+        const auto spent = watch.spent();
+        conn.reset();
+        dripping.join();
+        EXPECT_GE(spent, 95ms) << lAtOnce;
+        EXPECT_LT(spent, 500ms) << lAtOnce;
     }
 }
 
 TEST_F(Local, SenderIsNotHeldByAReceiverThatDoesNotRead) {
-    PLAIN_SOCKET Listener(Path);
-    ASSERT_TRUE(Listener.listenTo(1));
-    const ENDPOINT Client = client(200);
-    BYTES Payload(KTNET_LOCAL_FRAME_MAX - 28);
-    KTNET_PACKET Packet = packetOf(Payload);
-    EXPECT_EQ(ktn_xapi_ktnet_tx_data(Client.get(), &Packet), -ENOTCONN);
-    ASSERT_EQ(ktn_xapi_ktnet_connect(Client.get()), 1);
-    const STOPWATCH Watch;
-    EXPECT_EQ(ktn_xapi_ktnet_tx_data(Client.get(), &Packet), -ETIMEDOUT);
-    EXPECT_GE(Watch.spent(), 190ms);
-    EXPECT_LT(Watch.spent(), 1000ms);
-    Listener.end();
-    EXPECT_EQ(ktn_xapi_ktnet_tx_data(Client.get(), &Packet), -EPIPE) << "and no SIGPIPE";
-    Payload.push_back(0);
-    Packet = packetOf(Payload);
-    EXPECT_EQ(ktn_xapi_ktnet_tx_data(Client.get(), &Packet), -EMSGSIZE);
-    EXPECT_EQ(Packet.uiStatus, static_cast<unsigned int>(EMSGSIZE));
+    PlainSocket listener(path);
+    ASSERT_TRUE(listener.listenTo(1));
+    const Endpoint client = makeClient(200);
+    Bytes payload(KTNET_LOCAL_FRAME_MAX - 28);
+    KTNET_PACKET packet = packetOf(payload);
+    EXPECT_EQ(ktn_xapi_ktnet_tx_data(client.get(), &packet), -ENOTCONN);
+    ASSERT_EQ(ktn_xapi_ktnet_connect(client.get()), 1);
+    const Stopwatch watch;
+    EXPECT_EQ(ktn_xapi_ktnet_tx_data(client.get(), &packet), -ETIMEDOUT);
+    EXPECT_GE(watch.spent(), 190ms);
+    EXPECT_LT(watch.spent(), 1000ms);
+    listener.end();
+    EXPECT_EQ(ktn_xapi_ktnet_tx_data(client.get(), &packet), -EPIPE) << "and no SIGPIPE";
+    payload.push_back(0);
+    packet = packetOf(payload);
+    EXPECT_EQ(ktn_xapi_ktnet_tx_data(client.get(), &packet), -EMSGSIZE);
+    EXPECT_EQ(packet.uiStatus, static_cast<unsigned int>(EMSGSIZE));
 }
 
 TEST_F(Local, FullQueueIsWaitedForWithinTheTimeout) {
-    PLAIN_SOCKET Listener(Path), First(Path);
-    ASSERT_TRUE(Listener.listenTo(0) && First.connectTo());
-    const ENDPOINT Client = client(200);
-    const STOPWATCH Watch;
-    EXPECT_EQ(ktn_xapi_ktnet_connect(Client.get()), -ETIMEDOUT);
-    EXPECT_GE(Watch.spent(), 190ms);
-    EXPECT_LT(Watch.spent(), 1000ms);
-    Client->uiTimeoutMs = 5000;
-    std::thread Server([&] {
+    PlainSocket listener(path), first(path);
+    ASSERT_TRUE(listener.listenTo(0) && first.connectTo());
+    const Endpoint client = makeClient(200);
+    const Stopwatch watch;
+    EXPECT_EQ(ktn_xapi_ktnet_connect(client.get()), -ETIMEDOUT);
+    EXPECT_GE(watch.spent(), 190ms);
+    EXPECT_LT(watch.spent(), 1000ms);
+    client->uiTimeoutMs = 5000;
+    std::thread server([&] {
         std::this_thread::sleep_for(100ms);
-        close(accept(Listener.iSocket, nullptr, nullptr));
+        close(accept(listener.iSocket, nullptr, nullptr));
     });
-    EXPECT_EQ(ktn_xapi_ktnet_connect(Client.get()), 1);
-    Server.join();
+    EXPECT_EQ(ktn_xapi_ktnet_connect(client.get()), 1);
+    server.join();
 }
 
 TEST_F(Local, ThousandClientsAtOnceFindRoom) {
-    const ENDPOINT Server = serve();
-    std::deque<PLAIN_SOCKET> Clients;
-    for (int i = 0; i < 1000; i++)
-        ASSERT_TRUE(Clients.emplace_back(Path).connectTo()) << i << ": " << strerror(errno);
+    const Endpoint server = serve();
+    std::deque<PlainSocket> clients;
+    for (int i = 0; i < 1000; i++) {
+        ASSERT_TRUE(clients.emplace_back(path).connectTo()) << i << ": " << std::strerror(errno);
+    }
 }
 
 TEST_F(Local, SocketFileIsOursAloneAndGoesWithTheListener) {
     leaveStaleFile();
     const mode_t uiBefore = umask(0);
-    ENDPOINT Server = serve();
+    Endpoint server = serve();
     umask(uiBefore);
-    struct stat Status {};
-    ASSERT_EQ(lstat(Path.c_str(), &Status), 0);
-    EXPECT_EQ(Status.st_mode, static_cast<mode_t>(S_IFSOCK | 0600));
-    EXPECT_TRUE(PLAIN_SOCKET(Path).connectTo());
+    struct stat status {};
+    ASSERT_EQ(lstat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFSOCK | 0600));
+    EXPECT_TRUE(PlainSocket(path).connectTo());
     EXPECT_EQ(filesLeft(), 1) << "nothing but the socket";
-    Server.reset();
+    server.reset();
     EXPECT_EQ(filesLeft(), 0);
 }
 
 TEST_F(Local, WhatIsNotOursAtThePathIsLeftAlone) {
-    PLAIN_SOCKET Live(Path), Datagram(Path, SOCK_DGRAM);
-    const std::pair<std::function<bool()>, int> Cases[] = {
-        {[&] { return std::filesystem::create_directory(Path); }, -EEXIST},
-        {[&] { return static_cast<bool>(std::ofstream(Path) << "text" << std::flush); }, -EEXIST},
-        {[&] { return symlink("nowhere", Path.c_str()) == 0; }, -EEXIST},
-        {[&] { return mkfifo(Path.c_str(), 0600) == 0; }, -EEXIST},
-        {[&] { return Datagram.bindTo(); }, -EPROTOTYPE},
-        {[&] { return Live.listenTo(0) && PLAIN_SOCKET(Path).connectTo(); }, -EADDRINUSE}}; // a full queue
-    for (const auto &[Prepare, iExpected] : Cases) {
-        ASSERT_TRUE(Prepare());
-        struct stat Before, After;
-        lstat(Path.c_str(), &Before);
-        const ENDPOINT Server = server();
-        EXPECT_EQ(ktn_xapi_ktnet_create(Server.get()), iExpected);
-        EXPECT_EQ(Server->iSocket, -1);
-        ASSERT_EQ(lstat(Path.c_str(), &After), 0);
-        EXPECT_EQ(Before.st_ino, After.st_ino);
-        EXPECT_EQ(Before.st_mode, After.st_mode);
-        std::filesystem::remove_all(Path);
+    PlainSocket live(path), datagram(path, SOCK_DGRAM);
+    const std::pair<std::function<bool()>, int> cases[] = {
+        {[&] { return std::filesystem::create_directory(path); }, -EEXIST},
+        {[&] { return static_cast<bool>(std::ofstream(path) << "text" << std::flush); }, -EEXIST},
+        {[&] { return symlink("nowhere", path.c_str()) == 0; }, -EEXIST},
+        {[&] { return mkfifo(path.c_str(), 0600) == 0; }, -EEXIST},
+        {[&] { return datagram.bindTo(); }, -EPROTOTYPE},
+        {[&] { return live.listenTo(0) && PlainSocket(path).connectTo(); }, -EADDRINUSE}}; // a full queue
+    for (const auto &[prepare, iExpected] : cases) {
+        ASSERT_TRUE(prepare());
+        struct stat before, after;
+        lstat(path.c_str(), &before);
+        const Endpoint server = makeServer();
+        EXPECT_EQ(ktn_xapi_ktnet_create(server.get()), iExpected);
+        EXPECT_EQ(server->iSocket, -1);
+        ASSERT_EQ(lstat(path.c_str(), &after), 0);
+        EXPECT_EQ(before.st_ino, after.st_ino);
+        EXPECT_EQ(before.st_mode, after.st_mode);
+        std::filesystem::remove_all(path);
     }
 }
 
 TEST_F(Local, ReplacedSocketFileIsNotRemoved) {
-    ENDPOINT Old = serve();
-    std::filesystem::remove(Path);
-    const ENDPOINT New = serve();
-    Old.reset();
-    EXPECT_TRUE(PLAIN_SOCKET(Path).connectTo());
+    Endpoint old = serve();
+    std::filesystem::remove(path);
+    const Endpoint successor = serve();
+    old.reset();
+    EXPECT_TRUE(PlainSocket(path).connectTo());
 }
 
-// Hosts that start at once on a stale file must not both believe that they serve the path.
+// If two hosts start at the same time on a stale file, only one may serve the path.
 TEST_F(Local, OneOfManyStartersWins) {
-    constexpr int STARTERS = 4;
+    constexpr int kStarters = 4;
     for (int iRound = 0; iRound < 300; iRound++) {
         leaveStaleFile();
         std::atomic<int> iReady{0}, iWon{0};
-        std::vector<ENDPOINT> Servers(STARTERS);
-        std::vector<std::thread> Threads;
-        for (ENDPOINT &Server : Servers)
-            Threads.emplace_back([&] {
-                Server = server();
-                for (iReady++; iReady < STARTERS;) // all set off in the same instant
+        std::vector<Endpoint> servers(kStarters);
+        std::vector<std::thread> threads;
+        threads.reserve(kStarters);
+        for (Endpoint &server : servers) {
+            threads.emplace_back([&] {
+                server = makeServer();
+                for (iReady++; iReady < kStarters;) { // all start in the same instant
                     std::this_thread::yield();
-                iWon += ktn_xapi_ktnet_create(Server.get()) == 1;
+                }
+                iWon += ktn_xapi_ktnet_create(server.get()) == 1;
             });
-        for (std::thread &Thread : Threads)
-            Thread.join();
+        }
+        for (std::thread &thread : threads) {
+            thread.join();
+        }
         ASSERT_EQ(iWon, 1) << "round " << iRound;
-        ASSERT_TRUE(PLAIN_SOCKET(Path).connectTo());
-        Servers.clear();
+        ASSERT_TRUE(PlainSocket(path).connectTo());
+        servers.clear();
         ASSERT_EQ(filesLeft(), 0);
     }
 }
 
 TEST_F(Local, PathsThatCanNotBeServedAreRefused) {
-    const std::pair<std::string, int> Cases[] = {
+    const std::pair<std::string, int> cases[] = {
         {"", -EINVAL},
-        {Folder + "/missing/socket", -ENOENT},
+        {folder + "/missing/socket", -ENOENT},
         {"/" + std::string(120, 'x'), -ENAMETOOLONG},
-        {"/" + std::string(127, 'x'), -ENAMETOOLONG}}; // no room for a zero
-    for (const auto &[Wrong, iExpected] : Cases) {
-        const ENDPOINT Server = endpoint(KTNET_KIND_LOCAL, "", Wrong, 0, 1), Client = client();
-        EXPECT_EQ(ktn_xapi_ktnet_create(Server.get()), iExpected) << Wrong;
-        memset(Client->szPeer, 0, sizeof Client->szPeer);
-        Wrong.copy(Client->szPeer, sizeof Client->szPeer);
-        EXPECT_EQ(ktn_xapi_ktnet_connect(Client.get()), iExpected) << Wrong;
+        {"/" + std::string(127, 'x'), -ENAMETOOLONG}}; // no room for the terminating zero
+    for (const auto &[wrong, iExpected] : cases) {
+        const Endpoint server = makeEndpoint(KTNET_KIND_LOCAL, "", wrong, 0, 1), client = makeClient();
+        EXPECT_EQ(ktn_xapi_ktnet_create(server.get()), iExpected) << wrong;
+        std::memset(client->szPeer, 0, sizeof client->szPeer);
+        wrong.copy(client->szPeer, sizeof client->szPeer);
+        EXPECT_EQ(ktn_xapi_ktnet_connect(client.get()), iExpected) << wrong;
     }
 }
 
 TEST_F(Local, OnlyTheSameUserAndRootMayTalk) {
-    const auto Allowed = [](uid_t uiPeer, uid_t uiOwn) { return ktnLocalPeerAllowed({1, uiPeer, 0}, uiOwn); };
-    EXPECT_TRUE(Allowed(1000, 1000));
-    EXPECT_TRUE(Allowed(0, 1000));
-    EXPECT_FALSE(Allowed(1001, 1000));
-    EXPECT_FALSE(Allowed(1000, 0));
-    EXPECT_FALSE(Allowed(65534, 0)); // a user of another user namespace
+    const auto allowed = [](uid_t uiPeer, uid_t uiOwn) { return ktnLocalPeerAllowed({1, uiPeer, 0}, uiOwn); };
+    EXPECT_TRUE(allowed(1000, 1000));
+    EXPECT_TRUE(allowed(0, 1000));
+    EXPECT_FALSE(allowed(1001, 1000));
+    EXPECT_FALSE(allowed(1000, 0));
+    EXPECT_FALSE(allowed(65534, 0)); // a user of another user namespace
 }
 
 } // namespace

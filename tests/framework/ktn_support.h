@@ -1,4 +1,5 @@
-// What the KTNet tests share: endpoints and plain sockets that release themselves, frames, and a stopwatch.
+// ktn_support.h - shared by the KTNet tests: endpoints and plain sockets that release themselves, frames,
+// and a stopwatch.
 #ifndef KTN_SUPPORT_H
 #define KTN_SUPPORT_H
 
@@ -16,96 +17,96 @@
 #include <vector>
 
 using namespace std::chrono_literals;
-using BYTES = std::vector<unsigned char>;
+using Bytes = std::vector<unsigned char>;
 
-struct ENDPOINT_DELETE {
+struct EndpointDelete {
     void operator()(KTNET_ENDPOINT *pDesc) const { ktn_xapi_ktnet_delete(&pDesc); }
 };
-using ENDPOINT = std::unique_ptr<KTNET_ENDPOINT, ENDPOINT_DELETE>;
+using Endpoint = std::unique_ptr<KTNET_ENDPOINT, EndpointDelete>;
 
-inline ENDPOINT endpoint(unsigned int uiKind, const std::string &Peer, const std::string &Local,
-                         unsigned int uiPort, unsigned int uiListen, unsigned int uiTimeoutMs = 2000) {
+inline Endpoint makeEndpoint(unsigned int uiKind, const std::string &peer, const std::string &local,
+                             unsigned int uiPort, unsigned int uiListen, unsigned int uiTimeoutMs = 2000) {
     KTNET_ENDPOINT *pDesc = nullptr;
     ktn_xapi_ktnet_init_with_version(&pDesc, 0, 2);
     pDesc->uiKind = uiKind;
-    Peer.copy(pDesc->szPeer, sizeof pDesc->szPeer);
-    Local.copy(pDesc->szLocal, sizeof pDesc->szLocal);
+    peer.copy(pDesc->szPeer, sizeof pDesc->szPeer);
+    local.copy(pDesc->szLocal, sizeof pDesc->szLocal);
     pDesc->uiPort = uiPort;
     pDesc->uiListen = uiListen;
     pDesc->uiTimeoutMs = uiTimeoutMs;
-    return ENDPOINT(pDesc);
+    return Endpoint(pDesc);
 }
 
-// A socket without the library.
-struct PLAIN_SOCKET {
+// A local socket without the library.
+struct PlainSocket {
     int iSocket;
-    sockaddr_un Address{AF_UNIX, {}};
+    sockaddr_un address{AF_UNIX, {}};
 
-    explicit PLAIN_SOCKET(const std::string &Path, int iType = SOCK_STREAM | SOCK_NONBLOCK)
+    explicit PlainSocket(const std::string &path, int iType = SOCK_STREAM | SOCK_NONBLOCK)
         : iSocket(socket(AF_UNIX, iType, 0)) {
-        Path.copy(Address.sun_path, sizeof Address.sun_path - 1);
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
     }
-    PLAIN_SOCKET(const PLAIN_SOCKET &) = delete;
-    PLAIN_SOCKET &operator=(const PLAIN_SOCKET &) = delete;
-    ~PLAIN_SOCKET() { end(); }
+    PlainSocket(const PlainSocket &) = delete;
+    PlainSocket &operator=(const PlainSocket &) = delete;
+    ~PlainSocket() { end(); }
     void end() {
-        if (iSocket >= 0)
+        if (iSocket >= 0) {
             close(std::exchange(iSocket, -1));
+        }
     }
-    const sockaddr *address() const { return reinterpret_cast<const sockaddr *>(&Address); }
-    bool bindTo() { return bind(iSocket, address(), sizeof Address) == 0; }
+    const sockaddr *plainAddress() const { return reinterpret_cast<const sockaddr *>(&address); }
+    bool bindTo() { return bind(iSocket, plainAddress(), sizeof address) == 0; }
     bool listenTo(int iQueue) { return bindTo() && listen(iSocket, iQueue) == 0; }
-    bool connectTo() { return connect(iSocket, address(), sizeof Address) == 0; }
-    bool put(const BYTES &Bytes) {
-        return send(iSocket, Bytes.data(), Bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(Bytes.size());
+    bool connectTo() { return connect(iSocket, plainAddress(), sizeof address) == 0; }
+    bool put(const Bytes &bytes) {
+        return send(iSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
     }
 };
 
-struct STOPWATCH {
-    std::chrono::steady_clock::time_point Started = std::chrono::steady_clock::now();
-    auto spent() const { return std::chrono::steady_clock::now() - Started; }
+struct Stopwatch {
+    std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
+    auto spent() const { return std::chrono::steady_clock::now() - started; }
 };
 
-// A frame as it must be on the wire: ident 200, service 205, command 0x40020, parameter 0x01020304, payload
-// abc.
-inline const BYTES FrameBytes = {'K',  'T',  'N',  'F',  0x02, 0x00, 0x1C, 0x00, 0xC8, 0x00, 0x00,
-                                 0x00, 0xCD, 0x00, 0x00, 0x00, 0x20, 0x00, 0x04, 0x00, 0x04, 0x03,
-                                 0x02, 0x01, 0x03, 0x00, 0x00, 0x00, 'a',  'b',  'c'};
+// The bytes of one frame: ident 200, service 205, command 0x40020, parameter 0x01020304, payload abc.
+inline const Bytes kFrameBytes = {'K',  'T',  'N',  'F',  0x02, 0x00, 0x1C, 0x00, 0xC8, 0x00, 0x00,
+                                  0x00, 0xCD, 0x00, 0x00, 0x00, 0x20, 0x00, 0x04, 0x00, 0x04, 0x03,
+                                  0x02, 0x01, 0x03, 0x00, 0x00, 0x00, 'a',  'b',  'c'};
 
-// The same for tx_data; Payload must outlive it.
-inline KTNET_PACKET packetOf(BYTES &Payload) {
-    KTNET_PACKET Packet{};
-    Packet.uiIdent = 200;
-    Packet.uiService = 205;
-    Packet.uiCommand = 0x40020;
-    Packet.uiParam = 0x01020304;
-    Packet.ulPayloadLen = Packet.ulPayloadSize = Payload.size();
-    Packet.pPayload = Payload.empty() ? nullptr : Payload.data();
-    return Packet;
+// Returns a packet for tx_data with the header words of kFrameBytes. payload must outlive it.
+inline KTNET_PACKET packetOf(Bytes &payload) {
+    KTNET_PACKET packet{};
+    packet.uiIdent = 200;
+    packet.uiService = 205;
+    packet.uiCommand = 0x40020;
+    packet.uiParam = 0x01020304;
+    packet.ulPayloadLen = packet.ulPayloadSize = payload.size();
+    packet.pPayload = payload.empty() ? nullptr : payload.data();
+    return packet;
 }
 
-// Takes a payload over and releases it.
-inline BYTES payloadOf(KTNET_PACKET &Packet) {
-    BYTES Payload(Packet.pPayload, Packet.pPayload + Packet.ulPayloadLen);
-    ktn_xapi_free(std::exchange(Packet.pPayload, nullptr));
-    return Payload;
+// Returns the bytes of a received payload and releases it.
+inline Bytes payloadOf(KTNET_PACKET &packet) {
+    Bytes payload(packet.pPayload, packet.pPayload + packet.ulPayloadLen);
+    ktn_xapi_free(std::exchange(packet.pPayload, nullptr));
+    return payload;
 }
 
-// Frames that must be refused, made from FrameBytes: bytes put at an offset, or the frame cut short.
-struct BAD_FRAME {
+// A frame that must be refused. It is kFrameBytes with other bytes put at an offset, or cut short.
+struct BadFrame {
     const char *pszWhat;
-    size_t ulAt;
-    BYTES Put;
-    size_t ulKeep; // bytes of the frame that are sent
-    int iLocal;    // what a local receiver returns
-    int iDecode;   // what decoding says
+    std::size_t ulAt;
+    Bytes put;
+    std::size_t ulKeep; // bytes of the frame that are sent
+    int iLocal;         // result of a local receiver
+    int iDecode;        // result of decoding
 
-    BYTES bytes() const {
-        BYTES Bytes = FrameBytes;
-        std::copy(Put.begin(), Put.end(), Bytes.begin() + static_cast<std::ptrdiff_t>(ulAt));
-        return BYTES(Bytes.data(), Bytes.data() + ulKeep);
+    Bytes bytes() const {
+        Bytes frame = kFrameBytes;
+        std::copy(put.begin(), put.end(), frame.begin() + static_cast<std::ptrdiff_t>(ulAt));
+        return Bytes(frame.data(), frame.data() + ulKeep);
     }
 };
-const std::vector<BAD_FRAME> &badFrames();
+const std::vector<BadFrame> &badFrames();
 
 #endif

@@ -1,4 +1,4 @@
-// The casters on real sockets: datagrams byte for byte, hop limits, targets and stations that are none.
+// Tests of the casters on real sockets: datagrams byte for byte, hop limits, invalid targets and stations.
 #include "media_files.h"
 #include "nsc.h"
 #include "udpsocket.h"
@@ -11,152 +11,155 @@
 
 namespace {
 
-using ASFCASTER = std::unique_ptr<ts_qxapi_asfcast, decltype(&qxapi_close_asfcast)>;
-using TSCASTER = std::unique_ptr<ts_qxapi_tscast, decltype(&qxapi_close_tscast)>;
+using AsfCasterOwner = std::unique_ptr<ts_qxapi_asfcast, decltype(&qxapi_close_asfcast)>;
+using TsCasterOwner = std::unique_ptr<ts_qxapi_tscast, decltype(&qxapi_close_tscast)>;
 
-TSCASTER openTs() {
+TsCasterOwner openTs() {
     return {qxapi_open_tscast(), qxapi_close_tscast};
 }
 
-// A caster with a hop limit of 16, and with the station if one is named.
-ASFCASTER openAsf(const MEMORYFILE *pStation = nullptr, unsigned int uiFormatIndex = 0) {
-    ASFCASTER pCaster(qxapi_open_asfcast(), qxapi_close_asfcast);
+// Returns a caster with a hop limit of 16. Sets the station unless it is null.
+AsfCasterOwner openAsf(const MemoryFile *pStation = nullptr, unsigned int uiFormatIndex = 0) {
+    AsfCasterOwner pCaster(qxapi_open_asfcast(), qxapi_close_asfcast);
     pCaster->uiHops = 16;
-    if (pStation && pCaster->pSetStation(pCaster.get(), pStation->sPath.c_str(), uiFormatIndex) != 1)
+    if (pStation && pCaster->pSetStation(pCaster.get(), pStation->sPath.c_str(), uiFormatIndex) != 1) {
         ADD_FAILURE() << "the station is not taken";
+    }
     return pCaster;
 }
 
-template <typename CASTER>
-int send(const CASTER &pCaster, const std::string &sData) {
+template <typename Caster>
+int send(const Caster &pCaster, const std::string &sData) {
     return pCaster->pSend(pCaster.get(), reinterpret_cast<const unsigned char *>(sData.data()),
                           static_cast<unsigned int>(sData.size()));
 }
 
-struct RECEIVER {
+struct Receiver {
     int iSocket;
     int iHops = -1; // of the last datagram
 
-    RECEIVER(const char *pszAddress, unsigned short usPort)
+    Receiver(const char *pszAddress, unsigned short usPort)
         : iSocket(udpOpenReceiver(pszAddress, usPort, nullptr)) {
         const int iOn = 1;
         EXPECT_EQ(setsockopt(iSocket, IPPROTO_IP, IP_RECVTTL, &iOn, sizeof iOn), 0);
     }
-    RECEIVER(const RECEIVER &) = delete;
-    RECEIVER &operator=(const RECEIVER &) = delete;
-    ~RECEIVER() { close(iSocket); }
+    Receiver(const Receiver &) = delete;
+    Receiver &operator=(const Receiver &) = delete;
+    ~Receiver() { close(iSocket); }
 
-    // The next datagram; "nothing" when none comes.
+    // Returns the next datagram, "nothing" if none comes in time.
     std::string next() {
         static char aData[65536];
         alignas(cmsghdr) char aControl[64];
-        pollfd Poll = {iSocket, POLLIN, 0};
-        if (poll(&Poll, 1, 1000) != 1)
+        pollfd readiness = {iSocket, POLLIN, 0};
+        if (poll(&readiness, 1, 1000) != 1) {
             return "nothing";
-        iovec Piece = {aData, sizeof aData};
-        msghdr Message{nullptr, 0, &Piece, 1, aControl, sizeof aControl, 0};
-        const ssize_t lLength = recvmsg(iSocket, &Message, 0);
-        const cmsghdr *pControl = CMSG_FIRSTHDR(&Message);
+        }
+        iovec piece = {aData, sizeof aData};
+        msghdr message{nullptr, 0, &piece, 1, aControl, sizeof aControl, 0};
+        const ssize_t lLength = recvmsg(iSocket, &message, 0);
+        const cmsghdr *pControl = CMSG_FIRSTHDR(&message);
         iHops = pControl ? *reinterpret_cast<const int *>(CMSG_DATA(pControl)) : -1;
         return lLength < 0 ? "nothing" : std::string(aData, static_cast<std::size_t>(lLength));
     }
 };
 
-// A station of two formats, Format1 with id 0x12 and Format4 with id 0x7FE.
+// Returns a station with two formats: Format1 with id 0x12 and Format4 with id 0x7FE.
 std::string stationText(const char *pszAddress, unsigned short usPort, int iHops) {
-    NSCSTATION Station;
-    Station.sAddress = pszAddress;
-    Station.usPort = usPort;
-    Station.iHops = iHops;
-    Station.Formats = {{1, 0x12, {'h'}, ""}, {4, 0x7FE, {'i'}, ""}};
-    return nscWrite(Station);
+    NscStation station;
+    station.sAddress = pszAddress;
+    station.usPort = usPort;
+    station.iHops = iHops;
+    station.formats = {{1, 0x12, {'h'}, ""}, {4, 0x7FE, {'i'}, ""}};
+    return nscWrite(station);
 }
 
 } // namespace
 
 TEST(MediaCast, MsbPacketsAreTheStationsByteForByte) {
     using namespace std::string_literals;
-    RECEIVER Receiver("239.1.2.3", 6001);
-    const MEMORYFILE Station(stationText("239.1.2.3", 6001, 5));
+    Receiver receiver("239.1.2.3", 6001);
+    const MemoryFile station(stationText("239.1.2.3", 6001, 5));
 
-    const ASFCASTER pFirst = openAsf(&Station);
+    const AsfCasterOwner pFirst = openAsf(&station);
     EXPECT_EQ(send(pFirst, "packet"), 1);
     EXPECT_EQ(send(pFirst, "second packet"), 1);
-    const std::string sFirst = Receiver.next();
-    const char cToggle = sFirst.size() > 5 ? sFirst[5] : 'x'; // of which value the process has got to
+    const std::string sFirst = receiver.next();
+    const char cToggle = sFirst.size() > 5 ? sFirst[5] : 'x'; // the process may be at either value
     EXPECT_EQ(sFirst, "\x00\x00\x00\x00\x12"s + cToggle + "\x0E\x00packet"s);
-    EXPECT_EQ(Receiver.next(), "\x01\x00\x00\x00\x12"s + cToggle + "\x15\x00second packet"s);
+    EXPECT_EQ(receiver.next(), "\x01\x00\x00\x00\x12"s + cToggle + "\x15\x00second packet"s);
     EXPECT_TRUE(cToggle == '\0' || cToggle == '\x80');
-    EXPECT_EQ(Receiver.iHops, 5); // the station's, not the caster's 16
+    EXPECT_EQ(receiver.iHops, 5); // the station's, not the caster's 16
 
-    const ASFCASTER pUnused = openAsf(&Station); // a caster that sends nothing is no playout
-    EXPECT_EQ(send(openAsf(&Station, 4), "x"), 1);
-    EXPECT_EQ(Receiver.next(),
+    const AsfCasterOwner pUnused = openAsf(&station); // sends nothing, so it is no playout
+    EXPECT_EQ(send(openAsf(&station, 4), "x"), 1);
+    EXPECT_EQ(receiver.next(),
               "\x00\x00\x00\x00\xFE"s + static_cast<char>(0x07 | (cToggle ^ '\x80')) + "\x09\x00x"s);
 }
 
 TEST(MediaCast, ExplicitTargetReplacesTheStationsAndTheCastersHopLimitStandsIn) {
-    RECEIVER Receiver("239.1.2.5", 6002);
-    const MEMORYFILE Station(stationText("239.1.2.4", 6003, -1));
-    const ASFCASTER pCaster = openAsf(&Station, 1);
+    Receiver receiver("239.1.2.5", 6002);
+    const MemoryFile station(stationText("239.1.2.4", 6003, -1));
+    const AsfCasterOwner pCaster = openAsf(&station, 1);
     ASSERT_EQ(pCaster->pSetTarget(pCaster.get(), "239.1.2.5", 6002), 1);
-    EXPECT_EQ(pCaster->pSetTarget(pCaster.get(), "239.1.2.5", 0), 0); // leaves the one before
+    EXPECT_EQ(pCaster->pSetTarget(pCaster.get(), "239.1.2.5", 0), 0); // the earlier target stays
 
     EXPECT_EQ(send(pCaster, std::string(65507 - 8, 'x')), 1);
-    const std::string sDatagram = Receiver.next();
+    const std::string sDatagram = receiver.next();
     ASSERT_EQ(sDatagram.size(), 65507U);
     EXPECT_EQ(sDatagram[4], '\x12');
     EXPECT_EQ(sDatagram.substr(6, 2), "\xE3\xFF");
-    EXPECT_EQ(Receiver.iHops, 16);
+    EXPECT_EQ(receiver.iHops, 16);
 }
 
 TEST(MediaCast, OversizedPacketFails) {
-    RECEIVER Receiver("127.0.0.1", 6006);
-    const ASFCASTER pAsf = openAsf();
+    Receiver receiver("127.0.0.1", 6006);
+    const AsfCasterOwner pAsf = openAsf();
     ASSERT_EQ(pAsf->pSetTarget(pAsf.get(), "127.0.0.1:6006", 0), 1);
     EXPECT_EQ(send(pAsf, std::string(65500, 'x')), -1);
-    const TSCASTER pTs = openTs();
+    const TsCasterOwner pTs = openTs();
     ASSERT_EQ(pTs->pSetUp(pTs.get(), nullptr, -1, "127.0.0.1:6006", 2777, 16), 1);
     EXPECT_EQ(send(pTs, std::string(65508, 'x')), -1);
     EXPECT_EQ(send(pTs, "still usable"), 1);
-    EXPECT_EQ(Receiver.next(), "still usable");
+    EXPECT_EQ(receiver.next(), "still usable");
 }
 
 TEST(MediaCast, TsTargetsAreReadStrictly) {
-    struct TARGET {
+    struct TargetCase {
         const char *pszTarget;
         unsigned int uiPort = 2777;
         unsigned int uiHops = 16;
     };
-    RECEIVER Receiver("239.1.2.7", 6007);
-    for (const TARGET &Good : {TARGET{"239.1.2.7:6007"}, {"239.1.2.7", 6007}, {"239.1.2.7:6007", 0, 17}}) {
-        const TSCASTER pCaster = openTs();
-        EXPECT_EQ(pCaster->pSetUp(pCaster.get(), nullptr, -1, Good.pszTarget, Good.uiPort, Good.uiHops), 1);
+    Receiver receiver("239.1.2.7", 6007);
+    for (const TargetCase &good :
+         {TargetCase{"239.1.2.7:6007"}, {"239.1.2.7", 6007}, {"239.1.2.7:6007", 0, 17}}) {
+        const TsCasterOwner pCaster = openTs();
+        EXPECT_EQ(pCaster->pSetUp(pCaster.get(), nullptr, -1, good.pszTarget, good.uiPort, good.uiHops), 1);
         EXPECT_EQ(send(pCaster, "G"), 1);
-        EXPECT_EQ(Receiver.next(), "G");
-        EXPECT_EQ(Receiver.iHops, static_cast<int>(Good.uiHops));
+        EXPECT_EQ(receiver.next(), "G");
+        EXPECT_EQ(receiver.iHops, static_cast<int>(good.uiHops));
     }
-    for (const TARGET &Bad : {TARGET{nullptr},
-                              {""},
-                              {":6007"},
-                              {"239.1.2.7:"},
-                              {"239.1.2.7:0"},
-                              {"239.1.2.7:65536"},
-                              {"239.1.2.7:6007x"},
-                              {"239.1.2.7: 6007"},
-                              {"239.1.2.7:-1"},
-                              {"239.1.2.7:6007:6007"},
-                              {"239.1.2:6007"},
-                              {"239.1.2.256:6007"},
-                              {"0.0.0.0:6007"},
-                              {"localhost:6007"},
-                              {"239.1.2.7:4294973303"},
-                              {"239.1.2.7", 0},
-                              {"239.1.2.7", 65536},
-                              {"239.1.2.7:6007", 2777, 256}}) {
-        const TSCASTER pCaster = openTs();
-        EXPECT_EQ(pCaster->pSetUp(pCaster.get(), nullptr, -1, Bad.pszTarget, Bad.uiPort, Bad.uiHops), 0)
-            << (Bad.pszTarget ? Bad.pszTarget : "null");
+    for (const TargetCase &bad : {TargetCase{nullptr},
+                                  {""},
+                                  {":6007"},
+                                  {"239.1.2.7:"},
+                                  {"239.1.2.7:0"},
+                                  {"239.1.2.7:65536"},
+                                  {"239.1.2.7:6007x"},
+                                  {"239.1.2.7: 6007"},
+                                  {"239.1.2.7:-1"},
+                                  {"239.1.2.7:6007:6007"},
+                                  {"239.1.2:6007"},
+                                  {"239.1.2.256:6007"},
+                                  {"0.0.0.0:6007"},
+                                  {"localhost:6007"},
+                                  {"239.1.2.7:4294973303"},
+                                  {"239.1.2.7", 0},
+                                  {"239.1.2.7", 65536},
+                                  {"239.1.2.7:6007", 2777, 256}}) {
+        const TsCasterOwner pCaster = openTs();
+        EXPECT_EQ(pCaster->pSetUp(pCaster.get(), nullptr, -1, bad.pszTarget, bad.uiPort, bad.uiHops), 0)
+            << (bad.pszTarget ? bad.pszTarget : "null");
         EXPECT_EQ(send(pCaster, "G"), 0);
     }
 }

@@ -1,5 +1,4 @@
-// media_files.h - what the tests of stored files share: bytes, files in memory, and everything that a reader
-// hands out.
+// media_files.h - shared by the tests of stored files: bytes, files in memory, and the packets of a reader.
 #ifndef TESTS_MEDIA_FILES_H
 #define TESTS_MEDIA_FILES_H
 
@@ -14,57 +13,59 @@
 #include <unistd.h>
 #include <vector>
 
-// A file that is gone when it is closed, with a path for those who want one.
-struct MEMORYFILE {
+// A file in memory. It has a path while it is open and is gone once it is closed.
+struct MemoryFile {
     int iFile;
     std::string sPath;
 
-    explicit MEMORYFILE(const std::string &sBytes)
+    explicit MemoryFile(const std::string &sBytes)
         : iFile(memfd_create("media", MFD_CLOEXEC)), sPath("/proc/self/fd/" + std::to_string(iFile)) {
         EXPECT_EQ(pwrite(iFile, sBytes.data(), sBytes.size(), 0), static_cast<ssize_t>(sBytes.size()));
     }
-    MEMORYFILE(const MEMORYFILE &) = delete;
-    MEMORYFILE &operator=(const MEMORYFILE &) = delete;
-    ~MEMORYFILE() { close(iFile); }
+    MemoryFile(const MemoryFile &) = delete;
+    MemoryFile &operator=(const MemoryFile &) = delete;
+    ~MemoryFile() { close(iFile); }
 };
 
-// A file of the samples folder.
+// Returns the bytes of a file in the samples folder.
 inline std::string sampleBytes(const char *pszName) {
-    std::ifstream File(std::string(SAMPLES) + pszName, std::ios::binary);
-    return {std::istreambuf_iterator<char>(File), {}};
+    std::ifstream file(std::string(SAMPLES) + pszName, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
-struct DRAINED {
+struct Drained {
     std::string sBytes;            // of all packets
-    std::vector<double> DueMs;     // of each
-    std::vector<unsigned> Lengths; // of each
+    std::vector<double> dueMs;     // of each packet
+    std::vector<unsigned> lengths; // of each packet
 };
 
-// Takes everything out of a reader.
-template <typename READER>
-DRAINED drain(READER &Reader, int (*pNext)(READER &, MEDIAPACKET &)) {
-    DRAINED Drained;
-    MEDIAPACKET Packet{};
+// Reads all packets of a reader.
+template <typename Reader>
+Drained drain(Reader &reader, int (*pNext)(Reader &, MediaPacket &)) {
+    Drained drained;
+    MediaPacket packet{};
     for (int iStep = MEDIA_BUSY; iStep != MEDIA_END;) {
-        iStep = pNext(Reader, Packet);
-        if (iStep != MEDIA_PACKET)
+        iStep = pNext(reader, packet);
+        if (iStep != MEDIA_PACKET) {
             continue;
-        Drained.sBytes.append(reinterpret_cast<const char *>(Packet.pData), Packet.uiLength);
-        Drained.Lengths.push_back(Packet.uiLength);
-        Drained.DueMs.push_back(static_cast<double>(Packet.llDue) / 1e6);
+        }
+        drained.sBytes.append(reinterpret_cast<const char *>(packet.pData), packet.uiLength);
+        drained.lengths.push_back(packet.uiLength);
+        drained.dueMs.push_back(static_cast<double>(packet.llDue) / 1e6);
     }
-    return Drained;
+    return drained;
 }
 
-// uiBytes of the value, the least significant first.
+// Returns the low uiBytes bytes of the value, the least significant first.
 inline std::string little(unsigned long long ullValue, unsigned int uiBytes) {
     std::string sBytes;
-    for (unsigned int ui = 0; ui < uiBytes; ui++)
+    for (unsigned int ui = 0; ui < uiBytes; ui++) {
         sBytes += static_cast<char>(ullValue >> 8 * ui);
+    }
     return sBytes;
 }
 
-// A transport stream packet with its number in it; llClock: its clock reference in ticks, -1 none.
+// Returns a transport stream packet that holds its number. llClock: its clock reference in ticks, -1 none.
 inline std::string tsPacketBytes(std::size_t ulNumber, long long llClock, unsigned int uiPID = 0x100,
                                  bool bDiscontinuity = false) {
     std::string sBytes = {0x47, static_cast<char>(uiPID >> 8), static_cast<char>(uiPID), 0x10};
@@ -75,13 +76,14 @@ inline std::string tsPacketBytes(std::size_t ulNumber, long long llClock, unsign
     }
     if (llClock >= 0) {
         const long long llBase = llClock / 300, llExtension = llClock % 300;
-        for (const int iShift : {25, 17, 9, 1})
+        for (const int iShift : {25, 17, 9, 1}) {
             sBytes += static_cast<char>(llBase >> iShift);
+        }
         sBytes += static_cast<char>((llBase & 1) << 7 | 0x7E | llExtension >> 8);
         sBytes += static_cast<char>(llExtension);
     }
     sBytes += little(ulNumber, 4);
-    sBytes.resize(188, static_cast<char>(0x80 + ulNumber % 64)); // no sync bytes by chance
+    sBytes.resize(188, static_cast<char>(0x80 + ulNumber % 64)); // never a sync byte by chance
     return sBytes;
 }
 

@@ -1,11 +1,11 @@
-// Station files: the public encoding, what is read and written, and what is refused.
+// Tests of station files: the public encoding, what is read and written, and what is refused.
 #include "media_files.h"
 #include "nsc.h"
 
 namespace {
 
-constexpr char ADDRESS[] = "020G000000000UCW0p03a0BW0n03a0CW0k03G0E00k0340Dm0v0000"; // 239.192.48.179
-constexpr char VERSION[] = "029G0000000008Cm0k0300000";                              // 3.0
+constexpr char kAddress[] = "020G000000000UCW0p03a0BW0n03a0CW0k03G0E00k0340Dm0v0000"; // 239.192.48.179
+constexpr char kVersion[] = "029G0000000008Cm0k0300000";                              // 3.0
 
 std::string format(unsigned int uiFormatID) {
     return nscEncode({uiFormatID, {'A', 'S', 'F'}});
@@ -19,49 +19,51 @@ std::string station(const std::string &sAddress, const std::string &sPort, const
 } // namespace
 
 TEST(MediaNsc, EncodingIsThePublicOne) {
-    for (const auto &[pszText, pszPlain] : {std::pair{ADDRESS, "239.192.48.179"}, {VERSION, "3.0"}}) {
-        std::vector<unsigned char> Data; // UTF-16, terminated
-        for (const char c : std::string(pszPlain) + '\0')
-            Data.insert(Data.end(), {static_cast<unsigned char>(c), 0});
-        NSCVALUE Value;
+    for (const auto &[pszText, pszPlain] : {std::pair{kAddress, "239.192.48.179"}, {kVersion, "3.0"}}) {
+        std::vector<unsigned char> data; // UTF-16, terminated
+        for (const char c : std::string(pszPlain) + '\0') {
+            data.insert(data.end(), {static_cast<unsigned char>(c), 0});
+        }
+        NscValue value;
         std::string sReason;
-        ASSERT_TRUE(nscDecode(pszText, Value, sReason)) << sReason;
-        EXPECT_EQ(Value.Data, Data);
-        EXPECT_EQ(Value.uiKey, 0U);
-        EXPECT_EQ(nscEncode({0, Data}), std::string(pszText));
+        ASSERT_TRUE(nscDecode(pszText, value, sReason)) << sReason;
+        EXPECT_EQ(value.data, data);
+        EXPECT_EQ(value.uiKey, 0U);
+        EXPECT_EQ(nscEncode({0, data}), std::string(pszText));
     }
     // Key 0x123, three bytes, check byte 01^23^03^41^53^46 = 75: 75 00000123 00000003 415346.
     EXPECT_EQ(nscEncode({0x123, {'A', 'S', 'F'}}), "02TG000IC00003GLD6");
 }
 
 TEST(MediaNsc, PlainTextsBareLineEndsAndUnknownLinesAreRead) {
-    NSCSTATION Station;
+    NscStation station;
     std::string sReason;
     ASSERT_TRUE(
         nscParse("[Address]\nName=News\nNSC Format Version=3.0\nIP Address=239.192.48.179\nIP Port=0x1f90\n"
                  "Time To Live=0x00000007\nUnknown=0\n\n[Formats]\nFormat3=" +
                      format(9) + "\nDescription3=low\n[Other]\nanything=1\n",
-                 Station, sReason))
+                 station, sReason))
         << sReason;
-    EXPECT_EQ(Station.sName, "News");
-    EXPECT_EQ(Station.sVersion, "3.0");
-    EXPECT_EQ(Station.sAddress, "239.192.48.179");
-    EXPECT_EQ(Station.usPort, 8080);
-    EXPECT_EQ(Station.iHops, 7);
-    ASSERT_EQ(Station.Formats.size(), 1U);
-    EXPECT_EQ(Station.Formats[0].uiFormatID, 9U);
-    EXPECT_EQ(Station.Formats[0].sDescription, "low");
-    EXPECT_EQ(Station.Formats[0].Header, (std::vector<unsigned char>{'A', 'S', 'F'}));
-    EXPECT_EQ(nscFindFormat(Station, 0), &Station.Formats[0]);
-    EXPECT_EQ(nscFindFormat(Station, 3), &Station.Formats[0]);
-    EXPECT_EQ(nscFindFormat(Station, 1), nullptr);
+    EXPECT_EQ(station.sName, "News");
+    EXPECT_EQ(station.sVersion, "3.0");
+    EXPECT_EQ(station.sAddress, "239.192.48.179");
+    EXPECT_EQ(station.usPort, 8080);
+    EXPECT_EQ(station.iHops, 7);
+    ASSERT_EQ(station.formats.size(), 1U);
+    EXPECT_EQ(station.formats[0].uiFormatID, 9U);
+    EXPECT_EQ(station.formats[0].sDescription, "low");
+    EXPECT_EQ(station.formats[0].header, (std::vector<unsigned char>{'A', 'S', 'F'}));
+    EXPECT_EQ(nscFindFormat(station, 0), &station.formats[0]);
+    EXPECT_EQ(nscFindFormat(station, 3), &station.formats[0]);
+    EXPECT_EQ(nscFindFormat(station, 1), nullptr);
 }
 
 TEST(MediaNsc, LiesAreRefusedWithTheirLine) {
     const std::string sFormat = "Format1=" + format(1);
     std::string sManyFormats;
-    for (int i = 1; i <= 65; i++)
+    for (int i = 1; i <= 65; i++) {
         sManyFormats += "Format" + std::to_string(i) + "=" + format(1) + "\n";
+    }
     std::string sWrongCheck = sFormat;
     sWrongCheck[10] = sWrongCheck[10] == '0' ? '1' : '0';
     const auto formats = [](const std::string &sFormats) { return station("239.1.1.1", "0x1", sFormats); };
@@ -91,9 +93,9 @@ TEST(MediaNsc, LiesAreRefusedWithTheirLine) {
         {"more than 64", formats(sManyFormats)},
     };
     for (const auto &[pszReason, sText] : aCase) {
-        NSCSTATION Station;
+        NscStation station;
         std::string sReason;
-        EXPECT_FALSE(nscParse(sText, Station, sReason)) << pszReason;
+        EXPECT_FALSE(nscParse(sText, station, sReason)) << pszReason;
         EXPECT_NE(sReason.find(pszReason), std::string::npos) << pszReason << ": " << sReason;
     }
 }

@@ -1,4 +1,5 @@
-// Streams as a player sees them: what is opened at all, the clock in real time, files that change in play.
+// Tests of streams as a player sees them: which files open, the clock in real time, files that change while
+// played.
 #include "media_files.h"
 
 #include <chrono>
@@ -11,38 +12,41 @@
 namespace {
 
 using namespace std::chrono_literals;
-using STREAMOWNER = std::unique_ptr<ts_qxapi_stream, decltype(&qxapi_close_stream)>;
+constexpr std::size_t kRunSize = std::size_t{188} * 7; // bytes of a full run
+using StreamOwner = std::unique_ptr<ts_qxapi_stream, decltype(&qxapi_close_stream)>;
 
-STREAMOWNER openStream(const std::string &sPath) {
+StreamOwner openStream(const std::string &sPath) {
     return {qxapi_open_stream(sPath.c_str()), qxapi_close_stream};
 }
 
-STREAMOWNER startedStream(const std::string &sPath) {
-    STREAMOWNER pStream = openStream(sPath);
+StreamOwner startedStream(const std::string &sPath) {
+    StreamOwner pStream = openStream(sPath);
     EXPECT_TRUE(pStream && pStream->pStart(pStream.get()) == 1);
     return pStream;
 }
 
-// ulPackets transport stream packets with a clock reference in every tenth, ulMicroseconds apart.
+// Returns ulPackets transport stream packets that are ulMicroseconds apart. Every tenth has a clock
+// reference.
 std::string transportStream(std::size_t ulPackets, unsigned long ulMicroseconds) {
     std::string sFile;
-    for (std::size_t ul = 0; ul < ulPackets; ul++)
+    for (std::size_t ul = 0; ul < ulPackets; ul++) {
         sFile += tsPacketBytes(ul, ul % 10 == 0 ? static_cast<long long>(ul * ulMicroseconds * 27) : -1);
+    }
     return sFile;
 }
 
-// Plays the stream to its end and returns what came out; after pAfterRun(run) of each.
-template <typename AFTERRUN>
-std::string playStream(ts_qxapi_stream &Stream, AFTERRUN &&pAfterRun) {
+// Plays the stream to its end and returns the bytes that came out. Calls pAfterRun(n) after run n.
+template <typename AfterRun>
+std::string playStream(ts_qxapi_stream &stream, AfterRun &&pAfterRun) {
     std::string sBytes;
-    for (unsigned int uiRun = 0; !Stream.pIsAtEnd(&Stream);) {
-        ts_qxapi_packet *pPacket = Stream.pNextPacket(&Stream);
+    for (unsigned int uiRun = 0; !stream.pIsAtEnd(&stream);) {
+        ts_qxapi_packet *pPacket = stream.pNextPacket(&stream);
         if (!pPacket) {
             qxapi_load_balance();
             continue;
         }
         sBytes.append(reinterpret_cast<const char *>(pPacket->pData), pPacket->uiLength);
-        Stream.pReleasePacket(&Stream, pPacket);
+        stream.pReleasePacket(&stream, pPacket);
         pAfterRun(uiRun++);
     }
     return sBytes;
@@ -52,13 +56,13 @@ std::string playStream(ts_qxapi_stream &Stream, AFTERRUN &&pAfterRun) {
 
 TEST(MediaStream, WhatCannotBePlayedIsRefusedByName) {
     ASSERT_EQ(mkfifo("/tmp/media.fifo", 0600), 0);
-    const MEMORYFILE Empty("");
-    const MEMORYFILE Text(std::string(5000, 'G'));
-    const MEMORYFILE Page("<html><body>GGGG</body></html>");
+    const MemoryFile empty("");
+    const MemoryFile text(std::string(5000, 'G'));
+    const MemoryFile page("<html><body>GGGG</body></html>");
     const std::pair<std::string, const char *> aCase[] = {
         {"/nowhere/file.ts", "No such file"}, {"/tmp", "a directory"},
         {"/tmp/media.fifo", "a FIFO"},        {"/dev/zero", "a device"},
-        {Empty.sPath, "it is empty"},         {Page.sPath, "neither an ASF file"},
+        {empty.sPath, "it is empty"},         {page.sPath, "neither an ASF file"},
         {"/proc/self/mem", "cannot be read"}};
     for (const auto &[sPath, pszReason] : aCase) {
         testing::internal::CaptureStderr();
@@ -71,8 +75,8 @@ TEST(MediaStream, WhatCannotBePlayedIsRefusedByName) {
     EXPECT_FALSE(openStream(""));
     EXPECT_EQ(qxapi_open_stream(nullptr), nullptr);
 
-    // Sync bytes and nothing else pass for a transport stream, but have no clock.
-    const STREAMOWNER pStream = openStream(Text.sPath);
+    // Sync bytes alone pass for a transport stream, but have no clock.
+    const StreamOwner pStream = openStream(text.sPath);
     ASSERT_TRUE(pStream);
     EXPECT_EQ(pStream->pStart(pStream.get()), 0);
     EXPECT_NE(pStream->pIsAtEnd(pStream.get()), 0);
@@ -81,55 +85,56 @@ TEST(MediaStream, WhatCannotBePlayedIsRefusedByName) {
 
 TEST(MediaStream, PlayoutTakesTheFilesTimeAndHoldsTheScheduleAfterADelay) {
     const std::string sFile = transportStream(700, 1000); // 0.7 s, the last run at 693 ms
-    const MEMORYFILE File(sFile);
-    const auto Start = std::chrono::steady_clock::now();
-    const STREAMOWNER pStream = startedStream(File.sPath);
+    const MemoryFile file(sFile);
+    const auto start = std::chrono::steady_clock::now();
+    const StreamOwner pStream = startedStream(file.sPath);
     EXPECT_EQ(pStream->pStart(pStream.get()), 0);
     const std::clock_t lProcessor = std::clock();
 
     const std::string sBytes = playStream(*pStream, [](unsigned int uiRun) {
-        if (uiRun == 20)
+        if (uiRun == 20) {
             usleep(400'000);
+        }
     });
 
     EXPECT_TRUE(sBytes == sFile);
-    const auto Taken = std::chrono::steady_clock::now() - Start;
-    EXPECT_GE(Taken, 692ms);
-    EXPECT_LT(Taken, 1090ms);                                        // the file's time and the delay
+    const auto taken = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(taken, 692ms);
+    EXPECT_LT(taken, 1090ms);                                        // the file's time and the delay
     EXPECT_LE(std::clock() - lProcessor, CLOCKS_PER_SEC * 35 / 100); // it sleeps in between
 }
 
 TEST(MediaStream, FileThatShrinksEndsAndOneThatGrowsGoesOn) {
     const std::string sFile = transportStream(7000, 20);
     for (const bool bGrow : {false, true}) {
-        const MEMORYFILE File(sFile);
-        const STREAMOWNER pStream = startedStream(File.sPath);
+        const MemoryFile file(sFile);
+        const StreamOwner pStream = startedStream(file.sPath);
         const std::string sBytes = playStream(*pStream, [&](unsigned int uiRun) {
             if (uiRun == 100) {
-                ASSERT_TRUE(bGrow ? pwrite(File.iFile, sFile.data(), 188 * 7, 188 * 7000) == 188 * 7
-                                  : ftruncate(File.iFile, 188 * 3000 + 50) == 0);
+                ASSERT_TRUE(bGrow ? pwrite(file.iFile, sFile.data(), kRunSize, off_t{188} * 7000) == kRunSize
+                                  : ftruncate(file.iFile, off_t{188} * 3000 + 50) == 0);
             }
         });
 
-        EXPECT_TRUE(sBytes == (sFile + sFile.substr(0, 188 * 7)).substr(0, sBytes.size()));
+        EXPECT_TRUE(sBytes == (sFile + sFile.substr(0, kRunSize)).substr(0, sBytes.size()));
         EXPECT_GE(sBytes.size(), bGrow ? 188U * 7007 : 188U * 700);
-        EXPECT_LE(sBytes.size(), bGrow ? 188U * 7007 : 188U * 3700); // what was read before
+        EXPECT_LE(sBytes.size(), bGrow ? 188U * 7007 : 188U * 3700); // what was read ahead comes out too
     }
 }
 
 TEST(MediaStream, SparseFileOfManyTimesTheMemoryIsPlayed) {
     const std::string sPart = transportStream(700, 10);
-    const MEMORYFILE File(sPart + std::string(3'000'000, '\0')); // more than one step of the reader
-    ASSERT_EQ(pwrite(File.iFile, sPart.data(), sPart.size(), 300'000'001),
+    const MemoryFile file(sPart + std::string(3'000'000, '\0')); // more than one step of the reader
+    ASSERT_EQ(pwrite(file.iFile, sPart.data(), sPart.size(), 300'000'001),
               static_cast<ssize_t>(sPart.size()));
-    rusage Before{};
-    getrusage(RUSAGE_SELF, &Before);
-    const STREAMOWNER pStream = startedStream(File.sPath);
+    rusage before{};
+    getrusage(RUSAGE_SELF, &before);
+    const StreamOwner pStream = startedStream(file.sPath);
 
     const std::string sBytes = playStream(*pStream, [](unsigned int) {});
 
-    rusage After{};
-    getrusage(RUSAGE_SELF, &After);
+    rusage after{};
+    getrusage(RUSAGE_SELF, &after);
     EXPECT_TRUE(sBytes == sPart + sPart);
-    EXPECT_LE(After.ru_maxrss - Before.ru_maxrss, 32 * 1024);
+    EXPECT_LE(after.ru_maxrss - before.ru_maxrss, 32 * 1024);
 }

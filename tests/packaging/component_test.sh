@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The example component, in a process of its own, gets its cast relayed and announced and its message shown.
+# The example component runs in a process of its own. Its cast is relayed and announced, its message is shown.
 . "$(dirname "$0")/../e2e/service.sh"
 start_service
 start_watch

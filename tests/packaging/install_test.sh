@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# What cmake --install puts under a prefix works from there, also after the tree was moved: the programs find the
-# plug-in, and a component in C is built with pkg-config and with the CMake package.
+# Installs under a prefix and moves the tree. The programs must still find the plug-in. A component in C must build
+# with pkg-config and with the CMake package.
 # Arguments: the build folder, cmake, the sanitizers that the build has.
 set -euo pipefail
 build=$1
@@ -52,12 +52,12 @@ if command -v man >/dev/null; then
     warnings=$(cd "$prefix/share/man" && LC_ALL=C.UTF-8 man --warnings -E UTF-8 -Tutf8 -Z man?/* 2>&1 >/dev/null)
     [ -z "$warnings" ] || fail "man pages: $warnings"
 fi
-# Every operation that the headers declare has its line in the man page.
+# The man page names every operation that the headers declare.
 for name in $(grep -ohE '\b(QX_|p_qxapi_|MAKE|COPYa|ELIMINATE|VALIDATE|COMPARE|PRINT|Tx|pccastS)\w+\(' \
     "$prefix"/include/pccast/*.h | tr -d '(' | sort -u); do
     grep -q "$name" "$prefix/share/man/man3/pccast.3" || fail "pccast(3) does not tell of $name"
 done
-# Every long option that a command's help shows stands in pccast(1).
+# pccast(1) names every long option that a command's help shows.
 sed 's/\\-/-/g; s/\\f[RPBI]//g' "$prefix/share/man/man1/pccast.1" >pccast.txt
 for command in serve relay file stop message cancel watch station; do
     for option in $("$prefix/bin/pccast" $command --help | grep -oE '^ +(-[a-z],)?--[a-z-]+' | grep -oE -- '--[a-z-]+'); do

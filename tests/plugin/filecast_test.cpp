@@ -5,15 +5,15 @@
 
 namespace {
 
-using script::START;
+using script::kStart;
 
 class FileCastTest : public PluginTest {
 protected:
-    FileCastTest() { script::storedFile("/a", {{START, {0x47, 1}}, {START + 2, {0x47, 2}}}); }
+    FileCastTest() { script::storedFile("/a", {{kStart, {0x47, 1}}, {kStart + 2, {0x47, 2}}}); }
     static CASTInfo *request(unsigned long ulFormat, const char *pszFile = "/a") {
         return cast({.ulType = 1, .ulFormat = ulFormat, .pszFile = pszFile});
     }
-    // Waits until the playout waits for its second packet.
+    // Waits until so many calls were made and the playout waits for a packet.
     static void playing(size_t ulCalls) {
         EXPECT_TRUE(script::eventually([=] { return script::seen().calls.size() >= ulCalls; }));
         EXPECT_TRUE(script::settle(3));
@@ -27,7 +27,7 @@ TEST_F(FileCastTest, FormatChoosesTheDriver) {
         const std::string caster = bASF ? "asf" : "ts";
         script::storedFile("/a", {{script::now(), {0x47, 1}}, {script::now() + 2, {0x47, 2}}});
         script::forget();
-        const unsigned long ulSecond = 40 + script::now() - START;
+        const unsigned long ulSecond = 40 + script::now() - kStart;
         engine.handOver(request(ulFormat));
         playing(6);
         EXPECT_EQ(engine.block.eState, ENGINE_RUNNING);
@@ -59,17 +59,17 @@ TEST_F(FileCastTest, FailuresEndThePlayoutAndReleaseAll) {
         bool bFailed, bLogged;
     };
     for (const Case &row :
-         {Case{Step::STREAM_START, 0, "can not start stream", "can not start stream", true, false},
-          Case{Step::STREAM_START, 2, "can not start stream", "can not start stream", true, false},
-          Case{Step::CASTER_OPEN, 0, "s_asfcast != ((struct ts_qxapi_asfcast *)0)",
+         {Case{Step::StreamStart, 0, "can not start stream", "can not start stream", true, false},
+          Case{Step::StreamStart, 2, "can not start stream", "can not start stream", true, false},
+          Case{Step::CasterOpen, 0, "s_asfcast != ((struct ts_qxapi_asfcast *)0)",
                "s_tscast != ((struct ts_qxapi_tscast *)0)", true, true},
-          Case{Step::SET_STATION, 0, "invalud nsc or format_index", nullptr, false, true},
-          Case{Step::SET_TARGET, 0, nullptr, "", false, true}, // of the TS set-up nobody asks
-          Case{Step::CASTER_SEND, 0, "cast error", "", true, true},
-          Case{Step::CASTER_SEND, -1, "cast error", "", true, true}}) {
+          Case{Step::SetStation, 0, "invalud nsc or format_index", nullptr, false, true},
+          Case{Step::SetTarget, 0, nullptr, "", false, true}, // nobody looks at the result of the TS set-up
+          Case{Step::CasterSend, 0, "cast error", "", true, true},
+          Case{Step::CasterSend, -1, "cast error", "", true, true}}) {
         for (const bool bASF : {true, false}) {
             const char *const pszReport = bASF ? row.pszASFReport : row.pszTSReport;
-            if (pszReport == nullptr) { // the other caster's step
+            if (pszReport == nullptr) { // a step that only the other caster has
                 continue;
             }
             const std::string caster = bASF ? "asf" : "ts", driver = "qxbox_" + caster + "cast: ";
@@ -83,10 +83,10 @@ TEST_F(FileCastTest, FailuresEndThePlayoutAndReleaseAll) {
             EXPECT_EQ(script::seen().log.size(), row.bLogged ? 1u : 0u);
             const std::string calls = joined(script::seen().calls);
             EXPECT_EQ(count(calls, "close stream"), 1u);
-            EXPECT_EQ(count(calls, "open " + caster), row.bLogged ? 1u : 0u); // logged: it came to a packet
+            EXPECT_EQ(count(calls, "open " + caster), row.bLogged ? 1u : 0u); // opened at the first packet
             EXPECT_EQ(count(calls, "close " + caster),
-                      row.step == Step::CASTER_OPEN || !row.bLogged ? 0u : 1u);
-            EXPECT_EQ(count(calls, " send"), row.step == Step::CASTER_SEND ? 1u : row.bFailed ? 0u : 2u);
+                      row.step == Step::CasterOpen || !row.bLogged ? 0u : 1u);
+            EXPECT_EQ(count(calls, " send"), row.step == Step::CasterSend ? 1u : row.bFailed ? 0u : 2u);
         }
     }
     script::forget();
@@ -95,12 +95,19 @@ TEST_F(FileCastTest, FailuresEndThePlayoutAndReleaseAll) {
     EXPECT_THAT(script::seen().reports,
                 ElementsAre("qxbox_asfcast: s_stream != ((struct ts_qxapi_stream *)0)"));
     EXPECT_THAT(script::seen().log, IsEmpty());
+    engineMove(&engine.block, ENGINE_FAILED, ENGINE_IDLE);
+    script::forget();
+    script::storedFile("/a", {});
+    engine.handOver(request(0x2021));
+    ASSERT_TRUE(engine.becomes(ENGINE_IDLE));
+    EXPECT_THAT(script::seen().calls, ElementsAre("open stream /a", "start stream", "close stream"));
+    EXPECT_EQ(script::seen().log.size(), 1u);
 }
 
 TEST_F(FileCastTest, FinishStopAndBreakEndAPlayout) {
     for (const int iHow : {0, 1, 2}) {
         script::forget();
-        script::storedFile("/a", {{START, {1}}, {START + 1000, {2}}});
+        script::storedFile("/a", {{kStart, {1}}, {kStart + 1000, {2}}});
         engine.handOver(request(iHow == 0 ? 0x2021 : 0x2010));
         playing(6);
         if (iHow == 1) {
@@ -115,14 +122,6 @@ TEST_F(FileCastTest, FinishStopAndBreakEndAPlayout) {
     }
 }
 
-TEST_F(FileCastTest, EmptyFileOpensNoCaster) {
-    script::storedFile("/a", {});
-    engine.handOver(request(0x2021));
-    ASSERT_TRUE(engine.becomes(ENGINE_IDLE));
-    EXPECT_THAT(script::seen().calls, ElementsAre("open stream /a", "start stream", "close stream"));
-    EXPECT_EQ(script::seen().log.size(), 1u);
-}
-
 TEST_F(FileCastTest, RequestsThatCannotBePlayedAreReported) {
     const auto fails = [this](CASTInfo *pInfo) {
         engine.handOver(pInfo);
@@ -131,49 +130,35 @@ TEST_F(FileCastTest, RequestsThatCannotBePlayedAreReported) {
     };
     engine.handOver(request(0x2000));
     ASSERT_TRUE(engine.becomes(ENGINE_IDLE));
-    CASTInfo *pInfo = request(0x2021);
-    free(pInfo->pCASTFile);
-    pInfo->pCASTFile = nullptr;
+    CASTInfo *pInfo = request(0x2021, nullptr);
     pInfo->ulMSID = 0x1FFFE;
     fails(pInfo);
-    pInfo = request(0x2021);
-    free(pInfo->pDSTIP);
-    pInfo->pDSTIP = nullptr;
-    fails(pInfo);
+    fails(cast({.ulType = 1, .pszTarget = nullptr, .pszFile = "/a"}));
     EXPECT_EQ(
         std::regex_replace(out(), std::regex(R"(PCCASTRECASTEngine\[\d+\])"), "@"),
         "PCCASTRECASTEngine():#, ALARM, unknown content format[0x2000(8192)] to re-cast: let it go\n"
         "@ check the recast arguments:\n@ : FileName = NULL\n@ : IP = 224.2.2.2, PORT = 5000\n"
         "@ : MSID = 65534[fffe]\n"
         "@ check the recast arguments:\n@ : FileName = /a\n@ : IP = NULL, PORT = 5000\n@ : MSID = 0[0]\n");
-    for (const size_t ulLength : {249, 250}) { // with ":50000" 255 and 256 characters
+    for (const size_t ulLength : {249ul, 250ul}) { // with ":50000" 255 and 256 characters
         const std::string target(ulLength, '1');
         fails(cast({.ulType = 1, .pszTarget = target.c_str(), .pszFile = "/b", .usTargetPort = 50000}));
     }
     EXPECT_EQ(count(joined(script::seen().calls), "open stream /b"), 1u);
 }
 
-// What the engine does not ask of the drivers.
+// What the drivers can do and the engine does not ask for.
 TEST_F(FileCastTest, DriversTakeTargetModeAndDevice) {
     KTPLUGIN_INFO_TAG block{};
     block.eState = ENGINE_RUNNING;
     CASTInfo info{};
     info.uliEPGID = 0x1234567890;
-    ASFCASTARG asf{};
-    asf.uiMode = 3;
-    asf.uiFormatIndex = 5;
-    asf.pszTarget = "224.5.5.5";
-    asf.uiTargetPort = 9;
-    TSCASTARG ts{};
-    ts.pszAux = "eth0";
-    ts.uiCasterParam = 7;
-    asf.pszFile = ts.pszFile = "/a";
-    asf.pBlock = ts.pBlock = &block;
-    asf.pInfo = ts.pInfo = &info;
-    script::storedFile("/a", {{START, {1}}});
-    script::fail(Step::SET_TARGET, "asf", 0);
+    ASFCASTARG asf{3, "/a", nullptr, 5, "224.5.5.5", 9, &block, &info};
+    TSCASTARG ts{0, "eth0", "/a", nullptr, 7, &block, &info};
+    script::storedFile("/a", {{kStart, {1}}});
+    script::fail(Step::SetTarget, "asf", 0);
     EXPECT_EQ(qxbox_asfcast(&asf), 1);
-    script::fail(Step::CASTER_SEND, "ts", 42);
+    script::fail(Step::CasterSend, "ts", 42);
     EXPECT_EQ(qxbox_tscast(&ts), 42);
     EXPECT_THAT(joined(script::seen().calls),
                 testing::AllOf(HasSubstr("asf mode 3 hops 16 station none 5\nasf target 224.5.5.5 9\n"),

@@ -1,7 +1,9 @@
-// The pointer list, its mutex, the text copy and the item packet codec.
+// What the engines stand on: the pointer list, its mutex, the text copy, the item packets, the endpoint
+// openers.
 #include "plugintest.h"
 
 #include "ktlist.h"
+#include "ktnet.h"
 #include "ktpacket.h"
 
 #include <cerrno>
@@ -11,7 +13,7 @@ namespace {
 
 class FoundationTest : public PluginTest {
 protected:
-    // The payloads from head to tail; a wrong tail or count shows as "!".
+    // The payloads from head to tail, and "!" behind them if the tail or the count is wrong.
     static std::string order(const KTLIST *pList) {
         std::string text;
         int iCount = 0;
@@ -22,45 +24,33 @@ protected:
         }
         return text + (pLast == pList->pTail && iCount == pList->iCount ? "" : "!");
     }
-    static KTLIST_NODE *node(const KTLIST *pList, int iIndex) {
-        KTLIST_NODE *pNode = pList->pHead;
-        for (; iIndex > 0; --iIndex) {
-            pNode = pNode->pNext;
-        }
-        return pNode;
-    }
     char a[2] = "a", b[2] = "b", c[2] = "c", d[2] = "d";
 };
 
-TEST_F(FoundationTest, PlacingKeepsHeadTailAndCount) {
+TEST_F(FoundationTest, PlacingKeepsHeadTailCountAndPayloads) {
     KTLIST *pList = nullptr;
+    const auto becomes = [&pList](int iResult, int iExpected, const char *pszOrder) {
+        EXPECT_EQ(iResult, iExpected) << pszOrder;
+        EXPECT_EQ(order(pList), pszOrder);
+    };
     ASSERT_EQ(KTLISTCreate(&pList), 1);
     EXPECT_EQ(KTLISTCreate(&pList), -1);
-    EXPECT_EQ(KTLISTpInsert(pList, a, 5, nullptr), 1); // on an empty list: head and tail
-    EXPECT_EQ(order(pList), "a");
-    EXPECT_EQ(KTLISTpAInsert(pList, b, 6, pList->pTail), 2);
-    EXPECT_EQ(order(pList), "ab");
-    EXPECT_EQ(KTLISTpInsert(pList, c, 7, node(pList, 0)), 3);
-    EXPECT_EQ(order(pList), "acb");
-    EXPECT_EQ(KTLISTpInsertHead(pList, d, 8), 4);
-    EXPECT_EQ(order(pList), "dacb");
+    becomes(KTLISTpInsert(pList, a, 5, nullptr), 1, "a"); // on an empty list: head and tail
+    becomes(KTLISTpAInsert(pList, b, 6, pList->pTail), 2, "ab");
+    becomes(KTLISTpInsert(pList, c, 7, pList->pHead), 3, "acb");
+    becomes(KTLISTpInsertHead(pList, d, 8), 4, "dacb");
     EXPECT_EQ(pList->ulTotalSize, 26u);
     EXPECT_EQ(KTLISTpInsert(nullptr, a, 1, nullptr), -1);
     EXPECT_EQ(KTLISTpInsertHead(pList, nullptr, 1), -1);
-    KTLIST_NODE *pGone = node(pList, 3);
-    EXPECT_EQ(KTLISTpRemove(pList, pGone), 1);
-    EXPECT_EQ(order(pList), "dac");
-    EXPECT_EQ(KTLISTpRemove(pList, node(pList, 1)), 1);
-    EXPECT_EQ(order(pList), "dc");
+    becomes(KTLISTpRemove(pList, pList->pTail), 1, "dac");
+    becomes(KTLISTpRemove(pList, pList->pHead->pNext), 1, "dc");
     KTLIST_NODE stranger{};
     EXPECT_EQ(KTLISTpRemove(pList, &stranger), -1);
     EXPECT_EQ(out(), "");
     EXPECT_EQ(KTLISTmRemove(pList, &stranger), -1);
     EXPECT_EQ(out(), "[ktlist:#] \033[2;31m can NOT found NODE to REMOVE \033[1;41m[ERROR]\033[0m\n");
-    EXPECT_EQ(KTLISTpRemove(pList, pList->pHead), 1);
-    EXPECT_EQ(KTLISTpRemove(pList, pList->pHead), 1);
-    EXPECT_EQ(pList->pHead, nullptr);
-    EXPECT_EQ(order(pList), "");
+    becomes(KTLISTpRemove(pList, pList->pHead), 1, "c");
+    becomes(KTLISTpRemove(pList, pList->pHead), 1, "");
     pList->iCount = INT_MAX; // full
     EXPECT_EQ(KTLISTpInsert(pList, a, 1, nullptr), -1);
     EXPECT_EQ(pList->pHead, nullptr);
@@ -68,18 +58,13 @@ TEST_F(FoundationTest, PlacingKeepsHeadTailAndCount) {
     pList = nullptr;
     EXPECT_EQ(KTLISTpDelete(&pList), -1);
     EXPECT_EQ(KTLISTmDelete(&pList), -1);
-}
-
-TEST_F(FoundationTest, CopyingFamilyOwnsItsPayloads) {
-    KTLIST *pList = nullptr;
-    ASSERT_EQ(KTLISTCreate(&pList), 1);
+    ASSERT_EQ(KTLISTCreate(&pList), 1); // the m family owns its payloads
     EXPECT_EQ(KTLISTmInsert(pList, b, 2, nullptr), 1);
     EXPECT_EQ(KTLISTmAInsert(pList, c, 2, nullptr), 2);
     EXPECT_EQ(KTLISTmInsertHead(pList, a, 2), 3);
     a[0] = b[0] = c[0] = 'x';
     EXPECT_EQ(order(pList), "abc");
-    EXPECT_EQ(KTLISTmRemove(pList, pList->pHead->pNext), 1);
-    EXPECT_EQ(order(pList), "ac");
+    becomes(KTLISTmRemove(pList, pList->pHead->pNext), 1, "ac");
     EXPECT_EQ(pList->ulTotalSize, 4u);
     EXPECT_EQ(KTLISTmDelete(&pList), 1);
 }
@@ -95,7 +80,6 @@ TEST_F(FoundationTest, TryLockMapsEachOutcomeAndPausesAfterEachAttempt) {
     const KTMUTEX pSame = pMutex;
     EXPECT_EQ(KTMUTEXCreate(&pMutex), -1);
     EXPECT_EQ(pMutex, pSame);
-
     EXPECT_EQ(KTMUTEXTryLock(pMutex, 5), 1);
     EXPECT_EQ(script::pausedMicroseconds(), 10000u);
     EXPECT_EQ(KTMUTEXUnLock(pMutex), 0);
@@ -106,7 +90,6 @@ TEST_F(FoundationTest, TryLockMapsEachOutcomeAndPausesAfterEachAttempt) {
     EXPECT_EQ(script::pausedMicroseconds(), 40000u);
     EXPECT_EQ(KTMUTEXTryLock(pMutex, 0), 1);
     EXPECT_EQ(KTMUTEXUnLock(pMutex), 0);
-
     struct Case {
         int iErrno, iTimes, iRetries, iResult;
         unsigned long ulAttempts;
@@ -114,9 +97,10 @@ TEST_F(FoundationTest, TryLockMapsEachOutcomeAndPausesAfterEachAttempt) {
     for (const Case &row :
          {Case{EINVAL, 3, 2, -1, 3}, Case{EBUSY, 2, 9, 1, 3}, Case{EAGAIN, 1, 9, EAGAIN, 1}}) {
         const unsigned long ulBefore = script::pausedMicroseconds();
-        script::fail(Step::TRYLOCK, "", row.iErrno, row.iTimes);
-        EXPECT_EQ(KTMUTEXTryLock(pMutex, row.iRetries), row.iResult) << strerror(row.iErrno);
-        EXPECT_EQ(script::pausedMicroseconds() - ulBefore, 10000 * row.ulAttempts) << strerror(row.iErrno);
+        script::fail(Step::TryLock, "", row.iErrno, row.iTimes);
+        EXPECT_EQ(KTMUTEXTryLock(pMutex, row.iRetries), row.iResult) << std::strerror(row.iErrno);
+        EXPECT_EQ(script::pausedMicroseconds() - ulBefore, 10000 * row.ulAttempts)
+            << std::strerror(row.iErrno);
         if (row.iResult == 1) {
             KTMUTEXUnLock(pMutex);
         }
@@ -126,6 +110,23 @@ TEST_F(FoundationTest, TryLockMapsEachOutcomeAndPausesAfterEachAttempt) {
     EXPECT_EQ(KTuSleep(-1), -1);
 }
 
+TEST_F(FoundationTest, AddressThatDoesNotFitIsRefused) {
+    for (const unsigned long ulLength : {127ul, 128ul}) { // with its NUL, 128 fit
+        const std::string address(ulLength, 'a');
+        for (const bool bPeer : {true, false}) {
+            KTNET_ENDPOINT *pDesc = nullptr;
+            EXPECT_EQ(KTNETOpenReceiver(&pDesc, KTNET_STREAM_RECEIVER, bPeer ? address.c_str() : "p", 1,
+                                        bPeer ? "l" : address.c_str(), nullptr, nullptr),
+                      ulLength == 127 ? 1 : -1);
+            KTNETClose(&pDesc);
+        }
+    }
+    const std::string line =
+        "[ktnet:#] \033[2;31m address of 128 characters, 127 fit: " + std::string(32, 'a') +
+        "... \033[1;41m[ERROR]\033[0m\n";
+    EXPECT_EQ(out(), line + line);
+}
+
 TEST_F(FoundationTest, TextCopyReusesOnlyALongerBlock) {
     char *pText = nullptr;
     EXPECT_EQ(KTCOPYString("abcdef", &pText), 1);
@@ -133,11 +134,11 @@ TEST_F(FoundationTest, TextCopyReusesOnlyALongerBlock) {
     EXPECT_EQ(KTCOPYString("abc", &pText), 1);
     EXPECT_EQ(pText, pBlock);
     EXPECT_STREQ(pText, "abc");
-    const long lBlocks = script::liveBlocks();
+    const long lBefore = script::liveBlocks();
     // An equally long text needs a new block.
     EXPECT_EQ(withoutAllocation(1, [&] { return KTCOPYString("xyz", &pText); }), 0);
     EXPECT_EQ(pText, nullptr);
-    EXPECT_EQ(script::liveBlocks(), lBlocks - 1);
+    EXPECT_EQ(script::liveBlocks(), lBefore - 1);
     EXPECT_EQ(KTCOPYString("", &pText), 1);
     EXPECT_STREQ(pText, "");
     EXPECT_EQ(KTCOPYString(nullptr, &pText), 0);
@@ -149,7 +150,7 @@ Bytes built(KTPacket *pPacket) {
     const int iLength = KTPacketBuild(pPacket, &pBuffer);
     EXPECT_EQ(static_cast<unsigned long>(iLength), pPacket->ulSize);
     Bytes result(pBuffer, pBuffer + iLength);
-    free(pBuffer);
+    std::free(pBuffer);
     return result;
 }
 
@@ -202,13 +203,13 @@ TEST_F(FoundationTest, LengthsAroundTheLongFormRoundTrip) {
         EXPECT_EQ(reinterpret_cast<unsigned char *>(item.pNext), wire.data() + wire.size());
         KTPacketCleanUp(&packet);
     }
-    const Bytes words = bytes("01 00 00 80 02 00 04 00");
+    const Bytes words = bytes("01 00 00 80");
     EXPECT_EQ(ktpacketGetDWORD(words.data()), 0x80000001u);
     EXPECT_EQ(ktpacketGetWORD(words.data() + 2), 0x8000u);
 }
 
-// A reader's walk stops at the first item that does not fit, and reads nothing behind the data: the blocks
-// are exactly as long as they say.
+// The walk stops at the first item that does not fit. It reads nothing behind the data: the sanitizer would
+// see it, since each block has exactly the size of its row.
 TEST_F(FoundationTest, WalkStopsAtALyingItem) {
     struct Case {
         const char *pszData;

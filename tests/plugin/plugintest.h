@@ -1,5 +1,5 @@
-// plugintest.h - what the plug-in's tests share: the fixture with captured output, a thread body under
-// control, records and item packets in short.
+// plugintest.h - what the plug-in's tests share: the fixture that captures the output, an engine that the
+// test controls, short ways to write records and bytes.
 #ifndef PLUGINTEST_H
 #define PLUGINTEST_H
 
@@ -27,10 +27,10 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-// Takes over a standard stream until it ends; what was written can be read at any moment.
+// Captures a standard stream as long as it lives. The text can be read at any moment.
 struct Captured {
     explicit Captured(FILE *pOf) : pStream(pOf) {
-        fflush(pStream);
+        std::fflush(pStream);
         dup2(iFile, fileno(pStream));
     }
     ~Captured() {
@@ -38,16 +38,16 @@ struct Captured {
         dup2(iSaved, fileno(pStream));
         close(iSaved);
         close(iFile);
-        if (testing::Test::HasFailure()) { // the failure's own text lies in what was captured
-            fputs(all.c_str(), pStream);
-            fflush(pStream);
+        if (testing::Test::HasFailure()) { // the words of the failure were captured too
+            std::fputs(all.c_str(), pStream);
+            std::fflush(pStream);
         }
     }
     Captured(const Captured &) = delete;
     Captured &operator=(const Captured &) = delete;
 
     std::string text() const {
-        fflush(pStream);
+        std::fflush(pStream);
         std::string all(static_cast<size_t>(lseek(iFile, 0, SEEK_END)), '\0');
         return pread(iFile, all.data(), all.size(), 0) == static_cast<ssize_t>(all.size()) ? all : "?";
     }
@@ -55,7 +55,7 @@ struct Captured {
     const int iFile = memfd_create("captured", 0), iSaved = dup(fileno(pStream));
 };
 
-// The lines' numbers change with the source: "[pccastmain:123]" and "name():123" read as "#".
+// Puts "#" for the source's line numbers, as in "[pccastmain:123]" and "name():123".
 inline std::string withoutLines(const std::string &text) {
     static const std::regex number(R"((\[\w+:|\(\):)\d+)");
     return std::regex_replace(text, number, "$1#");
@@ -77,7 +77,7 @@ inline std::string joined(const std::vector<std::string> &texts) {
     return all;
 }
 
-// The result of the call while its n-th allocation is refused.
+// Refuses the n-th allocation of the call. Returns its result.
 template <typename Call>
 int withoutAllocation(long lNth, Call call) {
     script::failAllocation(lNth);
@@ -92,7 +92,7 @@ protected:
         setenv("TZ", "UTC", 1);
         tzset();
         script::reset();
-        m_lBlocks = script::liveBlocks();
+        lBlocks = script::liveBlocks();
     }
     // Whatever a test did, nothing of it may be left.
     ~PluginTest() override {
@@ -100,17 +100,18 @@ protected:
         EXPECT_EQ(script::liveEndpoints(), 0);
         EXPECT_EQ(script::held(), 0);
         EXPECT_THAT(script::seen().faults, IsEmpty());
-        EXPECT_EQ(script::liveBlocks(), m_lBlocks) << "blocks leaked";
+        EXPECT_EQ(script::liveBlocks(), lBlocks) << "blocks leaked";
     }
-    std::string out() const { return withoutLines(m_out.text()); }
-    std::string err() const { return m_err.text(); }
+    std::string out() const { return withoutLines(captured.text()); }
+    std::string err() const { return capturedErrors.text(); }
 
 private:
-    long m_lBlocks;
-    Captured m_out{stdout}, m_err{stderr};
+    long lBlocks;
+    Captured captured{stdout}, capturedErrors{stderr};
 };
 
-// A thread body on a block of its own; the test is its controller. The end stops it and waits.
+// Runs a thread body on a block of its own, with the test as its controller. The destructor stops it and
+// waits.
 struct Engine {
     KTPLUGIN_INFO_TAG block{};
     explicit Engine(int (*pBody)(KTPLUGIN_INFO_TAG *), void *pWork = nullptr, long lFailAllocation = 0) {
@@ -143,7 +144,7 @@ struct Engine {
     }
 };
 
-// Whether the header holds these words and lengths, and 0 in all its other bytes.
+// Returns whether the header holds these words and lengths, and 0 in all other bytes.
 inline bool isHeader(const script::Frame &frame, unsigned int uiIdent, unsigned int uiService,
                      unsigned long ulCommand, unsigned long ulParam) {
     KTNET_PACKET expected{};
@@ -152,28 +153,28 @@ inline bool isHeader(const script::Frame &frame, unsigned int uiIdent, unsigned 
     expected.uiCommand = static_cast<unsigned int>(ulCommand);
     expected.uiParam = static_cast<unsigned int>(ulParam);
     expected.ulPayloadLen = expected.ulPayloadSize = frame.payload.size();
-    return memcmp(&frame.header, &expected, sizeof expected) == 0;
+    return std::memcmp(&frame.header, &expected, sizeof expected) == 0;
 }
 
-// Second by second; after each, every thread does what it has to.
+// Moves the clock second by second. After each second every thread does what is due.
 inline void runTo(unsigned long ulSeconds) {
     EXPECT_TRUE(script::settle(4));
-    while (script::now() < script::START + ulSeconds) {
+    while (script::now() < script::kStart + ulSeconds) {
         script::advance(1);
         EXPECT_TRUE(script::settle(10));
     }
 }
 
-// "TIME COMMAND EPGID" of each announcement until then, times from START.
-constexpr const char *ANNOUNCEMENTS = "tx 224.9.9.9:7890";
+// Runs until then. Returns "TIME COMMAND EPGID" of each announcement, with times from kStart.
+constexpr const char *kAnnouncements = "tx 224.9.9.9:7890";
 inline std::vector<std::string> announced(unsigned long ulSeconds = 0) {
     runTo(ulSeconds);
     std::vector<std::string> texts;
-    for (const script::Frame &frame : script::frames(ANNOUNCEMENTS)) {
+    for (const script::Frame &frame : script::frames(kAnnouncements)) {
         EXPECT_EQ(frame.header.uiParam, static_cast<unsigned int>(frame.ulTime));
         EXPECT_EQ(frame.header.ulReserved, 0u); // the library's marks of the time before are wiped
         EXPECT_EQ(frame.header.uiStatus, 0u);
-        texts.push_back(std::to_string(frame.ulTime - script::START) +
+        texts.push_back(std::to_string(frame.ulTime - script::kStart) +
                         (frame.header.uiCommand == 0x40030   ? " on air "
                          : frame.header.uiCommand == 0x40033 ? " end "
                                                              : " ? ") +
@@ -184,38 +185,77 @@ inline std::vector<std::string> announced(unsigned long ulSeconds = 0) {
 
 struct CastFields {
     unsigned long ulCMD = CAST_CMD_START, ulType = CAST_TYPE_STREAM, ulEPGID = 1, ulCT = 100;
-    unsigned long ulST = script::START, ulET = script::START + 100, ulFormat = CAST_FORMAT_TS;
+    unsigned long ulST = script::kStart, ulET = script::kStart + 100, ulFormat = CAST_FORMAT_TS;
     const char *pszSource = "224.1.1.1", *pszTarget = "224.2.2.2", *pszFile = "/a.ts";
     unsigned short usSourcePort = 9100, usTargetPort = 5000;
     int iEncryption = 0, iSplit = 0;
     Bytes key{};
 };
 
-// A record of the plug-in's; the caller owns it.
-inline CASTInfo *cast(const CastFields &fields) {
-    CASTInfo *pInfo = nullptr;
-    if (MAKECASTInfo(&pInfo, fields.pszSource, fields.pszTarget, fields.pszFile, fields.ulType) != 1) {
-        return nullptr;
-    }
-    pInfo->ulCMD = fields.ulCMD;
-    pInfo->uliEPGID = fields.ulEPGID;
-    pInfo->ulCT = fields.ulCT;
-    pInfo->ulST = fields.ulST;
-    pInfo->ulET = fields.ulET;
-    pInfo->ulSTREAMFormat = fields.ulFormat;
-    pInfo->usSRCPort = fields.usSourcePort;
-    pInfo->usDSTPort = fields.usTargetPort;
-    pInfo->iEncryptionType = fields.iEncryption;
-    pInfo->iASFSplit = fields.iSplit;
-    pInfo->iEncryptionKeyLen = static_cast<int>(fields.key.size());
-    if (!fields.key.empty()) {
-        pInfo->pEncryptionKey = static_cast<unsigned char *>(malloc(fields.key.size()));
-        memcpy(pInfo->pEncryptionKey, fields.key.data(), fields.key.size());
+// Makes a record, which the caller owns.
+inline CASTInfo *cast(const CastFields &of) {
+    const auto copy = [](const char *pszText) { return pszText == nullptr ? nullptr : strdup(pszText); };
+    const bool bFile = of.ulType == CAST_TYPE_FILE;
+    auto *pInfo = static_cast<CASTInfo *>(std::calloc(1, sizeof(CASTInfo)));
+    *pInfo = {of.ulCMD,
+              of.ulEPGID,
+              of.ulCT,
+              of.ulType,
+              of.ulFormat,
+              of.ulST,
+              of.ulET,
+              copy(bFile ? nullptr : of.pszSource),
+              copy(of.pszTarget),
+              of.usSourcePort,
+              of.usTargetPort,
+              copy(bFile ? of.pszFile : nullptr),
+              0,
+              of.iEncryption,
+              static_cast<int>(of.key.size()),
+              nullptr,
+              of.iSplit};
+    if (!of.key.empty()) {
+        pInfo->pEncryptionKey = static_cast<unsigned char *>(std::malloc(of.key.size()));
+        std::memcpy(pInfo->pEncryptionKey, of.key.data(), of.key.size());
     }
     return pInfo;
 }
 
-// Bytes written as hexadecimal digits, blanks and texts in single quotes: "0B 00 09 00 '224.2.2.2'".
+// Every field: "CMD TYPE EPGID CT ST ET SOURCE:PORT TARGET:PORT FILE FORMAT MSID ENCRYPTION/KEYLENGTH KEY
+// SPLIT".
+inline std::string shown(const CASTInfo &info) {
+    const auto orDash = [](const char *pszText) { return pszText == nullptr ? "-" : pszText; };
+    char szText[512];
+    std::snprintf(szText, sizeof szText, "%lu %lu %lu %lu %lu %lu %s:%d %s:%d %s %lx %lu %d/%d", info.ulCMD,
+                  info.ulCASTType, info.uliEPGID, info.ulCT, info.ulST, info.ulET, orDash(info.pSRCIP),
+                  info.usSRCPort, orDash(info.pDSTIP), info.usDSTPort, orDash(info.pCASTFile),
+                  info.ulSTREAMFormat, info.ulMSID, info.iEncryptionType, info.iEncryptionKeyLen);
+    std::string text = szText;
+    for (int i = 0; info.pEncryptionKey != nullptr && i < info.iEncryptionKeyLen; ++i) {
+        text += " " + std::to_string(info.pEncryptionKey[i]);
+    }
+    return text + (info.iASFSplit == 0 ? "" : " split " + std::to_string(info.iASFSplit));
+}
+
+// The two lists that an engine takes in pWork. The threads must end before the lists go.
+template <typename List, int (*kCreate)(List *), int (*kDestroy)(List *)>
+struct TwoLists {
+    TwoLists() {
+        kCreate(&lists[0]);
+        kCreate(&lists[1]);
+    }
+    ~TwoLists() {
+        EXPECT_TRUE(script::threadsEnd());
+        kDestroy(&lists[0]);
+        kDestroy(&lists[1]);
+    }
+
+    List lists[2]{}, *work[2] = {&lists[0], &lists[1]};
+};
+using TwoMessageLists = TwoLists<MSGList, CREATEMSGList, DESTROYMSGList>;
+using TwoCastLists = TwoLists<CASTList, CREATECASTList, DESTROYCASTList>;
+
+// Reads hexadecimal digits, blanks and texts in single quotes: "0B 00 09 00 '224.2.2.2'".
 inline Bytes bytes(const std::string &text) {
     Bytes result;
     for (size_t ul = 0; ul < text.size();) {

@@ -1,9 +1,9 @@
-// The cast record and the message record.
+// The cast record and the message record: making, copying, validating, printing.
 #include "plugintest.h"
 
 namespace {
 
-using script::START;
+using script::kStart;
 
 class RecordTest : public PluginTest {};
 
@@ -43,38 +43,76 @@ TEST_F(RecordTest, MakingRefusesWhatItsTypeNeeds) {
         EXPECT_EQ(ELIMINATECASTInfo(&pInfo), 0);
     }
     EXPECT_EQ(COPYaCASTInfo(nullptr, nullptr), 0);
+    MSGInfo message{}, *pMessage = nullptr; // which has no text
+    EXPECT_EQ(MAKEMSGInfo(&pMessage, nullptr), -1);
+    EXPECT_EQ(COPYaMSGInfo(&message, &pMessage), 0);
+    EXPECT_EQ(COPYaMSGInfo(nullptr, &pMessage), 0);
+    EXPECT_EQ(pMessage, nullptr);
+    pMessage = &message;
+    EXPECT_EQ(MAKEMSGInfo(&pMessage, "text"), -1);
+    EXPECT_EQ(COPYaMSGInfo(&message, &pMessage), -1);
+    EXPECT_EQ(pMessage, &message);
+    expected += "MAKEMSGInfo(): pInfo is NOT EMPTY\nCOPYaMSGInfo(): ppMSGDST is NOT EMPTY\n";
+    EXPECT_EQ(out(), expected);
 }
 
 TEST_F(RecordTest, CopyHoldsEveryFieldAndTheKeyOnlyWithEncryption) {
     struct Case {
         int iEncryption;
-        Bytes key, copied;
+        Bytes key;
+        const char *pszCopied;
     };
-    for (const Case &row : {Case{2, {1, 0, 3}, {1, 0, 3}}, Case{5, {9}, {9}}, Case{1, {}, {}},
-                            Case{0, {1, 2}, {}}, Case{-2, {1, 2}, {}}}) {
-        CASTInfo *pInfo = cast({.ulCMD = 7,
-                                .ulEPGID = 0x1122334455,
-                                .iEncryption = row.iEncryption,
-                                .iSplit = 1,
-                                .key = row.key}),
-                 *pCopy = nullptr;
+    for (const Case &row : {Case{2, {1, 0, 3}, "2/3 1 0 3"}, Case{5, {9}, "5/1 9"}, Case{1, {}, "1/0"},
+                            Case{0, {1, 2}, "0/0"}, Case{-2, {1, 2}, "0/0"}}) {
+        CASTInfo *pCopy = nullptr, *pInfo = cast({.ulCMD = 7,
+                                                  .ulEPGID = 0x1122334455,
+                                                  .iEncryption = row.iEncryption,
+                                                  .iSplit = 1,
+                                                  .key = row.key});
         pInfo->ulMSID = 34742;
         ASSERT_EQ(COPYaCASTInfo(pInfo, &pCopy), 1);
-        EXPECT_STREQ(pCopy->pSRCIP, "224.1.1.1");
-        EXPECT_STREQ(pCopy->pDSTIP, "224.2.2.2");
-        ASSERT_EQ(pCopy->iEncryptionKeyLen, static_cast<int>(row.copied.size()));
-        EXPECT_EQ(pCopy->pEncryptionKey == nullptr, row.copied.empty());
-        EXPECT_EQ(Bytes(pCopy->pEncryptionKey, pCopy->pEncryptionKey + row.copied.size()), row.copied);
-        CASTInfo expected = *pInfo; // in all that it does not own
-        expected.iEncryptionType = row.iEncryption > 0 ? row.iEncryption : 0;
-        expected.iEncryptionKeyLen = pCopy->iEncryptionKeyLen;
-        expected.pSRCIP = pCopy->pSRCIP;
-        expected.pDSTIP = pCopy->pDSTIP;
-        expected.pEncryptionKey = pCopy->pEncryptionKey;
-        EXPECT_EQ(memcmp(pCopy, &expected, sizeof expected), 0);
+        EXPECT_EQ(shown(*pCopy), std::string("7 2 73588229205 100 1000000000 1000000100 224.1.1.1:9100 "
+                                             "224.2.2.2:5000 - 2021 34742 ") +
+                                     row.pszCopied + " split 1");
         ELIMINATECASTInfo(&pCopy);
         ELIMINATECASTInfo(&pInfo);
     }
+}
+
+// The whole output, with the text and without it, and with a time that has no calendar date.
+TEST_F(RecordTest, PrintedRecordsShowEveryField) {
+    const unsigned long ulNever = ~0ul >> 1;
+    // $: the caller; @: the text
+    const std::string
+        head = "PRINTCASTInfo: Caller[$]\n\t ulCMD:3\n\t ulCASTType:",
+        rest =
+            "\n\t uliEPGID:4\n\t ulCT:Thu Jan  1 00:00:05 1970\n\t ulST:Thu Jan  1 00:00:06 1970\n\t ulET:?\n"
+            "\t pDSTIP:Port = @:5000\n\t ulSTREAMFormat:8225\n\t iEncryptionType:7\n",
+        all =
+            head + "1" + rest + "\t pCASTFile =  @\n\t ulMSID =  8\n" + head + "2" + rest +
+            "\t pSRCIP:Port =  @:9100\n" + head + "9" + rest +
+            "\t---> INVALID CASTType[9]\n"
+            "PRINTMSGInfo: Caller[$]\n\t ulCMD:1\n\t uliEPGID:2\n\t ulCT:Thu Jan  1 00:00:04 1970\n"
+            "\t ulPriority:3\n\t ulST:Thu Jan  1 00:00:05 1970\n\t ulET:?\n\t ulRepeat:7\n\t pMSGSTR =  @\n";
+    const auto filled = [&all](const char *pszCaller, const char *pszText) {
+        return std::regex_replace(std::regex_replace(all, std::regex("@"), pszText), std::regex("\\$"),
+                                  pszCaller);
+    };
+    char szText[] = "text";
+    for (char *const pszText : {szText, static_cast<char *>(nullptr)}) {
+        for (const unsigned long ulType : {1ul, 2ul, 9ul}) {
+            const CASTInfo info{3,    4,    5,       ulType, 8225, 6, ulNever, pszText, pszText,
+                                9100, 5000, pszText, 8,      7,    0, nullptr, 0};
+            EXPECT_EQ(PRINTCASTInfo(&info, pszText), 0);
+        }
+        const MSGInfo message{1, 2, 3, 4, 5, ulNever, 7, 8, 9, pszText};
+        EXPECT_EQ(PRINTMSGInfo(&message, pszText), 0);
+    }
+    PRINTCASTInfo(nullptr, "x");
+    PRINTMSGInfo(nullptr, "x");
+    EXPECT_EQ(out(),
+              filled("text", "text") + filled("UNKNOWN", "NULL") +
+                  "PRINTCASTInfo: Caller[x]\n\tpInfo is NULL\nPRINTMSGInfo: Caller[x]\n\tpInfo is NULL\n");
 }
 
 TEST_F(RecordTest, ValidationAsksForWhatTheTypeNeeds) {
@@ -87,7 +125,7 @@ TEST_F(RecordTest, ValidationAsksForWhatTheTypeNeeds) {
                             Case{2, "dDSf", 0}, Case{3, "dDsf", 0}, Case{3, "DsSf", -1}, Case{9, "dDsSf", 0},
                             Case{9, "dsSf", -1}, Case{0, "dDsSf", 0}}) {
         char szText[] = "x";
-        const auto has = [&row](char c) { return strchr(row.pszHas, c) != nullptr; };
+        const auto has = [&row](char c) { return std::strchr(row.pszHas, c) != nullptr; };
         CASTInfo info{};
         info.ulCASTType = row.ulType;
         info.pDSTIP = has('d') ? szText : nullptr;
@@ -99,7 +137,7 @@ TEST_F(RecordTest, ValidationAsksForWhatTheTypeNeeds) {
     }
     EXPECT_EQ(VALIDATECASTInfo(nullptr), -1);
     MSGInfo message{};
-    for (const unsigned long ulCMD : {PCMBC_CMD_MSG, PCMBC_CMD_CANCEL}) { // which needs no text
+    for (const unsigned long ulCMD : {PCMBC_CMD_MSG, PCMBC_CMD_CANCEL}) { // a cancel needs no text
         message.ulCMD = ulCMD;
         EXPECT_EQ(VALIDATEMSGInfo(&message), ulCMD == PCMBC_CMD_MSG ? -1 : 1);
     }
@@ -123,7 +161,7 @@ TEST_F(RecordTest, RecordsWithoutMemoryAreNotHalfMade) {
         EXPECT_EQ(withoutAllocation(lNth, [&] { return COPYaCASTInfo(pInfo, &pCopy); }), lNth == 4 ? 1 : 0);
         EXPECT_TRUE(script::allocationFailed());
         ASSERT_EQ(pCopy != nullptr, lNth == 4);
-        if (pCopy != nullptr) { // the key is the one thing that a copy can do without
+        if (pCopy != nullptr) { // a copy can do without the key alone
             EXPECT_EQ(pCopy->pEncryptionKey, nullptr);
             EXPECT_EQ(pCopy->iEncryptionKeyLen, 3);
             EXPECT_EQ(pCopy->iEncryptionType, 2);

@@ -1,5 +1,5 @@
-// endpoints.cpp - the scripted libqxapi_ktn. A receiver's socket is one end of a real socket pair, since its
-// user reads from it directly; all other sockets are numbers.
+// endpoints.cpp - the scripted libqxapi_ktn. The relay reads its receiver's socket itself, so that is one end
+// of a real socket pair. All other sockets are mere numbers.
 #include "state.h"
 
 #include <cstdio>
@@ -59,8 +59,8 @@ static std::string keyOf(const KTNET_ENDPOINT &settings) {
            std::to_string(settings.uiPort);
 }
 
-// The caller has entered. Null for a socket that is none.
-static const KTNET_ENDPOINT *endpointOf(int iSocket) {
+// The caller has entered. Returns null for a number that is no socket.
+static KTNET_ENDPOINT *endpointOf(int iSocket) {
     for (const auto &known : state().endpoints) {
         if (known.first->iSocket == iSocket) {
             return known.first;
@@ -70,27 +70,27 @@ static const KTNET_ENDPOINT *endpointOf(int iSocket) {
 }
 
 static std::string keyOf(int iSocket) {
-    const KTNET_ENDPOINT *pDesc = endpointOf(iSocket);
+    KTNET_ENDPOINT *pDesc = endpointOf(iSocket);
     return pDesc == nullptr ? "nothing" : state().endpoints.at(pDesc).key;
 }
 
-constexpr unsigned int DEFAULT = 70000; // of every number of a fresh descriptor
+constexpr unsigned int kDefault = 70000; // what every number of a fresh descriptor holds
 
 static KTNET_ENDPOINT *descriptor(const EndpointState &endpoint) {
     auto *pDesc = new KTNET_ENDPOINT{};
     pDesc->iSocket = -1;
-    pDesc->uiPort = pDesc->uiListen = pDesc->uiAux = pDesc->uiTimeoutMs = pDesc->uiError = DEFAULT;
+    pDesc->uiPort = pDesc->uiListen = pDesc->uiAux = pDesc->uiTimeoutMs = pDesc->uiError = kDefault;
     state().endpoints[pDesc] = endpoint;
     return pDesc;
 }
 
 static std::string settingsOf(const KTNET_ENDPOINT &desc, const EndpointState &endpoint) {
     char szText[512];
-    snprintf(szText, sizeof szText, "mode %d version %d kind %X peer %s local %s", endpoint.iMode,
-             endpoint.iVersion, desc.uiKind, desc.szPeer, desc.szLocal);
+    std::snprintf(szText, sizeof szText, "mode %d version %d kind %X peer %s local %s", endpoint.iMode,
+                  endpoint.iVersion, desc.uiKind, desc.szPeer, desc.szLocal);
     std::string text = szText;
     const auto add = [&](const char *pszName, unsigned int uiValue) {
-        text += pszName + (uiValue == DEFAULT ? "-" : std::to_string(uiValue));
+        text += pszName + (uiValue == kDefault ? "-" : std::to_string(uiValue));
     };
     add(" port ", desc.uiPort);
     add(" listen ", desc.uiListen);
@@ -100,8 +100,8 @@ static std::string settingsOf(const KTNET_ENDPOINT &desc, const EndpointState &e
     return text;
 }
 
-// A step of an endpoint that a rule may decide.
-static bool ruled(Step step, const KTNET_ENDPOINT *pDesc, int *piResult) {
+// Whether a rule decides this step of the endpoint.
+static bool ruled(Step step, KTNET_ENDPOINT *pDesc, int *piResult) {
     return decided(step, state().endpoints.at(pDesc).key, piResult);
 }
 
@@ -123,7 +123,7 @@ int ktn_xapi_ktnet_init_with_version(KTNET_ENDPOINT **ppDesc, int iMode, int iVe
     int iResult = 1;
     state().seen.calls.push_back("init " + std::to_string(iMode) + " " + std::to_string(iVersion));
     *ppDesc = nullptr;
-    if (decided(Step::INIT, "mode " + std::to_string(iMode), &iResult)) {
+    if (decided(Step::Init, "mode " + std::to_string(iMode), &iResult)) {
         return iResult;
     }
     *ppDesc = script::descriptor({"fresh", iMode, iVersion});
@@ -138,7 +138,7 @@ int ktn_xapi_ktnet_create(KTNET_ENDPOINT *pDesc) {
     state().seen.endpoints.push_back(script::settingsOf(*pDesc, endpoint));
     state().seen.calls.push_back("create " + endpoint.key);
     int iResult = 1;
-    if (decided(Step::CREATE, endpoint.key, &iResult)) {
+    if (decided(Step::Create, endpoint.key, &iResult)) {
         return iResult;
     }
     int sockets[2];
@@ -158,7 +158,7 @@ int ktn_xapi_rx_poll_socket(int iSocket, unsigned int uiTimeoutMs) {
     script::waitWhileHeld([=] { return script::keyOf(iSocket); });
     {
         Enter enter;
-        const KTNET_ENDPOINT *pDesc = script::endpointOf(iSocket);
+        KTNET_ENDPOINT *pDesc = script::endpointOf(iSocket);
         if (pDesc == nullptr) {
             return -EBADF;
         }
@@ -170,11 +170,12 @@ int ktn_xapi_rx_poll_socket(int iSocket, unsigned int uiTimeoutMs) {
         }
         int iResult = 1;
         unsigned char ucByte = 0;
-        if (ruled(Step::POLL, pDesc, &iResult)) {
+        if (ruled(Step::Poll, pDesc, &iResult)) {
             return iResult;
         }
         if (pDesc->uiKind == KTNET_KIND_UDP ? recv(iSocket, &ucByte, 1, MSG_PEEK | MSG_DONTWAIT) >= 0
                                             : !state().requests[pDesc->szLocal].empty()) {
+            pDesc->uiError = 0xE2; // the library may leave anything here
             return 1;
         }
         if (state().bPollsTakeTime) {
@@ -197,7 +198,7 @@ int ktn_xapi_ktnet_accept(KTNET_ENDPOINT *pDesc, KTNET_ENDPOINT **ppConn) {
     connection.request = queue.front();
     queue.pop_front();
     int iResult = 1;
-    if (ruled(Step::ACCEPT, pDesc, &iResult)) {
+    if (ruled(Step::Accept, pDesc, &iResult)) {
         return iResult;
     }
     *ppConn = script::descriptor(connection);
@@ -212,7 +213,7 @@ int ktn_xapi_ktnet_rx_data(KTNET_ENDPOINT *pConn, KTNET_PACKET *pPacket) {
         pPacket->uiStatus != 0) {
         state().seen.faults.push_back("receive with a header that is not clear");
     }
-    if (ruled(Step::RX, pConn, &iResult)) {
+    if (ruled(Step::Rx, pConn, &iResult)) {
         return iResult;
     }
     const script::Request &request = state().endpoints.at(pConn).request;
@@ -220,9 +221,10 @@ int ktn_xapi_ktnet_rx_data(KTNET_ENDPOINT *pConn, KTNET_PACKET *pPacket) {
     pPacket->uiParam = request.uiParam;
     pPacket->ulPayloadLen = request.payload.size();
     pPacket->pPayload = nullptr;
-    if (!request.payload.empty()) { // exactly as long as it says, so that a reader beyond it is noticed
+    if (!request.payload
+             .empty()) { // a block of exactly this size, so that the sanitizer sees a read beyond it
         pPacket->pPayload = new unsigned char[request.payload.size()];
-        memcpy(pPacket->pPayload, request.payload.data(), request.payload.size());
+        std::memcpy(pPacket->pPayload, request.payload.data(), request.payload.size());
         ++state().iHeld;
     }
     return 1;
@@ -232,14 +234,14 @@ int ktn_xapi_ktnet_connect(KTNET_ENDPOINT *pDesc) {
     Enter enter;
     int iResult = 1;
     state().seen.calls.push_back("connect " + state().endpoints.at(pDesc).key);
-    ruled(Step::CONNECT, pDesc, &iResult);
+    ruled(Step::Connect, pDesc, &iResult);
     return iResult;
 }
 
 int ktn_xapi_ktnet_tx_data(KTNET_ENDPOINT *pDesc, KTNET_PACKET *pPacket) {
     Enter enter;
     int iResult = 1;
-    if (ruled(Step::TX, pDesc, &iResult) && iResult < 0) {
+    if (ruled(Step::Tx, pDesc, &iResult) && iResult < 0) {
         pDesc->uiError = 0xE1;
         pPacket->uiStatus = 0x5A;
         return iResult;
@@ -260,7 +262,7 @@ int ktn_xapi_ktnet_tx_data(KTNET_ENDPOINT *pDesc, KTNET_PACKET *pPacket) {
 int ktn_xapi_ktnet_tx_a_packet(KTNET_ENDPOINT *pDesc, int, KTNET_BUFFER *pBuffer) {
     Enter enter;
     int iResult = static_cast<int>(pBuffer->ulBufferLen);
-    if (ruled(Step::TX_DATAGRAM, pDesc, &iResult)) {
+    if (ruled(Step::TxDatagram, pDesc, &iResult)) {
         return iResult;
     }
     if (pDesc->uiListen == 1) {

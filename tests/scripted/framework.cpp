@@ -1,4 +1,4 @@
-// framework.cpp - the script itself, and what is scripted of libvexa_pgl and libqxapi.
+// framework.cpp - the script itself, and the scripted libvexa_pgl and libqxapi.
 #include "state.h"
 
 #include <chrono>
@@ -19,13 +19,14 @@ State &state() {
 void reset() {
     const int iLive = liveThreads();
     if (iLive != 0) {
-        fprintf(stderr, "scripted framework: reset with %d live threads\n", iLive);
-        abort();
+        std::fprintf(stderr, "scripted framework: reset with %d live threads\n", iLive);
+        std::abort();
     }
     Enter enter;
     static_cast<Script &>(state()) = {};
     state().ulPaused = 0;
     state().lWallOffset = 0;
+    state().lPasses = 0;
     failAllocation(0);
 }
 
@@ -52,7 +53,7 @@ void hold(const std::string &key) {
         Enter enter;
         state().held = key;
     }
-    settle(2); // who is already past the point comes round to it
+    settle(2);
 }
 
 Taken::Taken(pthread_mutex_t *pOf) : pMutex(pOf) {
@@ -104,6 +105,7 @@ void pollsTakeTime() {
 unsigned long pausedMicroseconds() {
     return state().ulPaused;
 }
+
 void moveWallClock(long lSeconds) {
     state().lWallOffset += lSeconds;
 }
@@ -111,6 +113,7 @@ void moveWallClock(long lSeconds) {
 void pass() {
     if (tThread != nullptr) {
         ++*tThread;
+        ++state().lPasses;
     }
     usleep(100);
 }
@@ -135,6 +138,10 @@ int liveThreads() {
     return static_cast<int>(state().threads.size());
 }
 
+long passes() {
+    return state().lPasses;
+}
+
 long threadAllocations() {
     return state().lThreadAllocations;
 }
@@ -143,8 +150,8 @@ static bool waitFor(const char *pszWhat, const std::function<bool()> &condition)
     const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (!condition()) {
         if (std::chrono::steady_clock::now() > limit) {
-            fprintf(stderr, "scripted framework: gave up waiting: %s; %d threads live\n", pszWhat,
-                    liveThreads());
+            std::fprintf(stderr, "scripted framework: gave up waiting: %s; %d threads live\n", pszWhat,
+                         liveThreads());
             return false;
         }
         usleep(100);
@@ -152,7 +159,7 @@ static bool waitFor(const char *pszWhat, const std::function<bool()> &condition)
     return true;
 }
 
-// One pass more of every thread.
+// Waits for one more pass of every thread. A thread that has ended no longer holds its record.
 static bool settleOnce() {
     std::list<std::pair<std::shared_ptr<Passes>, unsigned long>> goals;
     {
@@ -161,7 +168,7 @@ static bool settleOnce() {
             goals.emplace_back(thread, *thread + 1);
         }
     }
-    return waitFor("a thread makes no passes", [&] { // a thread that has ended holds its record no more
+    return waitFor("a thread makes no passes", [&] {
         goals.remove_if(
             [](const auto &goal) { return *goal.first >= goal.second || goal.first.use_count() == 1; });
         return goals.empty();
@@ -223,7 +230,7 @@ using script::Step;
 
 __attribute__((format(printf, 1, 0))) std::string formatted(const char *pszFormat, va_list arguments) {
     char szText[4096];
-    vsnprintf(szText, sizeof szText, pszFormat, arguments);
+    std::vsnprintf(szText, sizeof szText, pszFormat, arguments);
     return szText;
 }
 
@@ -262,7 +269,7 @@ void releasePacket(ts_qxapi_stream *pStream, ts_qxapi_packet *pPacket) {
     state().seen.calls.push_back("release packet");
 }
 
-// Records the call; a rule may decide its result.
+// Records the call. A rule may decide its result.
 __attribute__((format(printf, 2, 3))) int ruled(Step step, const char *pszFormat, ...) {
     Enter enter;
     va_list arguments;
@@ -279,7 +286,7 @@ std::string hex(const unsigned char *pData, unsigned int uLength) {
     std::string text;
     for (unsigned int u = 0; u < uLength; ++u) {
         char szByte[4];
-        snprintf(szByte, sizeof szByte, " %02X", pData[u]);
+        std::snprintf(szByte, sizeof szByte, " %02X", pData[u]);
         text += szByte;
     }
     return text;
@@ -290,31 +297,31 @@ const char *orNone(const char *pszText) {
 }
 
 int startStream(ts_qxapi_stream *) {
-    return ruled(Step::STREAM_START, "start stream");
+    return ruled(Step::StreamStart, "start stream");
 }
 
-// The settings are read when they matter: with the first call.
+// The first call reads the settings that were made before it.
 int asfSetStation(ts_qxapi_asfcast *pCaster, const char *pszNSC, unsigned int uiFormatIndex) {
-    return ruled(Step::SET_STATION, "asf mode %u hops %u station %s %u", pCaster->uiMode, pCaster->uiHops,
+    return ruled(Step::SetStation, "asf mode %u hops %u station %s %u", pCaster->uiMode, pCaster->uiHops,
                  orNone(pszNSC), uiFormatIndex);
 }
 
 int asfSetTarget(ts_qxapi_asfcast *, const char *pszTarget, unsigned int uiPort) {
-    return ruled(Step::SET_TARGET, "asf target %s %u", orNone(pszTarget), uiPort);
+    return ruled(Step::SetTarget, "asf target %s %u", orNone(pszTarget), uiPort);
 }
 
 int asfSend(ts_qxapi_asfcast *, const unsigned char *pData, unsigned int uiLength) {
-    return ruled(Step::CASTER_SEND, "asf send%s", hex(pData, uiLength).c_str());
+    return ruled(Step::CasterSend, "asf send%s", hex(pData, uiLength).c_str());
 }
 
 int tsSetUp(ts_qxapi_tscast *pCaster, const char *pszAux, int iReserved, const char *pszTarget,
             unsigned int uiPort, unsigned int uiHops) {
-    return ruled(Step::SET_TARGET, "ts mode %u set-up %s %d %s %u %u", pCaster->uiMode, orNone(pszAux),
+    return ruled(Step::SetTarget, "ts mode %u set-up %s %d %s %u %u", pCaster->uiMode, orNone(pszAux),
                  iReserved, orNone(pszTarget), uiPort, uiHops);
 }
 
 int tsSend(ts_qxapi_tscast *, const unsigned char *pData, unsigned int uiLength) {
-    return ruled(Step::CASTER_SEND, "ts send%s", hex(pData, uiLength).c_str());
+    return ruled(Step::CasterSend, "ts send%s", hex(pData, uiLength).c_str());
 }
 
 const char *lookUp(ts_qx_registry *, const char *pszKeyPath, int *piLength) {
@@ -324,7 +331,7 @@ const char *lookUp(ts_qx_registry *, const char *pszKeyPath, int *piLength) {
     return value == state().registry.end() ? nullptr : value->second.first.c_str();
 }
 
-constexpr ts_qx_registry_operations REGISTRY_OPERATIONS = {lookUp};
+constexpr ts_qx_registry_operations kRegistryOperations = {lookUp};
 
 } // namespace
 
@@ -357,8 +364,8 @@ int qxapi_detached_thread_tag(void *(*pBody)(void *), void *pArgument, const cha
     {
         Enter enter;
         state().seen.calls.push_back(std::string("thread ") + pszTag);
-        decided(Step::THREAD_MEMORY, pszTag, &iRefused);
-        if (decided(Step::THREAD, pszTag, &iResult)) {
+        decided(Step::ThreadMemory, pszTag, &iRefused);
+        if (decided(Step::Thread, pszTag, &iResult)) {
             return iResult;
         }
     }
@@ -403,12 +410,12 @@ unsigned int qxapi_crc32(unsigned int uiInitial, const void *pData, unsigned lon
     return ~uiCRC;
 }
 
-// Markers instead of the cipher: each byte with its key byte and a constant of the variant. They read 16 key
-// bytes, as the cipher does.
+// Marks each byte with its key byte and a constant of the variant, in place of the cipher. Like the cipher it
+// reads 16 bytes of the key.
 static void mark(unsigned char *pData, unsigned long ulLength, const unsigned char *pKey,
                  unsigned int uMark) {
     unsigned char key[16];
-    memcpy(key, pKey, sizeof key);
+    std::memcpy(key, pKey, sizeof key);
     for (unsigned long ul = 0; ul < ulLength; ++ul) {
         pData[ul] = static_cast<unsigned char>(pData[ul] ^ key[ul % 16] ^ uMark);
     }
@@ -424,12 +431,12 @@ void qxapi_fast_seed_decrypt(unsigned char *pData, unsigned long ulLength, const
 
 struct ts_qx_registry *QX_OpenRegistry(const char *pszMaster, const char *pszSlave, unsigned int uiFlags) {
     Enter enter;
-    if (state().registry.empty() || strcmp(pszMaster, "/reg/reg0/master.reg") != 0 ||
-        strcmp(pszSlave, "/reg/reg1/slave.reg") != 0 || uiFlags != 0x10000002) {
+    if (state().registry.empty() || std::strcmp(pszMaster, "/reg/reg0/master.reg") != 0 ||
+        std::strcmp(pszSlave, "/reg/reg1/slave.reg") != 0 || uiFlags != 0x10000002) {
         return nullptr;
     }
     ++state().iHeld;
-    return new ts_qx_registry{&REGISTRY_OPERATIONS};
+    return new ts_qx_registry{&kRegistryOperations};
 }
 
 void QX_CloseRegistry(struct ts_qx_registry *pRegistry) {
@@ -462,7 +469,7 @@ struct ts_qxapi_asfcast *qxapi_open_asfcast(void) {
     Enter enter;
     int iResult = 0;
     state().seen.calls.push_back("open asf");
-    return decided(Step::CASTER_OPEN, "asf", &iResult)
+    return decided(Step::CasterOpen, "asf", &iResult)
                ? nullptr
                : new ts_qxapi_asfcast{70001, 70002, asfSetStation, asfSetTarget, asfSend};
 }
@@ -477,7 +484,7 @@ struct ts_qxapi_tscast *qxapi_open_tscast(void) {
     Enter enter;
     int iResult = 0;
     state().seen.calls.push_back("open ts");
-    return decided(Step::CASTER_OPEN, "ts", &iResult) ? nullptr : new ts_qxapi_tscast{70001, tsSetUp, tsSend};
+    return decided(Step::CasterOpen, "ts", &iResult) ? nullptr : new ts_qxapi_tscast{70001, tsSetUp, tsSend};
 }
 
 void qxapi_close_tscast(struct ts_qxapi_tscast *pCaster) {

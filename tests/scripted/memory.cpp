@@ -1,4 +1,5 @@
-// memory.cpp - what the link wraps: allocations (counted, refused), pauses, try-lock, time and sleep.
+// memory.cpp - the functions that the link wraps. Allocations are counted and refused, pauses and sleep()
+// take no time, try-lock and time() follow the script.
 #include "state.h"
 
 #include <cerrno>
@@ -31,7 +32,7 @@ long liveBlocks() {
     return lBlocks;
 }
 
-// Counts an allocation of the tested code. Returns whether it is to be refused.
+// Counts an allocation of the tested code. Returns true to refuse it.
 static bool refused() {
     if (tInside > 0) {
         return false;
@@ -70,8 +71,8 @@ void *__wrap_calloc(size_t ulCount, size_t ulSize) {
 }
 
 char *__wrap_strdup(const char *pszText) {
-    void *pCopy = __wrap_malloc(strlen(pszText) + 1);
-    return pCopy == nullptr ? nullptr : strcpy(static_cast<char *>(pCopy), pszText);
+    void *pCopy = __wrap_malloc(std::strlen(pszText) + 1);
+    return pCopy == nullptr ? nullptr : std::strcpy(static_cast<char *>(pCopy), pszText);
 }
 
 void __wrap_free(void *pBlock) {
@@ -93,7 +94,7 @@ int __wrap_pthread_mutex_trylock(pthread_mutex_t *pMutex) {
     int iErrno = 0;
     {
         script::Enter enter;
-        if (script::decided(script::Step::TRYLOCK, "", &iErrno)) {
+        if (script::decided(script::Step::TryLock, "", &iErrno)) {
             return iErrno;
         }
         if (script::state().pTaken == pMutex) {
@@ -121,7 +122,7 @@ unsigned int __wrap_sleep(unsigned int uSeconds) {
 }
 }
 
-// All other forms of new and delete come down to these.
+// All other forms of new and delete end here.
 void *operator new(size_t ulSize) {
     void *pBlock = script::refused() ? nullptr : __real_malloc(ulSize);
     return pBlock == nullptr ? throw std::bad_alloc() : pBlock;

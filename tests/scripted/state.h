@@ -13,7 +13,7 @@
 
 namespace script {
 
-// Allocations of the thread are the framework's own while it is above 0.
+// Above 0, the allocations of the thread are the framework's own.
 extern thread_local int tInside;
 extern thread_local long tFailAllocation;
 
@@ -40,7 +40,7 @@ struct EndpointState {
 
 // What reset() forgets.
 struct Script {
-    unsigned long ulNow = START;
+    unsigned long ulNow = kStart;
     bool bPollsTakeTime = false;
     int iBreak = 0;
     std::list<Rule> rules;
@@ -55,9 +55,9 @@ struct Script {
 struct State : Script {
     std::mutex mutex;
     std::atomic<unsigned long> ulPaused{0};
-    std::atomic<long> lWallOffset{0}, lThreadAllocations{0};
+    std::atomic<long> lWallOffset{0}, lThreadAllocations{0}, lPasses{0};
     std::list<std::shared_ptr<Passes>> threads;
-    std::map<const KTNET_ENDPOINT *, EndpointState> endpoints;
+    std::map<KTNET_ENDPOINT *, EndpointState> endpoints;
     int iNextSocket = 100000, iHeld = 0;
 };
 State &state();
@@ -76,9 +76,9 @@ struct Enter {
     Enter &operator=(const Enter &) = delete;
 };
 
-// Whether a rule decides this step; the caller has entered.
+// Whether a rule decides this step. The caller has entered.
 bool decided(Step step, const std::string &key, int *piResult);
-// Keeps the calling thread while what it is at is held. key: called while entered.
+// Keeps the calling thread while a hold covers what it does. Calls key() while entered.
 void waitWhileHeld(const std::function<std::string()> &key);
 // One pass of the calling thread: counts it and gives way.
 void pass();

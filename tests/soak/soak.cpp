@@ -1,6 +1,6 @@
-// Opens and closes the plug-in many times in a row while clients submit casts and messages, on real sockets
-// and real time, and checks that nothing is left: no thread, no descriptor, no socket file. Run under the
-// sanitizers, which see the bytes and the races.
+// Opens and closes the plug-in many times in a row while clients send casts and messages. Sockets and time
+// are real. In the end no thread, descriptor or socket file may be left. Run it under the sanitizers too:
+// they see leaks and races.
 //
 //   soak_test [CYCLES]
 
@@ -37,8 +37,8 @@ long entriesOf(const char *pFolder) {
     return std::distance(std::filesystem::directory_iterator(pFolder), std::filesystem::directory_iterator());
 }
 
-// A cast of any kind the service must cope with: relays that work, that cannot start, files that are not
-// there, stops that match and that do not, times around now.
+// Sends a cast of any kind: relays that work or cannot start, files that are not there, stops that match or
+// do not, times around now.
 void submitCast(std::mt19937 &random) {
     static const char *const sources[] = {"239.1.1.1", "239.1.1.2", "10.255.255.1", "no address"};
     const unsigned long ulNow = vexa_time(nullptr);
@@ -82,7 +82,7 @@ void client(unsigned int uiSeed) {
     }
 }
 
-// A source for the relays, so that datagrams are in flight too.
+// Sends what the relays relay.
 void source() {
     const int iSocket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
@@ -98,8 +98,8 @@ void source() {
     close(iSocket);
 }
 
-// Waits until the folder has that many entries again; ended threads leave /proc a moment later. Returns the
-// count.
+// Waits until the folder has that many entries again, since an ended thread leaves /proc a moment later.
+// Returns the count.
 long settle(const char *pFolder, long lExpected) {
     for (int i = 0; i < 200 && entriesOf(pFolder) != lExpected; ++i) {
         std::this_thread::sleep_for(10ms);
