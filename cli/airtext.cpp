@@ -1,6 +1,7 @@
 #include "airtext.h"
 
 #include "clitext.h"
+#include "json.h"
 #include "safetext.h"
 
 #include <array>
@@ -77,29 +78,28 @@ std::string announcementLine(const AirRecord &record, unsigned long ulNow) {
     return sLine;
 }
 
-// The key and its value, each behind a comma; empty without a value. A text that is no UTF-8 follows once
-// more as hexadecimal digits.
-std::string keyJSON(const char *pszName, AirCheck eCheck) {
-    if (eCheck == AIR_CHECK_ABSENT) {
-        return {};
+// Sets the key, unless there is no value. A text that is no UTF-8 follows once more as hexadecimal digits.
+void setKey(Json *pObject, const char *pszName, AirCheck eCheck) {
+    if (eCheck != AIR_CHECK_ABSENT) {
+        (*pObject)[pszName] = eCheck == AIR_CHECK_GOOD;
     }
-    return std::string(",\"") + pszName + "\":" + (eCheck == AIR_CHECK_GOOD ? "true" : "false");
 }
 
 template <typename Number>
-std::string keyJSON(const char *pszName, const std::optional<Number> &value) {
-    return value ? std::string(",\"") + pszName + "\":" + std::to_string(*value) : "";
+void setKey(Json *pObject, const char *pszName, const std::optional<Number> &value) {
+    if (value) {
+        (*pObject)[pszName] = *value;
+    }
 }
 
-std::string keyJSON(const char *pszName, const std::optional<std::string> &sValue) {
+void setKey(Json *pObject, const char *pszName, const std::optional<std::string> &sValue) {
     if (!sValue) {
-        return {};
+        return;
     }
-    std::string sJSON = std::string(",\"") + pszName + "\":" + textForJSON(*sValue);
+    (*pObject)[pszName] = *sValue;
     if (!isUTF8(*sValue)) {
-        sJSON += std::string(",\"") + pszName + "Hex\":\"" + textAsHex(*sValue) + "\"";
+        (*pObject)[std::string(pszName) + "Hex"] = textAsHex(*sValue);
     }
-    return sJSON;
 }
 
 } // namespace
@@ -128,23 +128,18 @@ std::string airLine(const AirRecord &record, unsigned long ulNow, const std::str
 }
 
 std::string airJSON(const AirRecord &record, unsigned long ulNow, const std::string &sSender) {
-    std::string sJSON = "{\"heard\":" + std::to_string(ulNow) + ",\"by\":" + textForJSON(sSender) +
-                        ",\"kind\":\"" + kKindTexts[record.eKind].pszJSON + "\"";
+    Json object{{"heard", ulNow}, {"by", sSender}, {"kind", kKindTexts[record.eKind].pszJSON}};
     if (record.uiIdent != 0 || record.uiService != 0) {
-        sJSON += ",\"ident\":" + std::to_string(record.uiIdent) +
-                 ",\"service\":" + std::to_string(record.uiService) +
-                 ",\"command\":" + std::to_string(record.uiCommand) +
-                 ",\"sent\":" + std::to_string(record.uiSendTime);
+        object["ident"] = record.uiIdent;
+        object["service"] = record.uiService;
+        object["command"] = record.uiCommand;
+        object["sent"] = record.uiSendTime;
     }
     for (const Key &key : kKeys) {
-        sJSON += std::visit([&](auto member) { return keyJSON(key.pszName, record.*member); }, key.member);
+        std::visit([&](auto member) { setKey(&object, key.pszName, record.*member); }, key.member);
     }
     if (!record.sProblems.empty()) {
-        sJSON += ",\"problems\":[";
-        for (size_t i = 0; i < record.sProblems.size(); ++i) {
-            sJSON += (i == 0 ? "" : ",") + textForJSON(record.sProblems[i]);
-        }
-        sJSON += "]";
+        object["problems"] = record.sProblems;
     }
-    return sJSON + "}";
+    return writeJSON(object);
 }

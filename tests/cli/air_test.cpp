@@ -1,6 +1,7 @@
 // Tests what watch makes of datagrams: literal bytes go in; records, lines, JSON and the table come out.
 #include <airdecode.h>
 #include <airtext.h>
+#include <json.h>
 #include <safetext.h>
 #include <watchtable.h>
 
@@ -137,15 +138,15 @@ TEST(AirText, ReceivedTextCannotSteerTheTerminal) {
         {"plain", "plain", "\"plain\""},
         {"\033[2Jx", "\\x1b[2Jx", "\"\\u001b[2Jx\""},
         {std::string("a\0b", 3), "a\\x00b", "\"a\\u0000b\""},
-        {"a\nb\r\t", "a\\nb\\x0d\\x09", "\"a\\u000ab\\u000d\\u0009\""},
+        {"a\nb\r\t", "a\\nb\\x0d\\x09", "\"a\\nb\\r\\t\""},
         {"\\n\"", "\\\\n\"", "\"\\\\n\\\"\""},
         {"\x7f", "\\u{7f}", "\"\\u007f\""},
         {"\xc2\x9bJ", "\\u{9b}J", "\"\\u009bJ\""},             // the one-character form of ESC [
         {"\x9bJ", "\\x9bJ", "\"\\ufffdJ\""},                   // the same as a lone byte
         {"\xe2\x80\xaexyz", "\\u{202e}xyz", "\"\\u202exyz\""}, // right-to-left override
-        {"\xed\x95\x9c\xea\xb8\x80", "\xed\x95\x9c\xea\xb8\x80", "\"\xed\x95\x9c\xea\xb8\x80\""},
-        {"\xf0\x9f\x98\x80", "\xf0\x9f\x98\x80", "\"\xf0\x9f\x98\x80\""},
-        {"\xe2\x80", "\\xe2\\x80", "\"\\ufffd\\ufffd\""},                 // cut character
+        {"\xed\x95\x9c\xea\xb8\x80", "\xed\x95\x9c\xea\xb8\x80", "\"\\ud55c\\uae00\""},
+        {"\xf0\x9f\x98\x80", "\xf0\x9f\x98\x80", "\"\\ud83d\\ude00\""},
+        {"\xe2\x80", "\\xe2\\x80", "\"\\ufffd\""},                        // cut character
         {"\xc0\xaf", "\\xc0\\xaf", "\"\\ufffd\\ufffd\""},                 // written too long
         {"\xed\xa0\x80", "\\xed\\xa0\\x80", "\"\\ufffd\\ufffd\\ufffd\""}, // half of a pair
         {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80", "\"\\ufffd\\ufffd\\ufffd\\ufffd\""},
@@ -153,7 +154,7 @@ TEST(AirText, ReceivedTextCannotSteerTheTerminal) {
     for (const auto &test : aCase) {
         SCOPED_TRACE(test.pszTerminal);
         EXPECT_EQ(textForTerminal(test.sText), test.pszTerminal);
-        EXPECT_EQ(textForJSON(test.sText), test.pszJSON);
+        EXPECT_EQ(writeJSON(test.sText), test.pszJSON);
     }
     EXPECT_EQ(textCut("abcdef", 6), "abcdef");
     EXPECT_EQ(textCut("abcdefg", 6), "abcde…");
