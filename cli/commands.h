@@ -20,7 +20,17 @@ enum ExitCode {
     EXIT_NO_INPUT = 66,    // a file cannot be read
     EXIT_UNAVAILABLE = 69, // no service listens, it cannot be started, or watch heard too few datagrams
     EXIT_INTERNAL = 70,    // the program or the system failed, or a result cannot be written
-    EXIT_SWITCHED_OFF = 78 // the registry switches the service off
+    EXIT_SWITCHED_OFF = 78, // the registry switches the service off
+
+    // What became of a request.
+    EXIT_REFUSED = 80,     // the service did not take it, or lost it
+    EXIT_FAILED = 81,      // the cast could not start, or could not go on
+    EXIT_STOPPED = 82,     // it was stopped or cancelled
+    EXIT_PREEMPTED = 83,   // a newer one took its place for good
+    EXIT_EXPIRED = 84,     // its end came before its turn
+    EXIT_CLOSED = 85,      // the service was closed
+    EXIT_NO_WORD = 86,     // the service has not said what became of it
+    EXIT_INTERRUPTED = 130 // Ctrl-C ended --follow
 };
 
 void addServeCommand(CLI::App &app, int &iExitCode);

@@ -1,6 +1,8 @@
 #include "complete.h"
 
 #include "commands.h"
+#include "listtext.h"
+#include "viewclient.h"
 
 #include <CLI/CLI.hpp>
 #include <net/if.h>
@@ -43,6 +45,23 @@ void offerOptions(const CLI::App &app, Offers *pOffers) {
     for (const CLI::Option *pOption : app.get_options()) {
         for (const std::string &sName : pOption->get_lnames()) {
             pOffers->words.emplace_back("--" + sName, pOption->get_description());
+        }
+    }
+}
+
+// The identities of the casts, or of the messages, that there are.
+void offerIdentities(bool bMessages, Offers *pOffers) {
+    Json view;
+    std::string sProblem;
+    if (getView(&view, &sProblem) != VIEW_ANSWERED) {
+        return;
+    }
+    for (const Json &request : listRequests(view)) {
+        const std::string sKind = textAt(request, "kind");
+        if (textAt(request, "place") != "over" &&
+            (bMessages ? sKind == "message" : sKind == "relay" || sKind == "file")) {
+            pOffers->words.emplace_back(textAt(request, "identity"),
+                                        shortNameOf(request) + ", " + textAt(request, "place"));
         }
     }
 }
@@ -93,6 +112,9 @@ void offerForCommand(const CLI::App &app, const std::vector<std::string> &words,
     }
     for (const CLI::Option *pOption : app.get_options()) {
         if (pOption->get_positional() && pOption->get_lnames().empty() && uPositionals-- == 0) {
+            if (pOption->get_name(true) == "IDENTITY") {
+                return offerIdentities(app.get_name() == "cancel", pOffers);
+            }
             return offerValues(pOption->get_name(true), pOffers);
         }
     }

@@ -115,16 +115,8 @@ int castFile(const FileOptions &options) {
     identity.ulST = times.ulST;
     identity.ulET = times.ulET;
     request.ulCT = times.ulCT;
-    warnWithoutStationFile(identity.ulFormat);
-    iExit = submitCast(service, CAST_CMD_START, request);
-    if (iExit == EXIT_DONE) {
-        printResult(writeCastIdentity(identity));
-        sayAndReturn(EXIT_DONE, "cast of " + request.sFile + " to " + options.sDestination +
-                                    " requested from " + writeTime(times.ulST) + " until " +
-                                    writeTime(times.ulET) +
-                                    " (a longer file plays on to its end); pccast stop takes the line above");
-    }
-    return iExit;
+    return requestCast(options.request, service, request,
+                       "cast of " + request.sFile + " to " + options.sDestination);
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 // pccast message - submits a text for every receiver.
 #include "commands.h"
+#include "outcome.h"
 #include "request.h"
 #include "submit.h"
 
@@ -55,18 +56,25 @@ int message(const MessageOptions &options) {
         return iExit;
     }
     const MessageIdentity identity{times.ulEPGID, times.ulCT, times.ulST, times.ulET, options.bPriority};
-    iExit = submitMessage(service, PCMBC_CMD_MSG, identity, ulRepeat, options.sText);
-    if (iExit == EXIT_DONE) {
-        printResult(writeMessageIdentity(identity));
-        sayAndReturn(EXIT_DONE, "message requested from " + writeTime(times.ulST) + " until " +
-                                    writeTime(times.ulET) + "; pccast cancel takes the line above");
-        if (pauseAfter(options.sText) > kLongPause) {
-            sayAndReturn(EXIT_DONE, "after a text of " + std::to_string(options.sText.size()) +
-                                        " bytes the service sends no other message for " +
-                                        std::to_string(pauseAfter(options.sText)) + " s");
-        }
+    EventPlace place{};
+    iExit = rememberEvents(options.request.bFollow, &place);
+    if (iExit != EXIT_DONE) {
+        return iExit;
     }
-    return iExit;
+    iExit = submitMessage(service, PCMBC_CMD_MSG, identity, ulRepeat, options.sText);
+    if (iExit != EXIT_DONE) {
+        return iExit;
+    }
+    printResult(writeMessageIdentity(identity));
+    sayAndReturn(EXIT_DONE, "message requested from " + writeTime(times.ulST) + " until " +
+                                writeTime(times.ulET) + "; pccast cancel takes the line above");
+    if (pauseAfter(options.sText) > kLongPause) {
+        sayAndReturn(EXIT_DONE, "after a text of " + std::to_string(options.sText.size()) +
+                                    " bytes the service sends no other message for " +
+                                    std::to_string(pauseAfter(options.sText)) + " s");
+    }
+    return tellOutcome(place, {"message", writeMessageIdentity(identity), identity.ulCT},
+                       options.request.bFollow);
 }
 
 } // namespace

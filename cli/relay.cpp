@@ -107,15 +107,8 @@ int relay(const RelayOptions &options) {
     request.ulCT = times.ulCT;
     request.iEncryptionType = options.bFastSeed ? CAST_ENCRYPTION_FAST_SEED : CAST_ENCRYPTION_SEED;
     request.iASFSplit = options.bChunks ? CAST_SPLIT_CHUNKS : CAST_SPLIT_NONE;
-    warnWithoutStationFile(identity.ulFormat);
-    iExit = submitCast(service, CAST_CMD_START, request);
-    if (iExit == EXIT_DONE) {
-        printResult(writeCastIdentity(identity));
-        sayAndReturn(EXIT_DONE, "relay of " + options.sSource + " to " + options.sDestination +
-                                    " requested from " + writeTime(times.ulST) + " until " +
-                                    writeTime(times.ulET) + "; pccast stop takes the line above");
-    }
-    return iExit;
+    return requestCast(options.request, service, request,
+                       "relay of " + options.sSource + " to " + options.sDestination);
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include "castformat.h"
 #include "commands.h"
+#include "outcome.h"
 
 #include <CLI/CLI.hpp>
 #include <unistd.h>
@@ -10,6 +11,21 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+
+namespace {
+
+// Says on standard error when the cast is an ASF cast and this machine has no station file.
+void warnWithoutStationFile(unsigned long ulFormat) {
+    if (isASFFormat(ulFormat) && access(kStationFile, R_OK) != 0) {
+        std::fprintf(
+            stderr,
+            "pccast: note: %s: %s; without it ASF casts are not announced and ASF files are not played "
+            "(pccast station writes one)\n",
+            kStationFile, std::strerror(errno));
+    }
+}
+
+} // namespace
 
 void addRequestOptions(CLI::App *pCommand, RequestOptions &options, const char *pszDefaultFor) {
     pCommand->add_option("--epg", options.sEPG, "the programme that it belongs to (default 1)")
@@ -21,6 +37,7 @@ void addRequestOptions(CLI::App *pCommand, RequestOptions &options, const char *
                      std::string("how long it lasts, instead of --end (default ") + pszDefaultFor + ")")
         ->type_name("DURATION")
         ->excludes(pEnd);
+    addFollowOption(pCommand, options.bFollow);
     addServiceOptions(pCommand, options.service);
 }
 
@@ -63,12 +80,24 @@ int reachForRequest(const RequestOptions &options, unsigned long ulDefaultFor, S
     return iExit == EXIT_DONE ? readRequestOptions(options, ulDefaultFor, pTimes) : iExit;
 }
 
-void warnWithoutStationFile(unsigned long ulFormat) {
-    if (isASFFormat(ulFormat) && access(kStationFile, R_OK) != 0) {
-        std::fprintf(
-            stderr,
-            "pccast: note: %s: %s; without it ASF casts are not announced and ASF files are not played "
-            "(pccast station writes one)\n",
-            kStationFile, std::strerror(errno));
+int requestCast(const RequestOptions &options, const Service &service, const CastRequest &request,
+                const std::string &sDescription) {
+    const CastIdentity &identity = request.identity;
+    const bool bFile = identity.ulType == CAST_TYPE_FILE;
+    EventPlace place{};
+    warnWithoutStationFile(identity.ulFormat);
+    int iExit = rememberEvents(options.bFollow, &place);
+    if (iExit == EXIT_DONE) {
+        iExit = submitCast(service, CAST_CMD_START, request);
     }
+    if (iExit != EXIT_DONE) {
+        return iExit;
+    }
+    printResult(writeCastIdentity(identity));
+    sayAndReturn(EXIT_DONE, sDescription + " requested from " + writeTime(identity.ulST) + " until " +
+                                writeTime(identity.ulET) +
+                                (bFile ? " (a longer file plays on to its end)" : "") +
+                                "; pccast stop takes the line above");
+    return tellOutcome(place, {bFile ? "file" : "relay", writeCastIdentity(identity), request.ulCT},
+                       options.bFollow);
 }

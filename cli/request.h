@@ -17,6 +17,7 @@ struct RequestOptions {
     std::string sStart = "now";
     std::string sEnd;
     std::string sFor;
+    bool bFollow = false;
     ServiceOptions service;
 };
 
@@ -40,7 +41,9 @@ int readRequestOptions(const RequestOptions &options, unsigned long ulDefaultFor
 int reachForRequest(const RequestOptions &options, unsigned long ulDefaultFor, ServiceKind eKind,
                     Service *pService, RequestTimes *pTimes);
 
-// Says on standard error when the cast is an ASF cast and this machine has no station file.
-void warnWithoutStationFile(unsigned long ulFormat);
+// Submits the request of a relay or a file, prints its identity and says what becomes of it. sDescription:
+// "relay of A to B". Returns what submitCast and tellOutcome return.
+int requestCast(const RequestOptions &options, const Service &service, const CastRequest &request,
+                const std::string &sDescription);
 
 #endif
