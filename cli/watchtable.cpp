@@ -22,15 +22,15 @@ struct Column {
 };
 // The most important columns come first: up to STATE they fit into 80.
 constexpr std::array<Column, 10> kCastColumns{{{"EPG", 10},
-                                              {"KIND", 6},
-                                              {"FORMAT", 6},
-                                              {"DESTINATION", 21},
-                                              {"UNTIL", 8},
-                                              {"STATE", 16},
-                                              {"LEFT", 8},
-                                              {"FROM", 8},
-                                              {"IDENTITY", 38},
-                                              {"BY", 0}}};
+                                               {"KIND", 6},
+                                               {"FORMAT", 6},
+                                               {"DESTINATION", 21},
+                                               {"UNTIL", 8},
+                                               {"STATE", 16},
+                                               {"LEFT", 8},
+                                               {"FROM", 8},
+                                               {"IDENTITY", 38},
+                                               {"BY", 0}}};
 
 constexpr const char *kGreen = "\033[32m";
 constexpr const char *kRed = "\033[31m";
