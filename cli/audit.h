@@ -10,9 +10,13 @@
 #include <atomic>
 #include <thread>
 
+// Whether the system's journal reads standard output. Ask before something else takes its place.
+bool isJournal();
+
 class Audit {
 public:
-    explicit Audit(const Plugin &loaded);
+    // bPriorities: with the priority in front of each line that the journal takes.
+    Audit(const Plugin &loaded, bool bPriorities);
     ~Audit();
     Audit(const Audit &) = delete;
     Audit &operator=(const Audit &) = delete;
@@ -26,6 +30,7 @@ private:
     void run();
 
     Plugin plugin;
+    bool bJournal;
     std::atomic<bool> bHurry{false};
     std::atomic<bool> bStop{false};
     std::thread thread;

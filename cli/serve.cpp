@@ -151,6 +151,7 @@ int serve(const ServeOptions &options) {
         sigaddset(&signals, iSignal);
     }
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    const bool bJournal = isJournal();
     const ConsolePump pump;
 
     // The view answers before the first request can come, and until the last event has been told.
@@ -162,7 +163,7 @@ int serve(const ServeOptions &options) {
     if (plugin.pOpen() != 1) {
         return sayAndReturn(EXIT_UNAVAILABLE, "the plug-in did not open; its reason is above");
     }
-    Audit audit(plugin);
+    Audit audit(plugin, bJournal);
     const char *const pszMissing = waitUntilServed();
     if (pszMissing != nullptr) {
         closePlugin(plugin, signals);
