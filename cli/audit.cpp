@@ -16,6 +16,7 @@
 namespace {
 
 constexpr std::chrono::milliseconds kLook{50};
+constexpr std::chrono::milliseconds kHurriedLook{1};
 
 // Whether the system's journal reads standard output. It then takes a priority in front of each line.
 bool isJournal() {
@@ -49,6 +50,10 @@ Audit::Audit(const Plugin &loaded) : plugin(loaded), thread([this] { run(); }) {
 
 Audit::~Audit() {
     stop();
+}
+
+void Audit::hurry() {
+    bHurry = true;
 }
 
 void Audit::stop() {
@@ -85,7 +90,7 @@ void Audit::run() {
             if (bLast) {
                 return;
             }
-            std::this_thread::sleep_for(kLook);
+            std::this_thread::sleep_for(bHurry ? kHurriedLook : kLook);
         }
     }
 }

@@ -17,6 +17,8 @@ public:
     Audit(const Audit &) = delete;
     Audit &operator=(const Audit &) = delete;
 
+    // The service is about to be closed. Its last events can be read for a moment only, so look more often.
+    void hurry();
     // Writes what is left, and ends.
     void stop();
 
@@ -24,6 +26,7 @@ private:
     void run();
 
     Plugin plugin;
+    std::atomic<bool> bHurry{false};
     std::atomic<bool> bStop{false};
     std::thread thread;
 };

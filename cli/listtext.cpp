@@ -309,7 +309,7 @@ std::string leftOf(const Json &request, const Json &view) {
         return "";
     }
     if (request.contains("repeats") && numberOf(request, "repeats") != 0) {
-        return std::to_string(numberOf(request, "repeats_left")) + "x";
+        return std::to_string(numberOf(request, "repeats_left")) + " more";
     }
     const Json &playout = partOf(view, "playout");
     if (numberOf(playout, "request") == numberOf(request, "request") && playout.contains("length_ms")) {
@@ -471,18 +471,18 @@ namespace {
 
 // ---- status
 
-// How the relay on air does.
-std::string relayLine(const Json &relay, unsigned long ulNow) {
-    std::string sLine = std::to_string(numberOf(relay, "datagrams_per_second")) + " datagrams/s, " +
-                        bitRate(numberOf(relay, "bytes_per_second")) + ", " +
-                        plural(numberOf(relay, "datagrams"), "datagram") + " in all, " +
+// What the relay on air brings just now, and what it has brought.
+std::string rateLine(const Json &relay) {
+    return std::to_string(numberOf(relay, "datagrams_per_second")) + " datagrams/s, " +
+           bitRate(numberOf(relay, "bytes_per_second"));
+}
+
+std::string relayLine(const Json &relay) {
+    std::string sLine = plural(numberOf(relay, "datagrams"), "datagram") + " in all, " +
                         std::to_string(numberOf(relay, "dropped")) + " dropped, " +
                         std::to_string(numberOf(relay, "failed")) + " not sent";
-    if (const unsigned long ulSince = numberOf(relay, "silent_since"); ulSince != 0) {
-        sLine += ", SILENT since " + moment(ulSince, ulNow);
-    }
     if (const unsigned long ulSilence = numberOf(relay, "silence"); ulSilence != 0) {
-        sLine += ", silent for " + std::to_string(ulSilence) + " s in all";
+        sLine += ", silent for " + std::to_string(ulSilence) + " s";
     }
     return sLine;
 }
@@ -503,9 +503,9 @@ void addOnAir(std::vector<std::string> *pLines, const Json &request, const Json 
     const Json &playout = partOf(view, "playout");
     const bool bRelay = numberOf(relay, "request") == numberOf(request, "request");
     const bool bFile = numberOf(playout, "request") == numberOf(request, "request");
-    pLines->push_back("  " + coloured(shortNameOf(request), kGreen, screen) + "  " + routeOf(request) +
-                      " until " + moment(ulEnd, ulNow) + ", left " + leftOf(request, view));
-    pLines->push_back("    " + textOf(request, "identity"));
+    pLines->push_back("  " + coloured(shortNameOf(request), kGreen, screen) + "  " + routeOf(request));
+    pLines->push_back("    until " + moment(ulEnd, ulNow) + ", left " + leftOf(request, view) + "  " +
+                      textOf(request, "identity"));
     if (screen.bBar && bFile && playout.contains("length_ms")) {
         pLines->push_back("    " + progressBar(numberOf(playout, "position_ms"),
                                                numberOf(playout, "length_ms"), kBarWidth));
@@ -513,7 +513,11 @@ void addOnAir(std::vector<std::string> *pLines, const Json &request, const Json 
         pLines->push_back("    " + progressBar(ulNow - ulStart, ulEnd - ulStart, kBarWidth));
     }
     if (bRelay) {
-        pLines->push_back("    " + relayLine(relay, ulNow));
+        const unsigned long ulSilent = numberOf(relay, "silent_since");
+        pLines->push_back("    " + (ulSilent == 0
+                                        ? rateLine(relay)
+                                        : coloured("silent since " + moment(ulSilent, ulNow), kRed, screen)));
+        pLines->push_back("    " + relayLine(relay));
     } else if (bFile) {
         pLines->push_back("    " + playoutLine(playout));
     }
@@ -548,10 +552,9 @@ std::vector<std::string> statusLines(const Json &view, const std::vector<Json> &
         if (hasPlace(request, "on-air") && !bMessage) {
             addOnAir(&onAir, request, view, screen);
         } else if (hasPlace(request, "on-air")) {
-            messages.push_back("  " + coloured("on air", kGreen, screen) + "  " + routeOf(request) +
-                               " until " + moment(numberOf(request, "end"), ulNow) + ", left " +
-                               leftOf(request, view));
-            messages.push_back("    " + textOf(request, "identity"));
+            messages.push_back("  " + coloured("on air", kGreen, screen) + "  " + routeOf(request));
+            messages.push_back("    until " + moment(numberOf(request, "end"), ulNow) + ", left " +
+                               leftOf(request, view) + "  " + textOf(request, "identity"));
         } else if (!hasPlace(request, "over")) {
             ++waiting[textOf(request, "kind")];
         }

@@ -173,6 +173,8 @@ int serve(const ServeOptions &options) {
     int iSignal = 0;
     sigwait(&signals, &iSignal);
     std::printf("pccast: %s: closing the service\n", strsignal(iSignal));
+    audit.hurry();
+    view.hurry();
     const int iClosed = closePlugin(plugin, signals);
     audit.stop();
     view.stop();

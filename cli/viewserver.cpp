@@ -36,6 +36,7 @@ constexpr int kEventsMost = 256;               // events in one answer
 constexpr std::chrono::seconds kPatience{5};   // for a request to come, and for an answer to be fetched
 constexpr std::chrono::seconds kFarewell{1};   // for the last answers
 constexpr std::chrono::milliseconds kLook{50}; // between two looks for new events
+constexpr std::chrono::milliseconds kHurriedLook{1};
 constexpr const char *kHeadEnd = "\r\n\r\n";
 
 enum ConnectionState { READING, WAITING, SENDING, OVER };
@@ -135,6 +136,7 @@ struct ViewServer::Work {
     Router router;
     Endpoint listener{nullptr, [](KTNET_ENDPOINT *pEndpoint) { ktn_xapi_ktnet_delete(&pEndpoint); }};
     int iWake = -1;
+    std::atomic<bool> bHurry{false};
     std::atomic<bool> bStop{false};
     std::thread thread;
 
@@ -337,9 +339,10 @@ struct ViewServer::Work {
 
     // Milliseconds until something is due without a client doing anything.
     int timeUntilDue() const {
+        const auto look = bHurry ? kHurriedLook : kLook;
         auto due = Clock::now() + std::chrono::hours(1);
         for (const Connection &connection : connections) {
-            due = std::min(due, connection.eState == WAITING ? Clock::now() + kLook : connection.deadline);
+            due = std::min(due, connection.eState == WAITING ? Clock::now() + look : connection.deadline);
         }
         if (acceptAgain > Clock::now()) {
             due = std::min(due, acceptAgain);
@@ -417,6 +420,10 @@ bool ViewServer::start() {
     }
     pWork->thread = std::thread([pWorking = pWork.get()] { pWorking->run(); });
     return true;
+}
+
+void ViewServer::hurry() {
+    pWork->bHurry = true;
 }
 
 void ViewServer::stop() {

@@ -98,7 +98,8 @@ TEST(AirText, LinesAndObjectsSayWhatWasHeard) {
     EXPECT_EQ(
         airLine(decode(kOnAir), 1790000010, "10.0.0.5"),
         "2026-09-21 14:13:30  ON AIR  epg 7  stream  H.264  to 239.1.2.3:5000  from 2026-09-21 14:13:20  "
-        "until 2026-09-21 15:13:20  left 00:59:50  crc ok  by 10.0.0.5");
+        "until 2026-09-21 15:13:20  left 00:59:50  crc ok  7:2:1790000000:1790003600:5000:0x2021  by "
+        "10.0.0.5");
     EXPECT_EQ(airLine(decode(kEnd), 1790000010, "10.0.0.5"),
               "2026-09-21 14:13:30  ENDED  epg 7  stream  H.264  crc ok  by 10.0.0.5");
     EXPECT_EQ(
@@ -109,7 +110,8 @@ TEST(AirText, LinesAndObjectsSayWhatWasHeard) {
     const std::pair<std::string, const char *> aObject[] = {
         {kOnAir,
          R"("kind":"on-air","ident":1234,"service":204,"command":262192,"sent":1790000005,"epg":7,"type":1,)"
-         R"("format":2,"start":1790000000,"end":1790003600,"address":"239.1.2.3","port":5000,"crcOk":true})"},
+         R"("format":2,"start":1790000000,"end":1790003600,"address":"239.1.2.3","port":5000,"crcOk":true,)"
+         R"("identity":"7:2:1790000000:1790003600:5000:0x2021"})"},
         {kAsf,
          R"("kind":"on-air","ident":1234,"service":204,"command":262192,"sent":1790000005,"epg":8,"type":16,)"
          R"("format":3,"start":1790000000,"end":1790003600,"crcOk":true,"stationCrcOk":true,"station":"NSC"})"},
@@ -181,7 +183,8 @@ TEST(WatchTable, FollowsACastFromItsAnnouncementToItsEnd) {
 
     ASSERT_EQ(drawnWith(state, 1790000012, "H.264").size(), 1u); // repeated, not doubled
     EXPECT_NE(drawnWith(state, 1790000012, "H.264")[0].find(
-                  "239.1.2.3:5000         00:59:48  on air, 1 s ago   14:13:20  15:13:20  10.0.0.5"),
+                  "239.1.2.3:5000         00:59:48  on air, 1 s ago   14:13:20  15:13:20  "
+                  "7:2:1790000000:1790003600:5000:0x2021   10.0.0.5"),
               std::string::npos);
     EXPECT_EQ(drawnWith(state, 1790000040, "silent, 29 s ago").size(), 1u);
     EXPECT_EQ(drawnWith(state, 1790003600, "over").size(), 1u);
