@@ -26,25 +26,31 @@ bool isJournal() {
            std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == pszStream;
 }
 
-// As syslog counts them: 3 an error, 4 a warning, 6 information.
-const char *priorityOf(const PCCASTEvent &event) {
+AuditPriority priorityOf(const PCCASTEvent &event) {
     switch (event.uiKind) {
     case PCCAST_EVENT_FAILED:
     case PCCAST_EVENT_DROPPED:
-        return "<3>";
+        return AUDIT_ERROR;
     case PCCAST_EVENT_REFUSED:
     case PCCAST_EVENT_EXPIRED:
     case PCCAST_EVENT_SILENT:
-        return "<4>";
+        return AUDIT_WARNING;
     case PCCAST_EVENT_ENDED:
-        return event.uiReason == PCCAST_REASON_SOURCE_LOST || event.uiReason == PCCAST_REASON_SEND ? "<3>"
-                                                                                                   : "<6>";
+        return event.uiReason == PCCAST_REASON_SOURCE_LOST || event.uiReason == PCCAST_REASON_SEND
+                   ? AUDIT_ERROR
+                   : AUDIT_NOTE;
     default:
-        return "<6>";
+        return AUDIT_NOTE;
     }
 }
 
 } // namespace
+
+void writeAudit(AuditPriority ePriority, const std::string &sText) {
+    static const bool bJournal = isJournal();
+    const std::string sPriority = bJournal ? "<" + std::to_string(ePriority) + ">" : "";
+    std::printf("%spccast: audit: %s\n", sPriority.c_str(), sText.c_str());
+}
 
 Audit::Audit(const Plugin &loaded) : plugin(loaded), thread([this] { run(); }) {}
 
@@ -64,10 +70,6 @@ void Audit::stop() {
 }
 
 void Audit::run() {
-    const bool bJournal = isJournal();
-    const auto write = [bJournal](const char *pszPriority, const std::string &sText) {
-        std::printf("%spccast: audit: %s\n", bJournal ? pszPriority : "", sText.c_str());
-    };
     std::array<PCCASTEvent, 64> aEvents{};
     EventMemory memory;
     unsigned long ulLast = 0;
@@ -78,9 +80,9 @@ void Audit::run() {
             const PCCASTEvent &event = aEvents[static_cast<size_t>(i)];
             try {
                 if (event.ulNumber > ulLast + 1) {
-                    write("<4>", lostText(event.ulNumber - ulLast - 1));
+                    writeAudit(AUDIT_WARNING, lostText(event.ulNumber - ulLast - 1));
                 }
-                write(priorityOf(event), eventText(eventJSON(event), &memory));
+                writeAudit(priorityOf(event), eventText(eventJSON(event), &memory));
             } catch (const std::bad_alloc &) { // this line is lost; the next one may not be
             }
             ulLast = event.ulNumber;

@@ -1,10 +1,13 @@
 // pccast serve - the host process. It loads and opens the plug-in, waits for a signal, and closes the
 // plug-in.
 #include "audit.h"
+#include "clitext.h"
 #include "commands.h"
 #include "interface.h"
 #include "localsocket.h"
 #include "pluginloader.h"
+#include "servicemanager.h"
+#include "statekeeper.h"
 #include "viewserver.h"
 #include "wire.h"
 
@@ -30,6 +33,8 @@ namespace {
 struct ServeOptions {
     std::string sInterface;
     std::string sPlugin;
+    std::string sState;
+    std::string sKeep = "90d";
 };
 
 // The plug-in's two sockets. The view socket is this program's own.
@@ -115,9 +120,28 @@ int closePlugin(const Plugin &plugin, const sigset_t &signals) {
     return iResult;
 }
 
+// Waits until the keeper has restored what it can. Returns the signal that ended the wait, 0 for none.
+int waitUntilRestored(const StateKeeper &state, const sigset_t &signals) {
+    const struct timespec interval { 0, 10'000'000 };
+    for (int iLooks = 0; !state.isRestored(); ++iLooks) {
+        if (iLooks % 1000 == 0) {
+            ServiceManager::starting("restoring requests");
+        }
+        const int iSignal = sigtimedwait(&signals, nullptr, &interval);
+        if (iSignal > 0) {
+            return iSignal;
+        }
+    }
+    return 0;
+}
+
 int serve(const ServeOptions &options) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
-    int iExit = checkInterface(options.sInterface);
+    unsigned long ulKeep = 0;
+    int iExit = checkArguments({{"--keep", readDuration(options.sKeep, &ulKeep)}});
+    if (iExit == EXIT_DONE) {
+        iExit = checkInterface(options.sInterface);
+    }
     if (iExit != EXIT_DONE) {
         return iExit;
     }
@@ -143,7 +167,12 @@ int serve(const ServeOptions &options) {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
     // The view answers before the first request can come, and until the last event has been told.
-    ViewServer view(plugin);
+    std::unique_ptr<StateKeeper> pState;
+    if (!options.sState.empty()) {
+        pState = std::make_unique<StateKeeper>(plugin, options.sState, ulKeep);
+        pState->open();
+    }
+    ViewServer view(plugin, pState.get());
     if (!view.start()) {
         return sayAndReturn(EXIT_UNAVAILABLE,
                             std::string("no view at ") + PCCAST_VIEW_SOCKET + "; its reason is above");
@@ -158,6 +187,11 @@ int serve(const ServeOptions &options) {
         return sayAndReturn(EXIT_UNAVAILABLE, std::string("the service did not start to listen on ") +
                                                   pszMissing + "; its reason is above");
     }
+    int iSignal = 0;
+    if (pState != nullptr) {
+        pState->start();
+        iSignal = waitUntilRestored(*pState, signals);
+    }
     std::printf(
         "pccast: %s %u.%u.%u.%u serves casts on %s and messages on %s, sending by %s; Ctrl-C or SIGTERM "
         "ends it\n",
@@ -170,13 +204,23 @@ int serve(const ServeOptions &options) {
         warnWithoutRoute();
     }
 
-    int iSignal = 0;
-    sigwait(&signals, &iSignal);
+    ServiceManager manager(plugin);
+    manager.ready();
+    if (iSignal == 0) {
+        sigwait(&signals, &iSignal);
+    }
+    manager.stopping();
     std::printf("pccast: %s: closing the service\n", strsignal(iSignal));
     audit.hurry();
     view.hurry();
+    if (pState != nullptr) {
+        pState->hurry();
+    }
     const int iClosed = closePlugin(plugin, signals);
     audit.stop();
+    if (pState != nullptr) {
+        pState->stop();
+    }
     view.stop();
     if (iClosed != 1) {
         return sayAndReturn(EXIT_INTERNAL, "the plug-in did not close cleanly");
@@ -194,6 +238,12 @@ void addServeCommand(CLI::App &app, int &iExitCode) {
     pCommand->add_option("--interface", options->sInterface, "send multicast by this interface")
         ->type_name("NAME|ADDRESS");
     addPluginOption(pCommand, options->sPlugin);
+    pCommand
+        ->add_option("--state", options->sState,
+                     "keep requests and history in this folder, and restore the requests at the start")
+        ->type_name("FOLDER");
+    pCommand->add_option("--keep", options->sKeep, "how long the history is kept (default 90d)")
+        ->type_name("DURATION");
     pCommand->footer(helpExample("pccast serve --interface eth0"));
     pCommand->callback([options, &iExitCode] { iExitCode = serve(*options); });
 }
