@@ -8,15 +8,22 @@
 #include "pluginloader.h"
 
 #include <atomic>
+#include <string>
 #include <thread>
 
-// Whether the system's journal reads standard output. Ask before something else takes its place.
-bool isJournal();
+// Notes whether the system's journal reads standard output. Called before something else takes its place.
+void noteJournal();
+
+// As syslog counts them.
+enum AuditPriority { AUDIT_ERROR = 3, AUDIT_WARNING = 4, AUDIT_NOTE = 6 };
+
+// Writes one line, "pccast: audit: TEXT". Where the system's journal reads, it takes the priority. Any
+// thread.
+void writeAudit(AuditPriority ePriority, const std::string &sText);
 
 class Audit {
 public:
-    // bPriorities: with the priority in front of each line that the journal takes.
-    Audit(const Plugin &loaded, bool bPriorities);
+    explicit Audit(const Plugin &loaded);
     ~Audit();
     Audit(const Audit &) = delete;
     Audit &operator=(const Audit &) = delete;
@@ -30,7 +37,6 @@ private:
     void run();
 
     Plugin plugin;
-    bool bJournal;
     std::atomic<bool> bHurry{false};
     std::atomic<bool> bStop{false};
     std::thread thread;

@@ -42,6 +42,7 @@ void addCancelCommand(CLI::App &app, int &iExitCode);
 void addListCommand(CLI::App &app, int &iExitCode);
 void addStatusCommand(CLI::App &app, int &iExitCode);
 void addEventsCommand(CLI::App &app, int &iExitCode);
+void addHistoryCommand(CLI::App &app, int &iExitCode);
 void addWatchCommand(CLI::App &app, int &iExitCode);
 void addStationCommand(CLI::App &app, int &iExitCode);
 

@@ -22,7 +22,7 @@ namespace {
 
 constexpr void (*kCommands[])(CLI::App &, int &) = {
     addServeCommand, addRelayCommand,  addFileCommand,   addStopCommand,  addMessageCommand, addCancelCommand,
-    addListCommand,  addStatusCommand, addEventsCommand, addWatchCommand, addStationCommand,
+    addListCommand,  addStatusCommand, addEventsCommand, addHistoryCommand, addWatchCommand, addStationCommand,
 };
 
 constexpr const char *kFooter =

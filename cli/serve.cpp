@@ -1,11 +1,14 @@
 // pccast serve - the host process. It loads and opens the plug-in, waits for a signal, and closes the
 // plug-in.
 #include "audit.h"
+#include "clitext.h"
 #include "commands.h"
 #include "consolepump.h"
 #include "interface.h"
 #include "localsocket.h"
 #include "pluginloader.h"
+#include "servicemanager.h"
+#include "statekeeper.h"
 #include "viewserver.h"
 #include "wire.h"
 
@@ -27,6 +30,8 @@ namespace {
 struct ServeOptions {
     std::string sInterface;
     std::string sPlugin;
+    std::string sState;
+    std::string sKeep = "90d";
 };
 
 constexpr const char *kInterfaceVariable = "KTNET_MULTICAST_IF"; // the framework's senders read it
@@ -122,15 +127,35 @@ int closePlugin(const Plugin &plugin, const sigset_t &signals) {
     return iResult;
 }
 
+// Waits until the keeper has restored what it can. Returns the signal that ended the wait, 0 for none.
+int waitUntilRestored(const StateKeeper &state, const sigset_t &signals) {
+    const struct timespec interval { 0, 10'000'000 };
+    for (int iLooks = 0; !state.isRestored(); ++iLooks) {
+        if (iLooks % 1000 == 0) {
+            ServiceManager::starting("restoring requests");
+        }
+        const int iSignal = sigtimedwait(&signals, nullptr, &interval);
+        if (iSignal > 0) {
+            return iSignal;
+        }
+    }
+    return 0;
+}
+
 int serve(const ServeOptions &options) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    unsigned long ulKeep = 0;
+    int iExit = checkArguments({{"--keep", readDuration(options.sKeep, &ulKeep)}});
+    if (iExit != EXIT_DONE) {
+        return iExit;
+    }
     if (!options.sInterface.empty()) {
         setenv(kInterfaceVariable, options.sInterface.c_str(), 1);
     }
     const char *const pszInterface = std::getenv(kInterfaceVariable);
     const std::string sInterface = pszInterface == nullptr ? "" : pszInterface;
     const std::string sGiven = options.sInterface.empty() ? kInterfaceVariable : "--interface";
-    int iExit = checkInterface(sGiven.c_str(), sInterface);
+    iExit = checkInterface(sGiven.c_str(), sInterface);
     if (iExit != EXIT_DONE) {
         return iExit;
     }
@@ -151,11 +176,16 @@ int serve(const ServeOptions &options) {
         sigaddset(&signals, iSignal);
     }
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    const bool bJournal = isJournal();
+    noteJournal();
     const ConsolePump pump;
 
     // The view answers before the first request can come, and until the last event has been told.
-    ViewServer view(plugin);
+    std::unique_ptr<StateKeeper> pState;
+    if (!options.sState.empty()) {
+        pState = std::make_unique<StateKeeper>(plugin, options.sState, ulKeep);
+        pState->open();
+    }
+    ViewServer view(plugin, pState.get());
     if (!view.start()) {
         return sayAndReturn(EXIT_UNAVAILABLE,
                             std::string("no view at ") + PCCAST_VIEW_SOCKET + "; its reason is above");
@@ -163,12 +193,17 @@ int serve(const ServeOptions &options) {
     if (plugin.pOpen() != 1) {
         return sayAndReturn(EXIT_UNAVAILABLE, "the plug-in did not open; its reason is above");
     }
-    Audit audit(plugin, bJournal);
+    Audit audit(plugin);
     const char *const pszMissing = waitUntilServed();
     if (pszMissing != nullptr) {
         closePlugin(plugin, signals);
         return sayAndReturn(EXIT_UNAVAILABLE, std::string("the service did not start to listen on ") +
                                                   pszMissing + "; its reason is above");
+    }
+    int iSignal = 0;
+    if (pState != nullptr) {
+        pState->start();
+        iSignal = waitUntilRestored(*pState, signals);
     }
     Interface interface = findInterface(sInterface).value_or(Interface{});
     const int iError = sInterface.empty() ? findRoute(&interface) : 0;
@@ -180,13 +215,23 @@ int serve(const ServeOptions &options) {
         interfaceText(interface).c_str());
     warnWhereNothingIsSent(sInterface.empty() ? "" : sGiven, interface, iError);
 
-    int iSignal = 0;
-    sigwait(&signals, &iSignal);
+    ServiceManager manager(plugin);
+    manager.ready();
+    if (iSignal == 0) {
+        sigwait(&signals, &iSignal);
+    }
+    manager.stopping();
     std::printf("pccast: %s: closing the service\n", strsignal(iSignal));
     audit.hurry();
     view.hurry();
+    if (pState != nullptr) {
+        pState->hurry();
+    }
     const int iClosed = closePlugin(plugin, signals);
     audit.stop();
+    if (pState != nullptr) {
+        pState->stop();
+    }
     view.stop();
     if (iClosed != 1) {
         return sayAndReturn(EXIT_INTERNAL, "the plug-in did not close cleanly");
@@ -204,6 +249,12 @@ void addServeCommand(CLI::App &app, int &iExitCode) {
     pCommand->add_option("--interface", options->sInterface, "send multicast by this interface")
         ->type_name("NAME|ADDRESS");
     addPluginOption(pCommand, options->sPlugin);
+    pCommand
+        ->add_option("--state", options->sState,
+                     "keep requests and history in this folder, and restore the requests at the start")
+        ->type_name("FOLDER");
+    pCommand->add_option("--keep", options->sKeep, "how long the history is kept (default 90d)")
+        ->type_name("DURATION");
     pCommand->footer(helpExample("pccast serve --interface eth0"));
     pCommand->callback([options, &iExitCode] { iExitCode = serve(*options); });
 }

@@ -132,6 +132,13 @@ ViewResult getEvents(unsigned long ulAfter, unsigned int uiWait, Json *pEvents, 
                pEvents, psProblem);
 }
 
+ViewResult getHistory(const HistoryQuery &query, Json *pAnswer, std::string *psProblem) {
+    const std::string sEPG = query.bEPG ? "&epg=" + std::to_string(query.ulEPGID) : "";
+    return get("/v1/history?since=" + std::to_string(query.ulSince) +
+                   "&after=" + std::to_string(query.ulAfter) + sEPG,
+               0, pAnswer, psProblem);
+}
+
 ViewResult getNewestEvent(unsigned long *pulNumber, std::string *psProblem) {
     Json events;
     const ViewResult eResult = getEvents(ULONG_MAX, 0, &events, psProblem);

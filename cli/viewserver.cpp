@@ -1,6 +1,7 @@
 #include "viewserver.h"
 
 #include "clitext.h"
+#include "statekeeper.h"
 #include "viewclient.h"
 #include "viewjson.h"
 
@@ -116,26 +117,33 @@ bool readParameter(const httplib::Request &request, const char *pszName, unsigne
 // Events that the plug-in has handed over.
 class Events {
 public:
-    Events(const Plugin &loaded, unsigned long ulAfter, int iMost)
+    // Those above ulAfter, up to ulLast.
+    Events(const Plugin &loaded, unsigned long ulAfter, unsigned long ulLast, int iMost)
         : plugin(loaded), events(static_cast<size_t>(iMost)),
-          iCount(loaded.pReadEvents(ulAfter, events.data(), iMost)) {}
+          iCount(loaded.pReadEvents(ulAfter, events.data(), iMost)), iTold(iCount) {
+        while (iTold > 0 && events[static_cast<size_t>(iTold - 1)].ulNumber > ulLast) {
+            --iTold;
+        }
+    }
     ~Events() { plugin.pEliminateEvents(events.data(), iCount); }
     Events(const Events &) = delete;
     Events &operator=(const Events &) = delete;
 
     const PCCASTEvent *begin() const { return events.data(); }
-    const PCCASTEvent *end() const { return events.data() + iCount; }
+    const PCCASTEvent *end() const { return events.data() + iTold; }
 
 private:
     const Plugin &plugin;
     std::vector<PCCASTEvent> events;
     int iCount;
+    int iTold;
 };
 
 } // namespace
 
 struct ViewServer::Work {
     Plugin plugin;
+    const StateKeeper *pState;
     Router router;
     Endpoint listener{nullptr, [](KTNET_ENDPOINT *pEndpoint) { ktn_xapi_ktnet_delete(&pEndpoint); }};
     int iWake = -1;
@@ -152,7 +160,7 @@ struct ViewServer::Work {
     Clock::time_point acceptAgain;   // after an accept that failed
     Clock::time_point sayAgain;      // of a client that is refused
 
-    explicit Work(const Plugin &loaded) : plugin(loaded) {
+    Work(const Plugin &loaded, const StateKeeper *pKept) : plugin(loaded), pState(pKept) {
         router.set_pre_routing_handler([](const httplib::Request &request, httplib::Response &response) {
             if (request.method == "GET" || request.method == "HEAD") {
                 return httplib::Server::HandlerResponse::Unhandled;
@@ -166,10 +174,13 @@ struct ViewServer::Work {
         router.Get("/v1/events", [this](const httplib::Request &request, httplib::Response &response) {
             answerEvents(request, &response);
         });
+        router.Get("/v1/history", [this](const httplib::Request &request, httplib::Response &response) {
+            answerHistory(request, &response);
+        });
         router.set_error_handler([](const httplib::Request & /*request*/, httplib::Response &response) {
             if (response.body.empty()) {
                 setError(&response, response.status,
-                         response.status == 404 ? "there is /v1/view and /v1/events"
+                         response.status == 404 ? "there is /v1/view, /v1/events and /v1/history"
                                                 : "the request cannot be answered");
             }
         });
@@ -182,9 +193,12 @@ struct ViewServer::Work {
 
     // ---- the answers
 
+    // The last event that may be told.
+    unsigned long lastTold() const { return pState == nullptr ? ULONG_MAX : pState->lastTold(); }
+
     void findNewest() {
         for (;;) {
-            const Events events(plugin, ulNewest, kEventsMost);
+            const Events events(plugin, ulNewest, lastTold(), kEventsMost);
             if (events.begin() == events.end()) {
                 return;
             }
@@ -208,7 +222,31 @@ struct ViewServer::Work {
         }
         const auto release = [this](PCCASTView *pMade) { plugin.pEliminateView(&pMade); };
         const std::unique_ptr<PCCASTView, decltype(release)> guard(pView, release);
-        setJSON(pResponse, 200, viewJSON(*pView));
+        Json view = viewJSON(*pView);
+        if (pState != nullptr) {
+            view["state"] = pState->status(pView->ulEvents);
+        }
+        setJSON(pResponse, 200, view);
+    }
+
+    void answerHistory(const httplib::Request &request, httplib::Response *pResponse) const {
+        if (pState == nullptr) {
+            setError(pResponse, 404, "no history is kept; serve keeps one with --state");
+            return;
+        }
+        HistoryQuery query;
+        query.bEPG = request.has_param("epg");
+        if (!readParameter(request, "since", &query.ulSince) ||
+            !readParameter(request, "epg", &query.ulEPGID) ||
+            !readParameter(request, "after", &query.ulAfter)) {
+            setError(pResponse, 400, "since, epg and after are numbers");
+            return;
+        }
+        try {
+            setJSON(pResponse, 200, pState->history(query));
+        } catch (const StoreError &failure) {
+            setError(pResponse, 503, std::string("the history cannot be read: ") + failure.what());
+        }
     }
 
     void answerEvents(const httplib::Request &request, httplib::Response *pResponse) {
@@ -224,7 +262,7 @@ struct ViewServer::Work {
             park(ulAfter, ulWait, pResponse);
             return;
         }
-        const Events events(plugin, ulAfter, kEventsMost);
+        const Events events(plugin, ulAfter, lastTold(), kEventsMost);
         unsigned long ulLost = 0;
         for (const PCCASTEvent &event : events) {
             ulLost += event.ulNumber - ulAfter - 1;
@@ -418,7 +456,8 @@ struct ViewServer::Work {
     }
 };
 
-ViewServer::ViewServer(const Plugin &plugin) : pWork(std::make_unique<Work>(plugin)) {}
+ViewServer::ViewServer(const Plugin &plugin, const StateKeeper *pState)
+    : pWork(std::make_unique<Work>(plugin, pState)) {}
 
 ViewServer::~ViewServer() {
     stop();

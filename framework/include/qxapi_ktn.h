@@ -107,7 +107,8 @@ int ktn_xapi_ktnet_accept(KTNET_ENDPOINT *pDesc, KTNET_ENDPOINT **ppConn);
 
 /* Connects a client descriptor to szPeer. Waits at most uiTimeoutMs while the listener's queue is full. Checks
  * who serves the path before a byte is sent: this user, root, or a user that the environment variable
- * KTNET_PEER_USERS names (names or numbers, separated by commas). Anybody else is refused with -EACCES.
+ * KTNET_PEER_USERS names (names or numbers, separated by commas; where it is not set, those that the library was
+ * built with). Anybody else is refused with -EACCES.
  * Returns 1, or a negative errno. */
 int ktn_xapi_ktnet_connect(KTNET_ENDPOINT *pDesc);
 
