@@ -29,14 +29,17 @@ constexpr unsigned short kPort = 5004;
 constexpr double kBitRate = 8e6;
 constexpr size_t kPacket = 188;
 constexpr int kPacketsPerPCR = 200; // about every 38 ms
-constexpr size_t kNumberAt = 184;   // of a packet: its number in the file, little-endian
 constexpr double kPaceBoundMs = 2.0;
 constexpr double kLastBoundMs = 5.0;
 constexpr double kCostBound = 2.0; // per cent of one core
 
+} // namespace
+
 double dueSeconds(long lPacket) {
     return static_cast<double>(lPacket) * kPacket * 8 / kBitRate;
 }
+
+namespace {
 
 void makePacket(std::array<unsigned char, kPacket> &packet, long lNumber) {
     packet.fill(0xFF);
@@ -57,21 +60,25 @@ void makePacket(std::array<unsigned char, kPacket> &packet, long lNumber) {
         packet[11] = static_cast<unsigned char>(ulExtension);
     }
     const auto uiNumber = static_cast<uint32_t>(lNumber);
-    std::memcpy(&packet[kNumberAt], &uiNumber, sizeof uiNumber);
+    std::memcpy(&packet[kFileNumberAt], &uiNumber, sizeof uiNumber);
 }
 
-long makeFile(double dSeconds) {
-    std::FILE *pFile = std::fopen(kFile, "wb");
-    require(pFile != nullptr, kFile);
+} // namespace
+
+long makeFile(const char *pszFile, double dSeconds) {
+    std::FILE *pFile = std::fopen(pszFile, "wb");
+    require(pFile != nullptr, pszFile);
     const long lPackets = std::lround(dSeconds * kBitRate / 8 / kPacket / 7) * 7;
     std::array<unsigned char, kPacket> packet;
     for (long i = 0; i < lPackets; ++i) {
         makePacket(packet, i);
-        require(std::fwrite(packet.data(), 1, packet.size(), pFile) == packet.size(), kFile);
+        require(std::fwrite(packet.data(), 1, packet.size(), pFile) == packet.size(), pszFile);
     }
-    require(std::fclose(pFile) == 0, kFile); // writes what is still buffered
+    require(std::fclose(pFile) == 0, pszFile); // writes what is still buffered
     return lPackets;
 }
+
+namespace {
 
 struct Arrival {
     long lPacket; // number of the datagram's first packet
@@ -94,7 +101,7 @@ std::vector<Arrival> receive(const std::atomic<bool> *pDone) {
     while (poll(&wait, 1, 200) > 0 || !*pDone) {
         if (recv(iSocket, datagram.data(), datagram.size(), MSG_DONTWAIT) > 0) {
             uint32_t uiNumber = 0;
-            std::memcpy(&uiNumber, &datagram[kNumberAt], sizeof uiNumber);
+            std::memcpy(&uiNumber, &datagram[kFileNumberAt], sizeof uiNumber);
             arrivals.push_back({uiNumber, now()});
         }
     }
@@ -105,7 +112,7 @@ std::vector<Arrival> receive(const std::atomic<bool> *pDone) {
 } // namespace
 
 bool fileBench(double dSeconds) {
-    const long lPackets = makeFile(dSeconds);
+    const long lPackets = makeFile(kFile, dSeconds);
     std::atomic<bool> bDone{false};
     std::vector<Arrival> arrivals;
     std::thread receiver([&] { arrivals = receive(&bDone); });
