@@ -3,6 +3,9 @@
 #include "clitext.h"
 #include "json.h"
 #include "safetext.h"
+#include "wire.h"
+
+#include <pccast/castinfo.h>
 
 #include <array>
 #include <variant>
@@ -104,6 +107,21 @@ void setKey(Json *pObject, const char *pszName, const std::optional<std::string>
 
 } // namespace
 
+std::string airIdentity(const AirRecord &record) {
+    if (record.eKind != AIR_ANNOUNCEMENT || !record.uiType || !record.uiFormat || !record.uiST ||
+        !record.uiET || !record.usPort) {
+        return {};
+    }
+    const bool bH264 = *record.uiFormat == BCI_FORMAT_H264;
+    const bool bASF = *record.uiFormat == BCI_FORMAT_ASF;
+    return writeCastIdentity({*record.uiEPGID,
+                              *record.uiType == BCI_TYPE_FILE ? CAST_TYPE_FILE : CAST_TYPE_STREAM,
+                              *record.uiST, *record.uiET, *record.usPort,
+                              bH264  ? CAST_FORMAT_TS
+                              : bASF ? CAST_FORMAT_ASF
+                                     : *record.uiFormat});
+}
+
 std::string airDestination(const AirRecord &record) {
     if (record.sAddress) {
         return textForTerminal(*record.sAddress) + ":" +
@@ -115,7 +133,8 @@ std::string airDestination(const AirRecord &record) {
 std::string airLine(const AirRecord &record, unsigned long ulNow, const std::string &sSender) {
     std::string sLine = writeTime(ulNow) + "  " + kKindTexts[record.eKind].pszLine + "  ";
     if (record.eKind == AIR_ANNOUNCEMENT || record.eKind == AIR_END) {
-        sLine += announcementLine(record, ulNow) + "  ";
+        const std::string sIdentity = airIdentity(record);
+        sLine += announcementLine(record, ulNow) + "  " + (sIdentity.empty() ? "" : sIdentity + "  ");
     } else if (record.eKind == AIR_MESSAGE) {
         sLine += "\"" + textForTerminal(*record.sText) + "\"" +
                  (record.uiET ? "  until " + writeTime(*record.uiET) : "") + "  ";
@@ -137,6 +156,9 @@ std::string airJSON(const AirRecord &record, unsigned long ulNow, const std::str
     }
     for (const Key &key : kKeys) {
         std::visit([&](auto member) { setKey(&object, key.pszName, record.*member); }, key.member);
+    }
+    if (const std::string sIdentity = airIdentity(record); !sIdentity.empty()) {
+        object["identity"] = sIdentity;
     }
     if (!record.sProblems.empty()) {
         object["problems"] = record.sProblems;

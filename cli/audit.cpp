@@ -16,14 +16,7 @@
 namespace {
 
 constexpr std::chrono::milliseconds kLook{50};
-
-// Whether the system's journal reads standard output. It then takes a priority in front of each line.
-bool isJournal() {
-    const char *const pszStream = std::getenv("JOURNAL_STREAM");
-    struct stat status {};
-    return pszStream != nullptr && fstat(STDOUT_FILENO, &status) == 0 &&
-           std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == pszStream;
-}
+constexpr std::chrono::milliseconds kHurriedLook{1};
 
 // As syslog counts them: 3 an error, 4 a warning, 6 information.
 const char *priorityOf(const PCCASTEvent &event) {
@@ -45,10 +38,22 @@ const char *priorityOf(const PCCASTEvent &event) {
 
 } // namespace
 
-Audit::Audit(const Plugin &loaded) : plugin(loaded), thread([this] { run(); }) {}
+bool isJournal() {
+    const char *const pszStream = std::getenv("JOURNAL_STREAM");
+    struct stat status {};
+    return pszStream != nullptr && fstat(STDOUT_FILENO, &status) == 0 &&
+           std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == pszStream;
+}
+
+Audit::Audit(const Plugin &loaded, bool bPriorities)
+    : plugin(loaded), bJournal(bPriorities), thread([this] { run(); }) {}
 
 Audit::~Audit() {
     stop();
+}
+
+void Audit::hurry() {
+    bHurry = true;
 }
 
 void Audit::stop() {
@@ -59,8 +64,7 @@ void Audit::stop() {
 }
 
 void Audit::run() {
-    const bool bJournal = isJournal();
-    const auto write = [bJournal](const char *pszPriority, const std::string &sText) {
+    const auto write = [this](const char *pszPriority, const std::string &sText) {
         std::printf("%spccast: audit: %s\n", bJournal ? pszPriority : "", sText.c_str());
     };
     std::array<PCCASTEvent, 64> aEvents{};
@@ -85,7 +89,7 @@ void Audit::run() {
             if (bLast) {
                 return;
             }
-            std::this_thread::sleep_for(kLook);
+            std::this_thread::sleep_for(bHurry ? kHurriedLook : kLook);
         }
     }
 }

@@ -10,13 +10,19 @@
 #include <atomic>
 #include <thread>
 
+// Whether the system's journal reads standard output. Ask before something else takes its place.
+bool isJournal();
+
 class Audit {
 public:
-    explicit Audit(const Plugin &loaded);
+    // bPriorities: with the priority in front of each line that the journal takes.
+    Audit(const Plugin &loaded, bool bPriorities);
     ~Audit();
     Audit(const Audit &) = delete;
     Audit &operator=(const Audit &) = delete;
 
+    // The service is about to be closed. Its last events can be read for a moment only, so look more often.
+    void hurry();
     // Writes what is left, and ends.
     void stop();
 
@@ -24,6 +30,8 @@ private:
     void run();
 
     Plugin plugin;
+    bool bJournal;
+    std::atomic<bool> bHurry{false};
     std::atomic<bool> bStop{false};
     std::thread thread;
 };

@@ -319,7 +319,7 @@ std::string leftOf(const Json &request, const Json &view) {
         return "";
     }
     if (request.contains("repeats") && numberOf(request, "repeats") != 0) {
-        return std::to_string(numberOf(request, "repeats_left")) + "x";
+        return std::to_string(numberOf(request, "repeats_left")) + " more";
     }
     const Json &playout = partOf(view, "playout");
     if (numberOf(playout, "request") == numberOf(request, "request") && playout.contains("length_ms")) {
@@ -455,8 +455,8 @@ std::vector<std::string> listLines(const Json &view, const Screen &screen) {
         const std::string sWhy = textOf(requests[i], "why");
         std::string sLine = joined(rows[i], aWidth, eEnd);
         if (bWide) {
-            lines.push_back(
-                coloured(sLine + (sWhy.empty() ? "" : "  " + sWhy), colourOf(requests[i]), screen));
+            sLine += sWhy.empty() ? "" : "  " + sWhy;
+            lines.push_back(coloured(sLine, colourOf(requests[i]), screen));
             continue;
         }
         lines.push_back(coloured(sLine, colourOf(requests[i]), screen));
@@ -481,18 +481,18 @@ namespace {
 
 // ---- status
 
-// How the relay on air does.
-std::string relayLine(const Json &relay, unsigned long ulNow) {
-    std::string sLine = std::to_string(numberOf(relay, "datagrams_per_second")) + " datagrams/s, " +
-                        bitRate(numberOf(relay, "bytes_per_second")) + ", " +
-                        plural(numberOf(relay, "datagrams"), "datagram") + " in all, " +
+// What the relay on air brings just now, and what it has brought.
+std::string rateLine(const Json &relay) {
+    return std::to_string(numberOf(relay, "datagrams_per_second")) + " datagrams/s, " +
+           bitRate(numberOf(relay, "bytes_per_second"));
+}
+
+std::string relayLine(const Json &relay) {
+    std::string sLine = plural(numberOf(relay, "datagrams"), "datagram") + " in all, " +
                         std::to_string(numberOf(relay, "dropped")) + " dropped, " +
                         std::to_string(numberOf(relay, "failed")) + " not sent";
-    if (const unsigned long ulSince = numberOf(relay, "silent_since"); ulSince != 0) {
-        sLine += ", SILENT since " + moment(ulSince, ulNow);
-    }
     if (const unsigned long ulSilence = numberOf(relay, "silence"); ulSilence != 0) {
-        sLine += ", silent for " + std::to_string(ulSilence) + " s in all";
+        sLine += ", silent for " + std::to_string(ulSilence) + " s";
     }
     return sLine;
 }
@@ -509,7 +509,11 @@ std::string playoutLine(const Json &playout) {
 
 std::string trafficLine(const Json &view, unsigned long ulRequest) {
     if (numberOf(partOf(view, "relay"), "request") == ulRequest) {
-        return relayLine(partOf(view, "relay"), numberOf(view, "time"));
+        const Json &relay = partOf(view, "relay");
+        const unsigned long ulSilent = numberOf(relay, "silent_since");
+        return (ulSilent == 0 ? rateLine(relay)
+                              : "silent since " + moment(ulSilent, numberOf(view, "time"))) +
+               ", " + relayLine(relay);
     }
     return numberOf(partOf(view, "playout"), "request") == ulRequest ? playoutLine(partOf(view, "playout"))
                                                                      : "";
@@ -531,17 +535,29 @@ std::string onAirBar(const Json &view, const Json &request) {
 
 namespace {
 
+void addLine(std::vector<std::string> *pLines, const std::string &sText) {
+    if (!sText.empty()) {
+        pLines->push_back("    " + sText);
+    }
+}
+
 void addOnAir(std::vector<std::string> *pLines, const Json &request, const Json &view, const Screen &screen) {
     const unsigned long ulNow = numberOf(view, "time");
-    const unsigned long ulEnd = numberOf(request, "end");
-    pLines->push_back("  " + coloured(shortNameOf(request), kGreen, screen) + "  " + routeOf(request) +
-                      " until " + moment(ulEnd, ulNow) + ", left " + leftOf(request, view));
-    pLines->push_back("    " + textOf(request, "identity"));
-    for (const std::string &sLine :
-         {screen.bBar ? onAirBar(view, request) : "", trafficLine(view, numberOf(request, "request"))}) {
-        if (!sLine.empty()) {
-            pLines->push_back("    " + sLine);
-        }
+    pLines->push_back("  " + coloured(shortNameOf(request), kGreen, screen) + "  " + routeOf(request));
+    pLines->push_back("    until " + moment(numberOf(request, "end"), ulNow) + ", left " +
+                      leftOf(request, view) + "  " + textOf(request, "identity"));
+    const Json &relay = partOf(view, "relay");
+    const bool bRelay = numberOf(relay, "request") == numberOf(request, "request");
+    if (screen.bBar) {
+        addLine(pLines, onAirBar(view, request));
+    }
+    if (bRelay) {
+        const unsigned long ulSilent = numberOf(relay, "silent_since");
+        addLine(pLines, ulSilent == 0 ? rateLine(relay)
+                                      : coloured("silent since " + moment(ulSilent, ulNow), kRed, screen));
+        addLine(pLines, relayLine(relay));
+    } else if (numberOf(partOf(view, "playout"), "request") == numberOf(request, "request")) {
+        addLine(pLines, playoutLine(partOf(view, "playout")));
     }
 }
 
@@ -574,10 +590,9 @@ std::vector<std::string> statusLines(const Json &view, const std::vector<Json> &
         if (hasPlace(request, "on-air") && !bMessage) {
             addOnAir(&onAir, request, view, screen);
         } else if (hasPlace(request, "on-air")) {
-            messages.push_back("  " + coloured("on air", kGreen, screen) + "  " + routeOf(request) +
-                               " until " + moment(numberOf(request, "end"), ulNow) + ", left " +
-                               leftOf(request, view));
-            messages.push_back("    " + textOf(request, "identity"));
+            messages.push_back("  " + coloured("on air", kGreen, screen) + "  " + routeOf(request));
+            messages.push_back("    until " + moment(numberOf(request, "end"), ulNow) + ", left " +
+                               leftOf(request, view) + "  " + textOf(request, "identity"));
         } else if (!hasPlace(request, "over")) {
             ++waiting[textOf(request, "kind")];
         }

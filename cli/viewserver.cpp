@@ -17,6 +17,7 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <list>
 #include <string>
@@ -36,15 +37,18 @@ constexpr int kEventsMost = 256;               // events in one answer
 constexpr std::chrono::seconds kPatience{5};   // for a request to come, and for an answer to be fetched
 constexpr std::chrono::seconds kFarewell{1};   // for the last answers
 constexpr std::chrono::milliseconds kLook{50}; // between two looks for new events
+constexpr std::chrono::milliseconds kHurriedLook{1};
 constexpr const char *kHeadEnd = "\r\n\r\n";
 
 enum ConnectionState { READING, WAITING, SENDING, OVER };
 
 struct Connection {
-    explicit Connection(Endpoint accepted)
-        : endpoint(std::move(accepted)), deadline(Clock::now() + kPatience) {}
+    explicit Connection(int iAccepted) : iSocket(iAccepted), deadline(Clock::now() + kPatience) {}
+    ~Connection() { close(iSocket); }
+    Connection(const Connection &) = delete;
+    Connection &operator=(const Connection &) = delete;
 
-    Endpoint endpoint;
+    int iSocket;
     ConnectionState eState = READING;
     Clock::time_point deadline; // READING, SENDING: closed then; WAITING: answered then
     std::string sHead;          // the request
@@ -135,6 +139,7 @@ struct ViewServer::Work {
     Router router;
     Endpoint listener{nullptr, [](KTNET_ENDPOINT *pEndpoint) { ktn_xapi_ktnet_delete(&pEndpoint); }};
     int iWake = -1;
+    std::atomic<bool> bHurry{false};
     std::atomic<bool> bStop{false};
     std::thread thread;
 
@@ -145,6 +150,7 @@ struct ViewServer::Work {
     bool bFarewell = false;          // nobody waits any more
     unsigned long ulNewest = 0;      // number of the newest event
     Clock::time_point acceptAgain;   // after an accept that failed
+    Clock::time_point sayAgain;      // of a client that is refused
 
     explicit Work(const Plugin &loaded) : plugin(loaded) {
         router.set_pre_routing_handler([](const httplib::Request &request, httplib::Response &response) {
@@ -260,12 +266,31 @@ struct ViewServer::Work {
 
     // ---- the sockets
 
+    // Whether the client is this user or root. Says whom it refuses, but not more often than every ten
+    // seconds.
+    bool isAllowed(int iSocket) {
+        struct ucred peer {};
+        socklen_t uiSize = sizeof peer;
+        if (getsockopt(iSocket, SOL_SOCKET, SO_PEERCRED, &peer, &uiSize) == 0 &&
+            (peer.uid == geteuid() || peer.uid == 0)) {
+            return true;
+        }
+        if (Clock::now() >= sayAgain) {
+            std::fprintf(stderr, "pccast: %s: a client of another user (%u) is refused\n", PCCAST_VIEW_SOCKET,
+                         peer.uid);
+            sayAgain = Clock::now() + std::chrono::seconds(10);
+        }
+        return false;
+    }
+
     void accept() {
-        KTNET_ENDPOINT *pConnection = nullptr;
-        const int iResult = ktn_xapi_ktnet_accept(listener.get(), &pConnection);
-        if (iResult == 1) {
-            connections.emplace_back(Endpoint(pConnection, listener.get_deleter()));
-        } else if (iResult < 0 && iResult != -EACCES) {
+        // The framework's own accept hands out a client only when a frame of its own has come.
+        const int iSocket = accept4(listener->iSocket, nullptr, nullptr, SOCK_CLOEXEC);
+        if (iSocket >= 0 && isAllowed(iSocket)) {
+            connections.emplace_back(iSocket);
+        } else if (iSocket >= 0) {
+            close(iSocket);
+        } else if (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED) {
             acceptAgain = Clock::now() + std::chrono::milliseconds(100);
         }
         // Too many: the one that has kept its request back longest goes.
@@ -278,8 +303,7 @@ struct ViewServer::Work {
 
     void receive(Connection *pConnection) {
         std::array<char, 4096> aBytes;
-        const ssize_t lLength =
-            recv(pConnection->endpoint->iSocket, aBytes.data(), aBytes.size(), MSG_DONTWAIT);
+        const ssize_t lLength = recv(pConnection->iSocket, aBytes.data(), aBytes.size(), MSG_DONTWAIT);
         if (lLength <= 0) {
             if (lLength == 0 || (errno != EAGAIN && errno != EINTR)) {
                 pConnection->eState = OVER;
@@ -303,7 +327,7 @@ struct ViewServer::Work {
     static void send(Connection *pConnection) {
         const std::string &sAnswer = pConnection->sAnswer;
         while (pConnection->uSent < sAnswer.size()) {
-            const ssize_t lSent = ::send(pConnection->endpoint->iSocket, sAnswer.data() + pConnection->uSent,
+            const ssize_t lSent = ::send(pConnection->iSocket, sAnswer.data() + pConnection->uSent,
                                          sAnswer.size() - pConnection->uSent, MSG_DONTWAIT | MSG_NOSIGNAL);
             if (lSent < 0) {
                 if (errno != EAGAIN && errno != EINTR) {
@@ -337,9 +361,10 @@ struct ViewServer::Work {
 
     // Milliseconds until something is due without a client doing anything.
     int timeUntilDue() const {
+        const auto look = bHurry ? kHurriedLook : kLook;
         auto due = Clock::now() + std::chrono::hours(1);
         for (const Connection &connection : connections) {
-            due = std::min(due, connection.eState == WAITING ? Clock::now() + kLook : connection.deadline);
+            due = std::min(due, connection.eState == WAITING ? Clock::now() + look : connection.deadline);
         }
         if (acceptAgain > Clock::now()) {
             due = std::min(due, acceptAgain);
@@ -357,8 +382,7 @@ struct ViewServer::Work {
         bool bWaiting = false;
         for (const Connection &connection : connections) {
             const bool bSending = connection.eState == SENDING;
-            polls.push_back(
-                {connection.endpoint->iSocket, static_cast<short>(bSending ? POLLOUT : POLLIN), 0});
+            polls.push_back({connection.iSocket, static_cast<short>(bSending ? POLLOUT : POLLIN), 0});
             bWaiting = bWaiting || connection.eState == WAITING;
         }
         poll(polls.data(), polls.size(), timeUntilDue());
@@ -417,6 +441,10 @@ bool ViewServer::start() {
     }
     pWork->thread = std::thread([pWorking = pWork.get()] { pWorking->run(); });
     return true;
+}
+
+void ViewServer::hurry() {
+    pWork->bHurry = true;
 }
 
 void ViewServer::stop() {

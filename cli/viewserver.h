@@ -23,6 +23,8 @@ public:
     // Listens and starts the thread. The plug-in may be open or not. Returns false when the socket cannot be
     // had; the reason is on standard error.
     bool start();
+    // The service is about to be closed. Its last events can be read for a moment only, so look more often.
+    void hurry();
     // Gives those who wait for events what there is, and ends. The socket file is gone then. Takes at most a
     // second.
     void stop();

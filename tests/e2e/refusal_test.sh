@@ -12,8 +12,8 @@ refused 64 "SOURCE: '239.77.0.1' has no port" "$pccast" relay 239.77.0.1 $cast
 refused 64 "start: 'noon' is not a time" "$pccast" relay 239.77.0.1:1 $cast --start noon
 refused 64 'IDENTITY' "$pccast" stop 1:2:3
 refused 64 'which cast?' "$pccast" stop
-refused 64 'is no interface of this machine' "$pccast" serve --interface nosuch0
-refused 64 'is no interface of this machine' "$pccast" watch --interface nosuch0
+refused 69 'is no interface of this machine' "$pccast" serve --interface nosuch0
+refused 69 'is no interface of this machine' "$pccast" watch --interface nosuch0
 refused 64 "type: '0' is not a number from 1 to 3" "$pccast" stop --type 0 --epg 1 --start now --end +1s --port 1
 refused 64 "no argument '--bogus'" "$pccast" --bogus
 refused 64 "no argument '--too'" "$pccast" file film.ts --too $cast
@@ -26,6 +26,7 @@ refused 65 'at most 65429' "$pccast" message "$(head -c 65430 /dev/zero | tr '\0
 refused 65 'nothing left to stop' "$pccast" stop 1:2:1000:2000:5000:ts
 refused 70 'output cannot be written' bash -c '"$1" --help >/dev/full' - "$pccast"
 refused 70 'cannot be written: No such file' "$pccast" station "$samples/sample.asf" --group 239.77.0.2 --port 1 -o no/file
+refused 70 'not a regular file' "$pccast" station "$samples/sample.asf" --group 239.77.0.2 --port 1 -o /dev/null
 refused 66 'No such file' "$pccast" file nosuch.ts --to $cast
 refused 66 'not a regular file' "$pccast" file /tmp --to $cast
 head -c 5000 /dev/zero >zeros
@@ -33,6 +34,15 @@ refused 65 'neither an ASF file nor a transport stream' "$pccast" file zeros --t
 refused 69 'cannot be loaded' "$pccast" serve --plugin ./zeros
 refused 69 'has no QX_PlugIn_Name' "$pccast" serve --plugin "$bin/../lib/libvexa_pgl.so.1"
 refused 69 'heard 0 of 1' "$pccast" watch --count 1 --for 1s
+
+# A planted link is not followed, the file itself is replaced whole, and who may read it is as usual.
+echo mine >other
+ln -s other station.nsc.new
+ln -s other station.nsc
+(umask 022 && "$pccast" station "$samples/sample.asf" --group 239.77.0.2 --port 1 -o station.nsc) || fail "exit code $?"
+[ "$(cat other)" = mine ] || fail "a planted link was followed"
+[ "$(stat -c '%F %a' station.nsc)" = 'regular file 644' ] || fail "$(stat station.nsc)"
+[ "$(echo station.nsc*)" = 'station.nsc station.nsc.new' ] || fail "something is left: $(echo station.nsc*)"
 
 # Another file stands where a socket belongs: it stays, and the reason is given.
 echo mine >/tmp/PCMBC.uds

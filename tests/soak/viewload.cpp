@@ -101,9 +101,8 @@ unsigned long setting(const char *pszName, unsigned long ulDefault) {
 }
 
 TEST_F(ViewLoadTest, CountsAreThoseOfTheTrafficWhileSixteenRead) {
-    const unsigned long ulSeconds =
-        std::getenv("VIEW_SECONDS") == nullptr ? 3 : std::strtoul(std::getenv("VIEW_SECONDS"), nullptr, 10);
-    const unsigned long ulDatagrams = kViewRate * ulSeconds;
+    const unsigned long ulRate = setting("VIEW_RATE", kViewRate);
+    const unsigned long ulDatagrams = ulRate * setting("VIEW_SECONDS", 2);
     std::atomic<bool> bOver{false};
     std::atomic<unsigned long> ulReads{0};
     std::vector<std::thread> readers;
