@@ -68,8 +68,11 @@ int history(const HistoryOptions &options) {
     while (iExit == EXIT_DONE) {
         Json answer;
         iExit = ask(options, query, &answer);
+        if (iExit != EXIT_DONE) {
+            return iExit;
+        }
         const Json page = answer.value("entries", Json::array());
-        if (iExit != EXIT_DONE || page.empty()) {
+        if (page.empty()) {
             break;
         }
         for (const Json &entry : page) {
