@@ -27,12 +27,24 @@ void row(const std::string &name, double dValue, const char *pUnit) {
     std::fflush(stdout);
 }
 
-bool rowAtMost(const std::string &name, double dValue, const char *pUnit, double dBound) {
-    row(name, dValue, pUnit);
+double rowSpread(const std::string &name, std::vector<double> values, const char *pUnit) {
+    const double dMedian = percentile(values, 0.5);
+    std::printf("%s %.3f %s %.3f %.3f\n", name.c_str(), dMedian, pUnit, percentile(values, 0),
+                percentile(values, 1));
+    std::fflush(stdout);
+    return dMedian;
+}
+
+bool keepsAtMost(const std::string &name, double dValue, double dBound) {
     if (dValue > dBound) {
         std::fprintf(stderr, "bench: %s is %.3f, above its bound of %.3f\n", name.c_str(), dValue, dBound);
     }
     return dValue <= dBound;
+}
+
+bool rowAtMost(const std::string &name, double dValue, const char *pUnit, double dBound) {
+    row(name, dValue, pUnit);
+    return keepsAtMost(name, dValue, dBound);
 }
 
 bool rowAtLeast(const std::string &name, double dValue, const char *pUnit, double dBound) {

@@ -24,6 +24,12 @@ void row(const std::string &name, double dValue, const char *pUnit);
 bool rowAtMost(const std::string &name, double dValue, const char *pUnit, double dBound);
 bool rowAtLeast(const std::string &name, double dValue, const char *pUnit, double dBound);
 
+// Prints the median of the turns' values, with the least and the greatest behind the unit. Returns the
+// median.
+double rowSpread(const std::string &name, std::vector<double> values, const char *pUnit);
+// Returns whether the figure keeps its bound; one that does not is named on standard error.
+bool keepsAtMost(const std::string &name, double dValue, double dBound);
+
 // The value that the given share (0 to 1) of the samples stays below; 0 without samples. Sorts the samples.
 double percentile(std::vector<double> &samples, double dShare);
 
