@@ -29,6 +29,9 @@ void addFileCommand(CLI::App &app, int &iExitCode);
 void addStopCommand(CLI::App &app, int &iExitCode);
 void addMessageCommand(CLI::App &app, int &iExitCode);
 void addCancelCommand(CLI::App &app, int &iExitCode);
+void addListCommand(CLI::App &app, int &iExitCode);
+void addStatusCommand(CLI::App &app, int &iExitCode);
+void addEventsCommand(CLI::App &app, int &iExitCode);
 void addWatchCommand(CLI::App &app, int &iExitCode);
 void addStationCommand(CLI::App &app, int &iExitCode);
 

@@ -11,8 +11,8 @@
 namespace {
 
 constexpr void (*kCommands[])(CLI::App &, int &) = {
-    addServeCommand,   addRelayCommand,  addFileCommand,  addStopCommand,
-    addMessageCommand, addCancelCommand, addWatchCommand, addStationCommand,
+    addServeCommand, addRelayCommand,  addFileCommand,   addStopCommand,  addMessageCommand, addCancelCommand,
+    addListCommand,  addStatusCommand, addEventsCommand, addWatchCommand, addStationCommand,
 };
 
 constexpr const char *kFooter =

@@ -87,25 +87,6 @@ std::string textForTerminal(std::string_view sText) {
     return sSafe;
 }
 
-std::string textForJSON(std::string_view sText) {
-    std::string sJSON = "\"";
-    while (!sText.empty()) {
-        const Character character = firstCharacter(sText);
-        if (!character.bValid) {
-            sJSON += "\\ufffd";
-        } else if (character.uiCode == '"' || character.uiCode == '\\') {
-            sJSON += '\\';
-            sJSON += static_cast<char>(character.uiCode);
-        } else if (isControl(character.uiCode)) {
-            sJSON += "\\u" + hex(character.uiCode, 4);
-        } else {
-            sJSON += sText.substr(0, character.uBytes);
-        }
-        sText.remove_prefix(character.uBytes);
-    }
-    return sJSON + "\"";
-}
-
 bool isUTF8(std::string_view sText) {
     while (!sText.empty()) {
         const Character character = firstCharacter(sText);
@@ -115,6 +96,18 @@ bool isUTF8(std::string_view sText) {
         sText.remove_prefix(character.uBytes);
     }
     return true;
+}
+
+std::string textFront(std::string_view sText, size_t uBytes) {
+    size_t uFront = 0;
+    while (uFront < sText.size()) {
+        const size_t uNext = uFront + firstCharacter(sText.substr(uFront)).uBytes;
+        if (uNext > uBytes) {
+            break;
+        }
+        uFront = uNext;
+    }
+    return std::string(sText.substr(0, uFront));
 }
 
 std::string textAsHex(std::string_view sText) {

@@ -1,4 +1,4 @@
-// safetext.h - makes texts from the network safe for a terminal and for JSON.
+// safetext.h - makes texts from the network safe for a terminal.
 //
 // Received bytes may be anything: escape sequences, half characters, text that runs backwards. Pure
 // functions.
@@ -12,10 +12,10 @@
 // \u{NNNN}, and doubles a backslash. The result is one line and cannot steer the terminal.
 std::string textForTerminal(std::string_view sText);
 
-// The text as a JSON string, with its quotes. Bytes that are not UTF-8 become U+FFFD; isUTF8 tells whether
-// there are any.
-std::string textForJSON(std::string_view sText);
 bool isUTF8(std::string_view sText);
+
+// The whole characters in the first uBytes bytes.
+std::string textFront(std::string_view sText, size_t uBytes);
 
 // Two hexadecimal digits for each byte.
 std::string textAsHex(std::string_view sText);

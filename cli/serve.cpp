@@ -1,9 +1,11 @@
 // pccast serve - the host process. It loads and opens the plug-in, waits for a signal, and closes the
 // plug-in.
+#include "audit.h"
 #include "commands.h"
 #include "interface.h"
 #include "localsocket.h"
 #include "pluginloader.h"
+#include "viewserver.h"
 #include "wire.h"
 
 #include <CLI/CLI.hpp>
@@ -30,14 +32,15 @@ struct ServeOptions {
     std::string sPlugin;
 };
 
+// The plug-in's two sockets. The view socket is this program's own.
 constexpr std::array<const char *, 2> kSockets{PCCAST_CAST_SOCKET, PCCAST_MESSAGE_SOCKET};
 constexpr std::chrono::milliseconds kLookInterval{20};
 constexpr int kListenLooks = 250; // 5 s for both sockets to be served
 
-// Returns EXIT_DONE when both sockets are free. Else another service or something else is in the way: says
+// Returns EXIT_DONE when every socket is free. Else another service or something else is in the way: says
 // so.
 int checkSocketsFree() {
-    for (const char *pszSocket : kSockets) {
+    for (const char *pszSocket : {kSockets[0], kSockets[1], PCCAST_VIEW_SOCKET}) {
         const int iError = probeSocket(pszSocket);
         if (iError == EACCES) {
             return sayForeignSocket(pszSocket);
@@ -139,9 +142,16 @@ int serve(const ServeOptions &options) {
     }
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
+    // The view answers before the first request can come, and until the last event has been told.
+    ViewServer view(plugin);
+    if (!view.start()) {
+        return sayAndReturn(EXIT_UNAVAILABLE,
+                            std::string("no view at ") + PCCAST_VIEW_SOCKET + "; its reason is above");
+    }
     if (plugin.pOpen() != 1) {
         return sayAndReturn(EXIT_UNAVAILABLE, "the plug-in did not open; its reason is above");
     }
+    Audit audit(plugin);
     const char *const pszMissing = waitUntilServed();
     if (pszMissing != nullptr) {
         closePlugin(plugin, signals);
@@ -163,7 +173,12 @@ int serve(const ServeOptions &options) {
     int iSignal = 0;
     sigwait(&signals, &iSignal);
     std::printf("pccast: %s: closing the service\n", strsignal(iSignal));
-    if (closePlugin(plugin, signals) != 1) {
+    audit.hurry();
+    view.hurry();
+    const int iClosed = closePlugin(plugin, signals);
+    audit.stop();
+    view.stop();
+    if (iClosed != 1) {
         return sayAndReturn(EXIT_INTERNAL, "the plug-in did not close cleanly");
     }
     std::printf("pccast: closed\n");

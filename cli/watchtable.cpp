@@ -18,15 +18,16 @@ struct Column {
     size_t uWidth;
 };
 // The most important columns come first: they fit into 80.
-constexpr std::array<Column, 9> kCastColumns{{{"EPG", 10},
-                                              {"KIND", 6},
-                                              {"FORMAT", 6},
-                                              {"DESTINATION", 21},
-                                              {"LEFT", 8},
-                                              {"STATE", 16},
-                                              {"FROM", 8},
-                                              {"UNTIL", 8},
-                                              {"BY", 0}}};
+constexpr std::array<Column, 10> kCastColumns{{{"EPG", 10},
+                                               {"KIND", 6},
+                                               {"FORMAT", 6},
+                                               {"DESTINATION", 21},
+                                               {"LEFT", 8},
+                                               {"STATE", 16},
+                                               {"FROM", 8},
+                                               {"UNTIL", 8},
+                                               {"IDENTITY", 38},
+                                               {"BY", 0}}};
 
 constexpr const char *kGreen = "\033[32m";
 constexpr const char *kRed = "\033[31m";
@@ -73,15 +74,16 @@ std::string castState(const WatchCast &cast, unsigned long ulNow, const char **p
 std::string castLine(const WatchCast &cast, unsigned long ulNow, const char **ppszColour) {
     const AirRecord &record = cast.record;
     const bool bLeft = cast.ulEnded == 0 && record.uiET && *record.uiET > ulNow;
-    const std::array<std::string, 9> aCell{std::to_string(*record.uiEPGID),
-                                           airTypeText(record),
-                                           airFormatText(record),
-                                           airDestination(record),
-                                           bLeft ? writeTimeLeft(*record.uiET - ulNow) : "",
-                                           castState(cast, ulNow, ppszColour),
-                                           record.uiST ? writeTimeOfDay(*record.uiST) : "",
-                                           record.uiET ? writeTimeOfDay(*record.uiET) : "",
-                                           cast.sSender};
+    const std::array<std::string, 10> aCell{std::to_string(*record.uiEPGID),
+                                            airTypeText(record),
+                                            airFormatText(record),
+                                            airDestination(record),
+                                            bLeft ? writeTimeLeft(*record.uiET - ulNow) : "",
+                                            castState(cast, ulNow, ppszColour),
+                                            record.uiST ? writeTimeOfDay(*record.uiST) : "",
+                                            record.uiET ? writeTimeOfDay(*record.uiET) : "",
+                                            airIdentity(record),
+                                            cast.sSender};
     std::string sLine = "  ";
     for (size_t i = 0; i < aCell.size(); ++i) {
         sLine += padded(aCell[i], kCastColumns[i].uWidth);

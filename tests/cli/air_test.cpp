@@ -1,6 +1,7 @@
 // Tests what watch makes of datagrams: literal bytes go in; records, lines, JSON and the table come out.
 #include <airdecode.h>
 #include <airtext.h>
+#include <json.h>
 #include <safetext.h>
 #include <watchtable.h>
 
@@ -97,7 +98,8 @@ TEST(AirText, LinesAndObjectsSayWhatWasHeard) {
     EXPECT_EQ(
         airLine(decode(kOnAir), 1790000010, "10.0.0.5"),
         "2026-09-21 14:13:30  ON AIR  epg 7  stream  H.264  to 239.1.2.3:5000  from 2026-09-21 14:13:20  "
-        "until 2026-09-21 15:13:20  left 00:59:50  crc ok  by 10.0.0.5");
+        "until 2026-09-21 15:13:20  left 00:59:50  crc ok  7:2:1790000000:1790003600:5000:0x2021  by "
+        "10.0.0.5");
     EXPECT_EQ(airLine(decode(kEnd), 1790000010, "10.0.0.5"),
               "2026-09-21 14:13:30  ENDED  epg 7  stream  H.264  crc ok  by 10.0.0.5");
     EXPECT_EQ(
@@ -108,7 +110,8 @@ TEST(AirText, LinesAndObjectsSayWhatWasHeard) {
     const std::pair<std::string, const char *> aObject[] = {
         {kOnAir,
          R"("kind":"on-air","ident":1234,"service":204,"command":262192,"sent":1790000005,"epg":7,"type":1,)"
-         R"("format":2,"start":1790000000,"end":1790003600,"address":"239.1.2.3","port":5000,"crcOk":true})"},
+         R"("format":2,"start":1790000000,"end":1790003600,"address":"239.1.2.3","port":5000,"crcOk":true,)"
+         R"("identity":"7:2:1790000000:1790003600:5000:0x2021"})"},
         {kAsf,
          R"("kind":"on-air","ident":1234,"service":204,"command":262192,"sent":1790000005,"epg":8,"type":16,)"
          R"("format":3,"start":1790000000,"end":1790003600,"crcOk":true,"stationCrcOk":true,"station":"NSC"})"},
@@ -137,15 +140,15 @@ TEST(AirText, ReceivedTextCannotSteerTheTerminal) {
         {"plain", "plain", "\"plain\""},
         {"\033[2Jx", "\\x1b[2Jx", "\"\\u001b[2Jx\""},
         {std::string("a\0b", 3), "a\\x00b", "\"a\\u0000b\""},
-        {"a\nb\r\t", "a\\nb\\x0d\\x09", "\"a\\u000ab\\u000d\\u0009\""},
+        {"a\nb\r\t", "a\\nb\\x0d\\x09", "\"a\\nb\\r\\t\""},
         {"\\n\"", "\\\\n\"", "\"\\\\n\\\"\""},
         {"\x7f", "\\u{7f}", "\"\\u007f\""},
         {"\xc2\x9bJ", "\\u{9b}J", "\"\\u009bJ\""},             // the one-character form of ESC [
         {"\x9bJ", "\\x9bJ", "\"\\ufffdJ\""},                   // the same as a lone byte
         {"\xe2\x80\xaexyz", "\\u{202e}xyz", "\"\\u202exyz\""}, // right-to-left override
-        {"\xed\x95\x9c\xea\xb8\x80", "\xed\x95\x9c\xea\xb8\x80", "\"\xed\x95\x9c\xea\xb8\x80\""},
-        {"\xf0\x9f\x98\x80", "\xf0\x9f\x98\x80", "\"\xf0\x9f\x98\x80\""},
-        {"\xe2\x80", "\\xe2\\x80", "\"\\ufffd\\ufffd\""},                 // cut character
+        {"\xed\x95\x9c\xea\xb8\x80", "\xed\x95\x9c\xea\xb8\x80", "\"\\ud55c\\uae00\""},
+        {"\xf0\x9f\x98\x80", "\xf0\x9f\x98\x80", "\"\\ud83d\\ude00\""},
+        {"\xe2\x80", "\\xe2\\x80", "\"\\ufffd\""},                        // cut character
         {"\xc0\xaf", "\\xc0\\xaf", "\"\\ufffd\\ufffd\""},                 // written too long
         {"\xed\xa0\x80", "\\xed\\xa0\\x80", "\"\\ufffd\\ufffd\\ufffd\""}, // half of a pair
         {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80", "\"\\ufffd\\ufffd\\ufffd\\ufffd\""},
@@ -153,7 +156,7 @@ TEST(AirText, ReceivedTextCannotSteerTheTerminal) {
     for (const auto &test : aCase) {
         SCOPED_TRACE(test.pszTerminal);
         EXPECT_EQ(textForTerminal(test.sText), test.pszTerminal);
-        EXPECT_EQ(textForJSON(test.sText), test.pszJSON);
+        EXPECT_EQ(writeJSON(test.sText), test.pszJSON);
     }
     EXPECT_EQ(textCut("abcdef", 6), "abcdef");
     EXPECT_EQ(textCut("abcdefg", 6), "abcde…");
@@ -180,7 +183,8 @@ TEST(WatchTable, FollowsACastFromItsAnnouncementToItsEnd) {
 
     ASSERT_EQ(drawnWith(state, 1790000012, "H.264").size(), 1u); // repeated, not doubled
     EXPECT_NE(drawnWith(state, 1790000012, "H.264")[0].find(
-                  "239.1.2.3:5000         00:59:48  on air, 1 s ago   14:13:20  15:13:20  10.0.0.5"),
+                  "239.1.2.3:5000         00:59:48  on air, 1 s ago   14:13:20  15:13:20  "
+                  "7:2:1790000000:1790003600:5000:0x2021   10.0.0.5"),
               std::string::npos);
     EXPECT_EQ(drawnWith(state, 1790000040, "silent, 29 s ago").size(), 1u);
     EXPECT_EQ(drawnWith(state, 1790003600, "over").size(), 1u);
