@@ -9,4 +9,7 @@
 // EXIT_USAGE when this machine has no such interface (said on standard error).
 int checkInterface(const std::string &sInterface);
 
+// The IPv4 address of an interface that is named or is that address already. Empty when it has none now.
+std::string interfaceAddress(const std::string &sInterface);
+
 #endif

@@ -12,7 +12,7 @@ namespace {
 
 constexpr void (*kCommands[])(CLI::App &, int &) = {
     addServeCommand, addRelayCommand,  addFileCommand,   addStopCommand,  addMessageCommand, addCancelCommand,
-    addListCommand,  addStatusCommand, addEventsCommand, addWatchCommand, addStationCommand,
+    addListCommand,  addStatusCommand, addEventsCommand, addWatchCommand, addStationCommand, addTuneCommand,
 };
 
 constexpr const char *kFooter =

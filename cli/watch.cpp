@@ -3,6 +3,7 @@
 // One thread waits for both sockets, the signals and the clock in one poll. A bad datagram is shown as bad;
 // it never ends the program. A terminal gets a live table, any other output a line or a JSON object for each
 // datagram.
+#include "airsocket.h"
 #include "airtext.h"
 #include "clitext.h"
 #include "commands.h"
@@ -13,7 +14,6 @@
 #include <CLI/CLI.hpp>
 #include <arpa/inet.h>
 #include <poll.h>
-#include <qxapi_ktn.h>
 #include <sys/ioctl.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -40,7 +40,6 @@ struct WatchOptions {
 constexpr const char *kScreenOn = "\033[?1049h\033[?25l";
 constexpr const char *kScreenOff = "\033[?25h\033[?1049l";
 
-using Endpoint = std::unique_ptr<KTNET_ENDPOINT, void (*)(KTNET_ENDPOINT *)>;
 using Clock = std::chrono::steady_clock;
 
 struct Watch {
@@ -50,25 +49,6 @@ struct Watch {
     unsigned long ulCount = 0; // datagrams to hear; 0: no limit
     WatchState state;
 };
-
-// Joins the group on a port. Null: the reason is on standard error.
-Endpoint join(unsigned int uiPort, const std::string &sInterface) {
-    KTNET_ENDPOINT *pDesc = nullptr;
-    ktn_xapi_ktnet_init_with_version(&pDesc, 0, 2);
-    Endpoint endpoint(pDesc, [](KTNET_ENDPOINT *pEndpoint) { ktn_xapi_ktnet_delete(&pEndpoint); });
-    if (pDesc == nullptr) {
-        return endpoint;
-    }
-    pDesc->uiKind = KTNET_KIND_UDP;
-    pDesc->uiListen = 1;
-    pDesc->uiPort = uiPort;
-    std::strncpy(pDesc->szPeer, wire::kGroup, sizeof pDesc->szPeer - 1);
-    std::strncpy(pDesc->szLocal, sInterface.c_str(), sizeof pDesc->szLocal - 1);
-    if (ktn_xapi_ktnet_create(pDesc) <= 0) {
-        endpoint.reset();
-    }
-    return endpoint;
-}
 
 void drawTable(const Watch &watch) {
     struct winsize size {};
@@ -116,7 +96,7 @@ bool isOver(const Watch &watch) {
 
 // Runs until the time is over, enough was heard, a signal comes or the output fails. Returns 0, or the errno
 // of a poll or socket that failed.
-int run(Watch *pWatch, const std::array<Endpoint, 2> &endpoints, int iSignals) {
+int run(Watch *pWatch, const std::array<AirSocket, 2> &endpoints, int iSignals) {
     std::array<struct pollfd, 3> aPoll{
         {{endpoints[0]->iSocket, POLLIN, 0}, {endpoints[1]->iSocket, POLLIN, 0}, {iSignals, POLLIN, 0}}};
     while (!isOver(*pWatch)) {
@@ -162,8 +142,9 @@ int watchAir(const WatchOptions &options) {
     }
     watch.bTable = !options.bJSON && !options.bPlain && isatty(STDOUT_FILENO) == 1;
 
-    const std::array<Endpoint, 2> endpoints{join(wire::announcement::kPort, options.sInterface),
-                                            join(wire::broadcast::kPort, options.sInterface)};
+    const std::array<AirSocket, 2> endpoints{
+        joinGroup(wire::kGroup, wire::announcement::kPort, options.sInterface),
+        joinGroup(wire::kGroup, wire::broadcast::kPort, options.sInterface)};
     if (!endpoints[0] || !endpoints[1]) {
         return sayAndReturn(EXIT_UNAVAILABLE,
                             std::string(wire::kGroup) +
