@@ -33,6 +33,7 @@ void addListCommand(CLI::App &app, int &iExitCode);
 void addStatusCommand(CLI::App &app, int &iExitCode);
 void addEventsCommand(CLI::App &app, int &iExitCode);
 void addWatchCommand(CLI::App &app, int &iExitCode);
+void addReceiveCommand(CLI::App &app, int &iExitCode);
 void addTuneCommand(CLI::App &app, int &iExitCode);
 void addStationCommand(CLI::App &app, int &iExitCode);
 

@@ -11,8 +11,9 @@
 namespace {
 
 constexpr void (*kCommands[])(CLI::App &, int &) = {
-    addServeCommand, addRelayCommand,  addFileCommand,   addStopCommand,  addMessageCommand, addCancelCommand,
-    addListCommand,  addStatusCommand, addEventsCommand, addWatchCommand, addStationCommand, addTuneCommand,
+    addServeCommand,   addRelayCommand, addFileCommand,    addStopCommand,   addMessageCommand,
+    addCancelCommand,  addListCommand,  addStatusCommand,  addEventsCommand, addWatchCommand,
+    addStationCommand, addTuneCommand,  addReceiveCommand,
 };
 
 constexpr const char *kFooter =

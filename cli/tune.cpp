@@ -15,7 +15,6 @@
 #include <CLI/CLI.hpp>
 #include <poll.h>
 #include <sys/signalfd.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -172,19 +171,6 @@ void writePieces(Tune *pTune, const std::vector<MSBPiece> &pieces) {
     }
 }
 
-// Takes what has come to a socket. At most so many datagrams, so that no flood keeps the rest waiting.
-template <typename Take>
-void drain(int iSocket, Take take) {
-    std::array<unsigned char, 65536> aBytes;
-    for (int i = 0; i < 256; ++i) {
-        const ssize_t lLength = recv(iSocket, aBytes.data(), aBytes.size(), MSG_DONTWAIT);
-        if (lLength < 0) {
-            return;
-        }
-        take(aBytes.data(), static_cast<size_t>(lLength));
-    }
-}
-
 // Joins the group, and joins it again when it is silent: an interface may have been away.
 void keepJoined(Tune *pTune) {
     constexpr std::array<unsigned short, 2> kPorts{wire::announcement::kPort, wire::broadcast::kPort};
@@ -301,7 +287,7 @@ int run(Tune *pTune, int iSignals) {
         for (size_t i = 0; i < pTune->air.size(); ++i) {
             if (aPoll[i + 1].revents != 0) {
                 pTune->aHeard[i] = now();
-                drain(aPoll[i + 1].fd, [pTune](const unsigned char *pBytes, size_t uLength) {
+                drainSocket(aPoll[i + 1].fd, [pTune](const unsigned char *pBytes, size_t uLength) {
                     carryOut(pTune, tuneHear(&pTune->state, decodeAir(pBytes, uLength), now()), true);
                 });
             }
@@ -309,7 +295,7 @@ int run(Tune *pTune, int iSignals) {
         carryOut(pTune, tuneTick(&pTune->state, now()), true);
         if (pTune->media) {
             std::vector<MSBPiece> pieces;
-            drain(pTune->media->iSocket, [pTune, &pieces](const unsigned char *pBytes, size_t uLength) {
+            drainSocket(pTune->media->iSocket, [pTune, &pieces](const unsigned char *pBytes, size_t uLength) {
                 msbTake(&pTune->join, pBytes, uLength, now(), &pieces);
             });
             msbTick(&pTune->join, now(), &pieces);

@@ -6,7 +6,7 @@ start_service
 
 # expect DATAGRAMS BYTES-SENT BYTES-EXPECTED: one datagram sent to the source gives these on the destination.
 expect() {
-    "$bin/pccast-receive" 239.77.0.2:5000 received --datagrams "$1" --wait 5 >receive.log 2>&1 &
+    "$pccast" receive 239.77.0.2:5000 received --datagrams "$1" --wait 5 >receive.log 2>&1 &
     local receiver=$!
     within 5 grep -q "$(group_in_hex 239.77.0.2)" /proc/net/igmp
     printf '%b' "$2" >/dev/udp/$source/4000
