@@ -73,7 +73,9 @@ void hearAnnouncement(TuneState *pState, const AirRecord &record, unsigned long 
     }
     TuneCast cast;
     const bool bEnd = record.eKind == AIR_END;
-    if (!bEnd && !readCast(record, &cast)) {
+    // The CRC does not cover the frame's command. But an end has none of what is only in the other kind.
+    if (bEnd ? record.uiST || record.uiET || record.sAddress || record.usPort || record.sStation
+             : !readCast(record, &cast)) {
         return;
     }
     pState->uiSent = record.uiSendTime;
