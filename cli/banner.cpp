@@ -19,13 +19,16 @@ constexpr int kStripe = 10; // the coloured edge of the box
 // The bytes of the text's first characters that fill at most so many columns, but one character at least.
 size_t fitting(std::string_view sText, size_t uColumns) {
     size_t uBytes = 0;
-    for (size_t uNext = 1; uNext <= sText.size(); ++uNext) {
-        if (uNext < sText.size() && (static_cast<unsigned char>(sText[uNext]) & 0xC0) == 0x80) {
-            continue; // inside a character
+    while (uBytes < sText.size()) {
+        size_t uNext = uBytes + 1;
+        while (uNext < sText.size() && (static_cast<unsigned char>(sText[uNext]) & 0xC0) == 0x80) {
+            ++uNext;
         }
-        if (uBytes > 0 && textColumns(sText.substr(0, uNext)) > uColumns) {
+        const size_t uTaken = textColumns(sText.substr(uBytes, uNext - uBytes));
+        if (uBytes > 0 && uTaken > uColumns) {
             break;
         }
+        uColumns -= std::min(uTaken, uColumns);
         uBytes = uNext;
     }
     return uBytes;
