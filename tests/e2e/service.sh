@@ -77,7 +77,7 @@ start_watch() {
 
 # carries ADDRESS:PORT SOURCE: feeds a piece of the sample to SOURCE; it arrives at ADDRESS:PORT byte for byte.
 carries() {
-    "$bin/pccast-receive" "$1" received --datagrams 40 --wait 5 >receive.log 2>&1 &
+    "$pccast" receive "$1" received --datagrams 40 --wait 5 >receive.log 2>&1 &
     local receiver=$!
     within 5 grep -q "$(group_in_hex "$1")" /proc/net/igmp
     "$bin/pccast-feed" "$samples/sample.ts" "$2" 40 >feed.log 2>&1 || fail "the source could not be fed"
