@@ -57,15 +57,19 @@ bool beginsAsASF(const std::string &sPath) {
     return lRead > 0 && asfRecognises(aHead.data(), static_cast<size_t>(lRead));
 }
 
-// Finds the format from the file's content, with the reader that will play it.
+// Finds the format from the file's content, with the reader that will play it. Refuses what that reader
+// cannot play, as it would only fail later, on the air.
 int findFormat(const std::string &sPath, unsigned long *pulFormat) {
-    struct ts_qxapi_stream *const pStream = qxapi_open_stream(sPath.c_str());
-    if (pStream == nullptr) {
+    const std::unique_ptr<ts_qxapi_stream, decltype(&qxapi_close_stream)> pStream(
+        qxapi_open_stream(sPath.c_str()), qxapi_close_stream);
+    if (pStream == nullptr || pStream->pStart(pStream.get()) != 1) {
         return sayAndReturn(EXIT_BAD_DATA,
-                            sPath + " is neither an ASF file nor a transport stream (the reason is "
-                                    "above); give --format if you know that it is one");
+                            sPath +
+                                (pStream == nullptr ? " is neither an ASF file nor a transport stream"
+                                                    : " cannot be played") +
+                                " (the reason is above); nothing is requested; --format skips "
+                                "this check");
     }
-    qxapi_close_stream(pStream);
     *pulFormat = beginsAsASF(sPath) ? CAST_FORMAT_ASF : CAST_FORMAT_TS;
     return EXIT_DONE;
 }

@@ -30,6 +30,8 @@ refused 70 'not a regular file' "$pccast" station "$samples/sample.asf" --group 
 refused 66 'No such file' "$pccast" file nosuch.ts --to $cast
 refused 66 'not a regular file' "$pccast" file /tmp --to $cast
 head -c 5000 /dev/zero >zeros
+head -c 9400 /dev/zero | tr '\0' G > noclock # passes for a transport stream, but says no time
+refused 65 'no clock reference (PCR)' "$pccast" file noclock --to $cast
 refused 65 'neither an ASF file nor a transport stream' "$pccast" file zeros --to $cast
 refused 69 'cannot be loaded' "$pccast" serve --plugin ./zeros
 refused 69 'has no QX_PlugIn_Name' "$pccast" serve --plugin "$bin/../lib/libvexa_pgl.so.1"
