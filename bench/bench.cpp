@@ -78,8 +78,10 @@ int main(int argc, char **argv) {
             bHolds &= bench::fileBench(seconds(i));
         } else if (std::strcmp(argv[i], "service") == 0) {
             bHolds &= bench::serviceBench(seconds(i));
+        } else if (std::strcmp(argv[i], "stall") == 0) {
+            bHolds &= bench::stallBench(seconds(i));
         } else {
-            std::fprintf(stderr, "usage: pccast-bench {relay|seed|file|service} SECONDS ...\n");
+            std::fprintf(stderr, "usage: pccast-bench {relay|seed|file|service|stall} SECONDS ...\n");
             return 64;
         }
     }
