@@ -11,7 +11,6 @@
 #include "filecast.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/prctl.h>
@@ -25,7 +24,6 @@
 #include <atomic>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fstream>
@@ -72,23 +70,7 @@ struct Player {
 // ---- files
 
 pid_t startProgram(const std::vector<std::string> &command) {
-    const pid_t iChild = fork();
-    require(iChild >= 0, "fork");
-    if (iChild != 0) {
-        return iChild;
-    }
-    std::vector<char *> arguments;
-    arguments.reserve(command.size() + 1);
-    for (const std::string &word : command) {
-        arguments.push_back(const_cast<char *>(word.c_str()));
-    }
-    arguments.push_back(nullptr);
-    const int iNull = open("/dev/null", O_RDWR | O_CLOEXEC);
-    for (const int iDescriptor : {0, 1, 2}) {
-        dup2(iNull, iDescriptor);
-    }
-    execvp(arguments[0], arguments.data());
-    _exit(127);
+    return inProcess([&] { become(command); });
 }
 
 // Waits for the program's end. Returns the processor time that it took, in seconds; -1 if it failed.

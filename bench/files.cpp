@@ -1,8 +1,9 @@
-// Makes a transport stream whose packets hold their numbers, for the measurement beside busy programs.
+// Makes the file that is played beside busy programs.
 #include "bench.h"
 
 #include <array>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
