@@ -14,12 +14,12 @@ class App;
 }
 
 enum ExitCode {
-    EXIT_DONE = 0,         // done
-    EXIT_USAGE = 64,       // the command line cannot be understood
-    EXIT_BAD_DATA = 65,    // understood, but the request cannot be carried out
-    EXIT_NO_INPUT = 66,    // a file cannot be read
-    EXIT_UNAVAILABLE = 69, // no service listens, it cannot be started, or watch heard too few datagrams
-    EXIT_INTERNAL = 70,    // the program or the system failed, or a result cannot be written
+    EXIT_DONE = 0,          // done
+    EXIT_USAGE = 64,        // the command line cannot be understood
+    EXIT_BAD_DATA = 65,     // understood, but the request cannot be carried out
+    EXIT_NO_INPUT = 66,     // a file cannot be read
+    EXIT_UNAVAILABLE = 69,  // no service listens, it cannot be started, or watch heard too few datagrams
+    EXIT_INTERNAL = 70,     // the program or the system failed, or a result cannot be written
     EXIT_SWITCHED_OFF = 78, // the registry switches the service off
 
     // What became of a request.

@@ -20,9 +20,9 @@
 namespace {
 
 constexpr void (*kCommands[])(CLI::App &, int &) = {
-    addServeCommand, addRelayCommand,  addFileCommand,   addStopCommand,  addMessageCommand, addCancelCommand,
-    addListCommand,  addStatusCommand, addEventsCommand, addHistoryCommand, addWatchCommand, addStationCommand,
-    addTuneCommand,  addReceiveCommand,
+    addServeCommand,  addRelayCommand,   addFileCommand,   addStopCommand,    addMessageCommand,
+    addCancelCommand, addListCommand,    addStatusCommand, addEventsCommand,  addHistoryCommand,
+    addWatchCommand,  addStationCommand, addTuneCommand,   addReceiveCommand,
 };
 
 constexpr const char *kFooter =

@@ -74,7 +74,7 @@ int main() {
     sigemptyset(&signals);
     sigaddset(&signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    ViewServer view(plugin);
+    ViewServer view(plugin, nullptr);
     if (!view.start()) {
         return 69;
     }
