@@ -18,14 +18,6 @@ namespace {
 constexpr std::chrono::milliseconds kLook{50};
 constexpr std::chrono::milliseconds kHurriedLook{1};
 
-// Whether the system's journal reads standard output. It then takes a priority in front of each line.
-bool isJournal() {
-    const char *const pszStream = std::getenv("JOURNAL_STREAM");
-    struct stat status {};
-    return pszStream != nullptr && fstat(STDOUT_FILENO, &status) == 0 &&
-           std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == pszStream;
-}
-
 AuditPriority priorityOf(const PCCASTEvent &event) {
     switch (event.uiKind) {
     case PCCAST_EVENT_FAILED:
@@ -46,9 +38,18 @@ AuditPriority priorityOf(const PCCASTEvent &event) {
 
 } // namespace
 
+bool isJournal() {
+    static const bool bJournal = [] {
+        const char *const pszStream = std::getenv("JOURNAL_STREAM");
+        struct stat status {};
+        return pszStream != nullptr && fstat(STDOUT_FILENO, &status) == 0 &&
+               std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == pszStream;
+    }();
+    return bJournal;
+}
+
 void writeAudit(AuditPriority ePriority, const std::string &sText) {
-    static const bool bJournal = isJournal();
-    const std::string sPriority = bJournal ? "<" + std::to_string(ePriority) + ">" : "";
+    const std::string sPriority = isJournal() ? "<" + std::to_string(ePriority) + ">" : "";
     std::printf("%spccast: audit: %s\n", sPriority.c_str(), sText.c_str());
 }
 

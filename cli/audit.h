@@ -11,11 +11,14 @@
 #include <string>
 #include <thread>
 
+// Whether the system's journal read standard output when this was first asked. Ask before something else
+// takes its place.
+bool isJournal();
+
 // As syslog counts them.
 enum AuditPriority { AUDIT_ERROR = 3, AUDIT_WARNING = 4, AUDIT_NOTE = 6 };
 
-// Writes one line, "pccast: audit: TEXT". Where the system's journal reads, it takes the priority. Any
-// thread.
+// Writes one line, "pccast: audit: TEXT". To the journal it goes with its priority. Any thread.
 void writeAudit(AuditPriority ePriority, const std::string &sText);
 
 class Audit {

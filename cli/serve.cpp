@@ -3,6 +3,7 @@
 #include "audit.h"
 #include "clitext.h"
 #include "commands.h"
+#include "consolepump.h"
 #include "interface.h"
 #include "localsocket.h"
 #include "pluginloader.h"
@@ -12,10 +13,6 @@
 #include "wire.h"
 
 #include <CLI/CLI.hpp>
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <array>
 #include <atomic>
@@ -37,6 +34,7 @@ struct ServeOptions {
     std::string sKeep = "90d";
 };
 
+constexpr const char *kInterfaceVariable = "KTNET_MULTICAST_IF"; // the framework's senders read it
 // The plug-in's two sockets. The view socket is this program's own.
 constexpr std::array<const char *, 2> kSockets{PCCAST_CAST_SOCKET, PCCAST_MESSAGE_SOCKET};
 constexpr std::chrono::milliseconds kLookInterval{20};
@@ -63,23 +61,32 @@ int checkSocketsFree() {
     return EXIT_DONE;
 }
 
-// Without a route every announcement, message and relay would fail, one by one. Say it once, beforehand. The
-// service still runs, because a route may be added later. Connecting a datagram socket sends nothing.
-void warnWithoutRoute() {
-    struct sockaddr_in group {};
-    group.sin_family = AF_INET;
-    group.sin_port = htons(wire::announcement::kPort);
-    inet_pton(AF_INET, wire::kGroup, &group.sin_addr);
-    const int iSocket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (iSocket < 0) {
-        return;
+// "eth0 (192.0.2.7)"
+std::string interfaceText(const Interface &interface) {
+    if (interface.sName.empty()) {
+        return interface.sAddress.empty() ? "no interface" : interface.sAddress;
     }
-    if (connect(iSocket, reinterpret_cast<const struct sockaddr *>(&group), sizeof group) != 0) {
-        sayAndReturn(EXIT_DONE, std::string("nothing can be sent to ") + wire::kGroup + ": " +
-                                    std::strerror(errno) +
-                                    "; give --interface, or a route: ip route add 224.0.0.0/4 dev eth0");
+    return interface.sName + " (" + (interface.sAddress.empty() ? "no address" : interface.sAddress) + ")";
+}
+
+// What stands in the way of sending, if anything does. The service runs all the same, because the interface
+// or the route may come later.
+void warnWhereNothingIsSent(const std::string &sGiven, const Interface &interface, int iError) {
+    std::string sProblem;
+    if (iError != 0) {
+        sProblem = std::string("nothing can be sent to ") + wire::kGroup + ": " + std::strerror(iError) +
+                   "; name one of this machine's interfaces with --interface (it has " + listInterfaces() +
+                   "), or add a route for 224.0.0.0/4";
+    } else if (!interface.bUp) {
+        sProblem = "nothing can be sent by " + interface.sName + " while it is down; as root: ip link set " +
+                   interface.sName + " up";
+    } else if (interface.sAddress.empty()) {
+        sProblem = interface.sName + " has no IPv4 address; until it has one, nothing may arrive of what is "
+                                     "sent by it";
     }
-    close(iSocket);
+    if (!sProblem.empty()) {
+        sayAndReturn(EXIT_DONE, (sGiven.empty() ? "" : sGiven + ": ") + sProblem);
+    }
 }
 
 // The plug-in opens even if it cannot have a socket, so look. Returns the socket that is not served in time,
@@ -139,14 +146,18 @@ int serve(const ServeOptions &options) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     unsigned long ulKeep = 0;
     int iExit = checkArguments({{"--keep", readDuration(options.sKeep, &ulKeep)}});
-    if (iExit == EXIT_DONE) {
-        iExit = checkInterface(options.sInterface);
-    }
     if (iExit != EXIT_DONE) {
         return iExit;
     }
     if (!options.sInterface.empty()) {
-        setenv("KTNET_MULTICAST_IF", options.sInterface.c_str(), 1);
+        setenv(kInterfaceVariable, options.sInterface.c_str(), 1);
+    }
+    const char *const pszInterface = std::getenv(kInterfaceVariable);
+    const std::string sInterface = pszInterface == nullptr ? "" : pszInterface;
+    const std::string sGiven = options.sInterface.empty() ? kInterfaceVariable : "--interface";
+    iExit = checkInterface(sGiven.c_str(), sInterface);
+    if (iExit != EXIT_DONE) {
+        return iExit;
     }
 
     Plugin plugin{};
@@ -165,6 +176,8 @@ int serve(const ServeOptions &options) {
         sigaddset(&signals, iSignal);
     }
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    isJournal();
+    const ConsolePump pump;
 
     // The view answers before the first request can come, and until the last event has been told.
     std::unique_ptr<StateKeeper> pState;
@@ -192,17 +205,15 @@ int serve(const ServeOptions &options) {
         pState->start();
         iSignal = waitUntilRestored(*pState, signals);
     }
+    Interface interface = findInterface(sInterface).value_or(Interface{});
+    const int iError = sInterface.empty() ? findRoute(&interface) : 0;
     std::printf(
         "pccast: %s %u.%u.%u.%u serves casts on %s and messages on %s, sending by %s; Ctrl-C or SIGTERM "
         "ends it\n",
         plugin.pName(), plugin.pVersion() >> 24, plugin.pVersion() >> 16 & 0xFF,
         plugin.pVersion() >> 8 & 0xFF, plugin.pVersion() & 0xFF, kSockets[0], kSockets[1],
-        options.sInterface.empty() ? "the interface that the routing table names"
-                                   : options.sInterface.c_str());
-
-    if (options.sInterface.empty()) {
-        warnWithoutRoute();
-    }
+        interfaceText(interface).c_str());
+    warnWhereNothingIsSent(sInterface.empty() ? "" : sGiven, interface, iError);
 
     ServiceManager manager(plugin);
     manager.ready();

@@ -187,7 +187,7 @@ Json viewJSON(const PCCASTView &view) {
     for (const PCCASTViewThread &thread : view.threads) {
         object["threads"].push_back(
             Json{{"name", thread.pszName == nullptr ? "" : thread.pszName},
-                 {"state", nameOf(kThreadStates, static_cast<size_t>(thread.iState + 1))},
+                 {"state", nameOf(kThreadStates, static_cast<size_t>(thread.iState) + 1)},
                  {"alive", thread.iAlive == 1}});
     }
     object["relay"] = withRequest(view.ulRelay, relayJSON(view.relay));

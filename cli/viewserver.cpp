@@ -1,7 +1,6 @@
 #include "viewserver.h"
 
 #include "clitext.h"
-#include "statekeeper.h"
 #include "viewclient.h"
 #include "viewjson.h"
 
@@ -18,6 +17,7 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <list>
 #include <string>
@@ -43,10 +43,12 @@ constexpr const char *kHeadEnd = "\r\n\r\n";
 enum ConnectionState { READING, WAITING, SENDING, OVER };
 
 struct Connection {
-    explicit Connection(Endpoint accepted)
-        : endpoint(std::move(accepted)), deadline(Clock::now() + kPatience) {}
+    explicit Connection(int iAccepted) : iSocket(iAccepted), deadline(Clock::now() + kPatience) {}
+    ~Connection() { close(iSocket); }
+    Connection(const Connection &) = delete;
+    Connection &operator=(const Connection &) = delete;
 
-    Endpoint endpoint;
+    int iSocket;
     ConnectionState eState = READING;
     Clock::time_point deadline; // READING, SENDING: closed then; WAITING: answered then
     std::string sHead;          // the request
@@ -140,7 +142,7 @@ private:
 
 struct ViewServer::Work {
     Plugin plugin;
-    const StateKeeper *pState;
+    const KeptState *pState;
     Router router;
     Endpoint listener{nullptr, [](KTNET_ENDPOINT *pEndpoint) { ktn_xapi_ktnet_delete(&pEndpoint); }};
     int iWake = -1;
@@ -155,8 +157,9 @@ struct ViewServer::Work {
     bool bFarewell = false;          // nobody waits any more
     unsigned long ulNewest = 0;      // number of the newest event
     Clock::time_point acceptAgain;   // after an accept that failed
+    Clock::time_point sayAgain;      // of a client that is refused
 
-    Work(const Plugin &loaded, const StateKeeper *pKept) : plugin(loaded), pState(pKept) {
+    Work(const Plugin &loaded, const KeptState *pKept) : plugin(loaded), pState(pKept) {
         router.set_pre_routing_handler([](const httplib::Request &request, httplib::Response &response) {
             if (request.method == "GET" || request.method == "HEAD") {
                 return httplib::Server::HandlerResponse::Unhandled;
@@ -300,12 +303,31 @@ struct ViewServer::Work {
 
     // ---- the sockets
 
+    // Whether the client is this user or root. Says whom it refuses, but not more often than every ten
+    // seconds.
+    bool isAllowed(int iSocket) {
+        struct ucred peer {};
+        socklen_t uiSize = sizeof peer;
+        if (getsockopt(iSocket, SOL_SOCKET, SO_PEERCRED, &peer, &uiSize) == 0 &&
+            (peer.uid == geteuid() || peer.uid == 0)) {
+            return true;
+        }
+        if (Clock::now() >= sayAgain) {
+            std::fprintf(stderr, "pccast: %s: a client of another user (%u) is refused\n", PCCAST_VIEW_SOCKET,
+                         peer.uid);
+            sayAgain = Clock::now() + std::chrono::seconds(10);
+        }
+        return false;
+    }
+
     void accept() {
-        KTNET_ENDPOINT *pConnection = nullptr;
-        const int iResult = ktn_xapi_ktnet_accept(listener.get(), &pConnection);
-        if (iResult == 1) {
-            connections.emplace_back(Endpoint(pConnection, listener.get_deleter()));
-        } else if (iResult < 0 && iResult != -EACCES) {
+        // The framework's own accept hands out a client only when a frame of its own has come.
+        const int iSocket = accept4(listener->iSocket, nullptr, nullptr, SOCK_CLOEXEC);
+        if (iSocket >= 0 && isAllowed(iSocket)) {
+            connections.emplace_back(iSocket);
+        } else if (iSocket >= 0) {
+            close(iSocket);
+        } else if (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED) {
             acceptAgain = Clock::now() + std::chrono::milliseconds(100);
         }
         // Too many: the one that has kept its request back longest goes.
@@ -318,8 +340,7 @@ struct ViewServer::Work {
 
     void receive(Connection *pConnection) {
         std::array<char, 4096> aBytes;
-        const ssize_t lLength =
-            recv(pConnection->endpoint->iSocket, aBytes.data(), aBytes.size(), MSG_DONTWAIT);
+        const ssize_t lLength = recv(pConnection->iSocket, aBytes.data(), aBytes.size(), MSG_DONTWAIT);
         if (lLength <= 0) {
             if (lLength == 0 || (errno != EAGAIN && errno != EINTR)) {
                 pConnection->eState = OVER;
@@ -343,7 +364,7 @@ struct ViewServer::Work {
     static void send(Connection *pConnection) {
         const std::string &sAnswer = pConnection->sAnswer;
         while (pConnection->uSent < sAnswer.size()) {
-            const ssize_t lSent = ::send(pConnection->endpoint->iSocket, sAnswer.data() + pConnection->uSent,
+            const ssize_t lSent = ::send(pConnection->iSocket, sAnswer.data() + pConnection->uSent,
                                          sAnswer.size() - pConnection->uSent, MSG_DONTWAIT | MSG_NOSIGNAL);
             if (lSent < 0) {
                 if (errno != EAGAIN && errno != EINTR) {
@@ -398,8 +419,7 @@ struct ViewServer::Work {
         bool bWaiting = false;
         for (const Connection &connection : connections) {
             const bool bSending = connection.eState == SENDING;
-            polls.push_back(
-                {connection.endpoint->iSocket, static_cast<short>(bSending ? POLLOUT : POLLIN), 0});
+            polls.push_back({connection.iSocket, static_cast<short>(bSending ? POLLOUT : POLLIN), 0});
             bWaiting = bWaiting || connection.eState == WAITING;
         }
         poll(polls.data(), polls.size(), timeUntilDue());
@@ -435,7 +455,7 @@ struct ViewServer::Work {
     }
 };
 
-ViewServer::ViewServer(const Plugin &plugin, const StateKeeper *pState)
+ViewServer::ViewServer(const Plugin &plugin, const KeptState *pState)
     : pWork(std::make_unique<Work>(plugin, pState)) {}
 
 ViewServer::~ViewServer() {

@@ -1,12 +1,9 @@
 // pccast-receive - joins a group and writes the datagrams that it receives to a file, one after the other.
 //
-//   pccast-receive ADDRESS:PORT FILE [--skip BYTES] [--datagrams N] [--idle SECONDS] [--wait SECONDS]
-//
-// It waits at most --wait seconds (default 30) for the first datagram. It ends after N datagrams, or when
-// none has come for --idle seconds (default 2). --skip leaves out the first bytes of each datagram, such as
-// the 8 bytes of a Media Stream Broadcast packet's header. The exit code is 1 when nothing came or N was not
-// reached.
+// The exit code is 1 when nothing came, or less than was asked for.
 #include "../clitext.h"
+#include "../descriptors.h"
+#include "arguments.h"
 
 #include <qxapi_ktn.h>
 #include <sys/socket.h>
@@ -21,36 +18,13 @@ namespace {
 struct ReceiveOptions {
     std::string sAddress;
     unsigned short usPort = 0;
+    std::string sFile;
+    std::string sInterface;
     unsigned long ulSkip = 0;
     unsigned long ulDatagrams = 0; // 0: no limit
     unsigned long ulIdle = 2;
     unsigned long ulWait = 30;
 };
-
-std::string readArguments(int iArguments, char **ppArguments, ReceiveOptions *pReceive) {
-    if (iArguments < 3 || iArguments % 2 == 0) {
-        return "usage: pccast-receive ADDRESS:PORT FILE [--skip BYTES] [--datagrams N] [--idle SECONDS] "
-               "[--wait SECONDS]";
-    }
-    std::string sProblem = readEndpoint(ppArguments[1], &pReceive->sAddress, &pReceive->usPort);
-    const struct {
-        const char *pszName;
-        unsigned long *pulValue;
-        unsigned long ulMax;
-    } aOption[] = {{"--skip", &pReceive->ulSkip, 65535},
-                   {"--datagrams", &pReceive->ulDatagrams, kNumberMax},
-                   {"--idle", &pReceive->ulIdle, 3600},
-                   {"--wait", &pReceive->ulWait, 3600}};
-    for (int i = 3; i < iArguments && sProblem.empty(); i += 2) {
-        sProblem = std::string(ppArguments[i]) + " is not an option";
-        for (const auto &option : aOption) {
-            if (std::strcmp(option.pszName, ppArguments[i]) == 0) {
-                sProblem = readNumber(ppArguments[i + 1], option.ulMax, option.pulValue);
-            }
-        }
-    }
-    return sProblem;
-}
 
 int receive(const ReceiveOptions &receive, KTNET_ENDPOINT *pDesc, FILE *pFile) {
     std::array<unsigned char, 65536> aBytes;
@@ -83,14 +57,44 @@ int receive(const ReceiveOptions &receive, KTNET_ENDPOINT *pDesc, FILE *pFile) {
     return ulReceived == 0 || ulReceived < receive.ulDatagrams ? 1 : 0;
 }
 
-} // namespace
-
-int main(int iArguments, char **ppArguments) {
+int run(int iArguments, char **ppArguments) {
     ReceiveOptions wanted;
-    const std::string sProblem = readArguments(iArguments, ppArguments, &wanted);
-    if (!sProblem.empty()) {
-        std::fprintf(stderr, "pccast-receive: %s\n", sProblem.c_str());
-        return 64;
+    std::string sGroup;
+    CLI::App app("Writes the datagrams that come for a group or an address of this machine to a file.",
+                 "pccast-receive");
+    app.add_option("SOURCE", sGroup, "ADDRESS:PORT to listen on")->type_name("")->required();
+    app.add_option("FILE", wanted.sFile, "the file to write")->type_name("")->required();
+    app.add_option("--interface", wanted.sInterface, "join the group on this interface")
+        ->type_name("NAME|ADDRESS");
+    // The rows of the options with a number: the name, what it is for, the place, and the largest.
+    const struct {
+        const char *pszName;
+        const char *pszHelp;
+        unsigned long *pulValue;
+        unsigned long ulMax;
+    } aNumber[] = {{"--skip",
+                    "leave out the first bytes of each datagram, such as the 8 bytes of a Media Stream "
+                    "Broadcast packet's header",
+                    &wanted.ulSkip, 65535},
+                   {"--datagrams", "end after so many datagrams", &wanted.ulDatagrams, kNumberMax},
+                   {"--idle", "end when none has come for so many seconds (default 2)", &wanted.ulIdle, 3600},
+                   {"--wait", "wait so many seconds for the first one (default 30)", &wanted.ulWait, 3600}};
+    std::array<std::string, std::size(aNumber)> aText;
+    for (size_t i = 0; i < aText.size(); ++i) {
+        app.add_option(aNumber[i].pszName, aText[i], aNumber[i].pszHelp)->type_name("N");
+    }
+    app.footer("Example:\n  pccast-receive 239.1.2.3:5000 received.ts --datagrams 300");
+    const int iArgumentsExit = readArguments(&app, iArguments, ppArguments, [&] {
+        std::string sProblem = readEndpoint(sGroup, &wanted.sAddress, &wanted.usPort);
+        for (size_t i = 0; i < aText.size() && sProblem.empty(); ++i) {
+            if (!aText[i].empty()) {
+                sProblem = readNumber(aText[i], aNumber[i].ulMax, aNumber[i].pulValue);
+            }
+        }
+        return sProblem;
+    });
+    if (iArgumentsExit >= 0) {
+        return iArgumentsExit;
     }
     KTNET_ENDPOINT *pDesc = nullptr;
     if (ktn_xapi_ktnet_init_with_version(&pDesc, 0, 2) <= 0) {
@@ -100,15 +104,23 @@ int main(int iArguments, char **ppArguments) {
     pDesc->uiListen = 1;
     pDesc->uiPort = wanted.usPort;
     std::strncpy(pDesc->szPeer, wanted.sAddress.c_str(), sizeof pDesc->szPeer - 1);
+    std::strncpy(pDesc->szLocal, wanted.sInterface.c_str(), sizeof pDesc->szLocal - 1);
     int iExit = 1;
     if (ktn_xapi_ktnet_create(pDesc) > 0) { // first, so that a failure does not touch an older file
-        FILE *const pFile = std::fopen(ppArguments[2], "wb");
+        FILE *const pFile = std::fopen(wanted.sFile.c_str(), "wb");
         iExit = pFile == nullptr ? 1 : receive(wanted, pDesc, pFile);
         if (pFile == nullptr || std::fclose(pFile) != 0) {
-            std::fprintf(stderr, "pccast-receive: %s: %s\n", ppArguments[2], std::strerror(errno));
+            std::fprintf(stderr, "pccast-receive: %s: %s\n", wanted.sFile.c_str(), std::strerror(errno));
             iExit = 1;
         }
     }
     ktn_xapi_ktnet_delete(&pDesc);
     return iExit;
+}
+
+} // namespace
+
+int main(int iArguments, char **ppArguments) {
+    holdStandardDescriptors();
+    return runTool(run, iArguments, ppArguments);
 }

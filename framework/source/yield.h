@@ -11,7 +11,7 @@ constexpr long kYieldPauseNanoseconds = 10'000'000;
 
 // Stores when the calling thread's next packet is due. The thread's next qxapi_load_balance uses the time
 // and clears it.
-// llMonotonicNanoseconds: on CLOCK_MONOTONIC.
-void yieldSetNextDue(long long llMonotonicNanoseconds);
+// llDue, llNow: on CLOCK_MONOTONIC, nanoseconds. llNow: the present time; the pause reads no clock again.
+void yieldSetNextDue(long long llDue, long long llNow);
 
 #endif

@@ -124,13 +124,15 @@ TEST_F(StateTest, EveryFieldComesBack) {
     KeptRequest request;
     ASSERT_TRUE(store->load(left.casts[0], &request));
     const CASTInfo &cast = request.cast;
-    EXPECT_EQ(std::make_tuple(cast.ulCMD, cast.ulCT, cast.ulCASTType, cast.ulSTREAMFormat, cast.ulST, cast.ulET),
-              std::make_tuple(1ul, kNow - 10, 2ul, 0x2021ul, kNow - 10, kNow + 3600));
+    EXPECT_EQ(
+        std::make_tuple(cast.ulCMD, cast.ulCT, cast.ulCASTType, cast.ulSTREAMFormat, cast.ulST, cast.ulET),
+        std::make_tuple(1ul, kNow - 10, 2ul, 0x2021ul, kNow - 10, kNow + 3600));
     EXPECT_STREQ(cast.pSRCIP, "239.0.0.1");
     EXPECT_STREQ(cast.pDSTIP, "239.1.2.3");
     EXPECT_EQ(cast.pCASTFile, nullptr);
-    EXPECT_EQ(std::make_tuple(cast.usSRCPort, cast.usDSTPort, cast.ulMSID, cast.iEncryptionType, cast.iASFSplit),
-              std::make_tuple(4000, 5000, 3ul, 2, 1));
+    EXPECT_EQ(
+        std::make_tuple(cast.usSRCPort, cast.usDSTPort, cast.ulMSID, cast.iEncryptionType, cast.iASFSplit),
+        std::make_tuple(4000, 5000, 3ul, 2, 1));
     EXPECT_EQ(std::string(reinterpret_cast<char *>(cast.pEncryptionKey),
                           static_cast<size_t>(cast.iEncryptionKeyLen)),
               std::string("\x01\x00\xff", 3));

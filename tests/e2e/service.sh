@@ -66,7 +66,7 @@ end_service() {
     wait "$service" || status=$?
     [ "$status" -eq 0 ] || fail "the service ended with exit code $status"
     grep -q '^pccast: closed$' serve.log || fail "the service did not say that it closed"
-    [ ! -e /tmp/PCSTREAM.uds ] && [ ! -e /tmp/PCMBC.uds ] || fail "a socket file is left"
+    [ ! -e /tmp/PCSTREAM.uds ] && [ ! -e /tmp/PCMBC.uds ] && [ ! -e /tmp/PCVIEW.uds ] || fail "a socket file is left"
 }
 
 # From here on every datagram on air goes to the file heard, as one object a line.

@@ -3,8 +3,8 @@
 //
 //   kills PROGRAM FOLDER [KILLS [SEED]]
 //
-// Runs PROGRAM serve --state FOLDER, submits requests, stops and cancels, kills it after a random time, starts it
-// anew, and compares what lives with what was confirmed.
+// Runs PROGRAM serve --state FOLDER, submits requests, stops and cancels, kills it after a random time,
+// starts it anew, and compares what lives with what was confirmed.
 #include "viewclient.h"
 #include "viewjson.h"
 
@@ -114,7 +114,8 @@ void checkFile(const std::string &sPath) {
         return 0;
     };
     if (sqlite3_open_v2(sPath.c_str(), &pHandle, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK ||
-        sqlite3_exec(pHandle, "PRAGMA integrity_check", take, &sAnswer, nullptr) != SQLITE_OK || sAnswer != "ok") {
+        sqlite3_exec(pHandle, "PRAGMA integrity_check", take, &sAnswer, nullptr) != SQLITE_OK ||
+        sAnswer != "ok") {
         fail("the file is not sound: " + sAnswer + sqlite3_errmsg(pHandle));
     }
     sqlite3_close(pHandle);
@@ -239,7 +240,8 @@ int main(int iArguments, char **ppArguments) {
         const auto begin = Clock::now();
         const pid_t iService = startService(ppArguments[1], ppArguments[2]);
         compare(awaitRestored());
-        const auto lTook = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin).count();
+        const auto lTook =
+            std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin).count();
         lLongest = std::max(lLongest, lTook);
         if (i < iKills) {
             live(iService, std::clamp(kOperations / iKills, 3, 30), &random);
@@ -249,8 +251,9 @@ int main(int iArguments, char **ppArguments) {
             waitpid(iService, nullptr, 0);
         }
     }
-    std::printf("%d kills (seed %lu): %lu requests and %lu stops confirmed, none lost, none revived; the longest "
-                "start with %zu requests known took %ld ms\n",
-                iKills, ulSeed, gConfirmed, gStopped, gKnown.size(), lLongest);
+    std::printf(
+        "%d kills (seed %lu): %lu requests and %lu stops confirmed, none lost, none revived; the longest "
+        "start with %zu requests known took %ld ms\n",
+        iKills, ulSeed, gConfirmed, gStopped, gKnown.size(), lLongest);
     return gConfirmed > 0 && gStopped > 0 ? 0 : 1;
 }
