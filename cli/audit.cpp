@@ -18,6 +18,8 @@ namespace {
 constexpr std::chrono::milliseconds kLook{50};
 constexpr std::chrono::milliseconds kHurriedLook{1};
 
+std::atomic<bool> gJournal{false}; // written by noteJournal before any thread writes a line
+
 AuditPriority priorityOf(const PCCASTEvent &event) {
     switch (event.uiKind) {
     case PCCAST_EVENT_FAILED:
@@ -38,18 +40,15 @@ AuditPriority priorityOf(const PCCASTEvent &event) {
 
 } // namespace
 
-bool isJournal() {
-    static const bool bJournal = [] {
-        const char *const pszStream = std::getenv("JOURNAL_STREAM");
-        struct stat status {};
-        return pszStream != nullptr && fstat(STDOUT_FILENO, &status) == 0 &&
+void noteJournal() {
+    const char *const pszStream = std::getenv("JOURNAL_STREAM");
+    struct stat status {};
+    gJournal = pszStream != nullptr && fstat(STDOUT_FILENO, &status) == 0 &&
                std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == pszStream;
-    }();
-    return bJournal;
 }
 
 void writeAudit(AuditPriority ePriority, const std::string &sText) {
-    const std::string sPriority = isJournal() ? "<" + std::to_string(ePriority) + ">" : "";
+    const std::string sPriority = gJournal ? "<" + std::to_string(ePriority) + ">" : "";
     std::printf("%spccast: audit: %s\n", sPriority.c_str(), sText.c_str());
 }
 

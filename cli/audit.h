@@ -11,9 +11,8 @@
 #include <string>
 #include <thread>
 
-// Whether the system's journal read standard output when this was first asked. Ask before something else
-// takes its place.
-bool isJournal();
+// Notes whether the system's journal reads standard output. Called before something else takes its place.
+void noteJournal();
 
 // As syslog counts them.
 enum AuditPriority { AUDIT_ERROR = 3, AUDIT_WARNING = 4, AUDIT_NOTE = 6 };

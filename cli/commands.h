@@ -44,6 +44,8 @@ void addStatusCommand(CLI::App &app, int &iExitCode);
 void addEventsCommand(CLI::App &app, int &iExitCode);
 void addHistoryCommand(CLI::App &app, int &iExitCode);
 void addWatchCommand(CLI::App &app, int &iExitCode);
+void addReceiveCommand(CLI::App &app, int &iExitCode);
+void addTuneCommand(CLI::App &app, int &iExitCode);
 void addStationCommand(CLI::App &app, int &iExitCode);
 
 // Says sText on standard error under the program's name and returns iExitCode.

@@ -102,3 +102,8 @@ int checkInterface(const char *pszGiven, const std::string &sInterface) {
                                               (bAddress ? "address" : "interface") +
                                               " of this machine at present; it has " + listInterfaces());
 }
+
+std::string interfaceAddress(const std::string &sInterface) {
+    const std::optional<Interface> found = findInterface(sInterface);
+    return found ? found->sAddress : "";
+}

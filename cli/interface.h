@@ -29,4 +29,7 @@ int checkInterface(const char *pszGiven, const std::string &sInterface);
 // The names and addresses of all interfaces, for a message.
 std::string listInterfaces();
 
+// The IPv4 address of an interface that is named or is that address already. Empty when it has none now.
+std::string interfaceAddress(const std::string &sInterface);
+
 #endif

@@ -535,26 +535,29 @@ std::string onAirBar(const Json &view, const Json &request) {
 
 namespace {
 
+void addLine(std::vector<std::string> *pLines, const std::string &sText) {
+    if (!sText.empty()) {
+        pLines->push_back("    " + sText);
+    }
+}
+
 void addOnAir(std::vector<std::string> *pLines, const Json &request, const Json &view, const Screen &screen) {
     const unsigned long ulNow = numberOf(view, "time");
-    const unsigned long ulEnd = numberOf(request, "end");
     pLines->push_back("  " + coloured(shortNameOf(request), kGreen, screen) + "  " + routeOf(request));
-    pLines->push_back("    until " + moment(ulEnd, ulNow) + ", left " + leftOf(request, view) + "  " +
-                      textOf(request, "identity"));
-    const std::string sBar = screen.bBar ? onAirBar(view, request) : "";
-    if (!sBar.empty()) {
-        pLines->push_back("    " + sBar);
-    }
+    pLines->push_back("    until " + moment(numberOf(request, "end"), ulNow) + ", left " +
+                      leftOf(request, view) + "  " + textOf(request, "identity"));
     const Json &relay = partOf(view, "relay");
-    const Json &playout = partOf(view, "playout");
-    if (numberOf(relay, "request") == numberOf(request, "request")) {
+    const bool bRelay = numberOf(relay, "request") == numberOf(request, "request");
+    if (screen.bBar) {
+        addLine(pLines, onAirBar(view, request));
+    }
+    if (bRelay) {
         const unsigned long ulSilent = numberOf(relay, "silent_since");
-        pLines->push_back("    " + (ulSilent == 0
-                                        ? rateLine(relay)
-                                        : coloured("silent since " + moment(ulSilent, ulNow), kRed, screen)));
-        pLines->push_back("    " + relayLine(relay));
-    } else if (numberOf(playout, "request") == numberOf(request, "request")) {
-        pLines->push_back("    " + playoutLine(playout));
+        addLine(pLines, ulSilent == 0 ? rateLine(relay)
+                                      : coloured("silent since " + moment(ulSilent, ulNow), kRed, screen));
+        addLine(pLines, relayLine(relay));
+    } else if (numberOf(partOf(view, "playout"), "request") == numberOf(request, "request")) {
+        addLine(pLines, playoutLine(partOf(view, "playout")));
     }
 }
 

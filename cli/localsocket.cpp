@@ -1,7 +1,6 @@
 #include "localsocket.h"
 
 #include "clitext.h"
-#include "commands.h"
 
 #include <fcntl.h>
 #include <pwd.h>
@@ -102,19 +101,15 @@ std::string nameOfUser(uid_t uiUser) {
     return pEntry == nullptr ? std::to_string(uiUser) : pEntry->pw_name;
 }
 
-int sayForeignSocket(const char *pszPath) {
-    return sayAndReturn(
-        EXIT_UNAVAILABLE,
-        std::string(pszPath) +
-            " belongs to another user: to a service of theirs, or it is a file that one left. "
-            "ss -xlp shows whether a service listens there; that user or root can submit "
-            "requests to it");
+std::string foreignSocketText(const char *pszPath) {
+    return std::string(pszPath) +
+           " belongs to another user: to a service of theirs, or it is a file that one left. ss -xlp shows "
+           "whether a service listens there; that user or root can submit requests to it";
 }
 
-int sayUntrusted(const char *pszPath, uid_t uiUser) {
-    return sayAndReturn(EXIT_UNAVAILABLE, std::string(pszPath) + " is served by the user " +
-                                              nameOfUser(uiUser) + ", who is neither you, root nor " +
-                                              kServiceUser +
-                                              "; nothing was sent. If that service is yours, set " +
-                                              kServiceUserVariable + " to the user's name");
+std::string untrustedText(const char *pszPath, uid_t uiUser) {
+    return std::string(pszPath) + " is served by the user " + nameOfUser(uiUser) +
+           ", who is neither you, root nor " + kServiceUser +
+           "; nothing was sent. If that service is yours, set " + kServiceUserVariable +
+           " to the user's name";
 }

@@ -26,10 +26,10 @@ bool isTrustedUser(uid_t uiUser);
 // The user's name, or the number where there is none.
 std::string nameOfUser(uid_t uiUser);
 
-// Says that this user may not connect to the socket. Returns EXIT_UNAVAILABLE.
-int sayForeignSocket(const char *pszPath);
+// Says that this user may not connect to the socket.
+std::string foreignSocketText(const char *pszPath);
 
-// Says that the socket is served by a user who is not trusted. Returns EXIT_UNAVAILABLE.
-int sayUntrusted(const char *pszPath, uid_t uiUser);
+// Says that the socket is served by a user who is not trusted.
+std::string untrustedText(const char *pszPath, uid_t uiUser);
 
 #endif

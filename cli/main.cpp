@@ -14,15 +14,15 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <exception>
 
 namespace {
 
 constexpr void (*kCommands[])(CLI::App &, int &) = {
-    addServeCommand, addRelayCommand,  addFileCommand,   addStopCommand,  addMessageCommand, addCancelCommand,
-    addListCommand,  addStatusCommand, addEventsCommand, addHistoryCommand, addWatchCommand, addStationCommand,
+    addServeCommand,  addRelayCommand,   addFileCommand,   addStopCommand,    addMessageCommand,
+    addCancelCommand, addListCommand,    addStatusCommand, addEventsCommand,  addHistoryCommand,
+    addWatchCommand,  addStationCommand, addTuneCommand,   addReceiveCommand,
 };
 
 constexpr const char *kFooter =
@@ -149,19 +149,8 @@ int runCommand(CLI::App *pApp, std::vector<std::string> words, const int &iExitC
     return iExitCode;
 }
 
-// Standard input, output and error lead somewhere from now on. Else the first socket would take the place of
-// a closed one, and what is printed would go out on it.
-void openStandardFiles() {
-    for (int iFile = STDIN_FILENO; iFile <= STDERR_FILENO; ++iFile) {
-        if (fcntl(iFile, F_GETFD) < 0 && open("/dev/null", iFile == STDIN_FILENO ? O_RDONLY : O_WRONLY) < 0) {
-            std::abort();
-        }
-    }
-}
-
 // Runs the command that the arguments name. Returns the exit code.
 int run(int iArguments, char **ppArguments) {
-    openStandardFiles();
     std::signal(SIGPIPE, SIG_IGN); // a peer that hangs up is an error to report, not the end
 
     CLI::App app("Casts live streams and stored files onto multicast groups and shows messages.", "pccast");

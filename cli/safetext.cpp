@@ -87,6 +87,22 @@ std::string textForTerminal(std::string_view sText) {
     return sSafe;
 }
 
+std::string textForPicture(std::string_view sText) {
+    std::string sSafe;
+    while (!sText.empty()) {
+        const Character character = firstCharacter(sText);
+        if (character.bValid && character.uiCode == '\t') {
+            sSafe += ' ';
+        } else if (character.bValid && (character.uiCode == '\n' || !isControl(character.uiCode))) {
+            sSafe += sText.substr(0, character.uBytes);
+        } else if (character.uiCode != '\r') {
+            sSafe += "\uFFFD";
+        }
+        sText.remove_prefix(character.uBytes);
+    }
+    return sSafe;
+}
+
 bool isUTF8(std::string_view sText) {
     while (!sText.empty()) {
         const Character character = firstCharacter(sText);

@@ -1,4 +1,4 @@
-// safetext.h - makes texts from the network safe for a terminal.
+// safetext.h - makes texts from the network safe for a terminal and for a picture.
 //
 // Received bytes may be anything: escape sequences, half characters, text that runs backwards. Pure
 // functions.
@@ -12,6 +12,10 @@
 // Writes every control character, every direction character and every byte that is not UTF-8 as \n, \xNN or
 // \u{NNNN}, and doubles a backslash. The result is one line and cannot steer the terminal.
 std::string textForTerminal(std::string_view sText);
+
+// The text as it is shown on a picture: UTF-8, with its line ends. A tab becomes a blank. Every other control
+// and direction character, and every byte that is not UTF-8, becomes U+FFFD.
+std::string textForPicture(std::string_view sText);
 
 bool isUTF8(std::string_view sText);
 

@@ -46,7 +46,7 @@ int checkSocketsFree() {
     for (const char *pszSocket : {kSockets[0], kSockets[1], PCCAST_VIEW_SOCKET}) {
         const int iError = probeSocket(pszSocket);
         if (iError == EACCES) {
-            return sayForeignSocket(pszSocket);
+            return sayAndReturn(EXIT_UNAVAILABLE, foreignSocketText(pszSocket));
         }
         if (iError == 0 || iError == EAGAIN) {
             return sayAndReturn(EXIT_UNAVAILABLE, std::string("another service already listens on ") +
@@ -176,7 +176,7 @@ int serve(const ServeOptions &options) {
         sigaddset(&signals, iSignal);
     }
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    isJournal();
+    noteJournal();
     const ConsolePump pump;
 
     // The view answers before the first request can come, and until the last event has been told.

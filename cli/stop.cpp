@@ -228,7 +228,8 @@ struct Stopping {
     std::vector<unsigned long> targets;
     unsigned long ulAfter;
     int iTries;
-    int iExit; // the first that went wrong
+    int iExit;          // the first that went wrong
+    int iEndedByItself; // what a target that is over meanwhile makes of it: with --all it is all the same
 };
 
 void isOver(Stopping *pStopping, unsigned long ulTarget, int iExit) {
@@ -237,6 +238,12 @@ void isOver(Stopping *pStopping, unsigned long ulTarget, int iExit) {
     if (pStopping->iExit == EXIT_DONE) {
         pStopping->iExit = iExit;
     }
+}
+
+// Nothing can be done about those that are left.
+void areOver(Stopping *pStopping, int iExit) {
+    pStopping->targets.clear();
+    isOver(pStopping, 0, iExit);
 }
 
 // The target to go on with: waiting ones first, so that none goes on air when another one is stopped.
@@ -342,15 +349,12 @@ void stopNext(Stopping *pStopping) {
     Json view;
     std::string sProblem;
     if (getView(&view, &sProblem) != VIEW_ANSWERED) {
-        pStopping->iExit = sayAndReturn(EXIT_UNAVAILABLE, sProblem);
-        pStopping->targets.clear();
-        return;
+        return areOver(pStopping, sayAndReturn(EXIT_UNAVAILABLE, sProblem));
     }
     const Json target = nextTarget(*pStopping, view);
     if (target.is_null()) {
-        pStopping->iExit = sayAndReturn(EXIT_BAD_DATA, "it is over meanwhile; nothing more was sent");
-        pStopping->targets.clear();
-        return;
+        sayAndReturn(EXIT_DONE, "what was left is over meanwhile; nothing more was sent");
+        return areOver(pStopping, pStopping->iEndedByItself);
     }
     const unsigned long ulTarget = numberAt(target, "request");
     if (++pStopping->iTries > kTries) {
@@ -370,9 +374,7 @@ void stopNext(Stopping *pStopping) {
     }
     const int iExit = submitCast(pStopping->service, CAST_CMD_STOP, request);
     if (iExit != EXIT_DONE) {
-        pStopping->iExit = iExit;
-        pStopping->targets.clear();
-        return;
+        return areOver(pStopping, iExit);
     }
     Json event;
     const Revocation revocation{"stop", writeCastIdentity(request.identity), ulTarget};
@@ -382,9 +384,10 @@ void stopNext(Stopping *pStopping) {
         break;
     case REVOKE_LATE:
         withdraw(*pStopping, request);
-        isOver(pStopping, ulTarget,
-               sayAndReturn(EXIT_BAD_DATA, "the " + nameOf(target) + " came to its end meanwhile: " +
-                                               textAt(event, "event") + ", " + reasonText(event)));
+        isOver(
+            pStopping, ulTarget,
+            sayAndReturn(pStopping->iEndedByItself, "the " + nameOf(target) + " came to its end meanwhile: " +
+                                                        textAt(event, "event") + ", " + reasonText(event)));
         break;
     case REVOKE_VOID: // look once more where it is now
         break;
@@ -419,7 +422,8 @@ int stop(const StopOptions &options) {
                             "view; give IDENTITY, --epg, --on-air or --all (pccast list shows what "
                             "there is)");
     }
-    Stopping stopping{service, {}, numberAt(view, "events"), 0, EXIT_DONE};
+    Stopping stopping{service, {},        numberAt(view, "events"),
+                      0,       EXIT_DONE, options.bAll ? EXIT_DONE : EXIT_BAD_DATA};
     iExit = findTargets(options, wanted, view, &stopping.targets);
     while (iExit == EXIT_DONE && !stopping.targets.empty()) {
         stopNext(&stopping);

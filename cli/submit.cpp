@@ -96,13 +96,15 @@ int reachService(const ServiceOptions &options, ServiceKind eKind, Service *pSer
     const int iError = findServer(row.pszSocket, ulWait, &pService->uiUser);
     switch (iError) {
     case 0:
-        return isTrustedUser(pService->uiUser) ? EXIT_DONE : sayUntrusted(row.pszSocket, pService->uiUser);
+        return isTrustedUser(pService->uiUser)
+                   ? EXIT_DONE
+                   : sayAndReturn(EXIT_UNAVAILABLE, untrustedText(row.pszSocket, pService->uiUser));
     case ENOENT:
     case ECONNREFUSED:
         return sayAndReturn(EXIT_UNAVAILABLE, std::string("no service listens on ") + row.pszSocket +
                                                   "; start one with: pccast serve");
     case EACCES:
-        return sayForeignSocket(row.pszSocket);
+        return sayAndReturn(EXIT_UNAVAILABLE, foreignSocketText(row.pszSocket));
     case EAGAIN:
         return sayAndReturn(EXIT_UNAVAILABLE, std::string("the service on ") + row.pszSocket +
                                                   " does not take up what waits for it; try again later");

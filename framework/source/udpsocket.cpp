@@ -153,9 +153,10 @@ void findWay(UdpSender &sender) {
     if (isGroup(sender.target) && setGroupInterface(sender.iSocket, szAddress, sender.szInterface) != 0) {
         return;
     }
+    // Without the first call the socket would keep its old address. If one fails, the next send tells.
     const sockaddr none{AF_UNSPEC, {}};
-    connect(sender.iSocket, &none, sizeof none); // else the socket would keep its old address
-    connect(sender.iSocket, reinterpret_cast<const sockaddr *>(&sender.target), sizeof sender.target);
+    (void)connect(sender.iSocket, &none, sizeof none);
+    (void)connect(sender.iSocket, reinterpret_cast<const sockaddr *>(&sender.target), sizeof sender.target);
 }
 
 // Calls sendOnce until it has sent, at most twice: an ICMP answer to an earlier datagram may have left an

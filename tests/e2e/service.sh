@@ -77,12 +77,12 @@ start_watch() {
 
 # carries ADDRESS:PORT SOURCE: feeds a piece of the sample to SOURCE; it arrives at ADDRESS:PORT byte for byte.
 carries() {
-    "$bin/pccast-receive" "$1" received --datagrams 40 --wait 5 >receive.log 2>&1 &
+    "$pccast" receive "$1" received --datagrams 40 --wait 5 >receive.log 2>&1 &
     local receiver=$!
     within 5 grep -q "$(group_in_hex "$1")" /proc/net/igmp
     "$bin/pccast-feed" "$samples/sample.ts" "$2" 40 >feed.log 2>&1 || fail "the source could not be fed"
     wait "$receiver" || fail "$1 did not get what was sent to $2"
-    head -c $((40 * 1316)) "$samples/sample.ts" | cmp - received || fail "$1 got other bytes than were sent"
+    head -c "$(stat -c %s received)" "$samples/sample.ts" | cmp - received || fail "$1 got other bytes than were sent"
 }
 
 # The group of ADDRESS:PORT as /proc/net/igmp writes it.

@@ -33,7 +33,7 @@ over=$(($(date +%s) + 9))
 within 5 has '"epg":2,.*"from":' "$pccast" history --json
 within 5 has '"broadcasts":1' "$pccast" history --json
 "$bin/pccast-feed" "$samples/sample.ts" $source 5000 >feed.log 2>&1 &
-"$bin/pccast-receive" 239.77.0.3:5001 received --datagrams 100000 --wait 20 >receive.log 2>&1 &
+"$pccast" receive 239.77.0.3:5001 received --datagrams 100000 --wait 20s >receive.log 2>&1 &
 within 5 has '"datagrams":[1-9]' "$pccast" history --json --epg 2
 kill -KILL "$service"
 wait "$service" || true

@@ -42,7 +42,7 @@ kill -TERM $service
 wait $service || fail "the installed service: $(cat serve.log)"
 
 # ---- files that others look for by name
-for file in share/man/man1/{pccast,diagpccast,pccast-feed,pccast-receive}.1 share/man/man3/pccast.3 \
+for file in share/man/man1/{pccast,diagpccast,pccast-feed}.1 share/man/man3/pccast.3 \
     share/bash-completion/completions/pccast share/zsh/vendor-completions/_pccast \
     share/fish/vendor_completions.d/pccast.fish lib/systemd/system/pccast.service lib/sysusers.d/pccast.conf \
     share/pccast/pccast.lua share/pccast/samples/{sample.asf,sample.ts,sample.nsc,CASTFILE.asf,CASTFILE2.asf}; do
