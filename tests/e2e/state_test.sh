@@ -76,6 +76,7 @@ runs_on() { # PATTERN
     within 8 grep -q "audit: NOTHING IS KEPT: .*$1" serve.log
     within 5 has '"epg":20,' "$pccast" list --json
     within 5 has "\"ok\":false,\"error\":\".*$1" state
+    has "NOTHING IS KEPT: .*$1" "$pccast" status
     [ "$(grep -c 'NOTHING IS KEPT' serve.log)" -eq 1 ] || fail "said more than once: $1"
 }
 mended() {
