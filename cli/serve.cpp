@@ -5,6 +5,7 @@
 #include "interface.h"
 #include "localsocket.h"
 #include "pluginloader.h"
+#include "sap.h"
 #include "viewserver.h"
 #include "wire.h"
 
@@ -30,6 +31,7 @@ namespace {
 struct ServeOptions {
     std::string sInterface;
     std::string sPlugin;
+    bool bSap = false;
 };
 
 // The plug-in's two sockets. The view socket is this program's own.
@@ -152,6 +154,7 @@ int serve(const ServeOptions &options) {
         return sayAndReturn(EXIT_UNAVAILABLE, "the plug-in did not open; its reason is above");
     }
     Audit audit(plugin);
+    std::unique_ptr<Sap> sap = options.bSap ? std::make_unique<Sap>(plugin, options.sInterface) : nullptr;
     const char *const pszMissing = waitUntilServed();
     if (pszMissing != nullptr) {
         closePlugin(plugin, signals);
@@ -176,6 +179,7 @@ int serve(const ServeOptions &options) {
     audit.hurry();
     view.hurry();
     const int iClosed = closePlugin(plugin, signals);
+    sap.reset();
     audit.stop();
     view.stop();
     if (iClosed != 1) {
@@ -193,6 +197,7 @@ void addServeCommand(CLI::App &app, int &iExitCode) {
     auto options = std::make_shared<ServeOptions>();
     pCommand->add_option("--interface", options->sInterface, "send multicast by this interface")
         ->type_name("NAME|ADDRESS");
+    pCommand->add_flag("--sap", options->bSap, "tell players of the transport streams on air (SAP and SDP)");
     addPluginOption(pCommand, options->sPlugin);
     pCommand->footer(helpExample("pccast serve --interface eth0"));
     pCommand->callback([options, &iExitCode] { iExitCode = serve(*options); });
