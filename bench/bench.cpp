@@ -27,12 +27,24 @@ void row(const std::string &name, double dValue, const char *pUnit) {
     std::fflush(stdout);
 }
 
-bool rowAtMost(const std::string &name, double dValue, const char *pUnit, double dBound) {
-    row(name, dValue, pUnit);
+double rowSpread(const std::string &name, std::vector<double> values, const char *pUnit) {
+    const double dMedian = percentile(values, 0.5);
+    std::printf("%s %.3f %s %.3f %.3f\n", name.c_str(), dMedian, pUnit, percentile(values, 0),
+                percentile(values, 1));
+    std::fflush(stdout);
+    return dMedian;
+}
+
+bool keepsAtMost(const std::string &name, double dValue, double dBound) {
     if (dValue > dBound) {
         std::fprintf(stderr, "bench: %s is %.3f, above its bound of %.3f\n", name.c_str(), dValue, dBound);
     }
     return dValue <= dBound;
+}
+
+bool rowAtMost(const std::string &name, double dValue, const char *pUnit, double dBound) {
+    row(name, dValue, pUnit);
+    return keepsAtMost(name, dValue, dBound);
 }
 
 bool rowAtLeast(const std::string &name, double dValue, const char *pUnit, double dBound) {
@@ -66,8 +78,10 @@ int main(int argc, char **argv) {
             bHolds &= bench::fileBench(seconds(i));
         } else if (std::strcmp(argv[i], "service") == 0) {
             bHolds &= bench::serviceBench(seconds(i));
+        } else if (std::strcmp(argv[i], "stall") == 0) {
+            bHolds &= bench::stallBench(seconds(i));
         } else {
-            std::fprintf(stderr, "usage: pccast-bench {relay|seed|file|service} SECONDS ...\n");
+            std::fprintf(stderr, "usage: pccast-bench {relay|seed|file|service|stall} SECONDS ...\n");
             return 64;
         }
     }

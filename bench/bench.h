@@ -3,7 +3,10 @@
 #ifndef PCCAST_BENCH_H
 #define PCCAST_BENCH_H
 
+#include <sys/types.h>
+
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -21,6 +24,12 @@ void row(const std::string &name, double dValue, const char *pUnit);
 bool rowAtMost(const std::string &name, double dValue, const char *pUnit, double dBound);
 bool rowAtLeast(const std::string &name, double dValue, const char *pUnit, double dBound);
 
+// Prints the median of the turns' values, with the least and the greatest behind the unit. Returns the
+// median.
+double rowSpread(const std::string &name, std::vector<double> values, const char *pUnit);
+// Returns whether the figure keeps its bound; one that does not is named on standard error.
+bool keepsAtMost(const std::string &name, double dValue, double dBound);
+
 // The value that the given share (0 to 1) of the samples stays below; 0 without samples. Sorts the samples.
 double percentile(std::vector<double> &samples, double dShare);
 
@@ -28,6 +37,7 @@ double percentile(std::vector<double> &samples, double dShare);
 struct Traffic {
     long lSent;
     long lReceived;
+    double dSeconds;              // for sending
     std::vector<double> delaysUs; // from sending to receiving, of each received datagram
 };
 // Sends datagrams of 1316 bytes to the source group, iRate a second, for dSeconds, and receives them from the
@@ -37,10 +47,29 @@ struct Traffic {
 Traffic runTraffic(const char *pSourceGroup, const char *pDestinationGroup, unsigned short usPort, int iRate,
                    double dSeconds);
 
+// Writes a transport stream of constant rate for dSeconds of playing. Returns its number of packets. Each
+// packet holds its number at kFileNumberAt, 32 bits in the machine's order.
+constexpr size_t kFileNumberAt = 184;
+long makeFile(const char *pszFile, double dSeconds);
+// When a packet of such a file is due after the first.
+double dueSeconds(long lPacket);
+
+// Starts the host program in a process of its own. before: words that go before it, such as another
+// program's.
+pid_t startService(const std::vector<std::string> &before = {});
+// Gives a request to the service, as the command line's words. Tries until the service takes it, ten seconds
+// at most: else this program ends.
+void request(const std::vector<std::string> &words);
+// Runs body in a process of its own, which ends with this one.
+pid_t inProcess(const std::function<void()> &body);
+// Becomes another program, whose output is thrown away. Comes back only if there is no such program.
+void become(const std::vector<std::string> &command);
+
 bool relayBench(double dSeconds, const std::vector<std::string> &tools);
 bool seedBench();
 bool fileBench(double dSeconds);
 bool serviceBench(double dSeconds);
+bool stallBench(double dSeconds);
 
 } // namespace bench
 

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -19,6 +20,8 @@ namespace {
 constexpr size_t kDatagram = 1316;
 constexpr size_t kNumberAt = kDatagram - 4;
 constexpr int kReceiveBuffer = 64 << 20;
+constexpr int kSilenceMs = 300;
+constexpr int kAwakeRate = 25'000;
 
 sockaddr_in addressOf(const char *pGroup, unsigned short usPort) {
     sockaddr_in address{};
@@ -59,8 +62,8 @@ Traffic runTraffic(const char *pSourceGroup, const char *pDestinationGroup, unsi
     std::thread receiver([&] {
         std::array<unsigned char, 2048> datagram;
         pollfd wait{iReceiver, POLLIN, 0};
-        // The run ends after a second of silence behind the last datagram. What has not come by then is lost.
-        while (poll(&wait, 1, 1000) > 0 || !bDone) {
+        // The run ends with a silence behind the last datagram. What has not come by then is lost.
+        while (poll(&wait, 1, kSilenceMs) > 0 || !bDone) {
             const ssize_t lLength = recv(iReceiver, datagram.data(), datagram.size(), MSG_DONTWAIT);
             if (lLength != static_cast<ssize_t>(kDatagram)) {
                 continue;
@@ -79,9 +82,13 @@ Traffic runTraffic(const char *pSourceGroup, const char *pDestinationGroup, unsi
     const sockaddr_in address = addressOf(pSourceGroup, usPort);
     require(connect(iSender, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0, "connect");
     std::array<unsigned char, kDatagram> datagram{};
+    prctl(PR_SET_TIMERSLACK, 1); // else the kernel lets it sleep up to 50 us too long
     const int64_t lStart = now();
     for (long i = 0; i < lCount; ++i) {
         const int64_t lDue = lStart + i * 1'000'000'000 / iRate;
+        // Sleeping takes about as long as two datagrams of a high rate are apart: wait for these awake.
+        while (iRate > kAwakeRate && lDue > now()) {
+        }
         if (lDue > now()) {
             const timespec until{lDue / 1'000'000'000, lDue % 1'000'000'000};
             clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr);
@@ -92,6 +99,7 @@ Traffic runTraffic(const char *pSourceGroup, const char *pDestinationGroup, unsi
         traffic.lSent +=
             send(iSender, datagram.data(), datagram.size(), 0) == static_cast<ssize_t>(kDatagram);
     }
+    traffic.dSeconds = static_cast<double>(now() - lStart) / 1e9;
     bDone = true;
     receiver.join();
     close(iSender);

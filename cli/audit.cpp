@@ -18,33 +18,39 @@ namespace {
 constexpr std::chrono::milliseconds kLook{50};
 constexpr std::chrono::milliseconds kHurriedLook{1};
 
-// Whether the system's journal reads standard output. It then takes a priority in front of each line.
-bool isJournal() {
-    const char *const pszStream = std::getenv("JOURNAL_STREAM");
-    struct stat status {};
-    return pszStream != nullptr && fstat(STDOUT_FILENO, &status) == 0 &&
-           std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == pszStream;
-}
+std::atomic<bool> gJournal{false}; // written by noteJournal before any thread writes a line
 
-// As syslog counts them: 3 an error, 4 a warning, 6 information.
-const char *priorityOf(const PCCASTEvent &event) {
+AuditPriority priorityOf(const PCCASTEvent &event) {
     switch (event.uiKind) {
     case PCCAST_EVENT_FAILED:
     case PCCAST_EVENT_DROPPED:
-        return "<3>";
+        return AUDIT_ERROR;
     case PCCAST_EVENT_REFUSED:
     case PCCAST_EVENT_EXPIRED:
     case PCCAST_EVENT_SILENT:
-        return "<4>";
+        return AUDIT_WARNING;
     case PCCAST_EVENT_ENDED:
-        return event.uiReason == PCCAST_REASON_SOURCE_LOST || event.uiReason == PCCAST_REASON_SEND ? "<3>"
-                                                                                                   : "<6>";
+        return event.uiReason == PCCAST_REASON_SOURCE_LOST || event.uiReason == PCCAST_REASON_SEND
+                   ? AUDIT_ERROR
+                   : AUDIT_NOTE;
     default:
-        return "<6>";
+        return AUDIT_NOTE;
     }
 }
 
 } // namespace
+
+void noteJournal() {
+    const char *const pszStream = std::getenv("JOURNAL_STREAM");
+    struct stat status {};
+    gJournal = pszStream != nullptr && fstat(STDOUT_FILENO, &status) == 0 &&
+               std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == pszStream;
+}
+
+void writeAudit(AuditPriority ePriority, const std::string &sText) {
+    const std::string sPriority = gJournal ? "<" + std::to_string(ePriority) + ">" : "";
+    std::printf("%spccast: audit: %s\n", sPriority.c_str(), sText.c_str());
+}
 
 Audit::Audit(const Plugin &loaded) : plugin(loaded), thread([this] { run(); }) {}
 
@@ -64,10 +70,6 @@ void Audit::stop() {
 }
 
 void Audit::run() {
-    const bool bJournal = isJournal();
-    const auto write = [bJournal](const char *pszPriority, const std::string &sText) {
-        std::printf("%spccast: audit: %s\n", bJournal ? pszPriority : "", sText.c_str());
-    };
     std::array<PCCASTEvent, 64> aEvents{};
     EventMemory memory;
     unsigned long ulLast = 0;
@@ -78,9 +80,9 @@ void Audit::run() {
             const PCCASTEvent &event = aEvents[static_cast<size_t>(i)];
             try {
                 if (event.ulNumber > ulLast + 1) {
-                    write("<4>", lostText(event.ulNumber - ulLast - 1));
+                    writeAudit(AUDIT_WARNING, lostText(event.ulNumber - ulLast - 1));
                 }
-                write(priorityOf(event), eventText(eventJSON(event), &memory));
+                writeAudit(priorityOf(event), eventText(eventJSON(event), &memory));
             } catch (const std::bad_alloc &) { // this line is lost; the next one may not be
             }
             ulLast = event.ulNumber;

@@ -8,7 +8,18 @@
 #include "pluginloader.h"
 
 #include <atomic>
+#include <string>
 #include <thread>
+
+// Notes whether the system's journal reads standard output. Called before something else takes its place.
+void noteJournal();
+
+// As syslog counts them.
+enum AuditPriority { AUDIT_ERROR = 3, AUDIT_WARNING = 4, AUDIT_NOTE = 6 };
+
+// Writes one line, "pccast: audit: TEXT". Where the system's journal reads, it takes the priority. Any
+// thread.
+void writeAudit(AuditPriority ePriority, const std::string &sText);
 
 class Audit {
 public:

@@ -1,5 +1,7 @@
 // pccast file - submits the cast of a stored file.
 #include "commands.h"
+#include "fileaccess.h"
+#include "localsocket.h"
 #include "request.h"
 #include "submit.h"
 
@@ -14,7 +16,6 @@
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -56,22 +57,39 @@ bool beginsAsASF(const std::string &sPath) {
     return lRead > 0 && asfRecognises(aHead.data(), static_cast<size_t>(lRead));
 }
 
-// Finds the format from the file's content, with the reader that will play it.
+// Finds the format from the file's content, with the reader that will play it. Refuses what that reader
+// cannot play, as it would only fail later, on the air.
 int findFormat(const std::string &sPath, unsigned long *pulFormat) {
-    struct ts_qxapi_stream *const pStream = qxapi_open_stream(sPath.c_str());
-    if (pStream == nullptr) {
+    const std::unique_ptr<ts_qxapi_stream, decltype(&qxapi_close_stream)> pStream(
+        qxapi_open_stream(sPath.c_str()), qxapi_close_stream);
+    if (pStream == nullptr || pStream->pStart(pStream.get()) != 1) {
         return sayAndReturn(EXIT_BAD_DATA,
-                            sPath + " is neither an ASF file nor a transport stream (the reason is "
-                                    "above); give --format if you know that it is one");
+                            sPath +
+                                (pStream == nullptr ? " is neither an ASF file nor a transport stream"
+                                                    : " cannot be played") +
+                                " (the reason is above); nothing is requested; --format skips "
+                                "this check");
     }
-    qxapi_close_stream(pStream);
     *pulFormat = beginsAsASF(sPath) ? CAST_FORMAT_ASF : CAST_FORMAT_TS;
     return EXIT_DONE;
+}
+
+// The service plays the file, so its user must be able to read it. Returns EXIT_DONE or EXIT_NO_INPUT.
+int checkReadable(const std::string &sFile, uid_t uiUser) {
+    const std::string sClosed = uiUser == geteuid() ? "" : closedTo(sFile, uiUser);
+    if (sClosed.empty()) {
+        return EXIT_DONE;
+    }
+    return sayAndReturn(EXIT_NO_INPUT, sFile + ": the service runs as the user " + nameOfUser(uiUser) +
+                                           ", who may not " +
+                                           (sClosed == sFile ? "read it" : "enter " + sClosed) +
+                                           "; open it to that user, or put the file elsewhere");
 }
 
 int castFile(const FileOptions &options) {
     CastRequest request{};
     RequestTimes times{};
+    Service service{};
     CastIdentity &identity = request.identity;
     int iExit = checkArguments(
         {{"--to", readEndpoint(options.sDestination, &request.sDestination, &identity.usPort)},
@@ -86,6 +104,12 @@ int castFile(const FileOptions &options) {
     if (iExit == EXIT_DONE && options.sFormat.empty()) {
         iExit = findFormat(request.sFile, &identity.ulFormat);
     }
+    if (iExit == EXIT_DONE) {
+        iExit = reachForRequest(options.request, kCastDefaultFor, ServiceKind::Casts, &service, &times);
+    }
+    if (iExit == EXIT_DONE) {
+        iExit = checkReadable(request.sFile, service.uiUser);
+    }
     if (iExit != EXIT_DONE) {
         return iExit;
     }
@@ -95,16 +119,8 @@ int castFile(const FileOptions &options) {
     identity.ulST = times.ulST;
     identity.ulET = times.ulET;
     request.ulCT = times.ulCT;
-    warnWithoutStationFile(identity.ulFormat);
-    iExit = submitCast(options.request.sPlugin, CAST_CMD_START, request);
-    if (iExit == EXIT_DONE) {
-        std::printf("%s\n", writeCastIdentity(identity).c_str());
-        sayAndReturn(EXIT_DONE, "cast of " + request.sFile + " to " + options.sDestination +
-                                    " requested from " + writeTime(times.ulST) + " until " +
-                                    writeTime(times.ulET) +
-                                    " (a longer file plays on to its end); pccast stop takes the line above");
-    }
-    return iExit;
+    return requestCast(options.request, service, request,
+                       "cast of " + request.sFile + " to " + options.sDestination);
 }
 
 } // namespace
@@ -125,5 +141,6 @@ void addFileCommand(CLI::App &app, int &iExitCode) {
     pCommand->add_option("--stream-id", options->sMSID, "the stream identifier (default 0)")->type_name("N");
     pCommand->footer("Prints the cast's identity, which pccast stop takes back.\n\n" +
                      helpExample("pccast file /srv/film.ts --to 239.1.2.3:5000 --epg 8 --start 20:15"));
-    pCommand->callback([options, &iExitCode] { iExitCode = castFile(*options); });
+    setRequestAction(
+        pCommand, [options] { return castFile(*options); }, iExitCode);
 }

@@ -16,4 +16,13 @@ inline std::string writeJSON(const Json &value) {
     return value.dump(-1, ' ', true, Json::error_handler_t::replace);
 }
 
+// The text or number at the key; empty or 0 when there is none.
+inline std::string textAt(const Json &object, const char *pszKey) {
+    return object.value(pszKey, std::string());
+}
+
+inline unsigned long numberAt(const Json &object, const char *pszKey) {
+    return object.value(pszKey, 0ul);
+}
+
 #endif

@@ -50,12 +50,15 @@ std::string coloured(const std::string &sText, const char *pszColour, const Scre
     return screen.bColour && pszColour != nullptr ? pszColour + sText + "\033[0m" : sText;
 }
 
-// The time of day, with the date when it is not the day of ulNow.
+} // namespace
+
 std::string moment(unsigned long ulTime, unsigned long ulNow) {
     const std::string sTime = writeTime(ulTime);
     const size_t uDate = sizeof "YYYY-MM-DD" - 1;
     return sTime.substr(0, uDate) == writeTime(ulNow).substr(0, uDate) ? sTime.substr(uDate + 1) : sTime;
 }
+
+namespace {
 
 std::string timeFromMs(unsigned long ulMs) {
     return writeTimeLeft(ulMs / 1000);
@@ -95,10 +98,13 @@ std::string nameOf(const Json &request) {
     return textOf(request, "kind") + " " + textOf(request, "identity");
 }
 
-// "relay of EPG 7"
+} // namespace
+
 std::string shortNameOf(const Json &request) {
     return textOf(request, "kind") + " of EPG " + std::to_string(numberOf(request, "epg"));
 }
+
+namespace {
 
 // ---- events
 
@@ -127,6 +133,8 @@ constexpr std::array<Reason, 18> kReasons{{
     {"nothing", "it found nothing to end"},
 }};
 
+} // namespace
+
 std::string reasonText(const Json &event) {
     const std::string sReason = textOf(event, "reason");
     const Json &other = partOf(event, "other");
@@ -138,6 +146,8 @@ std::string reasonText(const Json &event) {
     }
     return (sText.empty() ? "by" : sText) + " " + nameOf(other);
 }
+
+namespace {
 
 std::string trafficText(const Json &traffic) {
     std::string sText = plural(numberOf(traffic, "datagrams"), "datagram") + ", " +
@@ -445,8 +455,8 @@ std::vector<std::string> listLines(const Json &view, const Screen &screen) {
         const std::string sWhy = textOf(requests[i], "why");
         std::string sLine = joined(rows[i], aWidth, eEnd);
         if (bWide) {
-            lines.push_back(
-                coloured(sLine + (sWhy.empty() ? "" : "  " + sWhy), colourOf(requests[i]), screen));
+            sLine += sWhy.empty() ? "" : "  " + sWhy;
+            lines.push_back(coloured(sLine, colourOf(requests[i]), screen));
             continue;
         }
         lines.push_back(coloured(sLine, colourOf(requests[i]), screen));
@@ -495,31 +505,59 @@ std::string playoutLine(const Json &playout) {
            std::to_string(numberOf(playout, "late")) + " late";
 }
 
-void addOnAir(std::vector<std::string> *pLines, const Json &request, const Json &view, const Screen &screen) {
+} // namespace
+
+std::string trafficLine(const Json &view, unsigned long ulRequest) {
+    if (numberOf(partOf(view, "relay"), "request") == ulRequest) {
+        const Json &relay = partOf(view, "relay");
+        const unsigned long ulSilent = numberOf(relay, "silent_since");
+        return (ulSilent == 0 ? rateLine(relay)
+                              : "silent since " + moment(ulSilent, numberOf(view, "time"))) +
+               ", " + relayLine(relay);
+    }
+    return numberOf(partOf(view, "playout"), "request") == ulRequest ? playoutLine(partOf(view, "playout"))
+                                                                     : "";
+}
+
+std::string onAirBar(const Json &view, const Json &request) {
     const unsigned long ulNow = numberOf(view, "time");
     const unsigned long ulStart = numberOf(request, "started");
     const unsigned long ulEnd = numberOf(request, "end");
-    const Json &relay = partOf(view, "relay");
     const Json &playout = partOf(view, "playout");
-    const bool bRelay = numberOf(relay, "request") == numberOf(request, "request");
-    const bool bFile = numberOf(playout, "request") == numberOf(request, "request");
+    if (numberOf(playout, "request") == numberOf(request, "request")) {
+        return playout.contains("length_ms")
+                   ? progressBar(numberOf(playout, "position_ms"), numberOf(playout, "length_ms"), kBarWidth)
+                   : "";
+    }
+    return ulEnd > ulStart && ulNow >= ulStart ? progressBar(ulNow - ulStart, ulEnd - ulStart, kBarWidth)
+                                               : "";
+}
+
+namespace {
+
+void addLine(std::vector<std::string> *pLines, const std::string &sText) {
+    if (!sText.empty()) {
+        pLines->push_back("    " + sText);
+    }
+}
+
+void addOnAir(std::vector<std::string> *pLines, const Json &request, const Json &view, const Screen &screen) {
+    const unsigned long ulNow = numberOf(view, "time");
     pLines->push_back("  " + coloured(shortNameOf(request), kGreen, screen) + "  " + routeOf(request));
-    pLines->push_back("    until " + moment(ulEnd, ulNow) + ", left " + leftOf(request, view) + "  " +
-                      textOf(request, "identity"));
-    if (screen.bBar && bFile && playout.contains("length_ms")) {
-        pLines->push_back("    " + progressBar(numberOf(playout, "position_ms"),
-                                               numberOf(playout, "length_ms"), kBarWidth));
-    } else if (screen.bBar && bRelay && ulEnd > ulStart && ulNow >= ulStart) {
-        pLines->push_back("    " + progressBar(ulNow - ulStart, ulEnd - ulStart, kBarWidth));
+    pLines->push_back("    until " + moment(numberOf(request, "end"), ulNow) + ", left " +
+                      leftOf(request, view) + "  " + textOf(request, "identity"));
+    const Json &relay = partOf(view, "relay");
+    const bool bRelay = numberOf(relay, "request") == numberOf(request, "request");
+    if (screen.bBar) {
+        addLine(pLines, onAirBar(view, request));
     }
     if (bRelay) {
         const unsigned long ulSilent = numberOf(relay, "silent_since");
-        pLines->push_back("    " + (ulSilent == 0
-                                        ? rateLine(relay)
-                                        : coloured("silent since " + moment(ulSilent, ulNow), kRed, screen)));
-        pLines->push_back("    " + relayLine(relay));
-    } else if (bFile) {
-        pLines->push_back("    " + playoutLine(playout));
+        addLine(pLines, ulSilent == 0 ? rateLine(relay)
+                                      : coloured("silent since " + moment(ulSilent, ulNow), kRed, screen));
+        addLine(pLines, relayLine(relay));
+    } else if (numberOf(partOf(view, "playout"), "request") == numberOf(request, "request")) {
+        addLine(pLines, playoutLine(partOf(view, "playout")));
     }
 }
 

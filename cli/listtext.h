@@ -38,6 +38,18 @@ std::vector<std::string> listLines(const Json &view, const Screen &screen);
 // events: those still kept. The last failures are picked from them.
 std::vector<std::string> statusLines(const Json &view, const std::vector<Json> &events, const Screen &screen);
 
+// "relay of EPG 7"
+std::string shortNameOf(const Json &request);
+// Why the event has happened, as "the file has ended" or "by stop 7:2:..."; empty when it gives no reason.
+std::string reasonText(const Json &event);
+// The time of day, with the date when it is not the day of ulNow.
+std::string moment(unsigned long ulTime, unsigned long ulNow);
+// How the cast on air does, a relay or a file; empty when the request is not on air.
+std::string trafficLine(const Json &view, unsigned long ulRequest);
+// How far a request that is on air has come: a file in its length, another one in its time. Empty when that
+// is not known.
+std::string onAirBar(const Json &view, const Json &request);
+
 // A bar of uWidth columns, filled up to ulDone of ulAll: "[####----]  50%".
 std::string progressBar(unsigned long ulDone, unsigned long ulAll, size_t uWidth);
 

@@ -247,7 +247,7 @@ int receive(const ReceiveOptions &options) {
          {"--wait", readDuration(options.sWait, &receive.ulWait)},
          {"--for", options.sFor.empty() ? "" : readDuration(options.sFor, &ulFor)}});
     if (iExit == EXIT_DONE) {
-        iExit = checkInterface(options.sInterface);
+        iExit = checkInterface("--interface", options.sInterface);
     }
     if (iExit == EXIT_DONE && !options.sStation.empty()) {
         iExit = readStation(options.sStation, &receive);

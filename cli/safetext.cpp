@@ -161,3 +161,30 @@ std::string textCut(std::string_view sText, size_t uColumns) {
     }
     return uColumns == 0 ? "" : sFront + "…";
 }
+
+std::vector<std::string> textWrap(std::string_view sText, size_t uColumns, size_t uLines) {
+    std::vector<std::string> lines;
+    while (lines.size() + 1 < uLines) {
+        size_t uFits = 0;  // bytes
+        size_t uBreak = 0; // bytes up to the last blank that ends a line
+        size_t uTaken = 0;
+        while (uFits < sText.size()) {
+            const Character character = firstCharacter(sText.substr(uFits));
+            uBreak = character.uiCode == ' ' ? uFits : uBreak;
+            uTaken += columnsOf(character.uiCode);
+            if (uTaken > uColumns) {
+                break;
+            }
+            uFits += character.uBytes;
+        }
+        if (uFits == sText.size() || uFits == 0) {
+            break;
+        }
+        lines.emplace_back(sText.substr(0, uBreak == 0 ? uFits : uBreak));
+        sText.remove_prefix(uBreak == 0 ? uFits : uBreak + 1);
+    }
+    if (uLines != 0) {
+        lines.push_back(textCut(sText, uColumns));
+    }
+    return lines;
+}

@@ -7,6 +7,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 // Writes every control character, every direction character and every byte that is not UTF-8 as \n, \xNN or
 // \u{NNNN}, and doubles a backslash. The result is one line and cannot steer the terminal.
@@ -28,5 +29,8 @@ std::string textAsHex(std::string_view sText);
 size_t textColumns(std::string_view sText);
 // Cuts the text to at most uColumns columns. An ellipsis in the last column shows that something was cut.
 std::string textCut(std::string_view sText, size_t uColumns);
+// Breaks the text into lines of at most uColumns columns, at a blank where there is one. There are at most
+// uLines lines; the last is cut as above.
+std::vector<std::string> textWrap(std::string_view sText, size_t uColumns, size_t uLines);
 
 #endif

@@ -315,7 +315,7 @@ int run(Tune *pTune, int iSignals) {
 
 int tune(const TuneOptions &options) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
-    const int iExit = checkInterface(options.sInterface);
+    const int iExit = checkInterface("--interface", options.sInterface);
     if (iExit != EXIT_DONE) {
         return iExit;
     }

@@ -1,75 +1,36 @@
 #include "viewclient.h"
 
+#include "localsocket.h"
+
 #include <pccast/commander.h>
 
 #include <httplib.h>
-#include <pwd.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstring>
 
 namespace {
 
-constexpr const char *kServiceUser = "pccast";
 constexpr unsigned int kAnswerSeconds = 10;
-
-// Whether the user may run a service that this user believes: our own, root, or the system service's.
-bool isTrusted(uid_t uiUser) {
-    if (uiUser == geteuid() || uiUser == 0) {
-        return true;
-    }
-    struct passwd entry {};
-    struct passwd *pEntry = nullptr;
-    std::array<char, 4096> aTexts{};
-    return getpwnam_r(kServiceUser, &entry, aTexts.data(), aTexts.size(), &pEntry) == 0 &&
-           pEntry != nullptr && pEntry->pw_uid == uiUser;
-}
-
-// Connects to the view socket and looks who listens there. Returns the socket or a negative errno; -EPERM: a
-// user that is not trusted.
-int connectTrusted() {
-    const int iSocket = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (iSocket < 0) {
-        return -errno;
-    }
-    const struct timeval wait { kAnswerSeconds, 0 };
-    setsockopt(iSocket, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
-    struct sockaddr_un address {};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, PCCAST_VIEW_SOCKET, sizeof address.sun_path - 1);
-    int iError = 0;
-    struct ucred peer {};
-    socklen_t uiSize = sizeof peer;
-    if (connect(iSocket, reinterpret_cast<const struct sockaddr *>(&address), sizeof address) != 0 ||
-        getsockopt(iSocket, SOL_SOCKET, SO_PEERCRED, &peer, &uiSize) != 0) {
-        iError = errno;
-    } else if (!isTrusted(peer.uid)) {
-        iError = EPERM;
-    }
-    if (iError != 0) {
-        close(iSocket);
-        return -iError;
-    }
-    return iSocket;
-}
 
 // The library would connect by the path alone; this connects to a listener that has been looked at.
 class LocalClient : public httplib::ClientImpl {
 public:
     LocalClient() : ClientImpl("localhost", 80) {}
 
-    int iError = 0; // why there is no connection
+    int iError = 0;   // why there is no connection
+    uid_t uiUser = 0; // who listens; with EPERM, somebody who is not trusted
 
 private:
     bool create_and_connect_socket(Socket &socket, httplib::Error &error) override {
-        const int iSocket = connectTrusted();
-        if (iSocket < 0) {
-            iError = -iSocket;
+        const int iSocket = connectLocal(PCCAST_VIEW_SOCKET, &uiUser);
+        iError = iSocket < 0 ? -iSocket : isTrustedUser(uiUser) ? 0 : EPERM;
+        if (iError != 0) {
+            if (iSocket >= 0) {
+                close(iSocket);
+            }
             error = httplib::Error::Connection;
             return false;
         }
@@ -78,7 +39,7 @@ private:
     }
 };
 
-std::string connectProblem(int iError) {
+std::string connectProblem(int iError, uid_t uiUser) {
     const std::string sSocket = PCCAST_VIEW_SOCKET;
     switch (iError) {
     case ENOENT:
@@ -87,8 +48,7 @@ std::string connectProblem(int iError) {
     case EACCES:
         return sSocket + " belongs to another user's service; that user or root can look at it";
     case EPERM:
-        return sSocket + " is served by a user who is neither you, root nor " + kServiceUser +
-               "; it is not believed";
+        return untrustedText(PCCAST_VIEW_SOCKET, uiUser);
     case EAGAIN:
         return "the service at " + sSocket + " is too busy to answer";
     default:
@@ -102,7 +62,7 @@ ViewResult get(const std::string &sPath, unsigned int uiWait, Json *pAnswer, std
     client.set_write_timeout(kAnswerSeconds);
     const httplib::Result result = client.Get(sPath);
     if (client.iError != 0) {
-        *psProblem = connectProblem(client.iError);
+        *psProblem = connectProblem(client.iError, client.uiUser);
         return client.iError == ENOENT || client.iError == ECONNREFUSED ? VIEW_ABSENT : VIEW_FAILED;
     }
     if (!result) {
@@ -130,6 +90,13 @@ ViewResult getView(Json *pView, std::string *psProblem) {
 ViewResult getEvents(unsigned long ulAfter, unsigned int uiWait, Json *pEvents, std::string *psProblem) {
     return get("/v1/events?after=" + std::to_string(ulAfter) + "&wait=" + std::to_string(uiWait), uiWait,
                pEvents, psProblem);
+}
+
+ViewResult getHistory(const HistoryQuery &query, Json *pAnswer, std::string *psProblem) {
+    const std::string sEPG = query.bEPG ? "&epg=" + std::to_string(query.ulEPGID) : "";
+    return get("/v1/history?since=" + std::to_string(query.ulSince) +
+                   "&after=" + std::to_string(query.ulAfter) + sEPG,
+               0, pAnswer, psProblem);
 }
 
 ViewResult getNewestEvent(unsigned long *pulNumber, std::string *psProblem) {

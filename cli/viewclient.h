@@ -6,6 +6,7 @@
 #define PCCAST_CLI_VIEWCLIENT_H
 
 #include "json.h"
+#include "statestore.h"
 
 #include <string>
 
@@ -31,6 +32,10 @@ ViewResult getView(Json *pView, std::string *psProblem);
 // the call waits up to uiWait seconds for the first. If ulAfter is above the newest number, the service is
 // not the one that gave it: the answer comes at once, and last is the newest number.
 ViewResult getEvents(unsigned long ulAfter, unsigned int uiWait, Json *pEvents, std::string *psProblem);
+
+// The next entries of the history that the query asks for, as Store::history gives them. VIEW_FAILED also
+// when the service keeps no state.
+ViewResult getHistory(const HistoryQuery &query, Json *pAnswer, std::string *psProblem);
 
 // The number of the newest event, 0 when there is none.
 ViewResult getNewestEvent(unsigned long *pulNumber, std::string *psProblem);

@@ -1,11 +1,10 @@
 #include "viewcommand.h"
 
 #include "commands.h"
+#include "consolepump.h"
 
 #include <sys/ioctl.h>
 #include <unistd.h>
-
-#include <cstdlib>
 
 Screen readScreen() {
     if (isatty(STDOUT_FILENO) != 1) {
@@ -15,8 +14,7 @@ Screen readScreen() {
     if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) {
         size.ws_col = 80;
     }
-    const char *const pszNoColour = std::getenv("NO_COLOR");
-    return {size.ws_col, pszNoColour == nullptr || *pszNoColour == 0, true};
+    return {size.ws_col, isColourful(STDOUT_FILENO), true};
 }
 
 int checkAnswer(ViewResult eResult, const std::string &sProblem) {

@@ -42,6 +42,16 @@ bool isFile(const CASTInfo &cast) {
     return cast.ulCASTType == CAST_TYPE_FILE;
 }
 
+} // namespace
+
+const char *eventName(unsigned int uiKind) {
+    return nameOf(kEvents, uiKind);
+}
+
+const char *reasonName(unsigned int uiReason) {
+    return nameOf(kReasons, uiReason);
+}
+
 const char *kindOf(const CASTInfo &cast) {
     if (cast.ulCMD == CAST_CMD_STOP) {
         return "stop";
@@ -69,6 +79,8 @@ std::string identityOf(const MSGInfo &message) {
     return writeMessageIdentity(
         {message.uliEPGID, message.ulCT, message.ulST, message.ulET, message.ulPriority == 1});
 }
+
+namespace {
 
 // What every mention of a request says.
 template <typename Record>
@@ -175,7 +187,7 @@ Json viewJSON(const PCCASTView &view) {
     for (const PCCASTViewThread &thread : view.threads) {
         object["threads"].push_back(
             Json{{"name", thread.pszName == nullptr ? "" : thread.pszName},
-                 {"state", nameOf(kThreadStates, static_cast<size_t>(thread.iState + 1))},
+                 {"state", nameOf(kThreadStates, static_cast<size_t>(thread.iState) + 1)},
                  {"alive", thread.iAlive == 1}});
     }
     object["relay"] = withRequest(view.ulRelay, relayJSON(view.relay));
@@ -189,9 +201,9 @@ Json eventJSON(const PCCASTEvent &event) {
     Json object{{"number", event.ulNumber},
                 {"time", event.ulTime},
                 {"milliseconds", event.uiMilliseconds},
-                {"event", nameOf(kEvents, event.uiKind)}};
+                {"event", eventName(event.uiKind)}};
     if (event.uiReason != PCCAST_REASON_NONE) {
-        object["reason"] = nameOf(kReasons, event.uiReason);
+        object["reason"] = reasonName(event.uiReason);
     }
     setUnlessZero(&object, "request", event.ulRequest);
     if (event.pCast != nullptr) {

@@ -22,6 +22,15 @@
 // A message's text is written up to this many bytes; text_bytes tells how many it has.
 constexpr size_t kViewTextMax = 1024;
 
+// The words of PCCAST_EVENT_... and PCCAST_REASON_...
+const char *eventName(unsigned int uiKind);
+const char *reasonName(unsigned int uiReason);
+// relay, file, message, stop, cancel or other; and what pccast stop or cancel takes.
+const char *kindOf(const CASTInfo &cast);
+const char *kindOf(const MSGInfo &message);
+std::string identityOf(const CASTInfo &cast);
+std::string identityOf(const MSGInfo &message);
+
 Json viewJSON(const PCCASTView &view);
 Json eventJSON(const PCCASTEvent &event);
 

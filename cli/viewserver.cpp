@@ -1,6 +1,7 @@
 #include "viewserver.h"
 
 #include "clitext.h"
+#include "statekeeper.h"
 #include "viewclient.h"
 #include "viewjson.h"
 
@@ -17,6 +18,7 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <list>
 #include <string>
@@ -42,10 +44,12 @@ constexpr const char *kHeadEnd = "\r\n\r\n";
 enum ConnectionState { READING, WAITING, SENDING, OVER };
 
 struct Connection {
-    explicit Connection(Endpoint accepted)
-        : endpoint(std::move(accepted)), deadline(Clock::now() + kPatience) {}
+    explicit Connection(int iAccepted) : iSocket(iAccepted), deadline(Clock::now() + kPatience) {}
+    ~Connection() { close(iSocket); }
+    Connection(const Connection &) = delete;
+    Connection &operator=(const Connection &) = delete;
 
-    Endpoint endpoint;
+    int iSocket;
     ConnectionState eState = READING;
     Clock::time_point deadline; // READING, SENDING: closed then; WAITING: answered then
     std::string sHead;          // the request
@@ -113,26 +117,33 @@ bool readParameter(const httplib::Request &request, const char *pszName, unsigne
 // Events that the plug-in has handed over.
 class Events {
 public:
-    Events(const Plugin &loaded, unsigned long ulAfter, int iMost)
+    // Those above ulAfter, up to ulLast.
+    Events(const Plugin &loaded, unsigned long ulAfter, unsigned long ulLast, int iMost)
         : plugin(loaded), events(static_cast<size_t>(iMost)),
-          iCount(loaded.pReadEvents(ulAfter, events.data(), iMost)) {}
+          iCount(loaded.pReadEvents(ulAfter, events.data(), iMost)), iTold(iCount) {
+        while (iTold > 0 && events[static_cast<size_t>(iTold - 1)].ulNumber > ulLast) {
+            --iTold;
+        }
+    }
     ~Events() { plugin.pEliminateEvents(events.data(), iCount); }
     Events(const Events &) = delete;
     Events &operator=(const Events &) = delete;
 
     const PCCASTEvent *begin() const { return events.data(); }
-    const PCCASTEvent *end() const { return events.data() + iCount; }
+    const PCCASTEvent *end() const { return events.data() + iTold; }
 
 private:
     const Plugin &plugin;
     std::vector<PCCASTEvent> events;
     int iCount;
+    int iTold;
 };
 
 } // namespace
 
 struct ViewServer::Work {
     Plugin plugin;
+    const StateKeeper *pState;
     Router router;
     Endpoint listener{nullptr, [](KTNET_ENDPOINT *pEndpoint) { ktn_xapi_ktnet_delete(&pEndpoint); }};
     int iWake = -1;
@@ -147,8 +158,9 @@ struct ViewServer::Work {
     bool bFarewell = false;          // nobody waits any more
     unsigned long ulNewest = 0;      // number of the newest event
     Clock::time_point acceptAgain;   // after an accept that failed
+    Clock::time_point sayAgain;      // of a client that is refused
 
-    explicit Work(const Plugin &loaded) : plugin(loaded) {
+    Work(const Plugin &loaded, const StateKeeper *pKept) : plugin(loaded), pState(pKept) {
         router.set_pre_routing_handler([](const httplib::Request &request, httplib::Response &response) {
             if (request.method == "GET" || request.method == "HEAD") {
                 return httplib::Server::HandlerResponse::Unhandled;
@@ -162,10 +174,13 @@ struct ViewServer::Work {
         router.Get("/v1/events", [this](const httplib::Request &request, httplib::Response &response) {
             answerEvents(request, &response);
         });
+        router.Get("/v1/history", [this](const httplib::Request &request, httplib::Response &response) {
+            answerHistory(request, &response);
+        });
         router.set_error_handler([](const httplib::Request & /*request*/, httplib::Response &response) {
             if (response.body.empty()) {
                 setError(&response, response.status,
-                         response.status == 404 ? "there is /v1/view and /v1/events"
+                         response.status == 404 ? "there is /v1/view, /v1/events and /v1/history"
                                                 : "the request cannot be answered");
             }
         });
@@ -178,9 +193,12 @@ struct ViewServer::Work {
 
     // ---- the answers
 
+    // The last event that may be told.
+    unsigned long lastTold() const { return pState == nullptr ? ULONG_MAX : pState->lastTold(); }
+
     void findNewest() {
         for (;;) {
-            const Events events(plugin, ulNewest, kEventsMost);
+            const Events events(plugin, ulNewest, lastTold(), kEventsMost);
             if (events.begin() == events.end()) {
                 return;
             }
@@ -204,7 +222,31 @@ struct ViewServer::Work {
         }
         const auto release = [this](PCCASTView *pMade) { plugin.pEliminateView(&pMade); };
         const std::unique_ptr<PCCASTView, decltype(release)> guard(pView, release);
-        setJSON(pResponse, 200, viewJSON(*pView));
+        Json view = viewJSON(*pView);
+        if (pState != nullptr) {
+            view["state"] = pState->status(pView->ulEvents);
+        }
+        setJSON(pResponse, 200, view);
+    }
+
+    void answerHistory(const httplib::Request &request, httplib::Response *pResponse) const {
+        if (pState == nullptr) {
+            setError(pResponse, 404, "no history is kept; serve keeps one with --state");
+            return;
+        }
+        HistoryQuery query;
+        query.bEPG = request.has_param("epg");
+        if (!readParameter(request, "since", &query.ulSince) ||
+            !readParameter(request, "epg", &query.ulEPGID) ||
+            !readParameter(request, "after", &query.ulAfter)) {
+            setError(pResponse, 400, "since, epg and after are numbers");
+            return;
+        }
+        try {
+            setJSON(pResponse, 200, pState->history(query));
+        } catch (const StoreError &failure) {
+            setError(pResponse, 503, std::string("the history cannot be read: ") + failure.what());
+        }
     }
 
     void answerEvents(const httplib::Request &request, httplib::Response *pResponse) {
@@ -220,7 +262,7 @@ struct ViewServer::Work {
             park(ulAfter, ulWait, pResponse);
             return;
         }
-        const Events events(plugin, ulAfter, kEventsMost);
+        const Events events(plugin, ulAfter, lastTold(), kEventsMost);
         unsigned long ulLost = 0;
         for (const PCCASTEvent &event : events) {
             ulLost += event.ulNumber - ulAfter - 1;
@@ -262,12 +304,31 @@ struct ViewServer::Work {
 
     // ---- the sockets
 
+    // Whether the client is this user or root. Says whom it refuses, but not more often than every ten
+    // seconds.
+    bool isAllowed(int iSocket) {
+        struct ucred peer {};
+        socklen_t uiSize = sizeof peer;
+        if (getsockopt(iSocket, SOL_SOCKET, SO_PEERCRED, &peer, &uiSize) == 0 &&
+            (peer.uid == geteuid() || peer.uid == 0)) {
+            return true;
+        }
+        if (Clock::now() >= sayAgain) {
+            std::fprintf(stderr, "pccast: %s: a client of another user (%u) is refused\n", PCCAST_VIEW_SOCKET,
+                         peer.uid);
+            sayAgain = Clock::now() + std::chrono::seconds(10);
+        }
+        return false;
+    }
+
     void accept() {
-        KTNET_ENDPOINT *pConnection = nullptr;
-        const int iResult = ktn_xapi_ktnet_accept(listener.get(), &pConnection);
-        if (iResult == 1) {
-            connections.emplace_back(Endpoint(pConnection, listener.get_deleter()));
-        } else if (iResult < 0 && iResult != -EACCES) {
+        // The framework's own accept hands out a client only when a frame of its own has come.
+        const int iSocket = accept4(listener->iSocket, nullptr, nullptr, SOCK_CLOEXEC);
+        if (iSocket >= 0 && isAllowed(iSocket)) {
+            connections.emplace_back(iSocket);
+        } else if (iSocket >= 0) {
+            close(iSocket);
+        } else if (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED) {
             acceptAgain = Clock::now() + std::chrono::milliseconds(100);
         }
         // Too many: the one that has kept its request back longest goes.
@@ -280,8 +341,7 @@ struct ViewServer::Work {
 
     void receive(Connection *pConnection) {
         std::array<char, 4096> aBytes;
-        const ssize_t lLength =
-            recv(pConnection->endpoint->iSocket, aBytes.data(), aBytes.size(), MSG_DONTWAIT);
+        const ssize_t lLength = recv(pConnection->iSocket, aBytes.data(), aBytes.size(), MSG_DONTWAIT);
         if (lLength <= 0) {
             if (lLength == 0 || (errno != EAGAIN && errno != EINTR)) {
                 pConnection->eState = OVER;
@@ -305,7 +365,7 @@ struct ViewServer::Work {
     static void send(Connection *pConnection) {
         const std::string &sAnswer = pConnection->sAnswer;
         while (pConnection->uSent < sAnswer.size()) {
-            const ssize_t lSent = ::send(pConnection->endpoint->iSocket, sAnswer.data() + pConnection->uSent,
+            const ssize_t lSent = ::send(pConnection->iSocket, sAnswer.data() + pConnection->uSent,
                                          sAnswer.size() - pConnection->uSent, MSG_DONTWAIT | MSG_NOSIGNAL);
             if (lSent < 0) {
                 if (errno != EAGAIN && errno != EINTR) {
@@ -360,8 +420,7 @@ struct ViewServer::Work {
         bool bWaiting = false;
         for (const Connection &connection : connections) {
             const bool bSending = connection.eState == SENDING;
-            polls.push_back(
-                {connection.endpoint->iSocket, static_cast<short>(bSending ? POLLOUT : POLLIN), 0});
+            polls.push_back({connection.iSocket, static_cast<short>(bSending ? POLLOUT : POLLIN), 0});
             bWaiting = bWaiting || connection.eState == WAITING;
         }
         poll(polls.data(), polls.size(), timeUntilDue());
@@ -397,7 +456,8 @@ struct ViewServer::Work {
     }
 };
 
-ViewServer::ViewServer(const Plugin &plugin) : pWork(std::make_unique<Work>(plugin)) {}
+ViewServer::ViewServer(const Plugin &plugin, const StateKeeper *pState)
+    : pWork(std::make_unique<Work>(plugin, pState)) {}
 
 ViewServer::~ViewServer() {
     stop();

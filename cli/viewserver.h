@@ -2,6 +2,9 @@
 //
 //   GET /v1/view
 //   GET /v1/events?after=NUMBER&wait=SECONDS
+//   GET /v1/history?since=SECONDS&epg=NUMBER&after=ID     when a state is kept
+//
+// When a state is kept, an event is told only after it is in the file.
 //
 // Made by serve. One thread of its own accepts, reads, answers and sends, and waits for none of its clients.
 // So no number of them takes more than this thread from the service. A client that is silent or slow is
@@ -13,9 +16,12 @@
 
 #include <memory>
 
+class StateKeeper;
+
 class ViewServer {
 public:
-    explicit ViewServer(const Plugin &plugin);
+    // pState: null when no state is kept. It outlives this.
+    ViewServer(const Plugin &plugin, const StateKeeper *pState);
     ~ViewServer();
     ViewServer(const ViewServer &) = delete;
     ViewServer &operator=(const ViewServer &) = delete;

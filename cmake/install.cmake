@@ -26,9 +26,9 @@ install(FILES ${PROJECT_SOURCE_DIR}/dissector/pccast.lua
     DESTINATION ${CMAKE_INSTALL_DATADIR}/pccast COMPONENT runtime)
 install(FILES ${PROJECT_SOURCE_DIR}/cli/completion/pccast.bash RENAME pccast
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT runtime)
-install(FILES ${PROJECT_SOURCE_DIR}/cli/completion/_pccast OPTIONAL
+install(FILES ${PROJECT_SOURCE_DIR}/cli/completion/_pccast
     DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT runtime)
-install(FILES ${PROJECT_SOURCE_DIR}/cli/completion/pccast.fish OPTIONAL
+install(FILES ${PROJECT_SOURCE_DIR}/cli/completion/pccast.fish
     DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT runtime)
 install(FILES ${PCCAST_PACKAGING}/pccast.service DESTINATION lib/systemd/system COMPONENT runtime)
 install(FILES ${PCCAST_PACKAGING}/pccast.sysusers RENAME pccast.conf

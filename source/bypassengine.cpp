@@ -17,8 +17,10 @@
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -80,6 +82,10 @@ constexpr unsigned long kDatagramMax = 65536;
 constexpr ViewTraffic &kTraffic = gViewTraffic[VIEW_BYPASS];
 constexpr unsigned long kKeySize = 16; // the decryption calls read this many bytes
 constexpr const char *kReceiveInterface = "127.0.0.1";
+
+// While a stream flows, recvfrom itself waits for the next datagram: that saves a call of the system for
+// each. It waits so long at most; then the poll takes over, whose time-out tells of a silent source.
+constexpr timeval kFlowWait{0, 20'000};
 
 // The cast on air, its endpoints, and its key filled up with zeros.
 struct Relay {
@@ -153,6 +159,7 @@ bool openRelay(Relay *pRelay) {
     if (initMSTREAMRxNetEx(&pRelay->pReceiver, pCast->pSRCIP, pCast->usSRCPort, kReceiveInterface) <= 0) {
         return false;
     }
+    setsockopt(pRelay->pReceiver->iSocket, SOL_SOCKET, SO_RCVTIMEO, &kFlowWait, sizeof kFlowWait);
     pRelay->uiReason = PCCAST_REASON_DESTINATION;
     if (initSTREAMTxNet(&pRelay->pSender, pCast->pDSTIP, nullptr, pCast->usDSTPort) <= 0) {
         std::printf("%s():%d \e[1;41m[Initialize FAILURE]\e[0m\n", "PCCASTBYPASSEngine", __LINE__);
@@ -259,10 +266,28 @@ void noteDatagram(unsigned long ulLength, unsigned long ulNow) {
     }
 }
 
+// Waits for a datagram, one time-out of the endpoint at most. Returns whether there is one. Says so if not.
+bool awaitDatagram(const Relay *pRelay, unsigned long ulNow) {
+    const int iTimeoutMs = static_cast<int>(pRelay->pReceiver->uiTimeoutMs);
+    const int iReadable = ktn_xapi_rx_poll_socket(pRelay->pReceiver->iSocket, pRelay->pReceiver->uiTimeoutMs);
+    if (iReadable > 0) {
+        return true;
+    }
+    std::fprintf(stderr, "%s() waiting for bypass stream source\n", "PCCASTBYPASSEngine");
+    std::fflush(stderr);
+    noteSilence(ulNow);
+    // An error returns at once. The pause keeps the line as rare as after a time-out.
+    if (iReadable < 0) {
+        KTuSleep(iTimeoutMs * 1000);
+    }
+    return false;
+}
+
 // Relays datagram by datagram until the end time, a request to finish or stop, or the end of the source.
 // Returns why it ended: PCCAST_REASON_..., none when it was asked to.
 unsigned int relay(const KTPLUGIN_INFO_TAG *pBlock, const Relay *pRelay, unsigned char *pBuffer) {
     Meter meter{vexa_time(nullptr), 0, 0};
+    bool bFlows = false; // the last wait brought a datagram
     while (pBlock->eState <= ENGINE_RUNNING) {
         const unsigned long ulNow = vexa_time(nullptr);
         if (pRelay->pCast->ulET <= ulNow) {
@@ -271,20 +296,15 @@ unsigned int relay(const KTPLUGIN_INFO_TAG *pBlock, const Relay *pRelay, unsigne
         if (ulNow != meter.ulSecond) {
             noteSecond(pRelay, &meter, ulNow);
         }
-        const int iReadable =
-            ktn_xapi_rx_poll_socket(pRelay->pReceiver->iSocket, pRelay->pReceiver->uiTimeoutMs);
-        if (iReadable <= 0) {
-            std::fprintf(stderr, "%s() waiting for bypass stream source\n", "PCCASTBYPASSEngine");
-            std::fflush(stderr);
-            noteSilence(ulNow);
-            // An error returns at once. The pause keeps the line as rare as after a time-out.
-            if (iReadable < 0) {
-                KTuSleep(static_cast<int>(pRelay->pReceiver->uiTimeoutMs) * 1000);
-            }
+        if (!bFlows && !awaitDatagram(pRelay, ulNow)) {
             continue;
         }
         const ssize_t lLength =
             recvfrom(pRelay->pReceiver->iSocket, pBuffer, kDatagramMax, 0, nullptr, nullptr);
+        bFlows = lLength > 0;
+        if (lLength < 0 && (errno == EAGAIN || errno == EINTR)) {
+            continue;
+        }
         if (lLength <= 0) {
             return PCCAST_REASON_SOURCE_LOST;
         }

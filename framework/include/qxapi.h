@@ -107,13 +107,13 @@ struct ts_qxapi_packet {
  * with pStart. */
 struct ts_qxapi_stream {
     /* Reads the file's head and starts the clock. Returns 1 started, 0 not (the reason is on standard
-     * error). */
+     * error). The calling thread's timer slack is least until it closes the stream, so that
+     * qxapi_load_balance wakes it exactly. */
     int (*pStart)(struct ts_qxapi_stream *pStream);
     /* Returns non-zero once every packet has been handed out, or once the file can no longer be read. */
     int (*pIsAtEnd)(struct ts_qxapi_stream *pStream);
-    /* Returns the next packet once it is due. Returns null while none is due, while one is still lent, and
-     * at the end of the stream. Packets that follow each other closely may come about a millisecond early,
-     * so that the caller wakes once for several. */
+    /* Returns the next packet once it is due, never before. Returns null while none is due, while one is
+     * still lent, and at the end of the stream. */
     struct ts_qxapi_packet *(*pNextPacket)(struct ts_qxapi_stream *pStream);
     /* Takes a packet back. */
     void (*pReleasePacket)(struct ts_qxapi_stream *pStream, struct ts_qxapi_packet *pPacket);
@@ -126,11 +126,12 @@ struct ts_qxapi_stream *qxapi_open_stream(const char *pszFile);
 /* How far a stream has come. */
 struct ts_qxapi_stream_progress {
     unsigned long ulPositionMs; /* play-out time of the packet handed out last, from the stream's begin */
-    unsigned long ulLengthMs;   /* play-out time of the whole file; 0: not known */
+    unsigned long ulLengthMs;   /* play-out time of the whole file, as found at the start; 0: not known */
     unsigned long ulLate;       /* packets handed out more than 10 ms after their time */
 };
 
-/* Fills *pProgress for a started stream; called by the thread that reads it. Returns 1, or 0 (nothing known). */
+/* Fills *pProgress for a started stream. Returns 1, or 0 if the stream has not been started; *pProgress then
+ * stays as it is. Reads no clock and no file. */
 int qxapi_stream_progress(const struct ts_qxapi_stream *pStream, struct ts_qxapi_stream_progress *pProgress);
 
 /* Closes the file and releases the stream. Ignores null. */

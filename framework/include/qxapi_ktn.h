@@ -46,7 +46,8 @@ typedef struct KTNET_ENDPOINT {
     unsigned int uiListen;
     /* Not used. */
     unsigned int uiAux;
-    /* Bounds each receive of a frame, and each send, as a whole. */
+    /* Bounds each receive of a frame, each send on a local socket, and each read of the caller's own on
+     * iSocket, as a whole. Set before the socket is opened. */
     unsigned int uiTimeoutMs;
     unsigned int uiLibraryFlags;
     /* errno of the last failure. The caller clears it. */
@@ -96,12 +97,19 @@ int ktn_xapi_ktnet_init_with_version(KTNET_ENDPOINT **ppDesc, int iMode, int iVe
  * Returns 1, or a negative errno; the descriptor then has no socket. */
 int ktn_xapi_ktnet_create(KTNET_ENDPOINT *pDesc);
 
-/* Accepts one pending connection into a new descriptor in *ppConn. It inherits the listener's time-out.
- * Returns 1; 0 if the connection has gone; a negative errno. Refuses a peer of another user with -EACCES,
- * unless it is root. *ppConn is null for every result but 1. */
+/* Accepts one connection into a new descriptor in *ppConn. It inherits the listener's time-out. Of the
+ * pending connections it is the first whose frame has arrived, so that a client that sends nothing holds up
+ * nobody. A client that sends no whole frame within the time-out is dropped, and so is one that closes
+ * without a byte, or whose user is neither this one nor root. While 64 clients are silent, each next one
+ * takes the place of the one silent for the longest, after 100 ms. Returns 1; 0 if there is none; a negative
+ * errno. *ppConn is null for every result but 1. */
 int ktn_xapi_ktnet_accept(KTNET_ENDPOINT *pDesc, KTNET_ENDPOINT **ppConn);
 
-/* Connects a client descriptor to szPeer. Returns 1, or a negative errno. */
+/* Connects a client descriptor to szPeer. Waits at most uiTimeoutMs while the listener's queue is full.
+ * Checks who serves the path before a byte is sent: this user, root, or a user that the environment variable
+ * KTNET_PEER_USERS names (names or numbers, separated by commas; where it is not set, those that the library
+ * was built with). Anybody else is refused with -EACCES.
+ * Returns 1, or a negative errno. */
 int ktn_xapi_ktnet_connect(KTNET_ENDPOINT *pDesc);
 
 /* Sets the multicast hop limit of a sending UDP socket. iFamily: 0 (IPv4). iHops: 0 to 255. iOn: 1 also
@@ -117,8 +125,9 @@ int ktn_xapi_ktnet_delete(KTNET_ENDPOINT **ppDesc);
 
 /* ---- Transfer */
 
-/* Waits at most uiTimeoutMs until iSocket is readable. A listener is readable once a connection is pending.
- * Returns 1 readable, 0 time-out (also if a signal cut the wait short), or a negative errno. */
+/* Waits at most uiTimeoutMs until iSocket is readable. A listener is readable once ktn_xapi_ktnet_accept has
+ * a connection to give. Returns 1 readable, 0 time-out (also if a signal cut the wait short), or a negative
+ * errno. */
 int ktn_xapi_rx_poll_socket(int iSocket, unsigned int uiTimeoutMs);
 
 /* Receives one whole frame within uiTimeoutMs: header words, ulPayloadLen and the payload. Allocates the
@@ -127,11 +136,15 @@ int ktn_xapi_rx_poll_socket(int iSocket, unsigned int uiTimeoutMs);
  * long, -ETIMEDOUT). pPayload is null for every result but 1. */
 int ktn_xapi_ktnet_rx_data(KTNET_ENDPOINT *pConn, KTNET_PACKET *pPacket);
 
-/* Sends the header words and ulPayloadLen bytes at pPayload as one frame. On UDP a frame is one datagram.
+/* Sends the header words and ulPayloadLen bytes at pPayload as one frame. On UDP a frame is one datagram, and
+ * a short fault is ridden out as by ktn_xapi_ktnet_tx_a_packet.
  * Returns 1, or a negative errno (-EMSGSIZE for a frame over the maximum of its kind). */
 int ktn_xapi_ktnet_tx_data(KTNET_ENDPOINT *pDesc, KTNET_PACKET *pPacket);
 
-/* Sends the buffer as one unframed datagram. Allocates nothing. iFlags: 0.
+/* Sends the buffer as one unframed datagram. Allocates nothing. iFlags: 0. Rides out a short fault of the
+ * network (no buffers, no route, an interface that is gone) for at most half a second. If the fault lasts,
+ * the sends after it fail at once, until one succeeds. Finds the interface again that KTNET_MULTICAST_IF
+ * names, once it is back.
  * Returns the bytes sent (1 for an empty buffer), or a negative errno. */
 int ktn_xapi_ktnet_tx_a_packet(KTNET_ENDPOINT *pDesc, int iFlags, KTNET_BUFFER *pBuffer);
 

@@ -15,9 +15,8 @@ extern "C" {
  * */
 unsigned long vexa_time(unsigned long *pTime);
 
-/* Pauses the calling thread for a few milliseconds; a polling loop calls it once a pass. The pause is
- * short: a loop of a few passes still reacts within tens of milliseconds. It is long enough that idle loops
- * cost next to nothing. */
+/* Pauses the calling thread until the wall clock's next multiple of 20 ms; a polling loop calls it once a
+ * pass. So a loop looks at the beginning of each second, and idle loops cost next to nothing. */
 void vexa_load_balance(void);
 
 /* Returns non-zero once the process has been asked to break off. Does not clear the request. */

@@ -27,7 +27,7 @@ constexpr unsigned int kStreamIdToggle = 0x8000;
 std::atomic<unsigned int> uiPlayouts{0}; // playouts of this process that have sent something
 
 struct AsfCaster : ts_qxapi_asfcast {
-    int iSocket = -1;
+    UdpSender sender;
     CastTarget target;
     int iStationHops = -1;       // hop limit of the station file, -1 none
     unsigned int uiFormatID = 0; // of the station's format
@@ -45,15 +45,15 @@ int openTarget(AsfCaster &caster, CastTarget target, int iStationHops) {
                         target.sAddress.c_str(), target.usPort, uiHops);
         return 0;
     }
-    const int iSocket =
-        udpOpenSender(target.sAddress.c_str(), target.usPort, nullptr, static_cast<int>(uiHops));
-    if (iSocket < 0) {
+    UdpSender sender;
+    if (udpOpenSender(sender, target.sAddress.c_str(), target.usPort, nullptr, static_cast<int>(uiHops)) <
+        0) {
         return 0;
     }
-    if (caster.iSocket >= 0) {
-        close(caster.iSocket);
+    if (caster.sender.iSocket >= 0) {
+        close(caster.sender.iSocket);
     }
-    caster.iSocket = iSocket;
+    caster.sender = sender;
     caster.target = std::move(target);
     return 1;
 }
@@ -115,7 +115,7 @@ void writeHeader(unsigned char *pHeader, unsigned int uiPacketID, unsigned int u
 
 int sendPacket(ts_qxapi_asfcast *pCaster, const unsigned char *pData, unsigned int uiLength) {
     AsfCaster &caster = *static_cast<AsfCaster *>(pCaster);
-    if (caster.iSocket < 0) {
+    if (caster.sender.iSocket < 0) {
         return 0;
     }
     if (uiLength > kMsbPacketMax - kMsbHeaderSize) {
@@ -134,7 +134,7 @@ int sendPacket(ts_qxapi_asfcast *pCaster, const unsigned char *pData, unsigned i
     msghdr message{};
     message.msg_iov = aPiece;
     message.msg_iovlen = 2;
-    const int iSent = udpSendMessage(caster.iSocket, message);
+    const int iSent = udpSendMessage(caster.sender, message);
     if (iSent >= 0) {
         return 1;
     }
@@ -160,8 +160,8 @@ void qxapi_close_asfcast(ts_qxapi_asfcast *pCaster) {
         return;
     }
     AsfCaster *pOwn = static_cast<AsfCaster *>(pCaster);
-    if (pOwn->iSocket >= 0) {
-        close(pOwn->iSocket);
+    if (pOwn->sender.iSocket >= 0) {
+        close(pOwn->sender.iSocket);
     }
     delete pOwn;
 }

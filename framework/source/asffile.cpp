@@ -32,6 +32,7 @@ bool readFileProperties(const unsigned char *p, AsfHeader &header, std::string &
     const unsigned long long ullLeast = little(p + 92, 4);
     const unsigned long long ullMost = little(p + 96, 4);
     header.bBroadcast = (p[88] & 1) != 0;
+    header.ullSendTime = header.bBroadcast ? 0 : little(p + 72, 8);
     header.uiBitRate = static_cast<unsigned int>(little(p + 100, 4));
     header.uiPacketSize = static_cast<unsigned int>(ullMost);
     if (ullLeast == ullMost && ullMost >= kPacketMin && ullMost <= kPacketMax) {
@@ -116,6 +117,18 @@ bool asfReadHeader(FileWindow &window, AsfHeader &header, std::string &sReason) 
     }
     sReason = "no data object follows its header";
     return false;
+}
+
+bool asfAreObjects(const unsigned char *pData, std::size_t ulLength) {
+    while (ulLength >= kObjectHeaderSize) {
+        const unsigned long long ullSize = little(pData + 16, 8);
+        if (ullSize < kObjectHeaderSize || ullSize > ulLength) {
+            return false;
+        }
+        pData += ullSize;
+        ulLength -= static_cast<std::size_t>(ullSize);
+    }
+    return ulLength == 0;
 }
 
 bool asfReadSendTime(const unsigned char *pPacket, std::size_t ulLength, unsigned int &uiSendTime) {

@@ -44,11 +44,12 @@ void takeTime(AsfReader &reader, bool bTime, unsigned int uiSendTime) {
     reader.uiSendTime = uiSendTime;
 }
 
-void reportEnd(const AsfReader &reader, std::size_t ulRest) {
+// pRest: the ulRest bytes that are no packet, at most a packet's size of them.
+void reportEnd(const AsfReader &reader, const unsigned char *pRest, std::size_t ulRest) {
     if (reader.window.iError != 0) {
         frameworkReport("stream", "%s: cannot be read on at byte %llu: %s: the playout ends here",
                         reader.sFile.c_str(), reader.ullOffset, std::strerror(reader.window.iError));
-    } else if (reader.bOpenEnd ? ulRest > 0 && ulRest < reader.header.uiPacketSize
+    } else if (reader.bOpenEnd ? ulRest < reader.header.uiPacketSize && !asfAreObjects(pRest, ulRest)
                                : reader.ullOffset < reader.ullEnd) {
         frameworkReport("stream",
                         "%s: its packets end at byte %llu, before its data does: the playout ends here",
@@ -89,7 +90,7 @@ int asfReaderNext(AsfReader &reader, MediaPacket &packet) {
     unsigned int uiSendTime = 0;
     const bool bTime = ulHave >= uiSize && asfReadSendTime(p, uiSize, uiSendTime);
     if (ulHave < uiSize || (reader.bOpenEnd && !bTime)) {
-        reportEnd(reader, ulHave);
+        reportEnd(reader, p, ulHave);
         return MEDIA_END;
     }
     takeTime(reader, bTime, uiSendTime);

@@ -3,7 +3,7 @@
 // Used by the stream, on the thread that plays it. A packet is due at its send time, counted from the send
 // time of the first packet. Where send times jump, time continues at the file's bit rate. The header's
 // packet counts are not used. The reader plays the data object to its end; if the file does not know that
-// size, it plays for as long as data packets follow.
+// size, it plays for as long as data packets follow. Objects such as an index may follow these.
 #ifndef FRAMEWORK_ASFSTREAM_H
 #define FRAMEWORK_ASFSTREAM_H
 

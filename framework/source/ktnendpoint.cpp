@@ -43,16 +43,28 @@ void boundTransfers(int iSocket, unsigned int uiTimeoutMs) {
     setsockopt(iSocket, SOL_SOCKET, SO_SNDTIMEO, &bound, sizeof bound);
 }
 
-int openUdp(const KTNET_ENDPOINT &desc) {
+// Returns the socket, or a negative errno.
+int openUdp(KtnEndpoint &endpoint) {
+    const KTNET_ENDPOINT &desc = endpoint.descriptor;
     if (desc.uiPort > 0xFFFF) {
         frameworkReport("ktn_xapi_ktnet_create", "%s: %u is no UDP port", desc.szPeer, desc.uiPort);
         return -EINVAL;
     }
     const auto usPort = static_cast<unsigned short>(desc.uiPort);
     const int iSocket = desc.uiListen != 0 ? udpOpenReceiver(desc.szPeer, usPort, desc.szLocal)
-                                           : udpOpenSender(desc.szPeer, usPort, nullptr, -1);
+                                           : udpOpenSender(endpoint.sender, desc.szPeer, usPort, nullptr, -1);
     if (iSocket >= 0) {
         boundTransfers(iSocket, desc.uiTimeoutMs);
+    }
+    return iSocket;
+}
+
+// Returns the socket, or a negative errno.
+int listenLocal(KtnEndpoint &endpoint) {
+    const KTNET_ENDPOINT &desc = endpoint.descriptor;
+    const int iSocket = ktnLocalListen(desc.szLocal, desc.uiTimeoutMs, endpoint.socketFile);
+    if (iSocket >= 0) {
+        ktnLobbyOpen(endpoint.lobby, iSocket, desc.uiTimeoutMs);
     }
     return iSocket;
 }
@@ -119,11 +131,11 @@ int ktn_xapi_ktnet_create(KTNET_ENDPOINT *pDesc) {
     }
     int iSocket = -EINVAL;
     if (pDesc->uiKind == KTNET_KIND_UDP) {
-        iSocket = openUdp(*pDesc);
+        iSocket = openUdp(*pEndpoint);
     } else if (pDesc->uiKind != KTNET_KIND_LOCAL) {
         frameworkReport("ktn_xapi_ktnet_create", "there is no endpoint of kind 0x%x", pDesc->uiKind);
     } else if (pDesc->uiListen != 0) {
-        iSocket = ktnLocalListen(pDesc->szLocal, pDesc->uiTimeoutMs, pEndpoint->socketFile);
+        iSocket = listenLocal(*pEndpoint);
     } else {
         iSocket = ktnLocalClient();
     }
@@ -139,13 +151,14 @@ int ktn_xapi_ktnet_accept(KTNET_ENDPOINT *pDesc, KTNET_ENDPOINT **ppConn) {
         return -EINVAL;
     }
     *ppConn = nullptr;
-    if (ktnEndpoint(pDesc) == nullptr) {
+    KtnEndpoint *pEndpoint = ktnEndpoint(pDesc);
+    if (pEndpoint == nullptr) {
         return -EINVAL;
     }
-    if (pDesc->uiKind != KTNET_KIND_LOCAL || pDesc->uiListen == 0) {
+    if (pEndpoint->lobby.iListener < 0) {
         return ktnFailed(pDesc, EOPNOTSUPP);
     }
-    const int iSocket = ktnLocalAccept(pDesc->iSocket);
+    const int iSocket = ktnLobbyTake(pEndpoint->lobby);
     if (iSocket == -EAGAIN) {
         return 0;
     }
@@ -183,9 +196,11 @@ int ktn_xapi_ktnet_close(KTNET_ENDPOINT *pDesc) {
     if (pEndpoint == nullptr || pDesc->iSocket < 0) {
         return 0;
     }
+    ktnLobbyClose(pEndpoint->lobby);
     ktnLocalRemove(pEndpoint->socketFile);
     close(pDesc->iSocket);
     pDesc->iSocket = -1;
+    pEndpoint->sender.iSocket = -1;
     return 1;
 }
 

@@ -4,7 +4,9 @@
 #ifndef FRAMEWORK_KTNENDPOINT_H
 #define FRAMEWORK_KTNENDPOINT_H
 
+#include "ktnlobby.h"
 #include "ktnlocal.h"
+#include "udpsocket.h"
 
 #include <qxapi_ktn.h>
 
@@ -12,6 +14,8 @@
 struct KtnEndpoint {
     KTNET_ENDPOINT descriptor;
     KtnSocketFile socketFile; // of a local listener
+    KtnLobby lobby;           // of a local listener
+    UdpSender sender;         // of a UDP endpoint that sends; its socket is the descriptor's
 };
 
 // Returns the endpoint of a descriptor, or null if the library did not make it.

@@ -3,10 +3,15 @@
 #include "deadline.h"
 #include "report.h"
 
+#include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <pwd.h>
+#include <sstream>
+#include <string>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -33,29 +38,96 @@ const sockaddr *plain(const sockaddr_un &address) {
     return reinterpret_cast<const sockaddr *>(&address);
 }
 
-// Opens the folder of pszPath and locks it. If two processes want the same path, one then checks, removes
-// and binds before the other starts. The lock is on the folder, so it leaves no file behind however the
-// process ends. Returns the folder, or a negative errno. Closing the folder unlocks it.
-int lockFolder(const char *pszPath, Deadline deadline) {
-    char szFolder[sizeof(sockaddr_un::sun_path)] = ".";
-    if (const char *pszName = std::strrchr(pszPath, '/')) {
-        const auto ulLength = static_cast<std::size_t>(pszName == pszPath ? 1 : pszName - pszPath);
-        std::memcpy(szFolder, pszPath, ulLength);
-        szFolder[ulLength] = 0;
+// Names the user for a message, by name if there is one.
+std::string userText(uid_t uiUser) {
+    passwd entry{};
+    passwd *pFound = nullptr;
+    std::array<char, 4096> texts;
+    if (getpwuid_r(uiUser, &entry, texts.data(), texts.size(), &pFound) == 0 && pFound != nullptr) {
+        return entry.pw_name;
     }
-    const int iFolder = open(szFolder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (iFolder < 0) {
-        return -errno;
+    return std::to_string(uiUser);
+}
+
+// Returns whether the word is the name or the number of the user.
+bool names(const std::string &word, uid_t uiUser) {
+    if (!word.empty() && word.size() <= 10 && word.find_first_not_of("0123456789") == std::string::npos) {
+        return std::stoul(word) == uiUser;
     }
-    while (flock(iFolder, LOCK_EX | LOCK_NB) != 0) {
-        if ((errno != EWOULDBLOCK && errno != EINTR) || deadlineLeft(deadline) == 0) {
-            const int iErrno = errno;
-            close(iFolder);
-            return -iErrno;
+    passwd entry{};
+    passwd *pFound = nullptr;
+    std::array<char, 4096> texts;
+    return getpwnam_r(word.c_str(), &entry, texts.data(), texts.size(), &pFound) == 0 && pFound != nullptr &&
+           entry.pw_uid == uiUser;
+}
+
+// Returns whether KTNET_PEER_USERS, or the build where it is not set, names the user.
+bool isTrusted(uid_t uiUser) {
+    const char *pszUsers = std::getenv("KTNET_PEER_USERS");
+    std::istringstream users(pszUsers != nullptr ? pszUsers : KTNET_PEER_USERS_DEFAULT);
+    for (std::string word; std::getline(users, word, ',');) {
+        if (names(word, uiUser)) {
+            return true;
         }
-        poll(nullptr, 0, kLockRetryMs);
     }
-    return iFolder;
+    return false;
+}
+
+// Stores the user at the other end. Returns whether it is this user or root.
+bool isOwnOrRoot(int iSocket, uid_t &uiPeer) {
+    ucred peer{};
+    socklen_t uiLength = sizeof peer;
+    peer.uid = static_cast<uid_t>(-1);
+    const bool bKnown = getsockopt(iSocket, SOL_SOCKET, SO_PEERCRED, &peer, &uiLength) == 0;
+    uiPeer = peer.uid;
+    return bKnown && (uiPeer == geteuid() || uiPeer == 0);
+}
+
+// Opens or makes the file at pszLock. Returns it, or a negative errno (reported), also if it is not this
+// user's own file.
+int openLock(const char *pszLock) {
+    const int iLock = open(pszLock, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY, 0600);
+    int iErrno = iLock < 0 ? errno : 0;
+    struct stat status {};
+    const bool bThere = (iLock < 0 ? lstat(pszLock, &status) : fstat(iLock, &status)) == 0;
+    if (bThere && (!S_ISREG(status.st_mode) || status.st_uid != geteuid())) {
+        frameworkReport(kWhoCreate, "%s of the user %s is in the way; it is left alone", pszLock,
+                        userText(status.st_uid).c_str());
+        iErrno = EACCES;
+    } else if (iErrno != 0) {
+        frameworkReport(kWhoCreate, "can not open %s: %s", pszLock, std::strerror(iErrno));
+    }
+    if (iErrno != 0 && iLock >= 0) {
+        close(iLock);
+    }
+    return iErrno != 0 ? -iErrno : iLock;
+}
+
+// Locks the file at pszLock. Returns it, or a negative errno (reported). Whoever holds the lock removes the
+// file before letting go. So the path may lead to another file once the lock is had; then begin again.
+int lockStart(const char *pszLock, Deadline deadline) {
+    for (;;) {
+        const int iLock = openLock(pszLock);
+        if (iLock < 0) {
+            return iLock;
+        }
+        while (flock(iLock, LOCK_EX | LOCK_NB) != 0) {
+            if ((errno != EWOULDBLOCK && errno != EINTR) || deadlineLeft(deadline) == 0) {
+                const int iErrno = errno;
+                frameworkReport(kWhoCreate, "another start holds %s: %s", pszLock, std::strerror(iErrno));
+                close(iLock);
+                return -iErrno;
+            }
+            poll(nullptr, 0, kLockRetryMs);
+        }
+        struct stat locked {
+        }, present{};
+        if (fstat(iLock, &locked) == 0 && lstat(pszLock, &present) == 0 && locked.st_dev == present.st_dev &&
+            locked.st_ino == present.st_ino) {
+            return iLock;
+        }
+        close(iLock);
+    }
 }
 
 // Tries to connect to the address. Returns 0 if nobody answers: the file is stale. Else returns the errno
@@ -73,7 +145,7 @@ int probe(const sockaddr_un &address) {
     return iErrno == EAGAIN ? EADDRINUSE : iErrno; // only a live listener has a full queue
 }
 
-// Removes a stale socket file. Call with the folder locked. Returns 0 if the path is free, else an errno
+// Removes a stale socket file. Call with the start locked. Returns 0 if the path is free, else an errno
 // (reported).
 int removeStale(const sockaddr_un &address) {
     const char *pszPath = address.sun_path;
@@ -91,8 +163,8 @@ int removeStale(const sockaddr_un &address) {
         return EEXIST;
     }
     if (status.st_uid != geteuid()) {
-        frameworkReport(kWhoCreate, "%s belongs to another user (%u); it is left alone", pszPath,
-                        status.st_uid);
+        frameworkReport(kWhoCreate, "%s belongs to another user (%s); it is left alone", pszPath,
+                        userText(status.st_uid).c_str());
         return EACCES;
     }
     if (const int iErrno = probe(address)) {
@@ -112,7 +184,7 @@ int removeStale(const sockaddr_un &address) {
     return 0;
 }
 
-// Binds and listens. Call with the folder locked. Returns the socket or a negative errno (reported).
+// Binds and listens. Call with the start locked. Returns the socket or a negative errno (reported).
 int bindListener(const sockaddr_un &address) {
     const int iSocket = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     // The file takes its mode from the socket. It is narrow from the start, and the umask stays as it is.
@@ -140,10 +212,12 @@ int ktnLocalListen(const char *pszPath, unsigned int uiTimeoutMs, KtnSocketFile 
                         pszPath, sizeof address.sun_path - 1);
         return *pszPath == 0 ? -EINVAL : -ENAMETOOLONG;
     }
-    const int iFolder = lockFolder(pszPath, deadlineIn(uiTimeoutMs));
-    if (iFolder < 0) {
-        frameworkReport(kWhoCreate, "can not lock the folder of %s: %s", pszPath, std::strerror(-iFolder));
-        return iFolder;
+    // If two processes want the same path, one checks, removes and binds before the other starts. The lock is
+    // a file that other users can not open: nobody else can hold up a start.
+    const std::string lock = std::string(pszPath) + ".lock";
+    const int iLock = lockStart(lock.c_str(), deadlineIn(uiTimeoutMs));
+    if (iLock < 0) {
+        return iLock;
     }
     const int iErrno = removeStale(address);
     const int iSocket = iErrno != 0 ? -iErrno : bindListener(address);
@@ -153,7 +227,8 @@ int ktnLocalListen(const char *pszPath, unsigned int uiTimeoutMs, KtnSocketFile 
         file.ulInode = status.st_ino;
         std::memcpy(file.szPath, address.sun_path, sizeof address.sun_path);
     }
-    close(iFolder);
+    unlink(lock.c_str());
+    close(iLock);
     return iSocket;
 }
 
@@ -179,11 +254,9 @@ int ktnLocalAccept(int iListener) {
         frameworkReport("ktn_xapi_ktnet_accept", "no connection taken: %s", std::strerror(iErrno));
         return -iErrno;
     }
-    ucred peer{};
-    socklen_t uiLength = sizeof peer;
-    if (getsockopt(iSocket, SOL_SOCKET, SO_PEERCRED, &peer, &uiLength) != 0 ||
-        !ktnLocalPeerAllowed(peer, geteuid())) {
-        frameworkReport("ktn_xapi_ktnet_accept", "a client of another user (%u) is refused", peer.uid);
+    uid_t uiPeer = 0;
+    if (!isOwnOrRoot(iSocket, uiPeer)) {
+        frameworkReport("ktn_xapi_ktnet_accept", "a client of another user (%u) is refused", uiPeer);
         close(iSocket);
         return -EACCES;
     }
@@ -219,7 +292,16 @@ int ktnLocalConnect(int iSocket, const char *pszPath, unsigned int uiTimeoutMs) 
         iErrno = connect(iSocket, plain(address), sizeof address) == 0 ? 0 : errno;
     } while (iErrno == EINTR && deadlineLeft(deadline) > 0);
     if (iErrno == 0) {
-        return 0;
+        uid_t uiPeer = 0;
+        if (isOwnOrRoot(iSocket, uiPeer) || isTrusted(uiPeer)) {
+            return 0;
+        }
+        shutdown(iSocket, SHUT_RDWR); // a caller that sends all the same must not reach the wrong server
+        frameworkReport(kWho,
+                        "%s is served by another user (%s): nothing is sent; KTNET_PEER_USERS can name a "
+                        "user to trust",
+                        pszPath, userText(uiPeer).c_str());
+        return -EACCES;
     }
     if (iErrno == EAGAIN) {
         iErrno = ETIMEDOUT;

@@ -20,7 +20,8 @@ struct KtnSocketFile {
 // Listens at pszPath with file mode 0600 and stores the socket file in file. Replaces a stale socket file
 // of this user. Fails, and leaves the path alone, if it holds no socket, another user's, or one that a live
 // listener serves.
-// uiTimeoutMs: how long to wait for another process that is starting at the same path.
+// uiTimeoutMs: how long to wait for another process of this user that is starting at the same path. The lock
+// between the two is a file beside the socket with ".lock" at its end, which lasts as long as the start.
 int ktnLocalListen(const char *pszPath, unsigned int uiTimeoutMs, KtnSocketFile &file);
 
 // Removes the socket file if it is still the one that the listener made. The listener must still be open:
@@ -28,19 +29,16 @@ int ktnLocalListen(const char *pszPath, unsigned int uiTimeoutMs, KtnSocketFile 
 // removal.
 void ktnLocalRemove(KtnSocketFile &file);
 
-// Accepts one pending connection. Returns -EAGAIN if it has gone (not reported), -EACCES if the peer is not
-// allowed.
+// Accepts one pending connection. Returns -EAGAIN if there is none, and -EACCES if
+// the client is neither this user nor root: it is then closed (reported).
 int ktnLocalAccept(int iListener);
-
-// Returns whether a peer may talk to this process: only the same user and root may.
-inline bool ktnLocalPeerAllowed(const ucred &peer, uid_t uiOwn) {
-    return peer.uid == uiOwn || peer.uid == 0;
-}
 
 // Opens a client socket without connecting it.
 int ktnLocalClient();
 
-// Connects a client socket to pszPath. Waits at most uiTimeoutMs while the listener's queue is full.
+// Connects a client socket to pszPath. Waits at most uiTimeoutMs while the listener's queue is full. Then
+// checks who serves the path: this user, root, or a user that KTNET_PEER_USERS names. Anybody else is refused
+// with -EACCES, and nothing more can be sent on the socket.
 // Returns 0 or a negative errno (reported).
 int ktnLocalConnect(int iSocket, const char *pszPath, unsigned int uiTimeoutMs);
 

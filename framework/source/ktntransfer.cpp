@@ -200,6 +200,9 @@ int ktn_xapi_rx_poll_socket(int iSocket, unsigned int uiTimeoutMs) {
     if (iSocket < 0) {
         return -EBADF;
     }
+    if (KtnLobby *pLobby = ktnLobbyOf(iSocket)) {
+        return ktnLobbyWait(*pLobby, uiTimeoutMs);
+    }
     pollfd readiness{iSocket, POLLIN, 0};
     const int iReady = poll(&readiness, 1, static_cast<int>(std::min<unsigned int>(uiTimeoutMs, INT_MAX)));
     if (iReady < 0) {
@@ -244,7 +247,8 @@ int ktn_xapi_ktnet_rx_data(KTNET_ENDPOINT *pConn, KTNET_PACKET *pPacket) {
 }
 
 int ktn_xapi_ktnet_tx_data(KTNET_ENDPOINT *pDesc, KTNET_PACKET *pPacket) {
-    if (ktnEndpoint(pDesc) == nullptr || pPacket == nullptr) {
+    KtnEndpoint *pEndpoint = ktnEndpoint(pDesc);
+    if (pEndpoint == nullptr || pPacket == nullptr) {
         return -EINVAL;
     }
     const bool bUdp = pDesc->uiKind == KTNET_KIND_UDP;
@@ -266,7 +270,7 @@ int ktn_xapi_ktnet_tx_data(KTNET_ENDPOINT *pDesc, KTNET_PACKET *pPacket) {
         msghdr message{};
         message.msg_iov = pieces;
         message.msg_iovlen = pPacket->ulPayloadLen > 0 ? 2 : 1;
-        iErrno = bUdp ? -std::min(0, udpSendMessage(pDesc->iSocket, message))
+        iErrno = bUdp ? -std::min(0, udpSendMessage(pEndpoint->sender, message))
                       : writeStream(pDesc->iSocket, message, deadlineIn(pDesc->uiTimeoutMs));
     }
     if (iErrno == 0) {
@@ -283,13 +287,14 @@ int ktn_xapi_ktnet_tx_data(KTNET_ENDPOINT *pDesc, KTNET_PACKET *pPacket) {
 }
 
 int ktn_xapi_ktnet_tx_a_packet(KTNET_ENDPOINT *pDesc, int iFlags, KTNET_BUFFER *pBuffer) {
-    if (ktnEndpoint(pDesc) == nullptr || pBuffer == nullptr) {
+    KtnEndpoint *pEndpoint = ktnEndpoint(pDesc);
+    if (pEndpoint == nullptr || pBuffer == nullptr) {
         return -EINVAL;
     }
     if (iFlags != 0 || pDesc->uiKind != KTNET_KIND_UDP) {
         return ktnFailed(pDesc, EOPNOTSUPP);
     }
-    const int iSent = udpSend(pDesc->iSocket, pBuffer->pBuffer, pBuffer->ulBufferLen);
+    const int iSent = udpSend(pEndpoint->sender, pBuffer->pBuffer, pBuffer->ulBufferLen);
     if (iSent >= 0) {
         return std::max(1, iSent);
     }

@@ -115,6 +115,14 @@ bool looksEncoded(const std::string &sText) {
            sText.find_first_not_of(kAlphabet, 2) == std::string::npos;
 }
 
+std::string withoutBlanks(const std::string &sText) {
+    constexpr const char *kBlanks = " \t\r";
+    const std::size_t ulFirst = sText.find_first_not_of(kBlanks);
+    return ulFirst == std::string::npos
+               ? ""
+               : sText.substr(ulFirst, sText.find_last_not_of(kBlanks) - ulFirst + 1);
+}
+
 // Reads a text, plain or encoded.
 bool readText(const std::string &sText, std::string &sOut, std::string &sReason) {
     NscValue value;
@@ -298,12 +306,9 @@ bool nscParse(const std::string &sText, NscStation &station, std::string &sReaso
     std::size_t ulLine = 0;
     for (std::size_t ulAt = 0; ulAt < sText.size();) {
         const std::size_t ulEnd = std::min(sText.find('\n', ulAt), sText.size());
-        std::string sLine = sText.substr(ulAt, ulEnd - ulAt);
+        const std::string sLine = withoutBlanks(sText.substr(ulAt, ulEnd - ulAt));
         ulAt = ulEnd + 1;
         ulLine++;
-        while (!sLine.empty() && (sLine.back() == '\r' || sLine.back() == ' ' || sLine.back() == '\t')) {
-            sLine.pop_back();
-        }
         if (sLine.empty()) {
             continue;
         }
@@ -316,8 +321,8 @@ bool nscParse(const std::string &sText, NscStation &station, std::string &sReaso
             sReason = "line " + std::to_string(ulLine) + " is not of a station file";
             return false;
         }
-        const std::string sName = sLine.substr(0, ulEqual);
-        const std::string sValue = sLine.substr(ulEqual + 1);
+        const std::string sName = withoutBlanks(sLine.substr(0, ulEqual));
+        const std::string sValue = withoutBlanks(sLine.substr(ulEqual + 1));
         if ((eSection == ADDRESS && !readAddressLine(sName, sValue, station, sReason)) ||
             (eSection == FORMATS && !readFormatLine(sName, sValue, station, sReason))) {
             sReason.insert(0, "line " + std::to_string(ulLine) + ", " + sName.substr(0, 40) + ": ");

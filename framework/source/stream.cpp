@@ -9,20 +9,20 @@
 
 #include <qxapi.h>
 
+#include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <memory>
 #include <new>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 namespace {
 
-// How early or late a packet may be handed out if packets follow each other closely, in nanoseconds. One
-// wake-up then serves two or more packets. Wake-ups are most of the cost of playing, and a receiver's
-// buffer hides the shift.
-constexpr long long kEarlyMax = 1'100'000;
-constexpr long long kLateMax = 300'000;
+constexpr long long kLate = 10'000'000; // a packet handed out so much after its time counts as late
+constexpr unsigned long long kSendTimeMax = 1ULL << 50; // units of 100 ns: about three years
+constexpr unsigned long kSlackLeast = 1;                // nanoseconds
 
 struct FileStream : ts_qxapi_stream {
     std::string sFile;
@@ -31,12 +31,16 @@ struct FileStream : ts_qxapi_stream {
     std::unique_ptr<TsReader> pTS;
     bool bStarted = false;
     bool bEnd = false;
-    long long llStart = 0;   // CLOCK_MONOTONIC time of pStart, nanoseconds
-    long long llLastDue = 0; // due time of the packet handed out last
-    MediaPacket next{};      // the packet that is due next, if bNext
+    long long llStart = 0; // CLOCK_MONOTONIC time of pStart, nanoseconds
+    MediaPacket next{};    // the packet that is due next, if bNext
     bool bNext = false;
     ts_qxapi_packet lent{}; // the packet that the caller holds, if bLent
     bool bLent = false;
+    long long llLastDue = 0; // due time of the packet handed out last
+    long long llLength = 0;  // play-out time of the file, nanoseconds; 0 not known
+    unsigned long ulLate = 0;
+    pid_t iPlayer = 0;         // the thread that started the stream, if its timer slack was changed
+    unsigned long ulSlack = 0; // the slack before, nanoseconds
 };
 
 FileStream *streamOf(ts_qxapi_stream *pStream) {
@@ -60,6 +64,22 @@ void prepareNext(FileStream &stream) {
     stream.bEnd = iStep == MEDIA_END;
 }
 
+// Lets the calling thread wake up exactly. By default the system may wake it 50 us after the time, to serve
+// several threads at once.
+void sharpenTimer(FileStream &stream) {
+    const int iSlack = prctl(PR_GET_TIMERSLACK);
+    if (iSlack > 0 && prctl(PR_SET_TIMERSLACK, kSlackLeast) == 0) {
+        stream.iPlayer = gettid();
+        stream.ulSlack = static_cast<unsigned long>(iSlack);
+    }
+}
+
+void relaxTimer(const FileStream &stream) {
+    if (stream.iPlayer == gettid()) {
+        prctl(PR_SET_TIMERSLACK, stream.ulSlack);
+    }
+}
+
 int startStream(ts_qxapi_stream *pStream) {
     FileStream &stream = *streamOf(pStream);
     if (stream.bStarted) {
@@ -79,7 +99,11 @@ int startStream(ts_qxapi_stream *pStream) {
         frameworkReport("stream", "%s cannot be played: no memory", stream.sFile.c_str());
         return 0;
     }
+    stream.llLength =
+        stream.pASF ? static_cast<long long>(std::min(stream.pASF->header.ullSendTime, kSendTimeMax)) * 100
+                    : stream.pTS->llLength;
     stream.bStarted = true;
+    sharpenTimer(stream);
     prepareNext(stream); // read the first packet before the clock starts, so that it is not late
     stream.llStart = monotonicNow();
     return 1;
@@ -97,16 +121,17 @@ ts_qxapi_packet *nextPacket(ts_qxapi_stream *pStream) {
     if (stream.bLent || stream.bEnd || !stream.bStarted) {
         return nullptr;
     }
+    const long long llNow = monotonicNow();
     if (!stream.bNext) {
-        yieldSetNextDue(0); // the reader has more to do: do not sleep
+        yieldSetNextDue(llNow, llNow); // the reader has more to do: do not sleep
         return nullptr;
     }
     const long long llDue = stream.llStart + stream.next.llDue;
-    const bool bClose = stream.next.llDue - stream.llLastDue < kEarlyMax + kLateMax;
-    if (llDue > monotonicNow() + (bClose ? kEarlyMax : 0)) {
-        yieldSetNextDue(llDue + (bClose ? kLateMax : 0));
+    if (llDue > llNow) {
+        yieldSetNextDue(llDue, llNow);
         return nullptr;
     }
+    stream.ulLate += llNow - llDue > kLate;
     stream.llLastDue = stream.next.llDue;
     stream.lent = {stream.next.pData, stream.next.uiLength};
     stream.bNext = false;
@@ -174,11 +199,23 @@ ts_qxapi_stream *qxapi_open_stream(const char *pszFile) {
     return nullptr;
 }
 
+int qxapi_stream_progress(const ts_qxapi_stream *pStream, ts_qxapi_stream_progress *pProgress) {
+    constexpr long long kMillisecond = 1'000'000;
+    const FileStream *pOwn = static_cast<const FileStream *>(pStream);
+    if (!pOwn || !pOwn->bStarted) {
+        return 0;
+    }
+    *pProgress = {static_cast<unsigned long>(pOwn->llLastDue / kMillisecond),
+                  static_cast<unsigned long>(pOwn->llLength / kMillisecond), pOwn->ulLate};
+    return 1;
+}
+
 void qxapi_close_stream(ts_qxapi_stream *pStream) {
     if (!pStream) {
         return;
     }
     FileStream *pOwn = streamOf(pStream);
+    relaxTimer(*pOwn);
     close(pOwn->iFile);
     delete pOwn;
 }

@@ -15,7 +15,7 @@
 namespace {
 
 struct TsCaster : ts_qxapi_tscast {
-    int iSocket = -1;
+    UdpSender sender;
     CastTarget target;
 };
 
@@ -34,15 +34,15 @@ int setUp(ts_qxapi_tscast *pCaster, const char *pszAux, int, const char *pszTarg
                             uiHops);
             return 0;
         }
-        const int iSocket =
-            udpOpenSender(target.sAddress.c_str(), target.usPort, pszAux, static_cast<int>(uiHops));
-        if (iSocket < 0) {
+        UdpSender sender;
+        if (udpOpenSender(sender, target.sAddress.c_str(), target.usPort, pszAux, static_cast<int>(uiHops)) <
+            0) {
             return 0;
         }
-        if (caster.iSocket >= 0) {
-            close(caster.iSocket);
+        if (caster.sender.iSocket >= 0) {
+            close(caster.sender.iSocket);
         }
-        caster.iSocket = iSocket;
+        caster.sender = sender;
         caster.target = std::move(target);
         return 1;
     } catch (const std::bad_alloc &) {
@@ -52,11 +52,11 @@ int setUp(ts_qxapi_tscast *pCaster, const char *pszAux, int, const char *pszTarg
 }
 
 int sendRun(ts_qxapi_tscast *pCaster, const unsigned char *pData, unsigned int uiLength) {
-    const TsCaster &caster = *static_cast<TsCaster *>(pCaster);
-    if (caster.iSocket < 0) {
+    TsCaster &caster = *static_cast<TsCaster *>(pCaster);
+    if (caster.sender.iSocket < 0) {
         return 0;
     }
-    const int iSent = udpSend(caster.iSocket, pData, uiLength);
+    const int iSent = udpSend(caster.sender, pData, uiLength);
     if (iSent >= 0) {
         return 1;
     }
@@ -81,8 +81,8 @@ void qxapi_close_tscast(ts_qxapi_tscast *pCaster) {
         return;
     }
     TsCaster *pOwn = static_cast<TsCaster *>(pCaster);
-    if (pOwn->iSocket >= 0) {
-        close(pOwn->iSocket);
+    if (pOwn->sender.iSocket >= 0) {
+        close(pOwn->sender.iSocket);
     }
     delete pOwn;
 }

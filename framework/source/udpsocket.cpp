@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <net/if.h>
-#include <netinet/in.h>
+#include <poll.h>
 #include <unistd.h>
 
 namespace {
@@ -18,6 +18,12 @@ constexpr int kStallDatagrams = 400'000'000 / 10 / (1316 * 8);
 constexpr int kDatagramCharge = 2048 + 256;
 constexpr int kStallBytes = kStallDatagrams * kDatagramCharge;
 constexpr int kSendBytes = 2 * 1024 * 1024;
+
+// During a fault: between two tries, and between two searches for the way once the fault has lasted.
+constexpr int kRetryPauseMs = 10;
+constexpr int kSearchPauseMs = 1000;
+
+constexpr const char *kWhoSender = "udpOpenSender";
 
 int closeWith(int iSocket, int iErrno) {
     close(iSocket);
@@ -83,64 +89,170 @@ void askForReceiveBuffer(int iSocket, const char *pszAddress, unsigned short usP
     }
 }
 
-// Sets the interface, hop limit and local copy for datagrams to a group. Returns 0, or an errno (reported).
-int setGroupSending(int iSocket, const char *pszAddress, const char *pszInterface, int iHops) {
-    static constexpr const char *kWho = "udpOpenSender";
+// Chooses the interface that sends to a group: the one given, else the one that KTNET_MULTICAST_IF names,
+// else the routing table's. Returns 0, or an errno (reported).
+int setGroupInterface(int iSocket, const char *pszAddress, const char *pszInterface) {
     const char *pszFrom = "given";
     if (pszInterface == nullptr || *pszInterface == 0) {
         pszInterface = std::getenv("KTNET_MULTICAST_IF");
         pszFrom = "from KTNET_MULTICAST_IF";
     }
-    if (pszInterface != nullptr && *pszInterface != 0) {
-        ip_mreqn interface {};
-        if (const int iErrno = readInterface(kWho, pszFrom, pszInterface, interface)) {
-            return iErrno;
-        }
-        if (setsockopt(iSocket, IPPROTO_IP, IP_MULTICAST_IF, &interface, sizeof interface) != 0) {
-            const int iErrno = errno;
-            frameworkReport(kWho, "can not send to %s through \"%s\" (%s): %s", pszAddress, pszInterface,
-                            pszFrom, std::strerror(iErrno));
-            return iErrno;
-        }
+    if (pszInterface == nullptr || *pszInterface == 0) {
+        return 0;
     }
+    ip_mreqn interface {};
+    if (const int iErrno = readInterface(kWhoSender, pszFrom, pszInterface, interface)) {
+        return iErrno;
+    }
+    if (setsockopt(iSocket, IPPROTO_IP, IP_MULTICAST_IF, &interface, sizeof interface) != 0) {
+        const int iErrno = errno;
+        frameworkReport(kWhoSender, "can not send to %s through \"%s\" (%s): %s", pszAddress, pszInterface,
+                        pszFrom, std::strerror(iErrno));
+        return iErrno;
+    }
+    return 0;
+}
+
+// Sets the hop limit and the local copy for datagrams to a group. Returns 0, or an errno (reported).
+int setGroupReach(int iSocket, const char *pszAddress, int iHops) {
     if (setInteger(iSocket, IPPROTO_IP, IP_MULTICAST_LOOP, 1) != 0 ||
         (iHops >= 0 && setInteger(iSocket, IPPROTO_IP, IP_MULTICAST_TTL, iHops) != 0)) {
         const int iErrno = errno;
-        frameworkReport(kWho, "%s: can not set the hop limit %d: %s", pszAddress, iHops,
+        frameworkReport(kWhoSender, "%s: can not set the hop limit %d: %s", pszAddress, iHops,
                         std::strerror(iErrno));
         return iErrno;
     }
     return 0;
 }
 
+// Returns whether the errno of a send may pass by itself. EINVAL, EADDRNOTAVAIL: the socket's own address has
+// gone with its interface. EDESTADDRREQ: looking for the way has failed and left the socket unconnected.
+bool mayPass(int iErrno) {
+    switch (iErrno) {
+    case ENOBUFS:
+    case ENOMEM:
+    case ENETDOWN:
+    case ENETUNREACH:
+    case EHOSTUNREACH:
+    case ENODEV:
+    case ENXIO:
+    case EADDRNOTAVAIL:
+    case EINVAL:
+    case EDESTADDRREQ:
+        return true;
+    default:
+        return false;
+    }
+}
+
+// Looks for the way to the target anew: the interface may have another number now, the machine another
+// address. The socket keeps its number and its settings.
+void findWay(UdpSender &sender) {
+    char szAddress[INET_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET, &sender.target.sin_addr, szAddress, sizeof szAddress);
+    if (isGroup(sender.target) && setGroupInterface(sender.iSocket, szAddress, sender.szInterface) != 0) {
+        return;
+    }
+    // Without the first call the socket would keep its old address. If one fails, the next send tells.
+    const sockaddr none{AF_UNSPEC, {}};
+    (void)connect(sender.iSocket, &none, sizeof none);
+    (void)connect(sender.iSocket, reinterpret_cast<const sockaddr *>(&sender.target), sizeof sender.target);
+}
+
+// Calls sendOnce until it has sent, at most twice: an ICMP answer to an earlier datagram may have left an
+// error, and reporting clears it. Returns the bytes sent, or a negative errno.
+template <typename SendOnce>
+int sendTwice(const SendOnce &sendOnce) {
+    bool bSecond = false;
+    for (;;) {
+        const ssize_t lSent = sendOnce();
+        if (lSent >= 0) {
+            return static_cast<int>(lSent);
+        }
+        switch (errno) {
+        case EINTR:
+            break;
+        case ECONNREFUSED:
+        case ENETUNREACH:
+        case EHOSTUNREACH:
+        case EHOSTDOWN:
+        case ENONET:
+        case ENOPROTOOPT:
+            if (bSecond) {
+                return -errno;
+            }
+            bSecond = true;
+            break;
+        default:
+            return -errno;
+        }
+    }
+}
+
+// Sends when the first try has failed with iResult. Returns the bytes sent, or the negative errno of the
+// fault.
+template <typename SendOnce>
+int sendInFault(UdpSender &sender, int iResult, const SendOnce &sendOnce) {
+    const Deadline deadline = deadlineIn(sender.bFault ? 0 : kUdpRideOutMs);
+    while (mayPass(-iResult)) {
+        const Deadline now = std::chrono::steady_clock::now();
+        if (iResult != -ENOBUFS && iResult != -ENOMEM && (!sender.bFault || now >= sender.nextSearch)) {
+            sender.nextSearch = now + std::chrono::milliseconds(kSearchPauseMs);
+            findWay(sender);
+        } else if (sender.bFault) {
+            return iResult;
+        }
+        const int iAgain = sendTwice(sendOnce);
+        if (iAgain >= 0) {
+            sender.bFault = false;
+            return iAgain;
+        }
+        if (deadlineLeft(deadline) == 0) {
+            sender.bFault = true;
+            return iResult;
+        }
+        poll(nullptr, 0, kRetryPauseMs);
+    }
+    return iResult;
+}
+
 } // namespace
 
-int udpOpenSender(const char *pszAddress, unsigned short usPort, const char *pszInterface, int iHops) {
-    static constexpr const char *kWho = "udpOpenSender";
-    sockaddr_in address;
-    if (const int iErrno = readAddress(kWho, pszAddress, usPort, address)) {
+int udpOpenSender(UdpSender &sender, const char *pszAddress, unsigned short usPort, const char *pszInterface,
+                  int iHops) {
+    sender = {};
+    sockaddr_in &address = sender.target;
+    if (const int iErrno = readAddress(kWhoSender, pszAddress, usPort, address)) {
         return -iErrno;
+    }
+    if (pszInterface != nullptr) {
+        std::strncpy(sender.szInterface, pszInterface, sizeof sender.szInterface - 1);
     }
     const int iSocket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (iSocket < 0) {
         const int iErrno = errno;
-        frameworkReport(kWho, "no socket for %s:%u: %s", pszAddress, usPort, std::strerror(iErrno));
+        frameworkReport(kWhoSender, "no socket for %s:%u: %s", pszAddress, usPort, std::strerror(iErrno));
         return -iErrno;
     }
     setInteger(iSocket, SOL_SOCKET, SO_SNDBUF, kSendBytes);
     if (isGroup(address)) {
-        if (const int iErrno = setGroupSending(iSocket, pszAddress, pszInterface, iHops)) {
+        int iErrno = setGroupInterface(iSocket, pszAddress, pszInterface);
+        if (iErrno == 0) {
+            iErrno = setGroupReach(iSocket, pszAddress, iHops);
+        }
+        if (iErrno != 0) {
             return closeWith(iSocket, iErrno);
         }
     }
     if (connect(iSocket, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
         const int iErrno = errno;
-        frameworkReport(kWho, "no way to %s:%u: %s%s", pszAddress, usPort, std::strerror(iErrno),
+        frameworkReport(kWhoSender, "no way to %s:%u: %s%s", pszAddress, usPort, std::strerror(iErrno),
                         iErrno == ENETUNREACH && isGroup(address)
                             ? " (KTNET_MULTICAST_IF can name the sending interface)"
                             : "");
         return closeWith(iSocket, iErrno);
     }
+    sender.iSocket = iSocket;
     return iSocket;
 }
 
@@ -190,37 +302,22 @@ int udpOpenReceiver(const char *pszAddress, unsigned short usPort, const char *p
     return iSocket;
 }
 
-int udpSendMessage(int iSocket, const msghdr &message) {
-    bool bSecond = false;
-    for (;;) {
-        const ssize_t lSent = sendmsg(iSocket, &message, MSG_NOSIGNAL);
-        if (lSent >= 0) {
-            return static_cast<int>(lSent);
-        }
-        switch (errno) {
-        case EINTR:
-            break;
-        case ECONNREFUSED: // errors that an ICMP answer may have left; reading one clears it, so try again
-        case ENETUNREACH:
-        case EHOSTUNREACH:
-        case EHOSTDOWN:
-        case ENONET:
-        case ENOPROTOOPT:
-            if (bSecond) {
-                return -errno;
-            }
-            bSecond = true;
-            break;
-        default:
-            return -errno;
-        }
+int udpSend(UdpSender &sender, const void *pData, unsigned long ulLength) {
+    const auto sendOnce = [&] { return send(sender.iSocket, pData, ulLength, MSG_NOSIGNAL); };
+    const int iResult = sendTwice(sendOnce);
+    if (iResult < 0) {
+        return sendInFault(sender, iResult, sendOnce);
     }
+    sender.bFault = false;
+    return iResult;
 }
 
-int udpSend(int iSocket, const void *pData, unsigned long ulLength) {
-    iovec piece{const_cast<void *>(pData), ulLength};
-    msghdr message{};
-    message.msg_iov = &piece;
-    message.msg_iovlen = 1;
-    return udpSendMessage(iSocket, message);
+int udpSendMessage(UdpSender &sender, const msghdr &message) {
+    const auto sendOnce = [&] { return sendmsg(sender.iSocket, &message, MSG_NOSIGNAL); };
+    const int iResult = sendTwice(sendOnce);
+    if (iResult < 0) {
+        return sendInFault(sender, iResult, sendOnce);
+    }
+    sender.bFault = false;
+    return iResult;
 }

@@ -1,7 +1,5 @@
 // vexa.cpp - libvexa_pgl: clock, yield and break flag. Safe on any thread. Owns the break flag, its only
 // state.
-#include "yield.h"
-
 #include <vexa_pgl.h>
 
 #include <atomic>
@@ -12,6 +10,11 @@ namespace {
 // Written by any thread or signal handler that asks the process to break off.
 std::atomic<int> iGlobalBreak{0};
 static_assert(std::atomic<int>::is_always_lock_free);
+
+// A pause ends when the wall clock reaches a multiple of this. A second is one, so what is due at a second is
+// seen at once. All idle threads wake up together, and the machine sleeps in between.
+constexpr long kPassNanoseconds = 20'000'000;
+static_assert(1'000'000'000 % kPassNanoseconds == 0);
 
 } // namespace
 
@@ -28,8 +31,11 @@ unsigned long vexa_time(unsigned long *pTime) {
 }
 
 void vexa_load_balance(void) {
-    // A signal may cut the pause short. That does no harm: the caller polls again.
-    const timespec pause{0, kYieldPauseNanoseconds};
+    // Pause on the monotonic clock: a step of the wall clock must not stretch the pause. A signal may cut it
+    // short. That does no harm: the caller polls again.
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const timespec pause{0, kPassNanoseconds - now.tv_nsec % kPassNanoseconds};
     clock_nanosleep(CLOCK_MONOTONIC, 0, &pause, nullptr);
 }
 

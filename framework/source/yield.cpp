@@ -5,29 +5,34 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
-#include <limits>
 #include <sched.h>
 
 namespace {
 
 constexpr long long kNanoseconds = 1'000'000'000;
-constexpr long long kNoHint = std::numeric_limits<long long>::max();
 
-thread_local long long llNextDue = kNoHint;
+// What the stream said last, if bHint.
+thread_local long long llHintDue = 0;
+thread_local long long llHintNow = 0;
+thread_local bool bHint = false;
 
 } // namespace
 
-void yieldSetNextDue(long long llMonotonicNanoseconds) {
-    llNextDue = llMonotonicNanoseconds;
+void yieldSetNextDue(long long llDue, long long llNow) {
+    llHintDue = llDue;
+    llHintNow = llNow;
+    bHint = true;
 }
 
 void qxapi_load_balance(void) {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    const long long llNow = now.tv_sec * kNanoseconds + now.tv_nsec;
-    const long long llUntil = std::min(llNextDue, llNow + kYieldPauseNanoseconds);
-    llNextDue = kNoHint; // an old time from a closed stream must not make the thread spin
-    if (llUntil <= llNow) {
+    if (!bHint) {
+        const timespec pause{0, kYieldPauseNanoseconds};
+        clock_nanosleep(CLOCK_MONOTONIC, 0, &pause, nullptr);
+        return;
+    }
+    bHint = false; // an old time from a closed stream must not make the thread spin
+    const long long llUntil = std::min(llHintDue, llHintNow + kYieldPauseNanoseconds);
+    if (llUntil <= llHintNow) {
         sched_yield();
         return;
     }

@@ -1,4 +1,6 @@
 // Tests of the framework's threads, log and yields.
+#include "report.h"
+
 #include <qxapi.h>
 #include <vexa_pgl.h>
 
@@ -9,6 +11,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <map>
 #include <pthread.h>
@@ -106,6 +109,19 @@ TEST(Yield, PausesAreShortAndIdleLoopsCostLittle) {
         }
         EXPECT_LT(spent() - before, 100ms) << "five idle loops, 5 % of one core";
     }
+}
+
+TEST(Clock, TheWallClockInSecondsStoredAndReturned) {
+    unsigned long ulStored = 0;
+    const unsigned long ulReturned = vexa_time(&ulStored);
+    EXPECT_EQ(ulStored, ulReturned);
+    EXPECT_LE(static_cast<unsigned long>(std::time(nullptr)) - ulReturned + 1, 2u);
+}
+
+TEST(Report, ControlCharactersDoNotReachTheTerminal) {
+    testing::internal::CaptureStderr();
+    frameworkReport("who", "%s", "a\x7f\x1b[2Jb\n\tc");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "who: a??[2Jb??c\n");
 }
 
 } // namespace

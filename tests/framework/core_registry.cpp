@@ -58,6 +58,12 @@ TEST_F(Registry, SlaveOverridesMasterAndGarbledLinesHarmNoOthers) {
         EXPECT_EQ(printed.find(pszLine, ulFirst + 1), std::string::npos)
             << "a lookup a second must not flood";
     }
+    ts_qx_registry *pSlave = QX_OpenRegistry(nullptr, "/slave", 0); // a host with one file
+    ASSERT_NE(pSlave, nullptr);
+    EXPECT_STREQ(pSlave->pOperations->pLookup(pSlave, "/A", nullptr), "slave");
+    EXPECT_EQ(pSlave->pOperations->pLookup(pSlave, "/B", nullptr), nullptr);
+    QX_CloseRegistry(pSlave);
+    EXPECT_EQ(QX_OpenRegistry("/missing", nullptr, 0), nullptr);
 }
 
 } // namespace

@@ -31,9 +31,15 @@ TEST(Frame, EachCheckFailsByItsName) {
         EXPECT_EQ(ktn_xapi_frame_decode(bytes.data(), bytes.size(), &frame), bad.iDecode) << bad.pszWhat;
         EXPECT_EQ(frame.uiIdent, 0u) << bad.pszWhat << ": nothing is stored";
     }
+    KTNET_FRAME frame{};
+    ASSERT_EQ(ktn_xapi_frame_decode(kFrameBytes.data(), kFrameBytes.size(), &frame), KTNET_FRAME_GOOD);
+    EXPECT_EQ(frame.uiIdent, 200u);
+    EXPECT_EQ(frame.uiService, 205u);
+    EXPECT_EQ(frame.uiCommand, 0x40020u);
+    EXPECT_EQ(frame.uiParam, 0x01020304u);
+    EXPECT_EQ(std::string(frame.pPayload, frame.pPayload + frame.uiPayloadLen), "abc");
     Bytes longer = kFrameBytes;
     longer.push_back(0);
-    KTNET_FRAME frame{};
     EXPECT_EQ(ktn_xapi_frame_decode(longer.data(), longer.size(), &frame), KTNET_FRAME_BAD_LENGTH);
 }
 

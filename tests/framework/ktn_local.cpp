@@ -1,17 +1,18 @@
 // Tests of KTNet over local stream sockets.
 #include "ktn_support.h"
 
-#include "ktnlocal.h"
-
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
 
@@ -84,6 +85,10 @@ TEST_F(Local, LyingAndCutFramesAreRefused) {
         if (bad.iLocal != -EMSGSIZE) { // a frame too long is refused at once, while the client waits
             client.end();
         }
+        if (bad.iLocal == 0) { // who closes without a byte is not handed out
+            EXPECT_EQ(ktn_xapi_rx_poll_socket(server->iSocket, 20), 0);
+            continue;
+        }
         const Endpoint conn = acceptFrom(server);
         KTNET_PACKET received{};
         received.pPayload = reinterpret_cast<unsigned char *>(this);
@@ -109,16 +114,73 @@ TEST_F(Local, SilentAndSlowClientsAreGivenUp) {
                 std::this_thread::sleep_for(20ms);
             }
         });
-        Endpoint conn = acceptFrom(server);
-        KTNET_PACKET received{};
-        const Stopwatch watch;
-        EXPECT_EQ(ktn_xapi_ktnet_rx_data(conn.get(), &received), -ETIMEDOUT) << lAtOnce;
-        const auto spent = watch.spent();
-        conn.reset();
+        EXPECT_EQ(ktn_xapi_rx_poll_socket(server->iSocket, 60), 0) << lAtOnce;
+        EXPECT_FALSE(client.isClosed()) << lAtOnce;
+        EXPECT_EQ(ktn_xapi_rx_poll_socket(server->iSocket, 300), 0) << lAtOnce;
+        EXPECT_TRUE(client.isClosed()) << lAtOnce;
         dripping.join();
-        EXPECT_GE(spent, 95ms) << lAtOnce;
-        EXPECT_LT(spent, 500ms) << lAtOnce;
     }
+
+    PlainSocket stalling(path);
+    Bytes part = kFrameBytes;
+    part[24] = part[25] = 0xFF; // 65535 bytes of payload and more
+    part[26] = 0x08;
+    part.resize(70'000);
+    ASSERT_TRUE(stalling.connectTo() && stalling.put(part));
+    const Endpoint conn = acceptFrom(server);
+    KTNET_PACKET received{};
+    const Stopwatch watch;
+    EXPECT_EQ(ktn_xapi_ktnet_rx_data(conn.get(), &received), -ETIMEDOUT);
+    EXPECT_GE(watch.spent(), 95ms);
+    EXPECT_LT(watch.spent(), 500ms);
+}
+
+TEST_F(Local, SilentClientsHoldUpNobody) {
+    for (const int iSilent : {63, 1000}) {
+        const Endpoint server = serve();
+        std::deque<PlainSocket> silent;
+        for (int i = 0; i < iSilent; i++) {
+            ASSERT_TRUE(silent.emplace_back(path).connectTo());
+            ASSERT_TRUE(i % 3 != 0 || silent.back().put({'K'})); // some send a byte
+        }
+        PlainSocket client(path);
+        ASSERT_TRUE(client.connectTo() && client.put(kFrameBytes));
+        const Stopwatch watch;
+        const Endpoint conn = acceptFrom(server);
+        EXPECT_LT(watch.spent(), iSilent < 64 ? 500ms : 2000ms) << iSilent;
+        KTNET_PACKET received{};
+        ASSERT_EQ(ktn_xapi_ktnet_rx_data(conn.get(), &received), 1) << iSilent;
+        EXPECT_EQ(payloadOf(received), (Bytes{'a', 'b', 'c'}));
+        EXPECT_FALSE(silent.back().isClosed()) << "there was room for this one";
+    }
+}
+
+TEST_F(Local, ClientsAreServedInTheOrderOfTheirConnections) {
+    const Endpoint server = serve();
+    std::deque<PlainSocket> clients;
+    const auto send = [&](unsigned int uiClient) {
+        Bytes frame = kFrameBytes;
+        frame.back() = static_cast<unsigned char>('0' + uiClient);
+        ASSERT_TRUE(clients[uiClient].put(frame));
+    };
+    for (int i = 0; i < 4; i++) {
+        ASSERT_TRUE(clients.emplace_back(path).connectTo());
+    }
+    std::string order;
+    const auto serveOne = [&] {
+        KTNET_PACKET received{};
+        EXPECT_EQ(ktn_xapi_ktnet_rx_data(acceptFrom(server).get(), &received), 1);
+        order += static_cast<char>(payloadOf(received).back());
+    };
+    send(2);
+    serveOne();
+    for (const unsigned int uiClient : {3u, 1u, 0u}) {
+        send(uiClient);
+    }
+    for (int i = 0; i < 3; i++) {
+        serveOne();
+    }
+    EXPECT_EQ(order, "2013");
 }
 
 TEST_F(Local, SenderIsNotHeldByAReceiverThatDoesNotRead) {
@@ -254,13 +316,89 @@ TEST_F(Local, PathsThatCanNotBeServedAreRefused) {
     }
 }
 
-TEST_F(Local, OnlyTheSameUserAndRootMayTalk) {
-    const auto allowed = [](uid_t uiPeer, uid_t uiOwn) { return ktnLocalPeerAllowed({1, uiPeer, 0}, uiOwn); };
-    EXPECT_TRUE(allowed(1000, 1000));
-    EXPECT_TRUE(allowed(0, 1000));
-    EXPECT_FALSE(allowed(1001, 1000));
-    EXPECT_FALSE(allowed(1000, 0));
-    EXPECT_FALSE(allowed(65534, 0)); // a user of another user namespace
+TEST_F(Local, ClientOfAnotherUserIsRefused) {
+    const Endpoint server = serve();
+    PlainSocket client(path);
+    ASSERT_TRUE(client.connectTo() && client.put(kFrameBytes));
+    faults().iPeer = 4711;
+    EXPECT_EQ(ktn_xapi_rx_poll_socket(server->iSocket, 100), 0);
+    KTNET_ENDPOINT *pConn = nullptr;
+    EXPECT_EQ(ktn_xapi_ktnet_accept(server.get(), &pConn), 0);
+    faults().iPeer = -1;
+    EXPECT_TRUE(recv(client.iSocket, &pConn, 1, 0) <= 0) << "the connection is closed";
+}
+
+// Another user may have made the socket file before the service did.
+TEST_F(Local, ServerOfAnotherUserGetsNoByte) {
+    struct Case {
+        int iServer;
+        const char *pszTrusted;
+        int iResult;
+    };
+    for (const Case &row : {Case{4711, nullptr, -EACCES},
+                            {4711, "", -EACCES},
+                            {4711, "471,47110,4711x,nosuchuser", -EACCES},
+                            {1, "root", -EACCES},
+                            {4711, "nosuchuser,4711", 1},
+                            {1, "daemon", 1},
+                            {0, nullptr, 1}}) {
+        const std::string trusted = row.pszTrusted != nullptr ? row.pszTrusted : "(unset)";
+        PlainSocket server(path);
+        ASSERT_TRUE(server.listenTo(1));
+        if (row.pszTrusted != nullptr) {
+            setenv("KTNET_PEER_USERS", row.pszTrusted, 1);
+        }
+        testing::internal::CaptureStderr();
+        faults().iPeer = row.iServer;
+        Endpoint client = makeClient();
+        EXPECT_EQ(ktn_xapi_ktnet_connect(client.get()), row.iResult) << row.iServer << " " << trusted;
+        faults().iPeer = -1;
+        unsetenv("KTNET_PEER_USERS");
+        const std::string printed = testing::internal::GetCapturedStderr();
+        Bytes payload = {'k', 'e', 'y'};
+        KTNET_PACKET packet = packetOf(payload);
+        EXPECT_EQ(ktn_xapi_ktnet_tx_data(client.get(), &packet), row.iResult == 1 ? 1 : -EPIPE);
+        client.reset();
+        char read[64];
+        const int iConn = accept(server.iSocket, nullptr, nullptr);
+        EXPECT_EQ(recv(iConn, read, sizeof read, 0), row.iResult == 1 ? 31 : 0) << trusted;
+        close(iConn);
+        if (row.iResult != 1 && row.pszTrusted == nullptr) {
+            EXPECT_NE(printed.find("served by another user (4711): nothing is sent"), std::string::npos)
+                << printed;
+        }
+        std::filesystem::remove(path);
+    }
+}
+
+// /tmp is everybody's: whatever another user may lock or make there must neither delay a start nor fail it in
+// silence.
+TEST_F(Local, StartIsLockedByAFileOfOurOwn) {
+    const int iFolder = open(folder.c_str(), O_RDONLY | O_DIRECTORY);
+    ASSERT_EQ(flock(iFolder, LOCK_EX), 0);
+    const Stopwatch watch;
+    Endpoint server = serve();
+    EXPECT_LT(watch.spent(), 500ms);
+    server.reset();
+    close(iFolder);
+
+    const std::string lock = path + ".lock";
+    std::ofstream(lock) << ""; // as a start that was killed leaves it
+    serve();
+    EXPECT_EQ(filesLeft(), 0);
+
+    const int iLock = open(lock.c_str(), O_RDWR | O_CREAT, 0600);
+    ASSERT_EQ(flock(iLock, LOCK_EX), 0);
+    EXPECT_EQ(ktn_xapi_ktnet_create(makeServer(100).get()), -EWOULDBLOCK);
+    close(iLock);
+    std::filesystem::remove(lock);
+
+    testing::internal::CaptureStderr();
+    ASSERT_EQ(symlink("elsewhere", lock.c_str()), 0);
+    EXPECT_EQ(ktn_xapi_ktnet_create(makeServer(100).get()), -EACCES);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find(lock + " of the user root is in the way"),
+              std::string::npos);
+    EXPECT_EQ(filesLeft(), 1) << "neither the link's target nor a socket";
 }
 
 } // namespace

@@ -6,6 +6,8 @@
 #include <qxapi_ktn.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <memory>
@@ -58,10 +60,22 @@ struct PlainSocket {
     bool bindTo() { return bind(iSocket, plainAddress(), sizeof address) == 0; }
     bool listenTo(int iQueue) { return bindTo() && listen(iSocket, iQueue) == 0; }
     bool connectTo() { return connect(iSocket, plainAddress(), sizeof address) == 0; }
+    // Returns whether the other end has closed.
+    bool isClosed() const {
+        char cByte;
+        return recv(iSocket, &cByte, 1, MSG_DONTWAIT) == 0 || errno == ECONNRESET;
+    }
     bool put(const Bytes &bytes) {
         return send(iSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
     }
 };
+
+// What ktn_fault.cpp does to the system's calls.
+struct Faults {
+    std::atomic<int> iSendErrno{0}; // every send fails with it, 0 none
+    std::atomic<int> iPeer{-1};     // the user that every local peer seems to be, -1 as it is
+};
+Faults &faults();
 
 struct Stopwatch {
     std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <netinet/in.h>
+#include <thread>
 #include <tuple>
 
 namespace {
@@ -187,6 +188,93 @@ TEST(Udp, StallOfTheReaderLosesNothing) {
     }
     for (int i = 0; i < iSent; i++) {
         ASSERT_EQ(take(receiver, 0), Bytes(1316, static_cast<unsigned char>(i))) << i << " of " << iSent;
+    }
+}
+
+// Programs that read the socket themselves must not hang on it.
+TEST(Udp, SocketsOwnTimeOutsAreTheDescriptors) {
+    for (const Endpoint &desc : {opened(makeReceiver("239.1.1.1", 5000, "127.0.0.1", 1250)),
+                                 opened(makeEndpoint(KTNET_KIND_UDP, "239.1.1.1", "", 5000, 0, 1250))}) {
+        for (const int iOption : {SO_RCVTIMEO, SO_SNDTIMEO}) {
+            timeval bound{};
+            socklen_t uiLength = sizeof bound;
+            getsockopt(desc->iSocket, SOL_SOCKET, iOption, &bound, &uiLength);
+            EXPECT_EQ(bound.tv_sec, 1);
+            EXPECT_NEAR(static_cast<double>(bound.tv_usec), 250'000, 10'000);
+        }
+    }
+}
+
+TEST(Udp, ShortFaultIsRiddenOutAndALongOneHoldsUpOnce) {
+    const Endpoint receiver = opened(makeReceiver()), sender = opened(makeSender());
+    Bytes payload = {'a', 'b', 'c'};
+    KTNET_PACKET packet = packetOf(payload);
+    for (const int iErrno : {ENOBUFS, ENOMEM, ENETDOWN, ENETUNREACH, ENODEV, EADDRNOTAVAIL}) {
+        faults().iSendErrno = iErrno;
+        std::thread mending([] {
+            std::this_thread::sleep_for(200ms);
+            faults().iSendErrno = 0;
+        });
+        const Stopwatch watch;
+        EXPECT_EQ(iErrno == ENOBUFS ? ktn_xapi_ktnet_tx_data(sender.get(), &packet) : give(sender, {1}), 1);
+        EXPECT_GE(watch.spent(), 150ms) << std::strerror(iErrno);
+        mending.join();
+        EXPECT_EQ(take(receiver), iErrno == ENOBUFS ? kFrameBytes : Bytes{1}) << "once, and unharmed";
+    }
+    for (const auto &[iErrno, first] : {std::pair{ENOBUFS, 490ms}, {ENETDOWN, 490ms}, {EPERM, 0ms}}) {
+        faults().iSendErrno = iErrno;
+        const Stopwatch firstWatch;
+        EXPECT_EQ(give(sender, {2}), -iErrno);
+        EXPECT_GE(firstWatch.spent(), first);
+        EXPECT_LT(firstWatch.spent(), first + 400ms);
+        const Stopwatch laterWatch;
+        for (int i = 0; i < 100; i++) {
+            EXPECT_EQ(give(sender, {3}), -iErrno);
+        }
+        EXPECT_LT(laterWatch.spent(), 200ms);
+        faults().iSendErrno = 0;
+        EXPECT_EQ(give(sender, {4}), 1);
+        EXPECT_EQ(take(receiver), Bytes{4});
+    }
+}
+
+// A cable modem, a VPN or a bridge may take an interface away and make it again, with another number and
+// another address.
+TEST(Udp, InterfaceThatIsMadeAgainIsFoundAgain) {
+    const auto make = [](const char *pszAddress) {
+        const std::string address = pszAddress;
+        return std::system(("ip link add ktn0 type veth peer name ktn1 && ip address add " + address +
+                            "/24 dev ktn0 && ip link set ktn0 up && ip link set ktn1 up && ip route replace "
+                            "239.5.0.0/16 dev ktn0 src " +
+                            address)
+                               .c_str()) == 0;
+    };
+    for (const bool bNamed : {true, false}) {
+        if (!make("10.77.0.1")) {
+            GTEST_SKIP() << "this kernel has no veth interfaces";
+        }
+        if (bNamed) {
+            setenv("KTNET_MULTICAST_IF", "ktn0", 1);
+        } else {
+            unsetenv("KTNET_MULTICAST_IF");
+        }
+        const Endpoint sender = opened(makeSender("239.5.1.1"));
+        ASSERT_EQ(ktn_xapi_hops_socket(0, sender->iSocket, 5, 1), 1);
+        EXPECT_EQ(give(sender, {1}), 1);
+        ASSERT_EQ(std::system("ip link del ktn0"), 0);
+        if (bNamed) {
+            EXPECT_LT(give(sender, {2}), 0);
+        }
+        ASSERT_TRUE(make("10.77.0.2"));
+        const Endpoint receiver = opened(makeReceiver("239.5.1.1", 5000, "ktn0"));
+        const Stopwatch watch;
+        while (give(sender, {3}) < 0 && watch.spent() < 3s) {
+            std::this_thread::sleep_for(5ms);
+        }
+        EXPECT_LT(watch.spent(), 1500ms) << bNamed;
+        EXPECT_EQ(take(receiver), Bytes{3}) << bNamed;
+        EXPECT_EQ(option(sender, IPPROTO_IP, IP_MULTICAST_TTL), 5);
+        EXPECT_EQ(std::system("ip link del ktn0"), 0);
     }
 }
 

@@ -108,6 +108,51 @@ TEST(MediaAsf, LyingSizesAndCountsLoseNoPacket) {
     }
 }
 
+TEST(MediaAsf, OnlyAnEndInsideTheDataIsReported) {
+    const std::string sIndex = kGuidIndex + little(60, 8) + std::string(36, 'i');
+    const std::string sOther = kGuidIndex + little(30, 8) + std::string(6, 'i');
+    const struct {
+        const char *pszWhat;
+        std::string sBehind;
+        bool bReported;
+    } aCase[] = {
+        {"nothing", "", false},
+        {"an index shorter than a packet", sIndex, false},
+        {"two objects", sIndex + sOther, false},
+        {"half a packet", std::string(60, '\0'), true},
+        {"half an index", sIndex.substr(0, 59), true},
+    };
+    for (const auto &testCase : aCase) {
+        const std::string sPackets = packetsBytes({0, 10});
+        const MemoryFile file(headerBytes(2, {{kDataSize, little(50, 8)}, {kFlags, "\3"}}) + sPackets +
+                              testCase.sBehind);
+        AsfReader reader;
+        std::string sReason;
+        testing::internal::CaptureStderr();
+        EXPECT_TRUE(asfReaderStart(reader, file.iFile, testCase.pszWhat, sReason)) << sReason;
+        EXPECT_TRUE(drain(reader, asfReaderNext).sBytes == sPackets);
+        EXPECT_EQ(testing::internal::GetCapturedStderr().find("before its data does") != std::string::npos,
+                  testCase.bReported)
+            << testCase.pszWhat;
+    }
+}
+
+// The data object is read where it is, behind whatever lies between it and the header.
+TEST(MediaAsf, DataBeyondFourGibibytesIsPlayed) {
+    const std::string sHeader = headerBytes(2);
+    const std::string sPackets = packetsBytes({0, 10});
+    for (const unsigned long long ullBetween : {24ULL, 5'000'000'001ULL}) {
+        const MemoryFile file(sHeader.substr(0, kData) + kGuidIndex + little(ullBetween, 8));
+        const std::string sData = sHeader.substr(kData) + sPackets;
+        ASSERT_EQ(pwrite(file.iFile, sData.data(), sData.size(), static_cast<off_t>(kData + ullBetween)),
+                  static_cast<ssize_t>(sData.size()));
+        AsfReader reader;
+        std::string sReason;
+        ASSERT_TRUE(asfReaderStart(reader, file.iFile, "file.asf", sReason)) << sReason;
+        EXPECT_TRUE(drain(reader, asfReaderNext).sBytes == sPackets);
+    }
+}
+
 TEST(MediaAsf, DamagedPacketGoesOutInItsPlace) {
     std::string sPackets = packetsBytes({0, 40, 80, 120});
     sPackets[std::size_t{2} * kPacket] = '\xFF'; // invalid error correction

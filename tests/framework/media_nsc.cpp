@@ -38,11 +38,11 @@ TEST(MediaNsc, EncodingIsThePublicOne) {
 TEST(MediaNsc, PlainTextsBareLineEndsAndUnknownLinesAreRead) {
     NscStation station;
     std::string sReason;
-    ASSERT_TRUE(
-        nscParse("[Address]\nName=News\nNSC Format Version=3.0\nIP Address=239.192.48.179\nIP Port=0x1f90\n"
-                 "Time To Live=0x00000007\nUnknown=0\n\n[Formats]\nFormat3=" +
-                     format(9) + "\nDescription3=low\n[Other]\nanything=1\n",
-                 station, sReason))
+    ASSERT_TRUE(nscParse(
+        "[Address]\nName=News\nNSC Format Version=3.0\nIP Address = 239.192.48.179\n IP Port\t=\t0x1f90 \r\n"
+        "Time To Live= 0x00000007\nUnknown=0\n\n[Formats]\nFormat3=" +
+            format(9) + "\nDescription3 =low\n[Other]\nanything=1\n",
+        station, sReason))
         << sReason;
     EXPECT_EQ(station.sName, "News");
     EXPECT_EQ(station.sVersion, "3.0");
@@ -56,6 +56,23 @@ TEST(MediaNsc, PlainTextsBareLineEndsAndUnknownLinesAreRead) {
     EXPECT_EQ(nscFindFormat(station, 0), &station.formats[0]);
     EXPECT_EQ(nscFindFormat(station, 3), &station.formats[0]);
     EXPECT_EQ(nscFindFormat(station, 1), nullptr);
+}
+
+TEST(MediaNsc, StationIsWrittenWhole) {
+    NscStation station;
+    station.sName = "\xC3\xA9"; // e with acute accent: 00E9
+    station.sAddress = "239.192.48.179";
+    station.usPort = 8080;
+    station.iHops = 7;
+    station.formats = {{1, 0x123, {'A', 'S', 'F'}, ""}, {12, 0x123, {'A', 'S', 'F'}, "3.0"}};
+    // The name: key 0, four bytes E9 00 00 00, check byte 04^E9 = ED.
+    EXPECT_EQ(nscWrite(station),
+              std::string("[Address]\r\nName=02xG0000000004wG0000\r\nNSC Format Version=") + kVersion +
+                  "\r\nIP Address=" + kAddress +
+                  "\r\nIP Port=0x00001F90\r\nTime To Live=0x00000007\r\n[Formats]\r\n"
+                  "Format1=02TG000IC00003GLD6\r\nFormat12=02TG000IC00003GLD6\r\n"
+                  "Description12=" +
+                  kVersion + "\r\n");
 }
 
 TEST(MediaNsc, LiesAreRefusedWithTheirLine) {

@@ -122,10 +122,38 @@ TEST(MediaStream, FileThatShrinksEndsAndOneThatGrowsGoesOn) {
     }
 }
 
+TEST(MediaStream, ProgressOfRealFilesIsTold) {
+    for (const auto &[pszFile, ulLengthMs] : {std::pair{"sample.ts", 12'077UL}, {"sample.asf", 6'046UL}}) {
+        SCOPED_TRACE(pszFile);
+        ts_qxapi_stream_progress progress{1, 2, 3};
+        const StreamOwner pStream = openStream(std::string(SAMPLES) + pszFile);
+        EXPECT_EQ(qxapi_stream_progress(pStream.get(), &progress), 0);
+        EXPECT_EQ(progress.ulPositionMs, 1U);
+        ASSERT_EQ(pStream->pStart(pStream.get()), 1);
+        ASSERT_EQ(qxapi_stream_progress(pStream.get(), &progress), 1);
+        EXPECT_EQ(progress.ulPositionMs, 0U);
+        EXPECT_NEAR(static_cast<double>(progress.ulLengthMs), static_cast<double>(ulLengthMs), 1);
+        EXPECT_EQ(progress.ulLate, 0U);
+
+        usleep(300'000); // all that was due until now is late, except for the last 10 ms
+        unsigned long ulPackets = 0;
+        while (ts_qxapi_packet *pPacket = pStream->pNextPacket(pStream.get())) {
+            pStream->pReleasePacket(pStream.get(), pPacket);
+            ulPackets++;
+        }
+        ASSERT_EQ(qxapi_stream_progress(pStream.get(), &progress), 1);
+        EXPECT_GE(progress.ulPositionMs, 200U);
+        EXPECT_LE(progress.ulPositionMs, 2000U);
+        EXPECT_GE(progress.ulLate, 3U);
+        EXPECT_LE(progress.ulLate, ulPackets);
+    }
+    EXPECT_EQ(qxapi_stream_progress(nullptr, nullptr), 0);
+}
+
 TEST(MediaStream, SparseFileOfManyTimesTheMemoryIsPlayed) {
     const std::string sPart = transportStream(700, 10);
     const MemoryFile file(sPart + std::string(3'000'000, '\0')); // more than one step of the reader
-    ASSERT_EQ(pwrite(file.iFile, sPart.data(), sPart.size(), 300'000'001),
+    ASSERT_EQ(pwrite(file.iFile, sPart.data(), sPart.size(), 5'000'000'001),
               static_cast<ssize_t>(sPart.size()));
     rusage before{};
     getrusage(RUSAGE_SELF, &before);

@@ -3,6 +3,7 @@
 #include "tsstream.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace {
 
@@ -80,6 +81,42 @@ void expectSteady(const Drained &drained, std::size_t ulPackets, double dToleran
     }
 }
 
+// An interval between two clock references.
+struct Interval {
+    double dMs;
+    std::size_t ulPackets;
+};
+
+// Returns packets with these intervals one after the other, and a reference at the end of the last.
+Packets packetsOf(const std::vector<Interval> &intervals) {
+    Packets packets(1);
+    packets[0].llClock = 0;
+    for (const Interval &interval : intervals) {
+        const long long llClock = packets.back().llClock + std::llround(interval.dMs * kMsTicks);
+        packets.resize(packets.size() + interval.ulPackets);
+        packets.back().llClock = llClock;
+    }
+    return packets;
+}
+
+// Expects each run to be due when its first packet is by the references.
+void expectOnReferences(const Drained &drained, const std::vector<Interval> &intervals) {
+    std::size_t ulPacket = 0, ulFrom = 0, ulInterval = 0;
+    double dFrom = 0;
+    for (std::size_t ul = 0; ul < drained.dueMs.size(); ul++) {
+        while (ulInterval < intervals.size() && ulPacket >= ulFrom + intervals[ulInterval].ulPackets) {
+            ulFrom += intervals[ulInterval].ulPackets;
+            dFrom += intervals[ulInterval++].dMs;
+        }
+        const double dPart = ulInterval == intervals.size()
+                                 ? 0
+                                 : intervals[ulInterval].dMs * static_cast<double>(ulPacket - ulFrom) /
+                                       static_cast<double>(intervals[ulInterval].ulPackets);
+        ASSERT_NEAR(drained.dueMs[ul], dFrom + dPart, 0.001) << "packet " << ulPacket;
+        ulPacket += drained.lengths[ul] / kTsPacketSize;
+    }
+}
+
 } // namespace
 
 TEST(MediaTs, NoLayoutLosesOrChangesPackets) {
@@ -111,7 +148,7 @@ TEST(MediaTs, NoClockNonsenseStallsOrRacesThePlayout) {
         {"first reference late", without(0, 350, 1200)},
         {"no reference at the end", without(600, 1200, 1200)},
         {"20 s without a reference", without(400, 20'400, 22'000)},
-        {"more than the look-ahead without a reference", without(400, 40'400, 42'000)},
+        {"more than the look-ahead without a reference", without(400, 90'400, 92'000)},
         {"the clock moves to another PID", changed(2400, 800, 2400, 40,
                                                    [](TsPacket &packet, long long) {
                                                        packet.uiPID = 0x200;
@@ -121,6 +158,11 @@ TEST(MediaTs, NoClockNonsenseStallsOrRacesThePlayout) {
          changed(1200, 20, 1200, 40,
                  [](TsPacket &packet, long long ll) {
                      packet = {0x200, (9'000'000 + ll) * kMsTicks, false};
+                 })},
+        {"another program's references come nine times as often",
+         changed(1200, 44, 1200, 4,
+                 [](TsPacket &packet, long long ll) {
+                     packet = ll % 40 == 0 ? packet : TsPacket{0x200, ll * 3 * kMsTicks, false};
                  })},
         {"references of damaged and of null packets",
          changed(1200, 20, 1200, 40,
@@ -137,14 +179,104 @@ TEST(MediaTs, NoClockNonsenseStallsOrRacesThePlayout) {
 }
 
 TEST(MediaTs, ChangeOfRateIsFollowedAndTheLastRateKept) {
-    const Drained drained = play(
-        bytesOf(changed(1400, 720, 1400, 40, [](TsPacket &packet, long long ll) { // twice as slow from 680
+    Packets packets =
+        changed(1400, 720, 1400, 40, [](TsPacket &packet, long long ll) { // twice as slow from 680
             packet.llClock = ll < 1200 ? (1680 + 2 * (ll - 680)) * kMsTicks : -1;
-        })));
+        });
+    packets[700] = {0x200, -1, true}; // another program's clock starts anew: this one's goes on
+    const Drained drained = play(bytesOf(packets));
 
     for (const auto &[ulRun, dMs] :
          {std::pair{90U, 630.0}, {97U, 679.0}, {98U, 692.0}, {150U, 1420.0}, {199U, 2106.0}}) {
         EXPECT_NEAR(drained.dueMs[ulRun], dMs, 0.001) << "run " << ulRun;
+    }
+}
+
+// Pictures that come rarely: references as far apart, and as many packets as the picture needs.
+TEST(MediaTs, ReferencesFarApartAreBelievedWhateverTheRateDoes) {
+    using Intervals = std::vector<Interval>;
+    const Interval plain{2000, 4}, noisy{2000, 900}, usual{40, 10};
+    const std::pair<const char *, Intervals> aCase[] = {
+        {"plain pictures, then noisy ones", {plain, plain, plain, noisy, noisy, noisy}},
+        {"noisy pictures, then plain ones", {noisy, noisy, noisy, plain, plain, plain}},
+        {"a minute apart", {{60'000, 4}, {60'000, 900}, {60'000, 4}}},
+        {"times that differ", {{10'000, 5}, {3000, 500}, {20'000, 5}, {4000, 500}, {9000, 5}}},
+        {"only from some time on", {usual, usual, {2000, 20}, {2000, 20}, plain, noisy, usual}},
+        {"faster than a jump would be", {{1000, 4}, {1000, 4}, {1500, 9000}, {1000, 4}}},
+    };
+    for (const auto &[pszWhat, intervals] : aCase) {
+        SCOPED_TRACE(pszWhat);
+        expectOnReferences(play(bytesOf(packetsOf(intervals))), intervals);
+    }
+
+    // The last picture has no reference behind it, the first sound has none before it. They take about as
+    // long as the pictures, not their packets' number at the plain pictures' rate.
+    Packets packets = packetsOf({plain, plain, plain, noisy, plain, plain, plain});
+    packets.insert(packets.begin(), 1500, TsPacket{});
+    packets.resize(packets.size() + 800);
+    const Drained drained = play(bytesOf(packets));
+    EXPECT_GT(drained.dueMs.back(), 14'000);
+    EXPECT_LT(drained.dueMs.back(), 18'100);
+}
+
+TEST(MediaTs, ClockBelievesIntervalsWithinItsBounds) {
+    constexpr unsigned long long kSecond = 27'000'000;
+    constexpr double kRate = 27'000; // a packet a millisecond
+    const struct {
+        unsigned long long ullTicks, ullPackets;
+        double dRate;
+        unsigned long long ullSpacing, ullAfter;
+        bool bSound;
+    } aCase[] = {
+        {kSecond, 0, kRate, 0, 0, false},
+        {4061, 100, kRate, 0, 0, true}, // 1 Gbit/s is 40.608 ticks a packet
+        {4060, 100, kRate, 0, 0, false},
+        {kSecond, 1, kRate, 0, 0, true}, // a second is believed whatever the rate was
+        {kSecond + 1, 1, kRate, 0, 0, false},
+        {5 * kSecond, 1, 0, 0, 0, true}, // the first interval
+        {5 * kSecond + 1, 1, 0, 0, 0, false},
+        {20 * kSecond, 5000, kRate, 0, 0, true}, // in keeping: at most four times slower
+        {20 * kSecond, 4999, kRate, 0, 0, false},
+        {60 * kSecond, 60'000, kRate, 0, 0, true},
+        {60 * kSecond + 1, 60'001, kRate, 60 * kSecond, 60 * kSecond, false},
+        {16 * kSecond, 1, kRate, 2 * kSecond, 0, true}, // as long as the earlier ones
+        {16 * kSecond, 1, kRate, 2 * kSecond - 1, 0, false},
+        {16 * kSecond, 1, kRate, 0, 2 * kSecond, true}, // as long as the next one
+        {16 * kSecond, 1, kRate, 0, 2 * kSecond - 1, false},
+        {16 * kSecond, 1, kRate, 0, 60 * kSecond + 1, false}, // the next one is a jump itself
+    };
+    for (const auto &row : aCase) {
+        EXPECT_EQ(tsclockIsSound(row.ullTicks, row.ullPackets, row.dRate, row.ullSpacing, row.ullAfter),
+                  row.bSound)
+            << row.ullTicks << " ticks, " << row.ullPackets << " packets";
+    }
+}
+
+TEST(MediaTs, RunOfASlowStreamEndsBeforeItsPacketsSpanTooMuch) {
+    Packets packets(700);
+    for (std::size_t ul = 0; ul < packets.size(); ul += 10) {
+        packets[ul].llClock = static_cast<long long>(ul) * 6 * kMsTicks;
+    }
+    const Drained drained = play(bytesOf(packets));
+    EXPECT_TRUE(drained.sBytes == bytesOf(packets));
+    ASSERT_EQ(drained.dueMs.size(), 175U);
+    for (std::size_t ul = 0; ul < drained.dueMs.size(); ul++) {
+        ASSERT_EQ(drained.lengths[ul], 4 * kTsPacketSize); // due at 0, 6, 12 and 18 ms
+        ASSERT_NEAR(drained.dueMs[ul], 24.0 * static_cast<double>(ul), 0.001);
+    }
+}
+
+TEST(MediaTs, LengthOfALargeFileIsFoundUnlessItsClockJumps) {
+    Packets packets = steadyPackets(60'000, kWrap - 30'000 * kMsTicks);
+    for (const bool bJump : {false, true}) {
+        for (std::size_t ul = 40'000; bJump && ul < packets.size(); ul += 40) {
+            packets[ul].llClock += 3600'000 * kMsTicks;
+        }
+        const MemoryFile file(bytesOf(packets));
+        TsReader reader;
+        std::string sReason;
+        ASSERT_TRUE(tsReaderStart(reader, file.iFile, "file.ts", sReason)) << sReason;
+        EXPECT_NEAR(static_cast<double>(reader.llLength) / 1e9, bJump ? 0 : 60, 0.001);
     }
 }
 
@@ -191,7 +323,8 @@ TEST(MediaTs, FilesWithoutAClockAreRefused) {
     oneReference[40].llClock = 5 * kMsTicks;
     const Packets standingStill =
         changed(400, 0, 400, 40, [](TsPacket &packet, long long) { packet.llClock = 5 * kMsTicks; });
-    for (const Packets &packets : {Packets(400), oneReference, standingStill, Packets(100'000)}) {
+    for (const Packets &packets : {Packets(400), oneReference, standingStill, Packets(100'000),
+                                   packetsOf({{61'000, 400}, {61'000, 400}}), packetsOf({{5'001, 4}})}) {
         const MemoryFile file(bytesOf(packets));
         TsReader reader;
         std::string sReason;
