@@ -196,11 +196,7 @@ int serve(const ServeOptions &options) {
         return sayAndReturn(EXIT_UNAVAILABLE, "the plug-in did not open; its reason is above");
     }
     Audit audit(plugin);
-    std::unique_ptr<Sap> sap;
-    if (options.bSap) {
-        const char *const pszInterface = std::getenv(kInterfaceVariable);
-        sap = std::make_unique<Sap>(plugin, pszInterface == nullptr ? "" : pszInterface);
-    }
+    const auto sap = options.bSap ? std::make_unique<Sap>(plugin, sInterface) : nullptr;
     const char *const pszMissing = waitUntilServed();
     if (pszMissing != nullptr) {
         closePlugin(plugin, signals);
@@ -235,7 +231,9 @@ int serve(const ServeOptions &options) {
         pState->hurry();
     }
     const int iClosed = closePlugin(plugin, signals);
-    sap.reset();
+    if (sap) {
+        sap->stop();
+    }
     audit.stop();
     if (pState != nullptr) {
         pState->stop();

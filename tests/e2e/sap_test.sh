@@ -5,7 +5,6 @@ for tool in ffprobe python3; do
     command -v $tool >/dev/null || { echo "skipped: $tool is not installed"; exit 77; }
 done
 start_service --sap
-for i in 1 2 3 4 5 6; do cat "$samples/sample.ts"; done >long.ts
 
 # Each announcement as a line: announced or deleted, hash, origin, and the description with \r\n for its line ends.
 python3 - >heard-sap <<'END' &
@@ -28,7 +27,7 @@ cp "$samples/sample.nsc" /fixdata/bypass.nsc
 "$pccast" file "$samples/sample.asf" --to 239.192.48.179:8080 --epg 5 --for 1s # no transport stream
 "$pccast" relay 239.77.0.1:4000 239.77.0.2:5000 --epg 7 --for 100s >relay
 within 5 grep -q '^announced 0 [0-9]* 127.0.0.1 application/sdp ' heard-sap
-KTNET_MULTICAST_IF=lo "$bin/pccast-feed" long.ts 239.77.0.1:4000 >feed.log 2>&1 &
+"$bin/pccast-feed" "$samples/sample.ts" 239.77.0.1:4000 --interface lo --loop >feed.log 2>&1 &
 # The player hears the announcement that is repeated.
 timeout 60 ffprobe -loglevel error -show_entries stream=codec_name -of csv=p=0 sap://224.2.127.254 >found 2>probe.log ||
     fail "ffprobe: $(cat probe.log)"
