@@ -59,7 +59,7 @@ double dueSeconds(long lPacket);
 pid_t startService(const std::vector<std::string> &before = {});
 // Gives a request to the service, as the command line's words. Tries until the service takes it, ten seconds
 // at most: else this program ends.
-void request(const std::string &words);
+void request(const std::vector<std::string> &words);
 // Runs body in a process of its own, which ends with this one.
 pid_t inProcess(const std::function<void()> &body);
 // Becomes another program, whose output is thrown away. Comes back only if there is no such program.

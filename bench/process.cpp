@@ -54,10 +54,13 @@ pid_t startService(const std::vector<std::string> &before) {
     });
 }
 
-void request(const std::string &words) {
-    const std::string command = "for i in $(seq 100); do " + hostProgram() + " " + words +
-                                " >/dev/null 2>&1 && exit 0; sleep 0.1; done; exit 1";
-    require(std::system(command.c_str()) == 0, words.c_str());
+void request(const std::vector<std::string> &words) {
+    std::string command = "for i in $(seq 100); do " + hostProgram();
+    for (const std::string &word : words) {
+        command += " " + word;
+    }
+    command += " >/dev/null 2>&1 && exit 0; sleep 0.1; done; exit 1";
+    require(std::system(command.c_str()) == 0, words.front().c_str());
 }
 
 } // namespace bench

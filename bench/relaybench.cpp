@@ -147,7 +147,7 @@ std::vector<Relay> startRelays(const std::vector<std::string> &tools) {
         if (name == "service") {
             relay.iProcess = startService();
             const std::string port = ":" + std::to_string(kPort);
-            request("relay " + relay.source + port + " " + relay.destination + port);
+            request({"relay", relay.source + port, relay.destination + port});
         } else {
             relay.iProcess = inProcess([&] {
                 if (name == "bare") {

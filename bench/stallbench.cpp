@@ -95,7 +95,7 @@ void measure(bool bFifo, double dSeconds, Figures &figures) {
         });
     }
     const int iSocket = openGroup();
-    request(std::string("file ") + kFile + " --to " + kFileGroup + ":5000 --for 10m");
+    request({"file", kFile, "--to", std::string(kFileGroup) + ":5000", "--for", "10m"});
     std::vector<double> errors = receivePlayout(iSocket);
     require(!errors.empty(), "playout");
     close(iSocket);
@@ -103,7 +103,7 @@ void measure(bool bFifo, double dSeconds, Figures &figures) {
     figures.file99.push_back(percentile(errors, 0.99));
     figures.fileMost.push_back(percentile(errors, 1));
 
-    request(std::string("relay ") + kSource + ":5000 " + kDestination + ":5000 --for 10m");
+    request({"relay", std::string(kSource) + ":5000", std::string(kDestination) + ":5000", "--for", "10m"});
     const int64_t lGiveUp = now() + 15'000'000'000;
     while (now() < lGiveUp && runTraffic(kSource, kDestination, kPort, 100, 0.1).lReceived == 0) {
     }

@@ -1,7 +1,11 @@
 #include "airtext.h"
 
 #include "clitext.h"
+#include "json.h"
 #include "safetext.h"
+#include "wire.h"
+
+#include <pccast/castinfo.h>
 
 #include <array>
 #include <variant>
@@ -77,32 +81,46 @@ std::string announcementLine(const AirRecord &record, unsigned long ulNow) {
     return sLine;
 }
 
-// The key and its value, each behind a comma; empty without a value. A text that is no UTF-8 follows once
-// more as hexadecimal digits.
-std::string keyJSON(const char *pszName, AirCheck eCheck) {
-    if (eCheck == AIR_CHECK_ABSENT) {
-        return {};
+// Sets the key, unless there is no value. A text that is no UTF-8 follows once more as hexadecimal digits.
+void setKey(Json *pObject, const char *pszName, AirCheck eCheck) {
+    if (eCheck != AIR_CHECK_ABSENT) {
+        (*pObject)[pszName] = eCheck == AIR_CHECK_GOOD;
     }
-    return std::string(",\"") + pszName + "\":" + (eCheck == AIR_CHECK_GOOD ? "true" : "false");
 }
 
 template <typename Number>
-std::string keyJSON(const char *pszName, const std::optional<Number> &value) {
-    return value ? std::string(",\"") + pszName + "\":" + std::to_string(*value) : "";
+void setKey(Json *pObject, const char *pszName, const std::optional<Number> &value) {
+    if (value) {
+        (*pObject)[pszName] = *value;
+    }
 }
 
-std::string keyJSON(const char *pszName, const std::optional<std::string> &sValue) {
+void setKey(Json *pObject, const char *pszName, const std::optional<std::string> &sValue) {
     if (!sValue) {
-        return {};
+        return;
     }
-    std::string sJSON = std::string(",\"") + pszName + "\":" + textForJSON(*sValue);
+    (*pObject)[pszName] = *sValue;
     if (!isUTF8(*sValue)) {
-        sJSON += std::string(",\"") + pszName + "Hex\":\"" + textAsHex(*sValue) + "\"";
+        (*pObject)[std::string(pszName) + "Hex"] = textAsHex(*sValue);
     }
-    return sJSON;
 }
 
 } // namespace
+
+std::string airIdentity(const AirRecord &record) {
+    if (record.eKind != AIR_ANNOUNCEMENT || !record.uiType || !record.uiFormat || !record.uiST ||
+        !record.uiET || !record.usPort) {
+        return {};
+    }
+    const bool bH264 = *record.uiFormat == BCI_FORMAT_H264;
+    const bool bASF = *record.uiFormat == BCI_FORMAT_ASF;
+    return writeCastIdentity({*record.uiEPGID,
+                              *record.uiType == BCI_TYPE_FILE ? CAST_TYPE_FILE : CAST_TYPE_STREAM,
+                              *record.uiST, *record.uiET, *record.usPort,
+                              bH264  ? CAST_FORMAT_TS
+                              : bASF ? CAST_FORMAT_ASF
+                                     : *record.uiFormat});
+}
 
 std::string airDestination(const AirRecord &record) {
     if (record.sAddress) {
@@ -115,7 +133,8 @@ std::string airDestination(const AirRecord &record) {
 std::string airLine(const AirRecord &record, unsigned long ulNow, const std::string &sSender) {
     std::string sLine = writeTime(ulNow) + "  " + kKindTexts[record.eKind].pszLine + "  ";
     if (record.eKind == AIR_ANNOUNCEMENT || record.eKind == AIR_END) {
-        sLine += announcementLine(record, ulNow) + "  ";
+        const std::string sIdentity = airIdentity(record);
+        sLine += announcementLine(record, ulNow) + "  " + (sIdentity.empty() ? "" : sIdentity + "  ");
     } else if (record.eKind == AIR_MESSAGE) {
         sLine += "\"" + textForTerminal(*record.sText) + "\"" +
                  (record.uiET ? "  until " + writeTime(*record.uiET) : "") + "  ";
@@ -128,23 +147,21 @@ std::string airLine(const AirRecord &record, unsigned long ulNow, const std::str
 }
 
 std::string airJSON(const AirRecord &record, unsigned long ulNow, const std::string &sSender) {
-    std::string sJSON = "{\"heard\":" + std::to_string(ulNow) + ",\"by\":" + textForJSON(sSender) +
-                        ",\"kind\":\"" + kKindTexts[record.eKind].pszJSON + "\"";
+    Json object{{"heard", ulNow}, {"by", sSender}, {"kind", kKindTexts[record.eKind].pszJSON}};
     if (record.uiIdent != 0 || record.uiService != 0) {
-        sJSON += ",\"ident\":" + std::to_string(record.uiIdent) +
-                 ",\"service\":" + std::to_string(record.uiService) +
-                 ",\"command\":" + std::to_string(record.uiCommand) +
-                 ",\"sent\":" + std::to_string(record.uiSendTime);
+        object["ident"] = record.uiIdent;
+        object["service"] = record.uiService;
+        object["command"] = record.uiCommand;
+        object["sent"] = record.uiSendTime;
     }
     for (const Key &key : kKeys) {
-        sJSON += std::visit([&](auto member) { return keyJSON(key.pszName, record.*member); }, key.member);
+        std::visit([&](auto member) { setKey(&object, key.pszName, record.*member); }, key.member);
+    }
+    if (const std::string sIdentity = airIdentity(record); !sIdentity.empty()) {
+        object["identity"] = sIdentity;
     }
     if (!record.sProblems.empty()) {
-        sJSON += ",\"problems\":[";
-        for (size_t i = 0; i < record.sProblems.size(); ++i) {
-            sJSON += (i == 0 ? "" : ",") + textForJSON(record.sProblems[i]);
-        }
-        sJSON += "]";
+        object["problems"] = record.sProblems;
     }
-    return sJSON + "}";
+    return writeJSON(object);
 }

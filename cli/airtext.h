@@ -10,6 +10,10 @@
 std::string airLine(const AirRecord &record, unsigned long ulNow, const std::string &sSender);
 std::string airJSON(const AirRecord &record, unsigned long ulNow, const std::string &sSender);
 
+// The identity that stop takes, as far as an announcement gives it: it tells a relay but not which of the two
+// types, so 2 is taken, and a format but not which number of it. Empty when port or times are missing.
+std::string airIdentity(const AirRecord &record);
+
 // "address:port", or "the station's group"; empty when the record names no destination.
 std::string airDestination(const AirRecord &record);
 

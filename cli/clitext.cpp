@@ -365,3 +365,33 @@ std::string writeTimeLeft(unsigned long ulSeconds) {
     }
     return aText.data();
 }
+
+std::string nearestWord(std::string_view sWord, const std::vector<std::string> &words) {
+    std::string sNearest;
+    size_t uNearest = std::max<size_t>(2, sWord.size() / 3 + 1); // from here on it is another word
+    for (const std::string &sOther : words) {
+        // distance[i][j]: from the first i letters of sWord to the first j of sOther
+        std::vector<std::vector<size_t>> distance(sWord.size() + 1, std::vector<size_t>(sOther.size() + 1));
+        for (size_t i = 0; i <= sWord.size(); ++i) {
+            for (size_t j = 0; j <= sOther.size(); ++j) {
+                if (i == 0 || j == 0) {
+                    distance[i][j] = i + j;
+                    continue;
+                }
+                const size_t uChange = sWord[i - 1] == sOther[j - 1] ? 0 : 1;
+                distance[i][j] = std::min(
+                    {distance[i - 1][j] + 1, distance[i][j - 1] + 1, distance[i - 1][j - 1] + uChange});
+                if (i > 1 && j > 1 && sWord[i - 1] == sOther[j - 2] && sWord[i - 2] == sOther[j - 1]) {
+                    distance[i][j] = std::min(distance[i][j], distance[i - 2][j - 2] + 1);
+                }
+            }
+        }
+        const bool bBegins = sWord.size() >= 2 && sOther.starts_with(sWord);
+        const size_t uDistance = bBegins ? 0 : distance[sWord.size()][sOther.size()];
+        if (uDistance < uNearest) {
+            uNearest = uDistance;
+            sNearest = sOther;
+        }
+    }
+    return sNearest;
+}

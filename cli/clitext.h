@@ -63,4 +63,8 @@ std::string writeTimeOfDay(unsigned long ulTime);
 // "00:56:38", or "2d 00:56" when it is a day or more.
 std::string writeTimeLeft(unsigned long ulSeconds);
 
+// The word that is nearest to sWord, by the letters to be added, dropped, changed or exchanged with their
+// neighbour; empty when none is near enough to be meant.
+std::string nearestWord(std::string_view sWord, const std::vector<std::string> &words);
+
 #endif

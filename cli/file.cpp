@@ -1,5 +1,7 @@
 // pccast file - submits the cast of a stored file.
 #include "commands.h"
+#include "fileaccess.h"
+#include "localsocket.h"
 #include "request.h"
 #include "submit.h"
 
@@ -14,7 +16,6 @@
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -73,9 +74,22 @@ int findFormat(const std::string &sPath, unsigned long *pulFormat) {
     return EXIT_DONE;
 }
 
+// The service plays the file, so its user must be able to read it. Returns EXIT_DONE or EXIT_NO_INPUT.
+int checkReadable(const std::string &sFile, uid_t uiUser) {
+    const std::string sClosed = uiUser == geteuid() ? "" : closedTo(sFile, uiUser);
+    if (sClosed.empty()) {
+        return EXIT_DONE;
+    }
+    return sayAndReturn(EXIT_NO_INPUT, sFile + ": the service runs as the user " + nameOfUser(uiUser) +
+                                           ", who may not " +
+                                           (sClosed == sFile ? "read it" : "enter " + sClosed) +
+                                           "; open it to that user, or put the file elsewhere");
+}
+
 int castFile(const FileOptions &options) {
     CastRequest request{};
     RequestTimes times{};
+    Service service{};
     CastIdentity &identity = request.identity;
     int iExit = checkArguments(
         {{"--to", readEndpoint(options.sDestination, &request.sDestination, &identity.usPort)},
@@ -90,6 +104,12 @@ int castFile(const FileOptions &options) {
     if (iExit == EXIT_DONE && options.sFormat.empty()) {
         iExit = findFormat(request.sFile, &identity.ulFormat);
     }
+    if (iExit == EXIT_DONE) {
+        iExit = reachForRequest(options.request, kCastDefaultFor, ServiceKind::Casts, &service, &times);
+    }
+    if (iExit == EXIT_DONE) {
+        iExit = checkReadable(request.sFile, service.uiUser);
+    }
     if (iExit != EXIT_DONE) {
         return iExit;
     }
@@ -99,16 +119,8 @@ int castFile(const FileOptions &options) {
     identity.ulST = times.ulST;
     identity.ulET = times.ulET;
     request.ulCT = times.ulCT;
-    warnWithoutStationFile(identity.ulFormat);
-    iExit = submitCast(options.request.sPlugin, CAST_CMD_START, request);
-    if (iExit == EXIT_DONE) {
-        std::printf("%s\n", writeCastIdentity(identity).c_str());
-        sayAndReturn(EXIT_DONE, "cast of " + request.sFile + " to " + options.sDestination +
-                                    " requested from " + writeTime(times.ulST) + " until " +
-                                    writeTime(times.ulET) +
-                                    " (a longer file plays on to its end); pccast stop takes the line above");
-    }
-    return iExit;
+    return requestCast(options.request, service, request,
+                       "cast of " + request.sFile + " to " + options.sDestination);
 }
 
 } // namespace
@@ -129,5 +141,6 @@ void addFileCommand(CLI::App &app, int &iExitCode) {
     pCommand->add_option("--stream-id", options->sMSID, "the stream identifier (default 0)")->type_name("N");
     pCommand->footer("Prints the cast's identity, which pccast stop takes back.\n\n" +
                      helpExample("pccast file /srv/film.ts --to 239.1.2.3:5000 --epg 8 --start 20:15"));
-    pCommand->callback([options, &iExitCode] { iExitCode = castFile(*options); });
+    setRequestAction(
+        pCommand, [options] { return castFile(*options); }, iExitCode);
 }

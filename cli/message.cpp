@@ -1,12 +1,12 @@
 // pccast message - submits a text for every receiver.
 #include "commands.h"
+#include "outcome.h"
 #include "request.h"
 #include "submit.h"
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
-#include <cstdio>
 #include <memory>
 
 namespace {
@@ -35,6 +35,7 @@ unsigned long defaultFor(unsigned long ulRepeat, const std::string &sText) {
 int message(const MessageOptions &options) {
     unsigned long ulRepeat = 0;
     RequestTimes times{};
+    Service service{};
     int iExit = checkArguments({{"--repeat", readNumber(options.sRepeat, kRepeatMax, &ulRepeat)}});
     if (iExit == EXIT_DONE && options.sText.empty()) {
         iExit = sayAndReturn(EXIT_BAD_DATA, "TEXT is empty; the service would drop the message");
@@ -47,22 +48,33 @@ int message(const MessageOptions &options) {
     if (iExit == EXIT_DONE) {
         iExit = readRequestOptions(options.request, defaultFor(ulRepeat, options.sText), &times);
     }
+    if (iExit == EXIT_DONE) {
+        iExit = reachForRequest(options.request, defaultFor(ulRepeat, options.sText), ServiceKind::Messages,
+                                &service, &times);
+    }
     if (iExit != EXIT_DONE) {
         return iExit;
     }
     const MessageIdentity identity{times.ulEPGID, times.ulCT, times.ulST, times.ulET, options.bPriority};
-    iExit = submitMessage(options.request.sPlugin, PCMBC_CMD_MSG, identity, ulRepeat, options.sText);
-    if (iExit == EXIT_DONE) {
-        std::printf("%s\n", writeMessageIdentity(identity).c_str());
-        sayAndReturn(EXIT_DONE, "message requested from " + writeTime(times.ulST) + " until " +
-                                    writeTime(times.ulET) + "; pccast cancel takes the line above");
-        if (pauseAfter(options.sText) > kLongPause) {
-            sayAndReturn(EXIT_DONE, "after a text of " + std::to_string(options.sText.size()) +
-                                        " bytes the service sends no other message for " +
-                                        std::to_string(pauseAfter(options.sText)) + " s");
-        }
+    EventPlace place{};
+    iExit = rememberEvents(options.request.bFollow, &place);
+    if (iExit != EXIT_DONE) {
+        return iExit;
     }
-    return iExit;
+    iExit = submitMessage(service, PCMBC_CMD_MSG, identity, ulRepeat, options.sText);
+    if (iExit != EXIT_DONE) {
+        return iExit;
+    }
+    printResult(writeMessageIdentity(identity));
+    sayAndReturn(EXIT_DONE, "message requested from " + writeTime(times.ulST) + " until " +
+                                writeTime(times.ulET) + "; pccast cancel takes the line above");
+    if (pauseAfter(options.sText) > kLongPause) {
+        sayAndReturn(EXIT_DONE, "after a text of " + std::to_string(options.sText.size()) +
+                                    " bytes the service sends no other message for " +
+                                    std::to_string(pauseAfter(options.sText)) + " s");
+    }
+    return tellOutcome(place, {"message", writeMessageIdentity(identity), identity.ulCT},
+                       options.request.bFollow);
 }
 
 } // namespace
@@ -78,5 +90,6 @@ void addMessageCommand(CLI::App &app, int &iExitCode) {
     pCommand->footer("After each broadcast the service sends no message for 7 s, and 1 s more for every 5 "
                      "bytes of text.\nPrints the message's identity, which pccast cancel takes back.\n\n" +
                      helpExample("pccast message \"Fire drill at noon\" --priority --repeat 3"));
-    pCommand->callback([options, &iExitCode] { iExitCode = message(*options); });
+    setRequestAction(
+        pCommand, [options] { return message(*options); }, iExitCode);
 }

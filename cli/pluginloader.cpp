@@ -80,6 +80,10 @@ std::string checkPlugin(void *pHandle, Plugin *pPlugin) {
     resolve(pHandle, "MAKEMSGInfo", &pPlugin->pMakeMessage, &sMissing);
     resolve(pHandle, "ELIMINATEMSGInfo", &pPlugin->pEliminateMessage, &sMissing);
     resolve(pHandle, "verifyINBTService", &pPlugin->pVerifyService, &sMissing);
+    resolve(pHandle, "MAKEPCCASTView", &pPlugin->pMakeView, &sMissing);
+    resolve(pHandle, "ELIMINATEPCCASTView", &pPlugin->pEliminateView, &sMissing);
+    resolve(pHandle, "READPCCASTEvents", &pPlugin->pReadEvents, &sMissing);
+    resolve(pHandle, "ELIMINATEPCCASTEvents", &pPlugin->pEliminateEvents, &sMissing);
     if (!sMissing.empty()) {
         return "has no " + sMissing;
     }

@@ -9,6 +9,7 @@
 #include "pccastmain/serviceswitch.h"
 
 #include <pccast/pccast.h>
+#include <pccast/view.h>
 
 #include <string>
 
@@ -30,6 +31,10 @@ struct Plugin {
     decltype(&MAKEMSGInfo) pMakeMessage;
     decltype(&ELIMINATEMSGInfo) pEliminateMessage;
     decltype(&verifyINBTService) pVerifyService;
+    decltype(&MAKEPCCASTView) pMakeView;
+    decltype(&ELIMINATEPCCASTView) pEliminateView;
+    decltype(&READPCCASTEvents) pReadEvents;
+    decltype(&ELIMINATEPCCASTEvents) pEliminateEvents;
 };
 
 // Adds --plugin PATH to a command.

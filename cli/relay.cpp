@@ -4,8 +4,14 @@
 #include "submit.h"
 
 #include <CLI/CLI.hpp>
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
-#include <cstdio>
+#include <array>
+#include <cerrno>
 #include <memory>
 
 namespace {
@@ -22,9 +28,59 @@ struct RelayOptions {
     bool bChunks = false;
 };
 
+// The addresses of this machine, for a message.
+std::string ownAddresses() {
+    struct ifaddrs *pFirst = nullptr;
+    if (getifaddrs(&pFirst) != 0) {
+        return "not known";
+    }
+    const std::unique_ptr<struct ifaddrs, decltype(&freeifaddrs)> guard(pFirst, freeifaddrs);
+    std::string sAddresses;
+    for (const struct ifaddrs *p = pFirst; p != nullptr; p = p->ifa_next) {
+        if (p->ifa_addr != nullptr && p->ifa_addr->sa_family == AF_INET) {
+            std::array<char, INET_ADDRSTRLEN> aText{};
+            inet_ntop(AF_INET, &reinterpret_cast<const struct sockaddr_in *>(p->ifa_addr)->sin_addr,
+                      aText.data(), aText.size());
+            sAddresses += (sAddresses.empty() ? "" : ", ") + std::string(aText.data());
+        }
+    }
+    return sAddresses.empty() ? "none" : sAddresses;
+}
+
+// Looks whether the stream can arrive at the source at all, and whether the relay would feed itself. Returns
+// EXIT_DONE or EXIT_BAD_DATA. A group is not judged: whether it comes back depends on the interface that the
+// service sends by, and this program does not know it.
+int checkEndpoints(const CastRequest &request) {
+    struct sockaddr_in source {};
+    source.sin_family = AF_INET;
+    inet_pton(AF_INET, request.sSource.c_str(), &source.sin_addr);
+    if (IN_MULTICAST(ntohl(source.sin_addr.s_addr))) {
+        return EXIT_DONE;
+    }
+    // The relay binds its socket to the address. So does this, to a port that is free.
+    const int iSocket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int iBound = bind(iSocket, reinterpret_cast<const struct sockaddr *>(&source), sizeof source);
+    const int iError = iBound == 0 ? 0 : errno;
+    close(iSocket);
+    if (iError == EADDRNOTAVAIL) {
+        return sayAndReturn(EXIT_BAD_DATA,
+                            "SOURCE: " + request.sSource +
+                                " is neither a group nor an address of this machine, so nothing arrives "
+                                "there; this machine's addresses: " +
+                                ownAddresses());
+    }
+    if (request.sSource == request.sDestination && request.usSourcePort == request.identity.usPort) {
+        return sayAndReturn(EXIT_BAD_DATA, "source and destination are both " + request.sSource + ":" +
+                                               std::to_string(request.usSourcePort) +
+                                               ": the relay would feed itself; give two different ones");
+    }
+    return EXIT_DONE;
+}
+
 int relay(const RelayOptions &options) {
     CastRequest request{};
     RequestTimes times{};
+    Service service{};
     CastIdentity &identity = request.identity;
     int iExit = checkArguments(
         {{"SOURCE", readEndpoint(options.sSource, &request.sSource, &request.usSourcePort)},
@@ -35,12 +91,14 @@ int relay(const RelayOptions &options) {
     if (iExit == EXIT_DONE) {
         iExit = readRequestOptions(options.request, kCastDefaultFor, &times);
     }
+    if (iExit == EXIT_DONE) {
+        iExit = checkEndpoints(request);
+    }
+    if (iExit == EXIT_DONE) {
+        iExit = reachForRequest(options.request, kCastDefaultFor, ServiceKind::Casts, &service, &times);
+    }
     if (iExit != EXIT_DONE) {
         return iExit;
-    }
-    if (request.sSource == request.sDestination && request.usSourcePort == identity.usPort) {
-        return sayAndReturn(EXIT_BAD_DATA, "source and destination are both " + options.sSource +
-                                               ": the relay would feed itself; give two different ones");
     }
 
     identity.ulEPGID = times.ulEPGID;
@@ -49,15 +107,8 @@ int relay(const RelayOptions &options) {
     request.ulCT = times.ulCT;
     request.iEncryptionType = options.bFastSeed ? CAST_ENCRYPTION_FAST_SEED : CAST_ENCRYPTION_SEED;
     request.iASFSplit = options.bChunks ? CAST_SPLIT_CHUNKS : CAST_SPLIT_NONE;
-    warnWithoutStationFile(identity.ulFormat);
-    iExit = submitCast(options.request.sPlugin, CAST_CMD_START, request);
-    if (iExit == EXIT_DONE) {
-        std::printf("%s\n", writeCastIdentity(identity).c_str());
-        sayAndReturn(EXIT_DONE, "relay of " + options.sSource + " to " + options.sDestination +
-                                    " requested from " + writeTime(times.ulST) + " until " +
-                                    writeTime(times.ulET) + "; pccast stop takes the line above");
-    }
-    return iExit;
+    return requestCast(options.request, service, request,
+                       "relay of " + options.sSource + " to " + options.sDestination);
 }
 
 } // namespace
@@ -98,5 +149,6 @@ void addRelayCommand(CLI::App &app, int &iExitCode) {
     pCommand->footer(
         "Prints the cast's identity, which pccast stop takes back.\n\n" +
         helpExample("pccast relay 239.0.0.1:4000 239.1.2.3:5000 --epg 7 --start 18:00 --for 2h"));
-    pCommand->callback([options, &iExitCode] { iExitCode = relay(*options); });
+    setRequestAction(
+        pCommand, [options] { return relay(*options); }, iExitCode);
 }

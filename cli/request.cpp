@@ -1,9 +1,8 @@
 #include "request.h"
 
 #include "castformat.h"
-#include "clitext.h"
 #include "commands.h"
-#include "pluginloader.h"
+#include "outcome.h"
 
 #include <CLI/CLI.hpp>
 #include <unistd.h>
@@ -12,6 +11,21 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+
+namespace {
+
+// Says on standard error when the cast is an ASF cast and this machine has no station file.
+void warnWithoutStationFile(unsigned long ulFormat) {
+    if (isASFFormat(ulFormat) && access(kStationFile, R_OK) != 0) {
+        std::fprintf(
+            stderr,
+            "pccast: note: %s: %s; without it ASF casts are not announced and ASF files are not played "
+            "(pccast station writes one)\n",
+            kStationFile, std::strerror(errno));
+    }
+}
+
+} // namespace
 
 void addRequestOptions(CLI::App *pCommand, RequestOptions &options, const char *pszDefaultFor) {
     pCommand->add_option("--epg", options.sEPG, "the programme that it belongs to (default 1)")
@@ -23,7 +37,8 @@ void addRequestOptions(CLI::App *pCommand, RequestOptions &options, const char *
                      std::string("how long it lasts, instead of --end (default ") + pszDefaultFor + ")")
         ->type_name("DURATION")
         ->excludes(pEnd);
-    addPluginOption(pCommand, options.sPlugin);
+    addFollowOption(pCommand, options.bFollow);
+    addServiceOptions(pCommand, options.service);
 }
 
 int readRequestOptions(const RequestOptions &options, unsigned long ulDefaultFor, RequestTimes *pTimes) {
@@ -59,12 +74,30 @@ int readRequestOptions(const RequestOptions &options, unsigned long ulDefaultFor
     return EXIT_DONE;
 }
 
-void warnWithoutStationFile(unsigned long ulFormat) {
-    if (isASFFormat(ulFormat) && access(kStationFile, R_OK) != 0) {
-        std::fprintf(
-            stderr,
-            "pccast: note: %s: %s; without it ASF casts are not announced and ASF files are not played "
-            "(pccast station writes one)\n",
-            kStationFile, std::strerror(errno));
+int reachForRequest(const RequestOptions &options, unsigned long ulDefaultFor, ServiceKind eKind,
+                    Service *pService, RequestTimes *pTimes) {
+    const int iExit = reachService(options.service, eKind, pService);
+    return iExit == EXIT_DONE ? readRequestOptions(options, ulDefaultFor, pTimes) : iExit;
+}
+
+int requestCast(const RequestOptions &options, const Service &service, const CastRequest &request,
+                const std::string &sDescription) {
+    const CastIdentity &identity = request.identity;
+    const bool bFile = identity.ulType == CAST_TYPE_FILE;
+    EventPlace place{};
+    warnWithoutStationFile(identity.ulFormat);
+    int iExit = rememberEvents(options.bFollow, &place);
+    if (iExit == EXIT_DONE) {
+        iExit = submitCast(service, CAST_CMD_START, request);
     }
+    if (iExit != EXIT_DONE) {
+        return iExit;
+    }
+    printResult(writeCastIdentity(identity));
+    sayAndReturn(EXIT_DONE, sDescription + " requested from " + writeTime(identity.ulST) + " until " +
+                                writeTime(identity.ulET) +
+                                (bFile ? " (a longer file plays on to its end)" : "") +
+                                "; pccast stop takes the line above");
+    return tellOutcome(place, {bFile ? "file" : "relay", writeCastIdentity(identity), request.ulCT},
+                       options.bFollow);
 }

@@ -4,11 +4,9 @@
 #ifndef PCCAST_CLI_REQUEST_H
 #define PCCAST_CLI_REQUEST_H
 
-#include <string>
+#include "submit.h"
 
-namespace CLI {
-class App;
-}
+#include <string>
 
 // Seconds that a cast lasts when neither --end nor --for is given: 1h.
 constexpr unsigned long kCastDefaultFor = 3600;
@@ -19,7 +17,8 @@ struct RequestOptions {
     std::string sStart = "now";
     std::string sEnd;
     std::string sFor;
-    std::string sPlugin;
+    bool bFollow = false;
+    ServiceOptions service;
 };
 
 // The options as read.
@@ -37,7 +36,14 @@ void addRequestOptions(CLI::App *pCommand, RequestOptions &options, const char *
 // EXIT_USAGE or EXIT_BAD_DATA (the end has passed, or is not after the start), said on standard error.
 int readRequestOptions(const RequestOptions &options, unsigned long ulDefaultFor, RequestTimes *pTimes);
 
-// Says on standard error when the cast is an ASF cast and this machine has no station file.
-void warnWithoutStationFile(unsigned long ulFormat);
+// Reaches the service, and reads the times once more: "now" has moved if the service had to be waited for.
+// Returns what reachService and readRequestOptions return.
+int reachForRequest(const RequestOptions &options, unsigned long ulDefaultFor, ServiceKind eKind,
+                    Service *pService, RequestTimes *pTimes);
+
+// Submits the request of a relay or a file, prints its identity and says what becomes of it. sDescription:
+// "relay of A to B". Returns what submitCast and tellOutcome return.
+int requestCast(const RequestOptions &options, const Service &service, const CastRequest &request,
+                const std::string &sDescription);
 
 #endif

@@ -87,23 +87,20 @@ std::string textForTerminal(std::string_view sText) {
     return sSafe;
 }
 
-std::string textForJSON(std::string_view sText) {
-    std::string sJSON = "\"";
+std::string textForPicture(std::string_view sText) {
+    std::string sSafe;
     while (!sText.empty()) {
         const Character character = firstCharacter(sText);
-        if (!character.bValid) {
-            sJSON += "\\ufffd";
-        } else if (character.uiCode == '"' || character.uiCode == '\\') {
-            sJSON += '\\';
-            sJSON += static_cast<char>(character.uiCode);
-        } else if (isControl(character.uiCode)) {
-            sJSON += "\\u" + hex(character.uiCode, 4);
-        } else {
-            sJSON += sText.substr(0, character.uBytes);
+        if (character.bValid && character.uiCode == '\t') {
+            sSafe += ' ';
+        } else if (character.bValid && (character.uiCode == '\n' || !isControl(character.uiCode))) {
+            sSafe += sText.substr(0, character.uBytes);
+        } else if (character.uiCode != '\r') {
+            sSafe += "\uFFFD";
         }
         sText.remove_prefix(character.uBytes);
     }
-    return sJSON + "\"";
+    return sSafe;
 }
 
 bool isUTF8(std::string_view sText) {
@@ -115,6 +112,18 @@ bool isUTF8(std::string_view sText) {
         sText.remove_prefix(character.uBytes);
     }
     return true;
+}
+
+std::string textFront(std::string_view sText, size_t uBytes) {
+    size_t uFront = 0;
+    while (uFront < sText.size()) {
+        const size_t uNext = uFront + firstCharacter(sText.substr(uFront)).uBytes;
+        if (uNext > uBytes) {
+            break;
+        }
+        uFront = uNext;
+    }
+    return std::string(sText.substr(0, uFront));
 }
 
 std::string textAsHex(std::string_view sText) {
@@ -151,4 +160,31 @@ std::string textCut(std::string_view sText, size_t uColumns) {
         sText.remove_prefix(character.uBytes);
     }
     return uColumns == 0 ? "" : sFront + "…";
+}
+
+std::vector<std::string> textWrap(std::string_view sText, size_t uColumns, size_t uLines) {
+    std::vector<std::string> lines;
+    while (lines.size() + 1 < uLines) {
+        size_t uFits = 0;  // bytes
+        size_t uBreak = 0; // bytes up to the last blank that ends a line
+        size_t uTaken = 0;
+        while (uFits < sText.size()) {
+            const Character character = firstCharacter(sText.substr(uFits));
+            uBreak = character.uiCode == ' ' ? uFits : uBreak;
+            uTaken += columnsOf(character.uiCode);
+            if (uTaken > uColumns) {
+                break;
+            }
+            uFits += character.uBytes;
+        }
+        if (uFits == sText.size() || uFits == 0) {
+            break;
+        }
+        lines.emplace_back(sText.substr(0, uBreak == 0 ? uFits : uBreak));
+        sText.remove_prefix(uBreak == 0 ? uFits : uBreak + 1);
+    }
+    if (uLines != 0) {
+        lines.push_back(textCut(sText, uColumns));
+    }
+    return lines;
 }

@@ -11,9 +11,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -59,24 +61,42 @@ int readFormatOf(const std::string &sFile, NscFormat &format) {
     return EXIT_DONE;
 }
 
-// Writes the whole text to sFile or leaves the old file as it is: the service may be reading it.
+int sayNotWritten(const std::string &sFile, const std::string &sReason) {
+    return sayAndReturn(EXIT_INTERNAL, sFile + " cannot be written: " + sReason);
+}
+
+// Writes the whole text to sFile or leaves the old file as it is: the service may be reading it. The new file
+// grows under a name that nobody could guess and plant a link at.
 int replaceFile(const std::string &sFile, const std::string &sText) {
-    const std::string sNew = sFile + ".new";
-    const int iFile = open(sNew.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    bool bWritten = iFile >= 0;
+    struct stat status {};
+    if (stat(sFile.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+        return sayNotWritten(sFile, "it is not a regular file");
+    }
+    std::string sNew = sFile + ".XXXXXX";
+    const int iFile = mkostemp(sNew.data(), O_CLOEXEC);
+    if (iFile < 0) {
+        return sayNotWritten(sFile, std::strerror(errno));
+    }
+    const mode_t uiMask = umask(0);
+    umask(uiMask);
+    bool bWritten = fchmod(iFile, 0644 & ~uiMask) == 0; // mkostemp lets the owner alone read it
     for (std::size_t ulAt = 0; bWritten && ulAt < sText.size();) {
         const ssize_t lWritten = write(iFile, sText.data() + ulAt, sText.size() - ulAt);
         bWritten = lWritten > 0;
         ulAt += bWritten ? static_cast<std::size_t>(lWritten) : 0;
     }
-    if (bWritten && close(iFile) == 0 && std::rename(sNew.c_str(), sFile.c_str()) == 0) {
-        return EXIT_DONE;
+    int iError = bWritten ? 0 : errno;
+    if (close(iFile) != 0 && iError == 0) {
+        iError = errno;
     }
-    const std::string sReason = std::strerror(errno);
-    if (iFile >= 0) {
+    if (iError == 0 && std::rename(sNew.c_str(), sFile.c_str()) != 0) {
+        iError = errno;
+    }
+    if (iError != 0) {
         unlink(sNew.c_str());
+        return sayNotWritten(sFile, std::strerror(iError));
     }
-    return sayAndReturn(EXIT_INTERNAL, sFile + " cannot be written: " + sReason);
+    return EXIT_DONE;
 }
 
 int writeStation(const StationOptions &options) {

@@ -2,34 +2,46 @@
 
 #include "commands.h"
 #include "localsocket.h"
-#include "pluginloader.h"
+
+#include <CLI/CLI.hpp>
+#include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <thread>
+#include <utility>
 
 namespace {
 
-// Returns EXIT_DONE when the service is switched on and listens, else says why not.
-int checkService(const Plugin &plugin, const char *pszKeyPath, const char *pszSocket) {
-    if (plugin.pVerifyService(pszKeyPath) < 1) {
-        return sayAndReturn(EXIT_SWITCHED_OFF, std::string("the registry switches the service off (") +
-                                                   pszKeyPath + "=DISABLE); nothing was submitted");
-    }
-    const int iError = probeSocket(pszSocket);
-    switch (iError) {
-    case 0:
-        return EXIT_DONE;
-    case ENOENT:
-    case ECONNREFUSED:
-        return sayAndReturn(EXIT_UNAVAILABLE, std::string("no service listens on ") + pszSocket +
-                                                  "; start one with: pccast serve");
-    case EACCES:
-        return sayForeignSocket(pszSocket);
-    default:
-        return sayAndReturn(EXIT_UNAVAILABLE, std::string("the service on ") + pszSocket +
-                                                  " cannot be reached: " + std::strerror(iError));
+constexpr std::chrono::milliseconds kRetryInterval{50};
+
+struct ServiceRow {
+    const char *pszKeyPath;
+    const char *pszSocket;
+};
+
+constexpr ServiceRow rowOf(ServiceKind eKind) {
+    return eKind == ServiceKind::Casts ? ServiceRow{PCCAST_CAST_SERVICE, PCCAST_CAST_SOCKET}
+                                       : ServiceRow{PCCAST_MESSAGE_SERVICE, PCCAST_MESSAGE_SOCKET};
+}
+
+// Looks who listens on the socket, again and again for ulWait seconds while nobody does. Returns 0 or the
+// errno.
+int findServer(const char *pszSocket, unsigned long ulWait, uid_t *puiUser) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(ulWait);
+    for (;;) {
+        const int iSocket = connectLocal(pszSocket, puiUser);
+        if (iSocket >= 0) {
+            close(iSocket);
+            return 0;
+        }
+        if ((iSocket != -ENOENT && iSocket != -ECONNREFUSED) || std::chrono::steady_clock::now() >= end) {
+            return -iSocket;
+        }
+        std::this_thread::sleep_for(kRetryInterval);
     }
 }
 
@@ -53,16 +65,57 @@ int submit(int (*pValidate)(const Record *), int (*pSubmit)(unsigned long, const
 
 } // namespace
 
-int submitCast(const std::string &sPlugin, unsigned long ulCMD, const CastRequest &request) {
-    Plugin plugin{};
-    const int iLoaded = loadPlugin(sPlugin, &plugin);
-    if (iLoaded != EXIT_DONE) {
-        return iLoaded;
+void addServiceOptions(CLI::App *pCommand, ServiceOptions &options) {
+    pCommand
+        ->add_option("--wait", options.sWait,
+                     "keep trying for so long when no service listens yet (default 0)")
+        ->type_name("DURATION");
+    addPluginOption(pCommand, options.sPlugin);
+}
+
+void setRequestAction(CLI::App *pCommand, std::function<int()> action, int &iExitCode) {
+    pCommand->callback([action = std::move(action), &iExitCode] {
+        iExitCode = keepOutputForResults() ? action() : EXIT_INTERNAL;
+    });
+}
+
+int reachService(const ServiceOptions &options, ServiceKind eKind, Service *pService) {
+    unsigned long ulWait = 0;
+    int iExit = checkArguments({{"--wait", readDuration(options.sWait, &ulWait)}});
+    if (iExit == EXIT_DONE) {
+        iExit = loadPlugin(options.sPlugin, &pService->plugin);
     }
-    const int iCheck = checkService(plugin, PCCAST_CAST_SERVICE, PCCAST_CAST_SOCKET);
-    if (iCheck != EXIT_DONE) {
-        return iCheck;
+    if (iExit != EXIT_DONE) {
+        return iExit;
     }
+    const ServiceRow row = rowOf(eKind);
+    if (pService->plugin.pVerifyService(row.pszKeyPath) < 1) {
+        return sayAndReturn(EXIT_SWITCHED_OFF, std::string("the registry switches the service off (") +
+                                                   row.pszKeyPath + "=DISABLE); nothing was submitted");
+    }
+    const int iError = findServer(row.pszSocket, ulWait, &pService->uiUser);
+    switch (iError) {
+    case 0:
+        return isTrustedUser(pService->uiUser)
+                   ? EXIT_DONE
+                   : sayAndReturn(EXIT_UNAVAILABLE, untrustedText(row.pszSocket, pService->uiUser));
+    case ENOENT:
+    case ECONNREFUSED:
+        return sayAndReturn(EXIT_UNAVAILABLE, std::string("no service listens on ") + row.pszSocket +
+                                                  "; start one with: pccast serve");
+    case EACCES:
+        return sayAndReturn(EXIT_UNAVAILABLE, foreignSocketText(row.pszSocket));
+    case EAGAIN:
+        return sayAndReturn(EXIT_UNAVAILABLE, std::string("the service on ") + row.pszSocket +
+                                                  " does not take up what waits for it; try again later");
+    default:
+        return sayAndReturn(EXIT_UNAVAILABLE, std::string("the service on ") + row.pszSocket +
+                                                  " cannot be reached: " + std::strerror(iError));
+    }
+}
+
+int submitCast(const Service &service, unsigned long ulCMD, const CastRequest &request) {
+    const Plugin &plugin = service.plugin;
     CASTInfo *pInfo = nullptr;
     if (plugin.pMakeCast(&pInfo, request.sSource.c_str(), request.sDestination.c_str(), request.sFile.c_str(),
                          request.identity.ulType) != 1) {
@@ -91,17 +144,9 @@ int submitCast(const std::string &sPlugin, unsigned long ulCMD, const CastReques
     return submit(plugin.pValidateCast, plugin.pSubmitCast, ulCMD, pInfo);
 }
 
-int submitMessage(const std::string &sPlugin, unsigned long ulCMD, const MessageIdentity &identity,
+int submitMessage(const Service &service, unsigned long ulCMD, const MessageIdentity &identity,
                   unsigned long ulRepeat, const std::string &sText) {
-    Plugin plugin{};
-    const int iLoaded = loadPlugin(sPlugin, &plugin);
-    if (iLoaded != EXIT_DONE) {
-        return iLoaded;
-    }
-    const int iCheck = checkService(plugin, PCCAST_MESSAGE_SERVICE, PCCAST_MESSAGE_SOCKET);
-    if (iCheck != EXIT_DONE) {
-        return iCheck;
-    }
+    const Plugin &plugin = service.plugin;
     MSGInfo *pInfo = nullptr;
     if (plugin.pMakeMessage(&pInfo, sText.c_str()) != 1) {
         return sayAndReturn(EXIT_INTERNAL, "no memory for the message");

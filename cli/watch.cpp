@@ -1,11 +1,13 @@
 // pccast watch - joins the group of announcements and messages and shows what it hears.
 //
-// One thread waits for both sockets, the signals and the clock in one poll. A bad datagram is shown as bad;
-// it never ends the program. A terminal gets a live table, any other output a line or a JSON object for each
-// datagram.
+// One thread waits for both sockets, the keyboard, the signals and the clock in one poll. A bad datagram is
+// shown as bad; it never ends the program. A terminal gets a live table, any other output a line or a JSON
+// object for each datagram. The sockets are emptied before the table is drawn again, so that a flood is
+// heard.
 #include "airtext.h"
 #include "clitext.h"
 #include "commands.h"
+#include "consolepump.h"
 #include "interface.h"
 #include "watchtable.h"
 #include "wire.h"
@@ -16,6 +18,7 @@
 #include <qxapi_ktn.h>
 #include <sys/ioctl.h>
 #include <sys/signalfd.h>
+#include <termios.h>
 #include <unistd.h>
 #include <vexa_pgl.h>
 
@@ -40,6 +43,10 @@ struct WatchOptions {
 constexpr const char *kScreenOn = "\033[?1049h\033[?25l";
 constexpr const char *kScreenOff = "\033[?25h\033[?1049l";
 
+constexpr std::chrono::milliseconds kDrawInterval{100};
+constexpr std::chrono::milliseconds kClockInterval{1000}; // the times in the table move on
+constexpr int kHearAtOnce = 256;                          // datagrams of a socket, before anything else
+
 using Endpoint = std::unique_ptr<KTNET_ENDPOINT, void (*)(KTNET_ENDPOINT *)>;
 using Clock = std::chrono::steady_clock;
 
@@ -49,6 +56,54 @@ struct Watch {
     Clock::time_point end = Clock::time_point::max();
     unsigned long ulCount = 0; // datagrams to hear; 0: no limit
     WatchState state;
+};
+
+// The terminal while the table is on it: the second screen, without a cursor, and keys that arrive at once.
+class Screen {
+public:
+    Screen() = default;
+    Screen(const Screen &) = delete;
+    Screen &operator=(const Screen &) = delete;
+    ~Screen() { leave(); }
+
+    void enter() {
+        std::fputs(kScreenOn, stdout);
+        std::fflush(stdout);
+        bEntered = true;
+        // In the background a change of the settings would stop the program.
+        bKeys = isatty(STDIN_FILENO) == 1 && tcgetpgrp(STDIN_FILENO) == getpgrp() &&
+                tcgetattr(STDIN_FILENO, &before) == 0;
+        if (bKeys) {
+            struct termios settings = before;
+            settings.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+            tcsetattr(STDIN_FILENO, TCSANOW, &settings);
+        }
+    }
+    void leave() {
+        if (bKeys) {
+            tcsetattr(STDIN_FILENO, TCSANOW, &before);
+        }
+        if (bEntered) {
+            std::fputs(kScreenOff, stdout);
+            std::fflush(stdout);
+        }
+        bKeys = false;
+        bEntered = false;
+    }
+    bool hasKeys() const { return bKeys; }
+    // Takes the keys that were pressed. Returns whether one of them is q.
+    bool isQuit() {
+        std::array<char, 64> aKeys{};
+        const ssize_t lKeys = read(STDIN_FILENO, aKeys.data(), aKeys.size());
+        bKeys = bKeys && lKeys > 0; // a keyboard that hung up is not asked again
+        return lKeys > 0 && std::string_view(aKeys.data(), static_cast<size_t>(lKeys)).find_first_of("qQ") !=
+                                std::string_view::npos;
+    }
+
+private:
+    bool bEntered = false;
+    bool bKeys = false;
+    struct termios before {};
 };
 
 // Joins the group on a port. Null: the reason is on standard error.
@@ -70,16 +125,22 @@ Endpoint join(unsigned int uiPort, const std::string &sInterface) {
     return endpoint;
 }
 
-void drawTable(const Watch &watch) {
+WatchWindow windowOf(const Screen &screen) {
+    WatchWindow window;
     struct winsize size {};
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) {
-        size.ws_col = 80;
-        size.ws_row = 24;
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col != 0 && size.ws_row != 0) {
+        window.uColumns = size.ws_col;
+        window.uRows = size.ws_row;
     }
+    --window.uRows; // the last row stays empty: a newline in it would scroll
+    window.bColour = isColourful(STDOUT_FILENO);
+    window.pszEnds = screen.hasKeys() ? "q ends" : "Ctrl-C ends";
+    return window;
+}
+
+void drawTable(const Watch &watch, const WatchWindow &window) {
     std::string sScreen = "\033[H";
-    const std::vector<std::string> lines =
-        watchDraw(watch.state, vexa_time(nullptr), size.ws_col, static_cast<size_t>(size.ws_row) - 1, true);
-    for (const std::string &sLine : lines) {
+    for (const std::string &sLine : watchDraw(watch.state, vexa_time(nullptr), window)) {
         sScreen += sLine + "\033[K\r\n";
     }
     sScreen += "\033[J";
@@ -87,7 +148,12 @@ void drawTable(const Watch &watch) {
     std::fflush(stdout);
 }
 
-// Takes one datagram off the socket and shows it. Returns 0, or the errno of a socket that fails.
+bool isOver(const Watch &watch) {
+    return Clock::now() >= watch.end || (watch.ulCount != 0 && watch.state.ulDatagrams >= watch.ulCount) ||
+           std::ferror(stdout) != 0;
+}
+
+// Takes one datagram off the socket and shows it. Returns 0, or an errno: EAGAIN when there is none.
 int hear(Watch *pWatch, int iSocket) {
     std::array<unsigned char, 65536> aBytes;
     struct sockaddr_in sender {};
@@ -95,7 +161,7 @@ int hear(Watch *pWatch, int iSocket) {
     const ssize_t lLength = recvfrom(iSocket, aBytes.data(), aBytes.size(), MSG_DONTWAIT,
                                      reinterpret_cast<struct sockaddr *>(&sender), &uiSize);
     if (lLength < 0) {
-        return errno == EAGAIN || errno == EINTR ? 0 : errno;
+        return errno;
     }
     std::array<char, INET_ADDRSTRLEN> aSender{};
     inet_ntop(AF_INET, &sender.sin_addr, aSender.data(), aSender.size());
@@ -109,33 +175,65 @@ int hear(Watch *pWatch, int iSocket) {
     return 0;
 }
 
-bool isOver(const Watch &watch) {
-    return Clock::now() >= watch.end || (watch.ulCount != 0 && watch.state.ulDatagrams >= watch.ulCount) ||
-           std::ferror(stdout) != 0;
+// Hears what the socket has, up to a limit. Returns 0, or the errno of a socket that fails.
+int hearAll(Watch *pWatch, int iSocket) {
+    int iError = 0;
+    for (int i = 0; i < kHearAtOnce && iError == 0 && !isOver(*pWatch); ++i) {
+        iError = hear(pWatch, iSocket);
+    }
+    return iError == EAGAIN || iError == EINTR ? 0 : iError;
 }
 
-// Runs until the time is over, enough was heard, a signal comes or the output fails. Returns 0, or the errno
-// of a poll or socket that failed.
-int run(Watch *pWatch, const std::array<Endpoint, 2> &endpoints, int iSignals) {
-    std::array<struct pollfd, 3> aPoll{
-        {{endpoints[0]->iSocket, POLLIN, 0}, {endpoints[1]->iSocket, POLLIN, 0}, {iSignals, POLLIN, 0}}};
+// Takes a signal. Returns whether it ends the program.
+bool takeSignal(int iSignals, const Watch &watch, Screen *pScreen) {
+    struct signalfd_siginfo info {};
+    if (read(iSignals, &info, sizeof info) != sizeof info) {
+        return false;
+    }
+    if (info.ssi_signo == SIGTSTP) { // Ctrl-Z: the shell gets its screen, and we ours when we go on
+        pScreen->leave();
+        kill(getpid(), SIGSTOP);
+    } else if (info.ssi_signo != SIGWINCH) {
+        return true;
+    }
+    if (watch.bTable && info.ssi_signo == SIGTSTP) {
+        pScreen->enter();
+    }
+    return false;
+}
+
+// Runs until the time is over, enough was heard, a signal or the key q comes or the output fails. Returns 0,
+// or the errno of a poll or socket that failed.
+int run(Watch *pWatch, const std::array<Endpoint, 2> &endpoints, int iSignals, Screen *pScreen) {
+    Clock::time_point drawn{};
+    bool bNews = true; // something has come since
     while (!isOver(*pWatch)) {
-        if (pWatch->bTable) {
-            drawTable(*pWatch);
+        const auto nextDraw = [&] { return drawn + (bNews ? kDrawInterval : kClockInterval); };
+        if (pWatch->bTable && Clock::now() >= nextDraw()) {
+            drawTable(*pWatch, windowOf(*pScreen));
+            drawn = Clock::now();
+            bNews = false;
         }
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(pWatch->end - Clock::now()).count();
-        const int iWait = static_cast<int>(std::clamp<long>(left, 0, 1000));
-        if (poll(aPoll.data(), aPoll.size(), iWait) < 0) {
+        const auto wake = pWatch->bTable ? std::min(pWatch->end, nextDraw()) : pWatch->end;
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(wake - Clock::now()).count();
+        std::array<struct pollfd, 4> aPoll{{{endpoints[0]->iSocket, POLLIN, 0},
+                                            {endpoints[1]->iSocket, POLLIN, 0},
+                                            {iSignals, POLLIN, 0},
+                                            {pScreen->hasKeys() ? STDIN_FILENO : -1, POLLIN, 0}}};
+        if (poll(aPoll.data(), aPoll.size(), static_cast<int>(std::clamp<long>(left, 0, 1000))) < 0) {
             if (errno == EINTR) {
                 continue;
             }
             return errno;
         }
-        if (aPoll[2].revents != 0) {
+        if ((aPoll[2].revents != 0 && takeSignal(iSignals, *pWatch, pScreen)) ||
+            (aPoll[3].revents != 0 && pScreen->isQuit())) {
             return 0;
         }
-        for (size_t i = 0; i < endpoints.size() && !isOver(*pWatch); ++i) {
-            const int iError = aPoll[i].revents != 0 ? hear(pWatch, aPoll[i].fd) : 0;
+        for (size_t i = 0; i < aPoll.size(); ++i) {
+            bNews = bNews || aPoll[i].revents != 0;
+            const int iError =
+                i < endpoints.size() && aPoll[i].revents != 0 ? hearAll(pWatch, aPoll[i].fd) : 0;
             if (iError != 0) {
                 return iError;
             }
@@ -155,24 +253,27 @@ int watchAir(const WatchOptions &options) {
         watch.end = Clock::now() + std::chrono::seconds(ulSeconds);
     }
     if (iExit == EXIT_DONE) {
-        iExit = checkInterface(options.sInterface);
+        iExit = checkInterface("--interface", options.sInterface);
     }
     if (iExit != EXIT_DONE) {
         return iExit;
     }
-    watch.bTable = !options.bJSON && !options.bPlain && isatty(STDOUT_FILENO) == 1;
+    watch.bTable = !options.bJSON && !options.bPlain && isScreen(STDOUT_FILENO);
 
     const std::array<Endpoint, 2> endpoints{join(wire::announcement::kPort, options.sInterface),
                                             join(wire::broadcast::kPort, options.sInterface)};
     if (!endpoints[0] || !endpoints[1]) {
-        return sayAndReturn(EXIT_UNAVAILABLE,
-                            std::string(wire::kGroup) +
-                                " cannot be joined (the reason is above); --interface names the "
-                                "interface to listen on");
+        return sayAndReturn(
+            EXIT_UNAVAILABLE,
+            std::string(wire::kGroup) + " cannot be joined" +
+                (options.sInterface.empty() ? "" : " on " + options.sInterface) + " (the reason is above)" +
+                (options.sInterface.empty()
+                     ? "; --interface names the interface to listen on: this machine has " + listInterfaces()
+                     : ""));
     }
     sigset_t signals;
     sigemptyset(&signals);
-    for (int iSignal : {SIGINT, SIGTERM, SIGHUP}) {
+    for (int iSignal : {SIGINT, SIGTERM, SIGHUP, SIGTSTP, SIGWINCH}) {
         sigaddset(&signals, iSignal);
     }
     sigprocmask(SIG_BLOCK, &signals, nullptr);
@@ -180,13 +281,17 @@ int watchAir(const WatchOptions &options) {
     if (iSignals < 0) {
         return sayAndReturn(EXIT_INTERNAL, std::string("signalfd: ") + std::strerror(errno));
     }
+    Screen screen;
     if (watch.bTable) {
-        std::fputs(kScreenOn, stdout);
+        screen.enter();
     }
-    const int iError = run(&watch, endpoints, iSignals);
+    const int iError = run(&watch, endpoints, iSignals, &screen);
+    screen.leave();
     if (watch.bTable) {
-        std::fputs(kScreenOff, stdout);
-        for (const std::string &sLine : watchDraw(watch.state, vexa_time(nullptr), 200, 24, false)) {
+        WatchWindow window = windowOf(screen);
+        window.bColour = false;
+        window.pszEnds = nullptr;
+        for (const std::string &sLine : watchDraw(watch.state, vexa_time(nullptr), window)) {
             std::printf("%s\n", sLine.c_str());
         }
     }
@@ -197,6 +302,11 @@ int watchAir(const WatchOptions &options) {
     if (std::ferror(stdout) == 0 && watch.ulCount != 0 && watch.state.ulDatagrams < watch.ulCount) {
         return sayAndReturn(EXIT_UNAVAILABLE, "heard " + std::to_string(watch.state.ulDatagrams) + " of " +
                                                   std::to_string(watch.ulCount) + " datagrams");
+    }
+    if (watch.state.ulDatagrams == 0 && Clock::now() >= watch.end) {
+        sayAndReturn(EXIT_DONE,
+                     "heard nothing in " + options.sFor +
+                         "; a cast on air is announced every 11 s, by the interface of its service");
     }
     return EXIT_DONE;
 }

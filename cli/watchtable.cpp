@@ -10,6 +10,9 @@
 namespace {
 
 constexpr size_t kEntriesKept = 50;
+constexpr unsigned long kDay = 86400;
+constexpr size_t kColumnBytes = 4; // of a text, at the most
+constexpr size_t kTimesWidth = 4;  // how often a message was heard: "999x"
 // A cast is announced every 11 s; two missed ones in a row mean that its sender is silent.
 constexpr unsigned long kSilentAfter = 25;
 
@@ -17,16 +20,17 @@ struct Column {
     const char *pszTitle;
     size_t uWidth;
 };
-// The most important columns come first: they fit into 80.
-constexpr std::array<Column, 9> kCastColumns{{{"EPG", 10},
-                                              {"KIND", 6},
-                                              {"FORMAT", 6},
-                                              {"DESTINATION", 21},
-                                              {"LEFT", 8},
-                                              {"STATE", 16},
-                                              {"FROM", 8},
-                                              {"UNTIL", 8},
-                                              {"BY", 0}}};
+// The most important columns come first: up to STATE they fit into 80.
+constexpr std::array<Column, 10> kCastColumns{{{"EPG", 10},
+                                               {"KIND", 6},
+                                               {"FORMAT", 6},
+                                               {"DESTINATION", 21},
+                                               {"UNTIL", 8},
+                                               {"STATE", 16},
+                                               {"LEFT", 8},
+                                               {"FROM", 8},
+                                               {"IDENTITY", 38},
+                                               {"BY", 0}}};
 
 constexpr const char *kGreen = "\033[32m";
 constexpr const char *kRed = "\033[31m";
@@ -34,9 +38,9 @@ constexpr const char *kDim = "\033[2m";
 constexpr const char *kBold = "\033[1m";
 
 // Cuts the line to the columns, then colours the whole of it.
-std::string coloured(const std::string &sLine, size_t uColumns, const char *pszColour, bool bColour) {
-    const std::string sCut = textCut(sLine, uColumns);
-    return bColour && pszColour != nullptr ? pszColour + sCut + "\033[0m" : sCut;
+std::string drawn(const std::string &sLine, const WatchWindow &window, const char *pszColour) {
+    const std::string sCut = textCut(sLine, window.uColumns);
+    return window.bColour && pszColour != nullptr ? pszColour + sCut + "\033[0m" : sCut;
 }
 
 std::string padded(const std::string &sText, size_t uWidth) {
@@ -51,17 +55,27 @@ std::string ago(unsigned long ulThen, unsigned long ulNow) {
     return ulNow <= ulThen ? "now" : std::to_string(ulNow - ulThen) + " s ago";
 }
 
+// The time of day; the date when it is not within a day from now.
+std::string shortTime(const std::optional<unsigned int> &uiTime, unsigned long ulNow) {
+    if (!uiTime) {
+        return "";
+    }
+    return *uiTime > ulNow + kDay || *uiTime + kDay < ulNow ? writeTime(*uiTime).substr(2, 8)
+                                                            : writeTimeOfDay(*uiTime);
+}
+
+bool isOver(const WatchCast &cast, unsigned long ulNow) {
+    return cast.ulEnded != 0 || (cast.record.uiET && *cast.record.uiET <= ulNow);
+}
+
 std::string castState(const WatchCast &cast, unsigned long ulNow, const char **ppszColour) {
     *ppszColour = kDim;
-    if (cast.ulEnded != 0) {
-        return "ended " + writeTimeOfDay(cast.ulEnded);
-    }
-    if (cast.record.uiET && *cast.record.uiET <= ulNow) {
-        return "over";
+    if (isOver(cast, ulNow)) {
+        return cast.ulEnded == 0 ? "over" : "ended " + writeTimeOfDay(cast.ulEnded);
     }
     *ppszColour = kRed;
-    if (cast.record.eCheck == AIR_CHECK_WRONG) {
-        return "CRC wrong";
+    if (cast.record.eCheck != AIR_CHECK_GOOD) {
+        return cast.record.eCheck == AIR_CHECK_WRONG ? "CRC wrong" : "no CRC";
     }
     if (ulNow > cast.ulHeard + kSilentAfter) {
         return "silent, " + ago(cast.ulHeard, ulNow);
@@ -70,48 +84,90 @@ std::string castState(const WatchCast &cast, unsigned long ulNow, const char **p
     return "on air, " + ago(cast.ulHeard, ulNow);
 }
 
-std::string castLine(const WatchCast &cast, unsigned long ulNow, const char **ppszColour) {
+std::string castLine(const WatchCast &cast, unsigned long ulNow, const WatchWindow &window) {
     const AirRecord &record = cast.record;
-    const bool bLeft = cast.ulEnded == 0 && record.uiET && *record.uiET > ulNow;
-    const std::array<std::string, 9> aCell{std::to_string(*record.uiEPGID),
-                                           airTypeText(record),
-                                           airFormatText(record),
-                                           airDestination(record),
-                                           bLeft ? writeTimeLeft(*record.uiET - ulNow) : "",
-                                           castState(cast, ulNow, ppszColour),
-                                           record.uiST ? writeTimeOfDay(*record.uiST) : "",
-                                           record.uiET ? writeTimeOfDay(*record.uiET) : "",
-                                           cast.sSender};
+    const char *pszColour = nullptr;
+    const bool bLeft = !isOver(cast, ulNow) && record.uiET;
+    const std::array<std::string, kCastColumns.size()> aCell{std::to_string(*record.uiEPGID),
+                                                             airTypeText(record),
+                                                             airFormatText(record),
+                                                             airDestination(record),
+                                                             shortTime(record.uiET, ulNow),
+                                                             castState(cast, ulNow, &pszColour),
+                                                             bLeft ? writeTimeLeft(*record.uiET - ulNow) : "",
+                                                             shortTime(record.uiST, ulNow),
+                                                             airIdentity(record),
+                                                             cast.sSender};
     std::string sLine = "  ";
     for (size_t i = 0; i < aCell.size(); ++i) {
         sLine += padded(aCell[i], kCastColumns[i].uWidth);
     }
-    return sLine;
+    return drawn(sLine, window, pszColour);
+}
+
+// The rows of a message, at most uLines of them. Of the text no more is made safe than they can show.
+std::vector<std::string> messageLines(const WatchMessage &message, unsigned long ulNow,
+                                      const WatchWindow &window, size_t uLines) {
+    const bool bOver = message.record.uiET && *message.record.uiET <= ulNow;
+    const std::string sHead = "  " + writeTimeOfDay(message.ulHeard) + "  " +
+                              padded(std::to_string(message.ulTimes) + "x", kTimesWidth);
+    const size_t uIndent = textColumns(sHead);
+    if (window.uColumns <= 2 * uIndent) {
+        uLines = 1; // too narrow to indent
+    }
+    const size_t uColumns = window.uColumns - std::min(window.uColumns, uIndent);
+    const std::string sText =
+        textForTerminal(message.record.sText->substr(0, (uColumns + 1) * uLines * kColumnBytes));
+    std::vector<std::string> lines = textWrap(sText, uColumns, uLines);
+    for (std::string &sLine : lines) {
+        sLine.insert(0, &sLine == &lines.front() ? sHead : std::string(uIndent, ' '));
+        sLine = drawn(sLine, window, bOver ? kDim : nullptr);
+    }
+    return lines;
+}
+
+// The rows of the newest messages. Each gets one; rows that are left go to the texts, the newest first.
+std::vector<std::string> allMessageLines(const WatchState &state, unsigned long ulNow,
+                                         const WatchWindow &window, size_t uRoom) {
+    std::vector<std::string> lines;
+    size_t uFree = uRoom - std::min(uRoom, state.messages.size());
+    for (const WatchMessage &message : state.messages) {
+        if (lines.size() > uRoom) {
+            break; // addSection counts the rest
+        }
+        const std::vector<std::string> own = messageLines(message, ulNow, window, 1 + uFree);
+        uFree -= own.size() - 1;
+        lines.insert(lines.end(), own.begin(), own.end());
+    }
+    return lines;
 }
 
 void noteCast(WatchState *pState, const AirRecord &record, unsigned long ulNow, const std::string &sSender) {
+    const bool bSound = record.eCheck == AIR_CHECK_GOOD;
+    const bool bEnd = record.eKind == AIR_END;
+    const auto isLive = [&](const WatchCast &cast) { return cast.sSender == sSender && cast.ulEnded == 0; };
     const auto found = std::find_if(pState->casts.begin(), pState->casts.end(), [&](const WatchCast &cast) {
-        return cast.sSender == sSender && cast.ulEnded == 0;
+        return isLive(cast) && cast.record.uiEPGID == record.uiEPGID &&
+               (bEnd || (cast.record.uiST == record.uiST && cast.record.uiET == record.uiET));
     });
-    const bool bSame =
-        found != pState->casts.end() && found->record.uiEPGID == record.uiEPGID &&
-        (record.eKind == AIR_END || (found->record.uiST == record.uiST && found->record.uiET == record.uiET));
-    if (record.eKind == AIR_END) {
-        if (bSame) {
+    if (bEnd) { // of a cast that was never shown, the end is not shown either
+        if (bSound && found != pState->casts.end()) {
             found->ulEnded = ulNow;
             found->ulHeard = ulNow;
         }
-        return; // the table does not show the end of a cast that it never showed
-    }
-    if (bSame) {
-        found->record = record;
-        found->ulHeard = ulNow;
         return;
     }
+    WatchCast cast{sSender, record, ulNow, 0};
     if (found != pState->casts.end()) {
-        found->ulEnded = ulNow;
+        *found = cast;
+        return;
     }
-    pState->casts.push_front({sSender, record, ulNow, 0});
+    if (bSound) {
+        for (WatchCast &other : pState->casts) {
+            other.ulEnded = isLive(other) ? ulNow : other.ulEnded;
+        }
+    }
+    pState->casts.push_front(std::move(cast));
 }
 
 void noteMessage(WatchState *pState, const AirRecord &record, unsigned long ulNow,
@@ -129,18 +185,25 @@ void noteMessage(WatchState *pState, const AirRecord &record, unsigned long ulNo
     pState->messages.push_front(message);
 }
 
-// Adds a heading and as many lines as there is room for. The last one counts those left out.
-void addSection(std::vector<std::string> *pLines, const std::string &sHeading,
-                const std::vector<std::string> &lines, size_t uColumns, size_t uRoom, bool bColour) {
+// A part of the table: its heading and its lines. uAll counts lines that were not even made.
+struct Section {
+    const char *pszHeading;
+    std::vector<std::string> lines;
+    size_t uRoom;
+    size_t uAll;
+};
+
+// Adds the section with as many lines as it has room for. The last one counts those left out.
+void addSection(std::vector<std::string> *pLines, const Section &section, const WatchWindow &window) {
     pLines->emplace_back();
-    pLines->push_back(coloured(sHeading, uColumns, kBold, bColour));
-    for (size_t i = 0; i < lines.size(); ++i) {
-        if (i + 1 == uRoom && lines.size() > uRoom) {
-            pLines->push_back(
-                coloured("  and " + std::to_string(lines.size() - i) + " more", uColumns, kDim, bColour));
-            return;
-        }
-        pLines->push_back(lines[i]);
+    pLines->push_back(drawn(section.pszHeading, window, kBold));
+    const bool bAll = section.uAll <= section.uRoom;
+    const size_t uShown = bAll ? section.lines.size() : section.uRoom - std::min<size_t>(section.uRoom, 1);
+    for (size_t i = 0; i < std::min(uShown, section.lines.size()); ++i) {
+        pLines->push_back(section.lines[i]);
+    }
+    if (!bAll && section.uRoom != 0) {
+        pLines->push_back(drawn("  and " + std::to_string(section.uAll - uShown) + " more", window, kDim));
     }
 }
 
@@ -161,57 +224,65 @@ void watchNote(WatchState *pState, const AirRecord &record, unsigned long ulNow,
     pState->problems.resize(std::min(pState->problems.size(), kEntriesKept));
 }
 
-std::vector<std::string> watchDraw(const WatchState &state, unsigned long ulNow, size_t uColumns,
-                                   size_t uRows, bool bColour) {
-    std::vector<std::string> casts;
-    std::vector<std::string> messages;
-    std::vector<std::string> problems;
+std::vector<std::string> watchDraw(const WatchState &state, unsigned long ulNow, const WatchWindow &window) {
+    Section onAir{"ON AIR", {}, 0, 0};
+    Section messages{"MESSAGES", {}, 0, state.messages.size()};
+    Section ended{"ENDED", {}, 0, 0};
+    Section problems{"PROBLEMS", {}, 0, 0};
     for (const WatchCast &cast : state.casts) {
-        const char *pszColour = nullptr;
-        const std::string sLine = castLine(cast, ulNow, &pszColour);
-        casts.push_back(coloured(sLine, uColumns, pszColour, bColour));
-    }
-    for (const WatchMessage &message : state.messages) {
-        const bool bOver = message.record.uiET && *message.record.uiET <= ulNow;
-        messages.push_back(coloured("  " + writeTimeOfDay(message.ulHeard) + "  " +
-                                        padded(std::to_string(message.ulTimes) + "x", 4) +
-                                        textForTerminal(*message.record.sText),
-                                    uColumns, bOver ? kDim : nullptr, bColour));
+        (isOver(cast, ulNow) ? ended : onAir).lines.push_back(castLine(cast, ulNow, window));
     }
     for (const WatchProblem &problem : state.problems) {
-        problems.push_back(coloured("  " + writeTimeOfDay(problem.ulHeard) + "  " + problem.sText + ", by " +
-                                        problem.sSender,
-                                    uColumns, kRed, bColour));
+        problems.lines.push_back(
+            drawn("  " + writeTimeOfDay(problem.ulHeard) + "  " + problem.sText + ", by " + problem.sSender,
+                  window, kRed));
     }
-    if (casts.empty()) {
-        casts.push_back(
-            coloured("  nothing heard yet (a cast is announced every 11 s)", uColumns, kDim, bColour));
+    if (onAir.lines.empty()) {
+        onAir.lines.push_back(
+            drawn(state.casts.empty() ? "  nothing heard yet (a cast is announced every 11 s)" : "  nothing",
+                  window, kDim));
     }
-    if (messages.empty()) {
-        messages.push_back(coloured("  none", uColumns, kDim, bColour));
-    }
-
     std::string sTitles = "  ";
     for (const Column &column : kCastColumns) {
         sTitles += padded(column.pszTitle, column.uWidth);
     }
-    std::vector<std::string> lines;
-    lines.push_back(coloured("pccast watch   " + writeTime(ulNow) + "   " +
-                                 std::to_string(state.ulDatagrams) + " datagrams heard   Ctrl-C ends",
-                             uColumns, nullptr, bColour));
-    casts.insert(casts.begin(), coloured(sTitles, uColumns, kDim, bColour));
-    // Messages and problems get up to a quarter of the room each. The casts get the rest. Room that the casts
-    // do not need goes to the messages.
-    const size_t uHeadings = problems.empty() ? 5 : 7;
-    const size_t uRoom = std::max<size_t>(uRows, uHeadings + 4) - uHeadings;
-    const size_t uProblems = std::min(problems.size(), uRoom / 4);
-    const size_t uKept = uProblems + std::min(messages.size(), uRoom / 4);
-    const size_t uCasts = std::min(casts.size(), uRoom - uKept);
-    addSection(&lines, "ON AIR", casts, uColumns, uCasts, bColour);
-    addSection(&lines, "MESSAGES", messages, uColumns, uRoom - uCasts - uProblems, bColour);
-    if (!problems.empty()) {
-        addSection(&lines, "PROBLEMS", problems, uColumns, uProblems, bColour);
+    onAir.lines.insert(onAir.lines.begin(), drawn(sTitles, window, kDim));
+
+    // The first line and two headings cost five rows. Problems and ended casts stand only in a window with
+    // more than a few rows, and get up to a quarter of the room each, as do the messages. The casts on air
+    // get what they need of the rest. Room that is left over goes to the messages.
+    size_t uRoom = std::max<size_t>(window.uRows, 9) - 5;
+    for (Section *const pSection : {&problems, &ended}) {
+        if (uRoom < 7) {
+            pSection->lines.clear();
+        }
+        if (!pSection->lines.empty()) {
+            uRoom -= 2;
+            pSection->uRoom = std::min(pSection->lines.size(), uRoom / 4);
+            uRoom -= pSection->uRoom;
+        }
     }
-    lines.resize(std::min(lines.size(), uRows));
+    const size_t uMessages = std::min(std::max<size_t>(state.messages.size(), 1), uRoom / 4);
+    onAir.uRoom = std::min(onAir.lines.size(), uRoom - uMessages);
+    messages.uRoom = uRoom - onAir.uRoom;
+    messages.lines = allMessageLines(state, ulNow, window, messages.uRoom);
+    if (messages.lines.empty()) {
+        messages.lines.push_back(drawn("  none", window, kDim));
+    }
+    for (Section *const pSection : {&onAir, &ended, &problems}) {
+        pSection->uAll = pSection->lines.size();
+    }
+
+    std::vector<std::string> lines;
+    lines.push_back(drawn("pccast watch   " + writeTime(ulNow) + "   " + std::to_string(state.ulDatagrams) +
+                              " datagrams heard" +
+                              (window.pszEnds == nullptr ? "" : "   " + std::string(window.pszEnds)),
+                          window, nullptr));
+    for (const Section *const pSection : {&onAir, &messages, &ended, &problems}) {
+        if (!pSection->lines.empty()) {
+            addSection(&lines, *pSection, window);
+        }
+    }
+    lines.resize(std::min(lines.size(), window.uRows));
     return lines;
 }

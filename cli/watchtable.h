@@ -1,7 +1,7 @@
 // watchtable.h - the live table of watch: the casts on air, the messages, and what was wrong.
 //
-// watch hands it every decoded datagram and draws it once a second. It reads and writes nothing itself, and
-// one thread uses it.
+// watch hands it every decoded datagram and draws it ten times a second at most. It reads and writes nothing
+// itself, and one thread uses it.
 #ifndef PCCAST_CLI_WATCHTABLE_H
 #define PCCAST_CLI_WATCHTABLE_H
 
@@ -10,7 +10,8 @@
 #include <deque>
 
 // A cast, known from its announcements. A service has one cast on air at a time. When the same sender
-// announces another cast, the older one is over, although its end was not announced.
+// announces another cast, the older one is over, although its end was not announced. An announcement whose
+// CRC is wrong or missing is shown, but ends nothing.
 struct WatchCast {
     std::string sSender;
     AirRecord record;
@@ -39,11 +40,18 @@ struct WatchState {
     unsigned long ulDatagrams = 0;
 };
 
+// Where the table is drawn.
+struct WatchWindow {
+    size_t uColumns = 80;
+    size_t uRows = 24;
+    bool bColour = false;          // with colour escapes; they do not count as columns
+    const char *pszEnds = nullptr; // how the user ends it, for the first line
+};
+
 void watchNote(WatchState *pState, const AirRecord &record, unsigned long ulNow, const std::string &sSender);
 
-// Draws the table as at most uRows lines of at most uColumns columns. bColour: with colour escapes; they do
-// not count as columns.
-std::vector<std::string> watchDraw(const WatchState &state, unsigned long ulNow, size_t uColumns,
-                                   size_t uRows, bool bColour);
+// Draws the table as at most uRows lines of at most uColumns columns. A long message goes on in the rows that
+// nothing else needs.
+std::vector<std::string> watchDraw(const WatchState &state, unsigned long ulNow, const WatchWindow &window);
 
 #endif

@@ -8,7 +8,7 @@ set(PCCAST_PKGCONFIG_FOLDER ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 set(PCCAST_SAMPLES_FOLDER ${CMAKE_INSTALL_DATADIR}/pccast/samples)
 
 # ---- runtime
-install(TARGETS pccast_program diagpccast pccast_feed pccast_receive
+install(TARGETS pccast_program diagpccast pccast_feed
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
 
 # The libraries; the links without a version are for linking only.
@@ -26,18 +26,21 @@ install(FILES ${PROJECT_SOURCE_DIR}/dissector/pccast.lua
     DESTINATION ${CMAKE_INSTALL_DATADIR}/pccast COMPONENT runtime)
 install(FILES ${PROJECT_SOURCE_DIR}/cli/completion/pccast.bash RENAME pccast
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT runtime)
+install(FILES ${PROJECT_SOURCE_DIR}/cli/completion/_pccast
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT runtime)
+install(FILES ${PROJECT_SOURCE_DIR}/cli/completion/pccast.fish
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT runtime)
 install(FILES ${PCCAST_PACKAGING}/pccast.service DESTINATION lib/systemd/system COMPONENT runtime)
 install(FILES ${PCCAST_PACKAGING}/pccast.sysusers RENAME pccast.conf
     DESTINATION lib/sysusers.d COMPONENT runtime)
 # The pages name the version in their first line.
-foreach(page diagpccast.1 pccast.1 pccast-feed.1 pccast-receive.1 pccast.3)
+foreach(page diagpccast.1 pccast.1 pccast-feed.1 pccast.3)
     configure_file(${PCCAST_PACKAGING}/man/${page} ${PROJECT_BINARY_DIR}/packaging/man/${page} @ONLY)
 endforeach()
 install(FILES
     ${PROJECT_BINARY_DIR}/packaging/man/diagpccast.1
     ${PROJECT_BINARY_DIR}/packaging/man/pccast.1
     ${PROJECT_BINARY_DIR}/packaging/man/pccast-feed.1
-    ${PROJECT_BINARY_DIR}/packaging/man/pccast-receive.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
 install(FILES
     ${PROJECT_SOURCE_DIR}/README.md

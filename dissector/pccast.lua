@@ -79,10 +79,10 @@ local ITEMS = {
         [0x701C] = {name = "Format", field = f.format, length = 4},
         [0x7011] = {name = "Start", field = f.start, length = 4, time = true},
         [0x7012] = {name = "End", field = f.stop, length = 4, time = true},
-        [0x7014] = {name = "Destination address", field = f.address},
+        [0x7014] = {name = "Destination address", field = f.address, text = true},
         [0x7017] = {name = "Destination port", field = f.port, length = 2},
         [1101] = {name = "Station file CRC", field = f.station_crc, length = 4},
-        [1103] = {name = "Station file", field = f.station},
+        [1103] = {name = "Station file", field = f.station, text = true},
     },
     message = {
         [0x004B] = {name = "Send time", field = f.sent, length = 4, time = true},
@@ -91,7 +91,7 @@ local ITEMS = {
         [0x500A] = {name = "Showings", field = f.showings, length = 2},
         [0x5003] = {name = "Attribute 3", field = f.attribute3, length = 4},
         [0x5001] = {name = "Attribute 1", field = f.attribute1, length = 4},
-        [0x500B] = {name = "Text", field = f.text, utf8 = true},
+        [0x500B] = {name = "Text", field = f.text, text = true},
     },
 }
 
@@ -113,6 +113,50 @@ local function crc32(range)
         c = bit.bxor(bit.rshift(c, 8), crc_table[bit.band(bit.bxor(c, bytes:get_index(i)), 0xFF)])
     end
     return bit.bnot(c) % 0x100000000
+end
+
+-- ---- texts
+
+local NAMED = {[0x09] = "\\t", [0x0A] = "\\n", [0x0D] = "\\r"}
+-- Characters that move the cursor, switch modes or turn the writing direction: from, to.
+local STEERING = {
+    {0x00, 0x1F}, {0x7F, 0x9F}, {0x061C, 0x061C}, {0x200B, 0x200F}, {0x2028, 0x202E}, {0x2060, 0x206F},
+    {0xFEFF, 0xFEFF},
+}
+local SMALLEST = {0, 0x80, 0x800, 0x10000} -- what needs so many bytes in UTF-8
+
+-- The code point at this byte of a text and its length, nil when the byte is not UTF-8.
+local function character_at(raw, at)
+    local first = raw:byte(at)
+    local length = first < 0x80 and 1 or (first < 0xC0 or first >= 0xF8) and 0 or
+        first < 0xE0 and 2 or first < 0xF0 and 3 or 4
+    local code = length == 1 and first or first % 2 ^ (7 - length)
+    for i = at + 1, at + length - 1 do
+        local byte = raw:byte(i) or 0
+        if byte < 0x80 or byte > 0xBF then return nil end
+        code = code * 64 + byte % 64
+    end
+    if length == 0 or code < SMALLEST[length] or code > 0x10FFFF or (code >= 0xD800 and code <= 0xDFFF) then
+        return nil
+    end
+    return code, length
+end
+
+-- The text of these bytes as it may go to a terminal: whatever could steer it is spelled out.
+local function readable(range)
+    local raw, out, at = range:raw(), {}, 1
+    while at <= #raw do
+        local code, length = character_at(raw, at)
+        local shown = code and raw:sub(at, at + length - 1) or string.format("\\x%02x", raw:byte(at))
+        for _, steering in ipairs(code and STEERING or {}) do
+            if code >= steering[1] and code <= steering[2] then
+                shown = NAMED[code] or string.format(code < 0x80 and "\\x%02x" or "\\u{%x}", code)
+            end
+        end
+        out[#out + 1] = shown
+        at = at + (length or 1)
+    end
+    return table.concat(out)
 end
 
 -- ---- items
@@ -147,8 +191,8 @@ local function add_value(tree, item, known)
         tree:add(f.value, item.value)
     elseif known.time then
         tree:add(known.field, item.value, NSTime.new(item.value:le_uint(), 0))
-    elseif known.utf8 then
-        tree:add_packet_field(known.field, item.value, ENC_UTF_8)
+    elseif known.text then
+        tree:add(known.field, item.value, readable(item.value))
     else
         tree:add_le(known.field, item.value)
     end
@@ -216,7 +260,7 @@ local function describe(kind, values)
     local words = {kind.name}
     if kind.items == "message" then
         if values[0x500B] then
-            words[#words + 1] = '"' .. values[0x500B].value:string(ENC_UTF_8) .. '"'
+            words[#words + 1] = '"' .. readable(values[0x500B].value) .. '"'
         end
         return words
     end
@@ -225,7 +269,7 @@ local function describe(kind, values)
     if cast_type then words[#words + 1] = TYPES[cast_type] or "type " .. cast_type end
     if format then words[#words + 1] = FORMATS[format] or string.format("format 0x%x", format) end
     if values[0x7014] then
-        words[#words + 1] = "to " .. values[0x7014].value:string() .. ":" .. (number(values, 0x7017) or "?")
+        words[#words + 1] = "to " .. readable(values[0x7014].value) .. ":" .. (number(values, 0x7017) or "?")
     end
     return words
 end

@@ -11,9 +11,20 @@
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <time.h>
 
 enum { PROGRAMME = 42, LIFETIME = 60 /* seconds */ };
+
+/* Says why a request has not arrived. Returns whether it has. */
+static int report(const char *request, int iSent) {
+    if (iSent == 0) {
+        fprintf(stderr, "component: the %s request is not complete\n", request);
+    } else if (iSent < 0) {
+        fprintf(stderr, "component: the %s request was not taken: %s\n", request, strerror(-iSent));
+    }
+    return iSent > 0;
+}
 
 static int submitCast(const char *source, unsigned short usSourcePort, const char *group,
                       unsigned short usGroupPort) {
@@ -30,13 +41,11 @@ static int submitCast(const char *source, unsigned short usSourcePort, const cha
     cast->ulET = now + LIFETIME;
     cast->usSRCPort = usSourcePort;
     cast->usDSTPort = usGroupPort;
-    /* 1 means that it was handed over. TxCASTInfoToPlugIn() also tells whether it arrived. */
-    const int iHandedOver = QX_PCCASTSTREAMCommander(CAST_CMD_START, cast);
+    cast->ulCMD = CAST_CMD_START;
+    /* QX_PCCASTSTREAMCommander() does both, but it does not tell whether the request has arrived. */
+    const int iSent = VALIDATECASTInfo(cast) == 1 ? TxCASTInfoToPlugIn(CAST_CMD_START, cast) : 0;
     ELIMINATECASTInfo(&cast); /* the service has its own copy */
-    if (iHandedOver != 1) {
-        fprintf(stderr, "component: the cast request was refused\n");
-    }
-    return iHandedOver == 1;
+    return report("cast", iSent);
 }
 
 static int submitMessage(const char *text) {
@@ -51,12 +60,10 @@ static int submitMessage(const char *text) {
     message->ulST = now;
     message->ulET = now + LIFETIME;
     message->ulRepeat = 1;
-    const int iHandedOver = QX_PCCASTMBCCommander(PCMBC_CMD_MSG, message);
+    message->ulCMD = PCMBC_CMD_MSG;
+    const int iSent = VALIDATEMSGInfo(message) == 1 ? TxPCMBCInfoToPlugIn(PCMBC_CMD_MSG, message) : 0;
     ELIMINATEMSGInfo(&message);
-    if (iHandedOver != 1) {
-        fprintf(stderr, "component: the message request was refused\n");
-    }
-    return iHandedOver == 1;
+    return report("message", iSent);
 }
 
 static unsigned short port(const char *text) {

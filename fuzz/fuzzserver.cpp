@@ -45,23 +45,23 @@ void fuzzServe(int (*pBody)(KTPLUGIN_INFO_TAG *), void *pWork, const std::vector
     promise(run.block.iThreadCount == 0 && run.ulTaken == requests.size());
 }
 
-std::optional<std::map<unsigned int, std::string>> fuzzItems(const std::string &sPayload) {
+std::map<unsigned int, std::string> fuzzItems(const std::string &sPayload) {
     std::map<unsigned int, std::string> items;
     for (std::size_t ul = 0; ul < sPayload.size();) {
         std::size_t ulHead = 4;
         if (sPayload.size() - ul < ulHead) {
-            return std::nullopt;
+            break;
         }
         std::size_t ulLength = fuzzNumber(sPayload.substr(ul + 2, 2), 2);
         if (ulLength == 0xFFFF) {
             ulHead = 8;
             if (sPayload.size() - ul < ulHead) {
-                return std::nullopt;
+                break;
             }
             ulLength = fuzzNumber(sPayload.substr(ul + 4, 4), 4);
         }
         if (sPayload.size() - ul - ulHead < ulLength) {
-            return std::nullopt;
+            break;
         }
         items[static_cast<unsigned int>(fuzzNumber(sPayload.substr(ul, 2), 2))] =
             sPayload.substr(ul + ulHead, ulLength);

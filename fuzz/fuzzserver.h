@@ -12,7 +12,6 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -30,9 +29,9 @@ std::vector<FuzzRequest> fuzzRequests(const std::uint8_t *pData, std::size_t ulS
 void fuzzServe(int (*pBody)(KTPLUGIN_INFO_TAG *), void *pWork, const std::vector<FuzzRequest> &requests,
                const std::function<void(const FuzzRequest &)> &after);
 
-// Returns the payload's values by their tags, the last value for each tag. Returns nothing unless the
-// payload consists of whole items to its end.
-std::optional<std::map<unsigned int, std::string>> fuzzItems(const std::string &sPayload);
+// Returns the values of the payload's items up to the first that is not whole, by their tags: the last value
+// for each tag.
+std::map<unsigned int, std::string> fuzzItems(const std::string &sPayload);
 
 // Returns the number in the first ulBytes of a value, least significant byte first. Missing bytes are 0.
 unsigned long fuzzNumber(const std::string &sValue, std::size_t ulBytes);

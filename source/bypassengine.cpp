@@ -2,6 +2,7 @@
 // cast on air and the relay's two endpoints.
 #include "bypassengine.h"
 
+#include "consoletext.h"
 #include "engines.h"
 #include "ktlist.h"
 #include "ktnet.h"
@@ -143,7 +144,8 @@ bool leadsElsewhere(const Relay *pRelay) {
     }
     std::printf("%s():%d \e[1;41m[cast of EPG id %lu would feed itself: %s:%u is its source and its "
                 "destination]\e[0m\n",
-                "PCCASTBYPASSEngine", __LINE__, pCast->uliEPGID, pCast->pSRCIP, pCast->usSRCPort);
+                "PCCASTBYPASSEngine", __LINE__, pCast->uliEPGID,
+                orQuestion(consoleText(pCast->pSRCIP, "NULL")), pCast->usSRCPort);
     return false;
 }
 

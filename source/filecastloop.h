@@ -5,6 +5,7 @@
 #ifndef PCCAST_FILECASTLOOP_H
 #define PCCAST_FILECASTLOOP_H
 
+#include "consoletext.h"
 #include "engines.h"
 #include "view.h"
 
@@ -27,8 +28,9 @@ using Stream = std::unique_ptr<ts_qxapi_stream, CloseStream>;
 // The local calendar time, by the host's clock.
 inline tm filecastNow() {
     unsigned long ulSeconds = 0;
+    unsigned long ulMicroseconds = 0;
     tm local{};
-    qxapi_time_ex2(&ulSeconds, nullptr);
+    qxapi_time_ex2(&ulSeconds, &ulMicroseconds);
     qxapi_local_time(ulSeconds, &local);
     return local;
 }
@@ -92,9 +94,9 @@ inline void filecastLog(const tm &start, const tm &end, const CASTInfo *pInfo, c
         "SRC=\"%s:%u\",DST=\"%s:%u\"%s%s%s\n",
         start.tm_year + 1900, start.tm_mon + 1, start.tm_mday, start.tm_hour, start.tm_min, start.tm_sec,
         end.tm_year + 1900, end.tm_mon + 1, end.tm_mday, end.tm_hour, end.tm_min, end.tm_sec, "ASF@FILECAST",
-        pInfo->uliEPGID, qxapi_check_string_ex(pInfo->pCASTFile, "NULL"),
-        qxapi_check_string_ex(pInfo->pSRCIP, "0.0.0.0"), static_cast<unsigned int>(pInfo->usSRCPort),
-        qxapi_check_string_ex(pInfo->pDSTIP, "0.0.0.0"), static_cast<unsigned int>(pInfo->usDSTPort),
+        pInfo->uliEPGID, orQuestion(consoleText(pInfo->pCASTFile, "NULL")),
+        orQuestion(consoleText(pInfo->pSRCIP, "0.0.0.0")), static_cast<unsigned int>(pInfo->usSRCPort),
+        orQuestion(consoleText(pInfo->pDSTIP, "0.0.0.0")), static_cast<unsigned int>(pInfo->usDSTPort),
         pszNSC == nullptr ? "" : ",NSC=\"", pszNSC == nullptr ? "" : pszNSC, pszNSC == nullptr ? "" : "\"");
 }
 

@@ -3,6 +3,7 @@
 
 #include <pccast/commander.h>
 
+#include "consoletext.h"
 #include "wire.h"
 
 #include <cstddef>
@@ -80,7 +81,8 @@ bool setAddress(char (&szField)[KTNET_ADDRESS_SIZE], const char *pszText) {
     const size_t ulLength = std::strlen(pszText);
     if (ulLength >= sizeof szField) {
         std::printf("[%s:%d] \e[2;31m address of %zu characters, %zu fit: %.32s... \e[1;41m[ERROR]\e[0m\n",
-                    "ktnet", __LINE__, ulLength, sizeof szField - 1, pszText);
+                    "ktnet", __LINE__, ulLength, sizeof szField - 1,
+                    orQuestion(consoleText(pszText, "NULL")));
         return false;
     }
     std::memcpy(szField, pszText, ulLength + 1);

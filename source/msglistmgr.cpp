@@ -1,6 +1,7 @@
 // The records of PC messages and their list. The contracts stand in msginfo.h and msglistmgr.h.
 #include "msglistmgr.h"
 
+#include "consoletext.h"
 #include "recordlist.h"
 #include "timetext.h"
 
@@ -97,7 +98,7 @@ int PRINTMSGInfo(const MSGInfo *pInfo, const char *pCaller) {
     std::printf("\t ulST:%.24s\n", timeText(pInfo->ulST).text.data());
     std::printf("\t ulET:%.24s\n", timeText(pInfo->ulET).text.data());
     std::printf("\t ulRepeat:%lu\n", pInfo->ulRepeat);
-    std::printf("\t pMSGSTR =  %s\n", pInfo->pMSGSTR == nullptr ? "NULL" : pInfo->pMSGSTR);
+    std::printf("\t pMSGSTR =  %s\n", orQuestion(consoleText(pInfo->pMSGSTR, "NULL")));
     return 0;
 }
 

@@ -5,7 +5,10 @@
 
 #include <sched.h>
 
+#include <algorithm>
 #include <array>
+#include <climits>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -20,8 +23,10 @@ ViewSender gViewBroadcasts;
 
 namespace {
 
-constexpr int kChunk = 256; // records or events that a reader copies in one hold of the lock
-constexpr int kTries = 8;   // snapshots that a reader begins anew because something has happened meanwhile
+constexpr int kChunk = 256;          // records or events that a reader copies in one hold of the lock
+constexpr size_t kAddressMost = 128; // bytes that the view keeps of an address, and of a key
+constexpr size_t kKeyMost = 64;
+constexpr int kTries = 8; // snapshots that a reader begins anew because something has happened meanwhile
 
 // What a request said when it came. It does not change, so events, requests and readers share it.
 struct Request {
@@ -126,8 +131,9 @@ void change(Change what) noexcept {
 
 // ---- records
 
-std::string orEmpty(const char *pText) {
-    return pText == nullptr ? "" : pText;
+// A copy of at most ulMost bytes: a request is as long as its sender likes, and the ring keeps a thousand.
+std::string bounded(const char *pText, size_t ulMost) {
+    return pText == nullptr ? std::string() : std::string(pText, strnlen(pText, ulMost));
 }
 
 // The text that a record points at; null where the request has none.
@@ -139,19 +145,20 @@ SharedRequest share(const CASTInfo &info, unsigned long ulNumber) {
     auto pRequest = std::make_shared<Request>();
     pRequest->ulNumber = ulNumber;
     pRequest->bCast = true;
-    pRequest->sSource = orEmpty(info.pSRCIP);
-    pRequest->sDestination = orEmpty(info.pDSTIP);
-    pRequest->sFile = orEmpty(info.pCASTFile);
+    pRequest->sSource = bounded(info.pSRCIP, kAddressMost);
+    pRequest->sDestination = bounded(info.pDSTIP, kAddressMost);
+    pRequest->sFile = bounded(info.pCASTFile, PATH_MAX);
     const bool bKey = info.pEncryptionKey != nullptr && info.iEncryptionKeyLen > 0;
     if (bKey) {
         pRequest->sKey.assign(reinterpret_cast<const char *>(info.pEncryptionKey),
-                              static_cast<size_t>(info.iEncryptionKeyLen));
+                              std::min(static_cast<size_t>(info.iEncryptionKeyLen), kKeyMost));
     }
     CASTInfo &cast = pRequest->cast;
     cast = info;
     cast.pSRCIP = textOf(pRequest->sSource, info.pSRCIP);
     cast.pDSTIP = textOf(pRequest->sDestination, info.pDSTIP);
     cast.pCASTFile = textOf(pRequest->sFile, info.pCASTFile);
+    cast.iEncryptionKeyLen = static_cast<int>(pRequest->sKey.size());
     cast.pEncryptionKey = bKey ? reinterpret_cast<unsigned char *>(pRequest->sKey.data()) : nullptr;
     return pRequest;
 }
@@ -159,7 +166,7 @@ SharedRequest share(const CASTInfo &info, unsigned long ulNumber) {
 SharedRequest share(const MSGInfo &info, unsigned long ulNumber) {
     auto pRequest = std::make_shared<Request>();
     pRequest->ulNumber = ulNumber;
-    pRequest->sText = orEmpty(info.pMSGSTR);
+    pRequest->sText = bounded(info.pMSGSTR, PCMBC_TEXT_MAX);
     pRequest->message = info;
     pRequest->message.pMSGSTR = textOf(pRequest->sText, info.pMSGSTR);
     return pRequest;
@@ -472,6 +479,23 @@ void viewStarted(ViewEngine eEngine) noexcept {
     });
 }
 
+namespace {
+
+// Why a cast ended that its engine was asked to end. A relay that waits for its source may be asked for a
+// newer cast before it sees that its own time is over.
+unsigned int reasonAsked(const Living &living, const SharedRequest &pFor, ViewEngine eEngine) {
+    if (pFor == nullptr) {
+        return PCCAST_REASON_CLOSING;
+    }
+    if (pFor->cast.ulCMD == CAST_CMD_STOP) {
+        return PCCAST_REASON_STOP;
+    }
+    const bool bOver = eEngine == VIEW_BYPASS && living.pRequest->cast.ulET <= vexa_time(nullptr);
+    return bOver ? PCCAST_REASON_END_TIME : PCCAST_REASON_NEWER;
+}
+
+} // namespace
+
 void viewEnded(ViewEngine eEngine, unsigned int uiReason) noexcept {
     change([&](View &state) {
         OnAir onAir = state.onAir[eEngine];
@@ -484,15 +508,16 @@ void viewEnded(ViewEngine eEngine, unsigned int uiReason) noexcept {
         SharedRequest pOther;
         if (uiReason == PCCAST_REASON_NONE) {
             pOther = onAir.pFor;
-            const bool bStop = pOther != nullptr && pOther->cast.ulCMD == CAST_CMD_STOP;
-            uiReason = pOther == nullptr ? PCCAST_REASON_CLOSING
-                       : bStop           ? PCCAST_REASON_STOP
-                                         : PCCAST_REASON_NEWER;
+            uiReason = reasonAsked(*pLiving, pOther, eEngine);
             if (uiReason == PCCAST_REASON_NEWER) {
                 uiKind = PCCAST_EVENT_PREEMPTED;
                 pLiving->ulPreemptedBy = pOther->ulNumber;
-            } else if (Living *pStop = pOther == nullptr ? nullptr : find(state, pOther->ulNumber)) {
-                pStop->bMet = true;
+            } else if (uiReason == PCCAST_REASON_STOP) {
+                if (Living *pStop = find(state, pOther->ulNumber)) {
+                    pStop->bMet = true;
+                }
+            } else {
+                pOther = nullptr;
             }
         }
         pLiving->bOnAir = false;

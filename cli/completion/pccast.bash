@@ -1,75 +1,25 @@
 # Completion of pccast for bash: source this file, or install it as
 # /usr/share/bash-completion/completions/pccast
 
-_pccast_files() { # one file a line, because names may contain blanks
-    mapfile -t COMPREPLY < <(compgen -f -- "$1")
-    compopt -o filenames 2>/dev/null
-}
-
 _pccast() {
-    local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} command= i
-    COMPREPLY=()
-    for ((i = 1; i < COMP_CWORD; i++)); do
-        case ${COMP_WORDS[i]} in
-            serve | relay | file | stop | message | cancel | watch | station)
-                command=${COMP_WORDS[i]}
-                break
-                ;;
-        esac
+    # An identity has colons, at which bash cuts words apart.
+    local words=() word offered i
+    for ((i = 1; i <= COMP_CWORD; i++)); do
+        word=${COMP_WORDS[i]}
+        if ((i > 1)) && [[ $word == :* || ${COMP_WORDS[i - 1]} == *: ]]; then
+            words[-1]+=$word
+        else
+            words+=("$word")
+        fi
     done
-
-    # What follows an option that takes a value.
-    case $before in
-        --interface)
-            COMPREPLY=($(compgen -W "$(ls /sys/class/net 2>/dev/null)" -- "$word"))
-            return
-            ;;
-        --format)
-            COMPREPLY=($(compgen -W "ts asf" -- "$word"))
-            return
-            ;;
-        --type)
-            COMPREPLY=($(compgen -W "$([ "$command" = stop ] && echo 1) 2 3" -- "$word"))
-            return
-            ;;
-        --start | --end)
-            COMPREPLY=($(compgen -W "now +30s +5m +1h" -- "$word"))
-            return
-            ;;
-        --for)
-            COMPREPLY=($(compgen -W "30s 5m 1h 1d" -- "$word"))
-            return
-            ;;
-        --plugin | --show | -o | --output)
-            _pccast_files "$word"
-            return
-            ;;
-        --epg | --key | --port | --to | --group | --ttl | --name | --repeat | --count | --stream-id)
-            return
-            ;;
-    esac
-
-    local request="--epg --start --end --for --plugin --help"
-    case $command in
-        "") COMPREPLY=($(compgen -W "serve relay file stop message cancel watch station --help --version" -- "$word")) ;;
-        serve) COMPREPLY=($(compgen -W "--interface --plugin --help" -- "$word")) ;;
-        relay) COMPREPLY=($(compgen -W "$request --format --type --key --seed --fast-seed --chunks" -- "$word")) ;;
-        file)
-            case $word in
-                -*) COMPREPLY=($(compgen -W "$request --to --format --stream-id" -- "$word")) ;;
-                *) _pccast_files "$word" ;;
-            esac
-            ;;
-        stop) COMPREPLY=($(compgen -W "--epg --type --start --end --port --format --plugin --help" -- "$word")) ;;
-        message) COMPREPLY=($(compgen -W "$request --priority --repeat" -- "$word")) ;;
-        cancel) COMPREPLY=($(compgen -W "--priority --plugin --help" -- "$word")) ;;
-        watch) COMPREPLY=($(compgen -W "--json --plain --for --count --interface --help" -- "$word")) ;;
-        station)
-            case $word in
-                -*) COMPREPLY=($(compgen -W "--group --port --ttl --name --show --output --help" -- "$word")) ;;
-                *) _pccast_files "$word" ;;
-            esac
-            ;;
-    esac
+    mapfile -t COMPREPLY < <("${COMP_WORDS[0]}" complete "${words[@]}" 2>/dev/null)
+    word=${words[-1]}
+    if [ "${COMPREPLY[0]-}" = :files ]; then
+        mapfile -t COMPREPLY < <(compgen -f -- "$word")
+        compopt -o filenames 2>/dev/null
+        return
+    fi
+    offered=("${COMPREPLY[@]%%$'\t'*}") # the rest of a line describes the word
+    COMPREPLY=("${offered[@]#"${word%"${word##*:}"}"}")
 }
 complete -F _pccast pccast

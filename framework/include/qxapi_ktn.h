@@ -97,17 +97,18 @@ int ktn_xapi_ktnet_init_with_version(KTNET_ENDPOINT **ppDesc, int iMode, int iVe
  * Returns 1, or a negative errno; the descriptor then has no socket. */
 int ktn_xapi_ktnet_create(KTNET_ENDPOINT *pDesc);
 
-/* Accepts one connection into a new descriptor in *ppConn. It inherits the listener's time-out. Of the pending
- * connections it is the first whose frame has arrived, so that a client that sends nothing holds up nobody.
- * A client that sends no whole frame within the time-out is dropped, and so is one that closes without a
- * byte, or whose user is neither this one nor root. While 64 clients are silent, each next one takes the
- * place of the one silent for the longest, after 100 ms.
- * Returns 1; 0 if there is none; a negative errno. *ppConn is null for every result but 1. */
+/* Accepts one connection into a new descriptor in *ppConn. It inherits the listener's time-out. Of the
+ * pending connections it is the first whose frame has arrived, so that a client that sends nothing holds up
+ * nobody. A client that sends no whole frame within the time-out is dropped, and so is one that closes
+ * without a byte, or whose user is neither this one nor root. While 64 clients are silent, each next one
+ * takes the place of the one silent for the longest, after 100 ms. Returns 1; 0 if there is none; a negative
+ * errno. *ppConn is null for every result but 1. */
 int ktn_xapi_ktnet_accept(KTNET_ENDPOINT *pDesc, KTNET_ENDPOINT **ppConn);
 
-/* Connects a client descriptor to szPeer. Waits at most uiTimeoutMs while the listener's queue is full. Checks
- * who serves the path before a byte is sent: this user, root, or a user that the environment variable
- * KTNET_PEER_USERS names (names or numbers, separated by commas). Anybody else is refused with -EACCES.
+/* Connects a client descriptor to szPeer. Waits at most uiTimeoutMs while the listener's queue is full.
+ * Checks who serves the path before a byte is sent: this user, root, or a user that the environment variable
+ * KTNET_PEER_USERS names (names or numbers, separated by commas; where it is not set, those that the library
+ * was built with). Anybody else is refused with -EACCES.
  * Returns 1, or a negative errno. */
 int ktn_xapi_ktnet_connect(KTNET_ENDPOINT *pDesc);
 
@@ -124,9 +125,9 @@ int ktn_xapi_ktnet_delete(KTNET_ENDPOINT **ppDesc);
 
 /* ---- Transfer */
 
-/* Waits at most uiTimeoutMs until iSocket is readable. A listener is readable once ktn_xapi_ktnet_accept has a
- * connection to give.
- * Returns 1 readable, 0 time-out (also if a signal cut the wait short), or a negative errno. */
+/* Waits at most uiTimeoutMs until iSocket is readable. A listener is readable once ktn_xapi_ktnet_accept has
+ * a connection to give. Returns 1 readable, 0 time-out (also if a signal cut the wait short), or a negative
+ * errno. */
 int ktn_xapi_rx_poll_socket(int iSocket, unsigned int uiTimeoutMs);
 
 /* Receives one whole frame within uiTimeoutMs: header words, ulPayloadLen and the payload. Allocates the

@@ -61,10 +61,10 @@ bool names(const std::string &word, uid_t uiUser) {
            entry.pw_uid == uiUser;
 }
 
-// Returns whether KTNET_PEER_USERS names the user.
+// Returns whether KTNET_PEER_USERS, or the build where it is not set, names the user.
 bool isTrusted(uid_t uiUser) {
     const char *pszUsers = std::getenv("KTNET_PEER_USERS");
-    std::istringstream users(pszUsers != nullptr ? pszUsers : "");
+    std::istringstream users(pszUsers != nullptr ? pszUsers : KTNET_PEER_USERS_DEFAULT);
     for (std::string word; std::getline(users, word, ',');) {
         if (names(word, uiUser)) {
             return true;

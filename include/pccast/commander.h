@@ -15,6 +15,8 @@ extern "C" {
 /* The sockets at which the service listens for requests. */
 #define PCCAST_CAST_SOCKET "/tmp/PCSTREAM.uds"
 #define PCCAST_MESSAGE_SOCKET "/tmp/PCMBC.uds"
+/* The socket at which the host pccast serve tells what the service does. Another host need not have it. */
+#define PCCAST_VIEW_SOCKET "/tmp/PCVIEW.uds"
 
 /* Submits a cast request. ulCMD: CAST_CMD_START, _STOP or _END. The call writes ulCMD into pInfo->ulCMD, even
  * if it then refuses the request. The record stays the caller's.

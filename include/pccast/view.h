@@ -3,6 +3,9 @@
  * The host calls these in the process of the service. Several threads may call them at once. A call delays
  * the service by a short copy at most. Nothing that the service does depends on these calls.
  *
+ * The records that these calls give are copies, cut to 128 bytes of an address, 64 of a key, PATH_MAX of a
+ * file's path and PCMBC_TEXT_MAX of a text.
+ *
  * Times are whole seconds since the epoch unless a field says otherwise. */
 #ifndef PCCAST_VIEW_H
 #define PCCAST_VIEW_H

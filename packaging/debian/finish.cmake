@@ -30,8 +30,9 @@ foreach(component runtime development)
         set(package pccast-dev)
     endif()
     set(root ${CPACK_TEMPORARY_DIRECTORY}/${component}/usr/share/doc/${package})
-    file(COPY ${CMAKE_CURRENT_LIST_DIR}/copyright DESTINATION ${root})
-    file(COPY ${CMAKE_CURRENT_LIST_DIR}/changelog DESTINATION ${root})
+    # A checkout may be writable for the group.
+    file(COPY ${CMAKE_CURRENT_LIST_DIR}/copyright ${CMAKE_CURRENT_LIST_DIR}/changelog DESTINATION ${root}
+        FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
     execute_process(COMMAND gzip -9nf ${root}/changelog COMMAND_ERROR_IS_FATAL ANY)
 endforeach()
 

@@ -1,6 +1,7 @@
 // Tests what watch makes of datagrams: literal bytes go in; records, lines, JSON and the table come out.
 #include <airdecode.h>
 #include <airtext.h>
+#include <json.h>
 #include <safetext.h>
 #include <watchtable.h>
 
@@ -97,7 +98,8 @@ TEST(AirText, LinesAndObjectsSayWhatWasHeard) {
     EXPECT_EQ(
         airLine(decode(kOnAir), 1790000010, "10.0.0.5"),
         "2026-09-21 14:13:30  ON AIR  epg 7  stream  H.264  to 239.1.2.3:5000  from 2026-09-21 14:13:20  "
-        "until 2026-09-21 15:13:20  left 00:59:50  crc ok  by 10.0.0.5");
+        "until 2026-09-21 15:13:20  left 00:59:50  crc ok  7:2:1790000000:1790003600:5000:0x2021  by "
+        "10.0.0.5");
     EXPECT_EQ(airLine(decode(kEnd), 1790000010, "10.0.0.5"),
               "2026-09-21 14:13:30  ENDED  epg 7  stream  H.264  crc ok  by 10.0.0.5");
     EXPECT_EQ(
@@ -108,7 +110,8 @@ TEST(AirText, LinesAndObjectsSayWhatWasHeard) {
     const std::pair<std::string, const char *> aObject[] = {
         {kOnAir,
          R"("kind":"on-air","ident":1234,"service":204,"command":262192,"sent":1790000005,"epg":7,"type":1,)"
-         R"("format":2,"start":1790000000,"end":1790003600,"address":"239.1.2.3","port":5000,"crcOk":true})"},
+         R"("format":2,"start":1790000000,"end":1790003600,"address":"239.1.2.3","port":5000,"crcOk":true,)"
+         R"("identity":"7:2:1790000000:1790003600:5000:0x2021"})"},
         {kAsf,
          R"("kind":"on-air","ident":1234,"service":204,"command":262192,"sent":1790000005,"epg":8,"type":16,)"
          R"("format":3,"start":1790000000,"end":1790003600,"crcOk":true,"stationCrcOk":true,"station":"NSC"})"},
@@ -121,6 +124,9 @@ TEST(AirText, LinesAndObjectsSayWhatWasHeard) {
         {kMessageFrame + "06000000 0b50 0200 41ff",
          R"("kind":"message","ident":14,"service":204,"command":262176,"sent":1790000005,)"
          R"("text":"A\ufffd","textHex":"41ff"})"},
+        {kMessageFrame + "0c000000 0c00 0200 9049 0b00 0200 4143",
+         R"("kind":"broken","ident":14,"service":204,"command":262176,"sent":1790000005,"problems":[)"
+         R"("the end time has 2 bytes, not 4","the start time has 2 bytes, not 4","a message without a text"]})"},
     };
     for (const auto &[sHex, pszObject] : aObject) {
         EXPECT_EQ(airJSON(decode(sHex), 1790000010, "10.0.0.5"),
@@ -137,15 +143,15 @@ TEST(AirText, ReceivedTextCannotSteerTheTerminal) {
         {"plain", "plain", "\"plain\""},
         {"\033[2Jx", "\\x1b[2Jx", "\"\\u001b[2Jx\""},
         {std::string("a\0b", 3), "a\\x00b", "\"a\\u0000b\""},
-        {"a\nb\r\t", "a\\nb\\x0d\\x09", "\"a\\u000ab\\u000d\\u0009\""},
+        {"a\nb\r\t", "a\\nb\\x0d\\x09", "\"a\\nb\\r\\t\""},
         {"\\n\"", "\\\\n\"", "\"\\\\n\\\"\""},
         {"\x7f", "\\u{7f}", "\"\\u007f\""},
         {"\xc2\x9bJ", "\\u{9b}J", "\"\\u009bJ\""},             // the one-character form of ESC [
         {"\x9bJ", "\\x9bJ", "\"\\ufffdJ\""},                   // the same as a lone byte
         {"\xe2\x80\xaexyz", "\\u{202e}xyz", "\"\\u202exyz\""}, // right-to-left override
-        {"\xed\x95\x9c\xea\xb8\x80", "\xed\x95\x9c\xea\xb8\x80", "\"\xed\x95\x9c\xea\xb8\x80\""},
-        {"\xf0\x9f\x98\x80", "\xf0\x9f\x98\x80", "\"\xf0\x9f\x98\x80\""},
-        {"\xe2\x80", "\\xe2\\x80", "\"\\ufffd\\ufffd\""},                 // cut character
+        {"\xed\x95\x9c\xea\xb8\x80", "\xed\x95\x9c\xea\xb8\x80", "\"\\ud55c\\uae00\""},
+        {"\xf0\x9f\x98\x80", "\xf0\x9f\x98\x80", "\"\\ud83d\\ude00\""},
+        {"\xe2\x80", "\\xe2\\x80", "\"\\ufffd\""},                        // cut character
         {"\xc0\xaf", "\\xc0\\xaf", "\"\\ufffd\\ufffd\""},                 // written too long
         {"\xed\xa0\x80", "\\xed\\xa0\\x80", "\"\\ufffd\\ufffd\\ufffd\""}, // half of a pair
         {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80", "\"\\ufffd\\ufffd\\ufffd\\ufffd\""},
@@ -153,7 +159,7 @@ TEST(AirText, ReceivedTextCannotSteerTheTerminal) {
     for (const auto &test : aCase) {
         SCOPED_TRACE(test.pszTerminal);
         EXPECT_EQ(textForTerminal(test.sText), test.pszTerminal);
-        EXPECT_EQ(textForJSON(test.sText), test.pszJSON);
+        EXPECT_EQ(writeJSON(test.sText), test.pszJSON);
     }
     EXPECT_EQ(textCut("abcdef", 6), "abcdef");
     EXPECT_EQ(textCut("abcdefg", 6), "abcde…");
@@ -163,12 +169,21 @@ TEST(AirText, ReceivedTextCannotSteerTheTerminal) {
 // The drawn lines that contain sText.
 std::vector<std::string> drawnWith(const WatchState &state, unsigned long ulNow, const std::string &sText) {
     std::vector<std::string> found;
-    for (const std::string &sLine : watchDraw(state, ulNow, 160, 40, false)) {
+    for (const std::string &sLine : watchDraw(state, ulNow, WatchWindow{160, 40})) {
         if (sLine.find(sText) != std::string::npos) {
             found.push_back(sLine);
         }
     }
     return found;
+}
+
+// The whole table, a line below the other.
+std::string table(const WatchState &state, unsigned long ulNow, const WatchWindow &window) {
+    std::string sTable;
+    for (const std::string &sLine : watchDraw(state, ulNow, window)) {
+        sTable += sLine.substr(0, sLine.find_last_not_of(' ') + 1) + "\n";
+    }
+    return sTable;
 }
 
 TEST(WatchTable, FollowsACastFromItsAnnouncementToItsEnd) {
@@ -177,28 +192,84 @@ TEST(WatchTable, FollowsACastFromItsAnnouncementToItsEnd) {
     WatchState state;
     watchNote(&state, decode(kOnAir), 1790000000, "10.0.0.5");
     watchNote(&state, decode(kOnAir), 1790000011, "10.0.0.5");
-
-    ASSERT_EQ(drawnWith(state, 1790000012, "H.264").size(), 1u); // repeated, not doubled
-    EXPECT_NE(drawnWith(state, 1790000012, "H.264")[0].find(
-                  "239.1.2.3:5000         00:59:48  on air, 1 s ago   14:13:20  15:13:20  10.0.0.5"),
-              std::string::npos);
     EXPECT_EQ(drawnWith(state, 1790000040, "silent, 29 s ago").size(), 1u);
     EXPECT_EQ(drawnWith(state, 1790003600, "over").size(), 1u);
 
     watchNote(&state, decode(kEnd), 1790000050, "10.0.0.6"); // another service's programme 7
-    EXPECT_EQ(drawnWith(state, 1790000050, "ended").size(), 0u);
-    watchNote(&state, decode(kEnd), 1790000050, "10.0.0.5");
-    EXPECT_EQ(drawnWith(state, 1790000051, "ended 14:14:10").size(), 1u);
-    EXPECT_EQ(drawnWith(state, 1790000051, "00:59:").size(), 0u);
+    watchNote(&state, decode(kEndFrame + "08000000 0107 0400 07000000"), 1790000050, "10.0.0.5"); // no CRC
+    watchNote(&state, decode(kEndFrame + "10000000 4c04 0400 00000000 0107 0400 07000000"), 1790000050,
+              "10.0.0.5"); // a wrong one
+    watchNote(&state, decode(kMessage), 1790000051, "10.0.0.7");
+    EXPECT_EQ(table(state, 1790000052, WatchWindow{170, 30, false, "q ends"}),
+              R"(pccast watch   2026-09-21 14:14:12   6 datagrams heard   q ends
+
+ON AIR
+  EPG         KIND    FORMAT  DESTINATION            UNTIL     STATE             LEFT      FROM      IDENTITY                                BY
+  7           stream  H.264   239.1.2.3:5000         15:13:20  silent, 41 s ago  00:59:08  14:13:20  7:2:1790000000:1790003600:5000:0x2021   10.0.0.5
+
+MESSAGES
+  14:14:11  1x    hi
+
+PROBLEMS
+  14:14:10  the CRC of the announcement is 00000000, its bytes give 6A699BD6, by 10.0.0.5
+  14:14:10  it does not begin with its CRC, by 10.0.0.5
+)");
+    watchNote(&state, decode(kEnd), 1790000060, "10.0.0.5");
+    EXPECT_EQ(table(state, 1790000061, WatchWindow{80, 16}),
+              R"(pccast watch   2026-09-21 14:14:21   7 datagrams heard
+
+ON AIR
+  EPG         KIND    FORMAT  DESTINATION            UNTIL     STATE           …
+  nothing
+
+MESSAGES
+  14:14:11  1x    hi
+
+ENDED
+  7           stream  H.264   239.1.2.3:5000         15:13:20  ended 14:14:20  …
+
+PROBLEMS
+  14:14:10  the CRC of the announcement is 00000000, its bytes give 6A699BD6, b…
+  14:14:10  it does not begin with its CRC, by 10.0.0.5
+)");
 }
 
 TEST(WatchTable, ANewerCastTakesTheOlderOnesPlaceWithoutAnEnd) {
     WatchState state;
     watchNote(&state, decode(kOnAir), 1790000000, "10.0.0.5");
+    const std::string sForged = kOnAirFrame + "08000000  0107 0400 09000000";
+    watchNote(&state, decode(sForged), 1790000005, "10.0.0.5"); // without a CRC it takes no place
+    EXPECT_EQ(drawnWith(state, 1790000005, "on air").size(), 1u);
+    EXPECT_EQ(drawnWith(state, 1790000005, "no CRC").size(), 1u);
     watchNote(&state, decode(kAsf), 1790000011, "10.0.0.5");
     EXPECT_EQ(drawnWith(state, 1790000011, "on air").size(), 1u);
     EXPECT_NE(drawnWith(state, 1790000011, "on air")[0].find("ASF"), std::string::npos);
-    EXPECT_NE(drawnWith(state, 1790000011, "ended")[0].find("H.264"), std::string::npos);
+    EXPECT_EQ(drawnWith(state, 1790000011, "ended").size(), 2u);
+}
+
+TEST(WatchTable, ALongMessageGoesOnInTheFreeRows) {
+    setenv("TZ", "UTC0", 1);
+    tzset();
+    WatchState state;
+    AirRecord message = decode(kMessage);
+    watchNote(&state, message, 1790000000, "10.0.0.5");
+    message.sText =
+        "the film begins in ten minutes, please take your seats in the hall " + std::string(200, 'x');
+    watchNote(&state, message, 1790000000, "10.0.0.5");
+    EXPECT_EQ(table(state, 1790000000, WatchWindow{50, 12}),
+              R"(pccast watch   2026-09-21 14:13:20   2 datagrams …
+
+ON AIR
+  EPG         KIND    FORMAT  DESTINATION        …
+  nothing heard yet (a cast is announced every 11…
+
+MESSAGES
+  14:13:20  1x    the film begins in ten minutes,
+                  please take your seats in the
+                  hall
+                  xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx…
+  14:13:20  1x    hi
+)");
 }
 
 TEST(WatchTable, StaysInsideTheWindowHoweverMuchIsHeard) {
@@ -209,20 +280,30 @@ TEST(WatchTable, StaysInsideTheWindowHoweverMuchIsHeard) {
         watchNote(&state, message, 1790000000, "10.0.0.5");
         watchNote(&state, decode(kMessage), 1790000000, "10.0.0.5");
         watchNote(&state, decode(""), 1790000000, "10.0.0.5");
+        if (i % 2 == 0) {
+            AirRecord ended = decode(kOnAir);
+            ended.uiEPGID = i;
+            watchNote(&state, ended, 1790000000, "10.0.0.6");
+        }
     }
     EXPECT_EQ(drawnWith(state, 1790000000, "200x  hi").size(), 1u);
     EXPECT_EQ(state.messages.size(), 50u);
     // What is on air is shown first, however little room there is.
     watchNote(&state, decode(kOnAir), 1790000000, "10.0.0.5");
-    const std::vector<std::string> small = watchDraw(state, 1790000000, 80, 12, false);
+    const std::vector<std::string> small = watchDraw(state, 1790000000, WatchWindow{80, 12});
     EXPECT_EQ(small.size(), 12u);
     EXPECT_NE(small.at(4).find("239.1.2.3:5000"), std::string::npos);
-    for (const auto &[uColumns, uRows] : {std::pair<size_t, size_t>{80, 24}, {20, 5}, {1, 1}}) {
-        const std::vector<std::string> lines = watchDraw(state, 1790000000, uColumns, uRows, false);
-        EXPECT_LE(lines.size(), uRows);
-        for (const std::string &sLine : lines) {
-            EXPECT_LE(textColumns(sLine), uColumns) << sLine;
+    for (const size_t uRows : {1u, 5u, 16u, 24u, 60u}) {
+        for (const size_t uColumns : {1u, 20u, 30u, 80u, 200u}) {
+            const std::vector<std::string> lines = watchDraw(state, 1790000000, WatchWindow{uColumns, uRows});
+            EXPECT_EQ(lines.size(), uRows);
+            for (const std::string &sLine : lines) {
+                EXPECT_LE(textColumns(sLine), uColumns) << sLine;
+            }
         }
+    }
+    for (const char *pszLeftOut : {"and 36 more", "and 44 more", "and 43 more"}) { // the three last sections
+        EXPECT_EQ(drawnWith(state, 1790000000, pszLeftOut).size(), 1u) << pszLeftOut;
     }
 }
 

@@ -1,8 +1,14 @@
 // Tests the texts of the command line: what it reads, what it refuses, and with which words.
 #include <clitext.h>
+#include <fileaccess.h>
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <tuple>
@@ -155,6 +161,39 @@ TEST(CommandLineText, IdentitiesComeBackWhole) {
     for (const char *pszWrong : {"1:10:20:30:urgent", "1:10:20", "1:10:20:4294967296"}) {
         EXPECT_NE(readMessageIdentity(pszWrong, &message), "") << pszWrong;
     }
+}
+
+TEST(CommandLineText, AMistypedWordIsTakenForItsNeighbourAndAnotherWordIsNot) {
+    const std::vector<std::string> commands{"serve", "relay", "file", "stop", "message", "watch"};
+    const std::pair<const char *, const char *> aCase[] = {
+        {"rely", "relay"},   {"realy", "relay"}, {"stpo", "stop"}, {"mesage", "message"}, {"fiel", "file"},
+        {"mess", "message"}, {"play", ""},       {"x", ""},        {"halt", ""}};
+    for (const auto &[pszWord, pszMeant] : aCase) {
+        EXPECT_EQ(nearestWord(pszWord, commands), pszMeant) << pszWord;
+    }
+}
+
+TEST(FileAccess, AFolderOrFileThatIsShutIsNamed) {
+    char folder[] = "/tmp/fileaccess.XXXXXX";
+    ASSERT_NE(mkdtemp(folder), nullptr);
+    const std::string sFolder = folder;
+    const std::string sFile = sFolder + "/film.ts";
+    close(open(sFile.c_str(), O_WRONLY | O_CREAT, 0644));
+    const struct {
+        mode_t uiFolder, uiFile;
+        uid_t uiUser;
+        std::string sClosed;
+    } aCase[] = {{0755, 0644, 54321, ""},    {0711, 0644, 54321, ""},     {0700, 0644, 54321, sFolder},
+                 {0755, 0640, 54321, sFile}, {0755, 0600, geteuid(), ""}, {0744, 0644, 54321, sFolder},
+                 {0700, 0600, 0, ""}};
+    for (const auto &test : aCase) {
+        chmod(folder, test.uiFolder);
+        chmod(sFile.c_str(), test.uiFile);
+        EXPECT_EQ(closedTo(sFile, test.uiUser), test.sClosed) << test.uiFolder << " " << test.uiFile;
+    }
+    chmod(folder, 0700);
+    std::remove(sFile.c_str());
+    rmdir(folder);
 }
 
 } // namespace

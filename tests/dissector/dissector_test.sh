@@ -96,6 +96,27 @@ Nov 24, 2026 21:42:44.000000000 UTC||||||2|Hi|
 ||||||||payload length and bytes present do not agree
 END
 
+# ---- texts that would steer the terminal: escapes, C1 controls, DEL, a turned direction, bytes that are no UTF-8
+capture 9367 <<'END'
+4b 54 4e 46 02 00 1c 00 0e 00 00 00 cc 00 00 00 20 00 04 00 d4 04 06 6b 18 00 00 00 0b 50 14 00 61 1b 5b 32 4a c2 9b 7f 07 0a 5c e2 80 ae c3 bc ff 9b f9 7a
+END
+capture 7890 <<'END'
+4b 54 4e 46 02 00 1c 00 d2 04 00 00 cc 00 00 00 30 00 04 00 d4 04 06 6b 30 00 00 00 01 07 04 00 07 00 00 00 14 70 0f 00 32 33 39 2e 31 1b 5b 33 31 6d c2 9b 7f 9b 5c 17 70 02 00 88 13 4f 04 0b 00 5b 41 5d 0d 0a 1b 5b 31 6d 9b ff
+END
+mapfile -t options < <(fields pccast.text pccast.address pccast.station)
+expect "a hostile text" 9367.pcapng "${options[@]}" <<'END'
+a\x1b[2J\u{9b}\x7f\x07\n\\u{202e}ü\xff\x9b\xf9z||
+END
+expect "the summary of a hostile text" 9367.pcapng "${info[@]}" <<'END'
+Message, "a\x1b[2J\u{9b}\x7f\x07\n\\u{202e}ü\xff\x9b\xf9z"
+END
+expect "a hostile address and station file" 7890.pcapng "${options[@]}" <<'END'
+|239.1\x1b[31m\u{9b}\x7f\x9b\|[A]\r\n\x1b[1m\x9b\xff
+END
+expect "the summary of a hostile address" 7890.pcapng "${info[@]}" <<'END'
+On air, EPG 7, to 239.1\x1b[31m\u{9b}\x7f\x9b\:5000
+END
+
 # ---- MSB packets, found by their shape: the first one of a playout, then one of the next playout, with a packet
 # length and padding before its time. The last two are no such packets: a wrong size, unused bits set
 capture 8080 <<'END'

@@ -5,25 +5,28 @@ cast=239.77.0.2:5000
 
 refused 69 'no service listens on /tmp/PCSTREAM.uds; start one with: pccast serve' "$pccast" relay 239.77.0.1:1 $cast
 refused 69 'no service listens on /tmp/PCMBC.uds' "$pccast" message text
-refused 64 "there is no command 'rely'" "$pccast" rely
-refused 64 'takes no arguments' "$bin/diagpccast" --help
+refused 64 "there is no command 'rely'; did you mean relay?" "$pccast" rely
+refused 64 'relay .*cast the live stream' "$pccast"
+refused 0 'Usage: pccast relay' "$pccast" help relay
 refused 64 "SOURCE: '239.77.0.1' has no port" "$pccast" relay 239.77.0.1 $cast
 refused 64 "start: 'noon' is not a time" "$pccast" relay 239.77.0.1:1 $cast --start noon
 refused 64 'IDENTITY' "$pccast" stop 1:2:3
 refused 64 'which cast?' "$pccast" stop
-refused 64 'is no interface of this machine' "$pccast" serve --interface nosuch0
-refused 64 'is no interface of this machine' "$pccast" watch --interface nosuch0
+refused 69 'is no interface of this machine' "$pccast" serve --interface nosuch0
+refused 69 'is no interface of this machine' "$pccast" watch --interface nosuch0
 refused 64 "type: '0' is not a number from 1 to 3" "$pccast" stop --type 0 --epg 1 --start now --end +1s --port 1
 refused 64 "no argument '--bogus'" "$pccast" --bogus
 refused 64 "no argument '--too'" "$pccast" file film.ts --too $cast
 refused 65 'has passed' "$pccast" relay 239.77.0.1:1 $cast --end 2020-01-01T00:00
 refused 65 'is not after the start' "$pccast" relay 239.77.0.1:1 $cast --start +1h --end +1h
-refused 65 'would feed itself' "$pccast" relay $cast $cast
+refused 65 'would feed itself' "$pccast" relay 127.0.0.1:5000 127.0.0.1:5000
+refused 65 "192.0.2.1 is neither.* this machine's addresses: 127.0.0.1" "$pccast" relay 192.0.2.1:4000 $cast
 refused 65 'TEXT is empty' "$pccast" message ''
 refused 65 'at most 65429' "$pccast" message "$(head -c 65430 /dev/zero | tr '\0' x)"
 refused 65 'nothing left to stop' "$pccast" stop 1:2:1000:2000:5000:ts
 refused 70 'output cannot be written' bash -c '"$1" --help >/dev/full' - "$pccast"
 refused 70 'cannot be written: No such file' "$pccast" station "$samples/sample.asf" --group 239.77.0.2 --port 1 -o no/file
+refused 70 'not a regular file' "$pccast" station "$samples/sample.asf" --group 239.77.0.2 --port 1 -o /dev/null
 refused 66 'No such file' "$pccast" file nosuch.ts --to $cast
 refused 66 'not a regular file' "$pccast" file /tmp --to $cast
 head -c 5000 /dev/zero >zeros
@@ -34,6 +37,15 @@ refused 69 'cannot be loaded' "$pccast" serve --plugin ./zeros
 refused 69 'has no QX_PlugIn_Name' "$pccast" serve --plugin "$bin/../lib/libvexa_pgl.so.1"
 refused 69 'heard 0 of 1' "$pccast" watch --count 1 --for 1s
 
+# A planted link is not followed, the file itself is replaced whole, and who may read it is as usual.
+echo mine >other
+ln -s other station.nsc.new
+ln -s other station.nsc
+(umask 022 && "$pccast" station "$samples/sample.asf" --group 239.77.0.2 --port 1 -o station.nsc) || fail "exit code $?"
+[ "$(cat other)" = mine ] || fail "a planted link was followed"
+[ "$(stat -c '%F %a' station.nsc)" = 'regular file 644' ] || fail "$(stat station.nsc)"
+[ "$(echo station.nsc*)" = 'station.nsc station.nsc.new' ] || fail "something is left: $(echo station.nsc*)"
+
 # Another file stands where a socket belongs: it stays, and the reason is given.
 echo mine >/tmp/PCMBC.uds
 refused 69 'PCMBC.uds' "$pccast" serve
@@ -41,7 +53,32 @@ grep -q mine /tmp/PCMBC.uds || fail "a file of someone else's was replaced"
 [ ! -e /tmp/PCSTREAM.uds ] || fail "a service that could not start left its socket"
 rm /tmp/PCMBC.uds
 
+# A queue that nobody serves is no reason to hang.
+python3 - <<'END' &
+import socket, time
+served, waiting = socket.socket(socket.AF_UNIX), [socket.socket(socket.AF_UNIX) for i in range(8)]
+served.bind("/tmp/PCMBC.uds")
+served.listen(1)
+for client in waiting:
+    client.setblocking(False)
+    client.connect_ex("/tmp/PCMBC.uds")
+time.sleep(20)
+END
+full=$!
+within 5 test -S /tmp/PCMBC.uds
+sleep 0.2
+refused 69 'does not take up what waits for it' timeout 5 "$pccast" message text
+kill $full
+rm /tmp/PCMBC.uds
+
+# What the plug-in prints is no result. A service that comes later is waited for.
+mkdir -p /reg/reg0
+printf '/ORVEN/SERVICE/PCSTREAM=\n' >/reg/reg0/master.reg
+"$pccast" relay --wait 10s 239.77.0.1:1 $cast --for 1s >identity 2>said &
+client=$!
 start_service
+wait $client || fail "did not wait for the service: $(cat said)"
+[[ $(cat identity) =~ ^1:2:[0-9]+:[0-9]+:5000:0x2021$ ]] || fail "standard output is not the identity: $(cat identity)"
 refused 69 'another service already listens on /tmp/PCSTREAM.uds' "$pccast" serve
 printf '/ORVEN/SERVICE/PCSTREAM=DISABLE\n' >/reg/reg0/master.reg
 refused 78 'switches the service off' "$pccast" relay 239.77.0.1:1 $cast

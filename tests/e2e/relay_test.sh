@@ -22,7 +22,7 @@ carries 239.77.0.2:5000 $source
 
 "$pccast" stop "$older"
 sleep 1.5 # the relay notices within its second of patience
-"$bin/pccast-receive" 239.77.0.2:5000 late --datagrams 1 --wait 2 >late.log 2>&1 &
+"$pccast" receive 239.77.0.2:5000 late --datagrams 1 --wait 2 >late.log 2>&1 &
 receiver=$!
 "$bin/pccast-feed" "$samples/sample.ts" $source 20 >feed.log
 ! wait $receiver || fail "a stopped cast is still relayed"

@@ -66,7 +66,7 @@ end_service() {
     wait "$service" || status=$?
     [ "$status" -eq 0 ] || fail "the service ended with exit code $status"
     grep -q '^pccast: closed$' serve.log || fail "the service did not say that it closed"
-    [ ! -e /tmp/PCSTREAM.uds ] && [ ! -e /tmp/PCMBC.uds ] || fail "a socket file is left"
+    [ ! -e /tmp/PCSTREAM.uds ] && [ ! -e /tmp/PCMBC.uds ] && [ ! -e /tmp/PCVIEW.uds ] || fail "a socket file is left"
 }
 
 # From here on every datagram on air goes to the file heard, as one object a line.
@@ -77,7 +77,7 @@ start_watch() {
 
 # carries ADDRESS:PORT SOURCE: feeds a piece of the sample to SOURCE; it arrives at ADDRESS:PORT byte for byte.
 carries() {
-    "$bin/pccast-receive" "$1" received --datagrams 40 --wait 5 >receive.log 2>&1 &
+    "$pccast" receive "$1" received --datagrams 40 --wait 5 >receive.log 2>&1 &
     local receiver=$!
     within 5 grep -q "$(group_in_hex "$1")" /proc/net/igmp
     "$bin/pccast-feed" "$samples/sample.ts" "$2" 40 >feed.log 2>&1 || fail "the source could not be fed"

@@ -12,3 +12,4 @@ within 3 grep -q '"kind":"message".*"text":"From a component"' heard
 
 refused 64 usage "$bin/example_component" 239.77.0.1 four 239.77.0.2 5000 text
 end_service TERM
+refused 1 "cast request was not taken" "$bin/example_component" 239.77.0.1 4000 239.77.0.2 5000 text

@@ -27,7 +27,7 @@ cd "$work"
 # ---- programs
 grep -q '^pccast [0-9]' <<<"$("$prefix/bin/pccast" --version)" || fail "pccast does not run"
 grep -q 'serve .*run the service' <<<"$("$prefix/bin/pccast" --help)" || fail "pccast --help"
-grep -q usage <<<"$("$prefix/bin/pccast-feed" 2>&1 || true)" || fail "pccast-feed does not run"
+"$prefix/bin/pccast-feed" --version | grep -q '^pccast-feed [0-9]' || fail "pccast-feed does not run"
 missing=$(find "$prefix" \( -path '*/bin/*' -o -name '*.so*' \) -exec ldd {} + | grep 'not found' || true)
 [ -z "$missing" ] || fail "libraries are not found: $missing"
 elsewhere=$(ldd "$prefix/bin/diagpccast" | grep -E 'pccast|qxapi|vexa' | grep -v "$prefix" || true)
@@ -42,8 +42,9 @@ kill -TERM $service
 wait $service || fail "the installed service: $(cat serve.log)"
 
 # ---- files that others look for by name
-for file in share/man/man1/{pccast,diagpccast,pccast-feed,pccast-receive}.1 share/man/man3/pccast.3 \
-    share/bash-completion/completions/pccast lib/systemd/system/pccast.service lib/sysusers.d/pccast.conf \
+for file in share/man/man1/{pccast,diagpccast,pccast-feed}.1 share/man/man3/pccast.3 \
+    share/bash-completion/completions/pccast share/zsh/vendor-completions/_pccast \
+    share/fish/vendor_completions.d/pccast.fish lib/systemd/system/pccast.service lib/sysusers.d/pccast.conf \
     share/pccast/pccast.lua share/pccast/samples/{sample.asf,sample.ts,sample.nsc,CASTFILE.asf,CASTFILE2.asf}; do
     [ -s "$prefix/$file" ] || fail "$file is not there"
 done

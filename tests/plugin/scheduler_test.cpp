@@ -196,8 +196,10 @@ TEST_F(SchedulerTest, FileThatFailsBehindAPendingOneDoesNotReturn) {
     EXPECT_EQ(count(out(), "cast of EPG id 1 failed, dropped"), 1u);
     runTo(60);
     EXPECT_EQ(count(history(), "+file"), 2u);
-    // The next cast takes the place of the end before that is due.
-    EXPECT_THAT(announced(), ElementsAre("0 on air 1", "11 on air 1", "22 on air 2"));
+    // The failure may come before the announcement of that second, or after it. Then the next cast takes the
+    // place of the end.
+    EXPECT_THAT(announced(),
+                ElementsAre("0 on air 1", testing::AnyOf("11 end 1", "11 on air 1"), "22 on air 2"));
 }
 
 // The message receiver is the first to be stopped. While it hangs, the casts go on.
