@@ -358,6 +358,7 @@ bool measure(const Media &media) {
         entries.insert(entries.end(), {{"multicat", playMulticat}, {"ffmpeg", playFfmpeg}});
     }
     std::vector<Player> players;
+    players.reserve(entries.size());
     std::vector<bool> plays(entries.size(), true);
     for (const Entry &entry : entries) {
         players.push_back({entry.pName, {}});
@@ -387,7 +388,7 @@ bool measure(const Media &media) {
         const double dTail = latenessRow(name + ".p99", player, 0.99);
         latenessRow(name + ".p99_9", player, 0.999);
         std::vector<double> costs, ratios;
-        for (int i = 0; i < kTurns; ++i) {
+        for (size_t i = 0; i < player.turns.size(); ++i) {
             costs.push_back(player.turns[i].dCostUs);
             ratios.push_back(player.turns[i].dCostUs / players[1].turns[i].dCostUs);
         }
