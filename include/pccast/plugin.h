@@ -25,7 +25,7 @@ unsigned int QX_PlugIn_Version(void);
  * Returns 1, also after a failure; a failure is printed. */
 int QX_PlugIn_Open(void);
 
-/* Stops the service and returns when the supervisor has ended. Waits about 50 seconds for a thread that
+/* Stops the service and returns when the supervisor has ended. Waits about 100 seconds for a thread that
  * hangs. Then it prints the thread's name and leaves the thread everything that it can reach. Returns 1. */
 int QX_PlugIn_Close(void);
 
