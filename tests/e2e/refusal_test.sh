@@ -23,7 +23,6 @@ refused 65 'would feed itself' "$pccast" relay 127.0.0.1:5000 127.0.0.1:5000
 refused 65 "192.0.2.1 is neither.* this machine's addresses: 127.0.0.1" "$pccast" relay 192.0.2.1:4000 $cast
 refused 65 'TEXT is empty' "$pccast" message ''
 refused 65 'at most 65429' "$pccast" message "$(head -c 65430 /dev/zero | tr '\0' x)"
-refused 65 'nothing left to stop' "$pccast" stop 1:2:1000:2000:5000:ts
 refused 70 'output cannot be written' bash -c '"$1" --help >/dev/full' - "$pccast"
 refused 70 'cannot be written: No such file' "$pccast" station "$samples/sample.asf" --group 239.77.0.2 --port 1 -o no/file
 refused 70 'not a regular file' "$pccast" station "$samples/sample.asf" --group 239.77.0.2 --port 1 -o /dev/null
