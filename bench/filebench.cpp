@@ -38,7 +38,6 @@ constexpr const char *kGroup = "239.3.3.3";
 constexpr const char *kTarget = "239.3.3.3:5004";
 constexpr unsigned short kPort = 5004;
 constexpr int kTurns = 5;
-constexpr int kTries = 3; // a turn in which the receiver lost a datagram is taken again
 constexpr size_t kRun = size_t{188} * 7;
 constexpr size_t kMsbHeader = 8;
 constexpr size_t kAsfHeader = 30 + 104 + 50;
@@ -162,9 +161,31 @@ Media makeTS(double dBitRate, double dSeconds) {
 
 // ---- receiving
 
-// Receives until bDone is set and nothing has come for a while. Returns when each datagram arrived,
-// nanoseconds.
-std::vector<int64_t> receive(const std::atomic<bool> *pReady, std::atomic<bool> *pOpen) {
+struct Arrival {
+    size_t ulNumber; // of the datagram, lost ones counted
+    int64_t lAt;     // nanoseconds
+};
+
+// Reads what the kernel adds to a datagram: when it arrived, and how many it has dropped for want of room.
+Arrival arrivalOf(msghdr *pMessage, size_t ulReceived) {
+    Arrival arrival{ulReceived, 0};
+    for (cmsghdr *pControl = CMSG_FIRSTHDR(pMessage); pControl != nullptr;
+         pControl = CMSG_NXTHDR(pMessage, pControl)) {
+        if (pControl->cmsg_type == SO_RXQ_OVFL) {
+            uint32_t uiDropped = 0;
+            std::memcpy(&uiDropped, CMSG_DATA(pControl), sizeof uiDropped);
+            arrival.ulNumber += uiDropped;
+        } else if (pControl->cmsg_type == SCM_TIMESTAMPNS) {
+            timespec at{};
+            std::memcpy(&at, CMSG_DATA(pControl), sizeof at);
+            arrival.lAt = at.tv_sec * 1'000'000'000LL + at.tv_nsec;
+        }
+    }
+    return arrival;
+}
+
+// Receives until *pDone is set and nothing has come for a while. Sets *pOpen once it can receive.
+std::vector<Arrival> receive(const std::atomic<bool> *pDone, std::atomic<bool> *pOpen) {
     const int iSocket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -174,21 +195,20 @@ std::vector<int64_t> receive(const std::atomic<bool> *pReady, std::atomic<bool> 
     const int iOn = 1, iBuffer = 16 << 20;
     setsockopt(iSocket, SOL_SOCKET, SO_RCVBUFFORCE, &iBuffer, sizeof iBuffer);
     require(setsockopt(iSocket, SOL_SOCKET, SO_TIMESTAMPNS, &iOn, sizeof iOn) == 0 &&
+                setsockopt(iSocket, SOL_SOCKET, SO_RXQ_OVFL, &iOn, sizeof iOn) == 0 &&
                 bind(iSocket, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 &&
                 setsockopt(iSocket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) == 0,
             "file receiver");
     *pOpen = true;
-    std::vector<int64_t> arrivals;
+    std::vector<Arrival> arrivals;
     std::array<unsigned char, 65536> datagram;
     pollfd wait{iSocket, POLLIN, 0};
-    while (poll(&wait, 1, 100) > 0 || !*pReady) {
-        alignas(cmsghdr) std::array<char, 64> control{};
+    while (poll(&wait, 1, 100) > 0 || !*pDone) {
+        alignas(cmsghdr) std::array<char, 128> control{};
         iovec piece{datagram.data(), datagram.size()};
         msghdr message{nullptr, 0, &piece, 1, control.data(), control.size(), 0};
-        if (recvmsg(iSocket, &message, MSG_DONTWAIT) > 0 && CMSG_FIRSTHDR(&message) != nullptr) {
-            timespec at{};
-            std::memcpy(&at, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof at);
-            arrivals.push_back(at.tv_sec * 1'000'000'000LL + at.tv_nsec);
+        if (recvmsg(iSocket, &message, MSG_DONTWAIT) > 0) {
+            arrivals.push_back(arrivalOf(&message, arrivals.size()));
         }
     }
     close(iSocket);
@@ -270,10 +290,11 @@ double playFfmpeg(const Media &media) {
                                std::string("udp://") + kTarget + "?pkt_size=1316&localaddr=127.0.0.1"}));
 }
 
-// Lets the player play the file once. Returns false if not all of it arrived.
-bool tryTurn(const Media &media, double (*pPlay)(const Media &), Turn *pTurn) {
+// Lets the player play the file once. Returns false if it did not send all of it. What the receiver loses is
+// left out.
+bool takeTurn(const Media &media, double (*pPlay)(const Media &), Turn *pTurn) {
     std::atomic<bool> bDone{false}, bOpen{false};
-    std::vector<int64_t> arrivals;
+    std::vector<Arrival> arrivals;
     double dSpent = 0;
     std::thread receiver([&] { arrivals = receive(&bDone, &bOpen); });
     while (!bOpen) {
@@ -285,31 +306,23 @@ bool tryTurn(const Media &media, double (*pPlay)(const Media &), Turn *pTurn) {
     receiver.join();
     const size_t ulDatagrams = (media.bytes.size() + media.ulDatagram - 1) / media.ulDatagram;
     // ffmpeg packs the packets anew, into nearly as many datagrams.
-    if (dSpent < 0 || (arrivals.size() != ulDatagrams && pPlay != playFfmpeg)) {
+    if (dSpent < 0 || arrivals.size() < ulDatagrams / 2 ||
+        (arrivals.back().ulNumber + 1 != ulDatagrams && pPlay != playFfmpeg)) {
         return false;
     }
     std::vector<double> offsets; // from the datagram's own instant to its arrival
     offsets.reserve(arrivals.size());
-    for (size_t i = 0; i < arrivals.size(); ++i) {
-        offsets.push_back(static_cast<double>(arrivals[i] - arrivals[0]) -
-                          static_cast<double>(i) * media.dNanoseconds);
+    for (const Arrival &arrival : arrivals) {
+        offsets.push_back(static_cast<double>(arrival.lAt - arrivals[0].lAt) -
+                          static_cast<double>(arrival.ulNumber) * media.dNanoseconds);
     }
     std::vector<double> sorted = offsets;
     const double dStart = percentile(sorted, 0.01);
     for (const double dOffset : offsets) {
         pTurn->latenessUs.push_back(std::fabs(dOffset - dStart) / 1000);
     }
-    pTurn->dCostUs = dSpent * 1e6 / static_cast<double>(arrivals.size());
+    pTurn->dCostUs = dSpent * 1e6 / static_cast<double>(arrivals.back().ulNumber + 1);
     return true;
-}
-
-bool takeTurn(const Media &media, double (*pPlay)(const Media &), Turn *pTurn) {
-    for (int i = 0; i < kTries; ++i) {
-        if (tryTurn(media, pPlay, pTurn)) {
-            return true;
-        }
-    }
-    return false;
 }
 
 // ---- results
@@ -345,6 +358,7 @@ bool measure(const Media &media) {
         entries.insert(entries.end(), {{"multicat", playMulticat}, {"ffmpeg", playFfmpeg}});
     }
     std::vector<Player> players;
+    players.reserve(entries.size());
     std::vector<bool> plays(entries.size(), true);
     for (const Entry &entry : entries) {
         players.push_back({entry.pName, {}});
@@ -374,7 +388,7 @@ bool measure(const Media &media) {
         const double dTail = latenessRow(name + ".p99", player, 0.99);
         latenessRow(name + ".p99_9", player, 0.999);
         std::vector<double> costs, ratios;
-        for (int i = 0; i < kTurns; ++i) {
+        for (size_t i = 0; i < player.turns.size(); ++i) {
             costs.push_back(player.turns[i].dCostUs);
             ratios.push_back(player.turns[i].dCostUs / players[1].turns[i].dCostUs);
         }

@@ -17,8 +17,7 @@ void noteJournal();
 // As syslog counts them.
 enum AuditPriority { AUDIT_ERROR = 3, AUDIT_WARNING = 4, AUDIT_NOTE = 6 };
 
-// Writes one line, "pccast: audit: TEXT". Where the system's journal reads, it takes the priority. Any
-// thread.
+// Writes one line, "pccast: audit: TEXT". To the journal it goes with its priority. Any thread.
 void writeAudit(AuditPriority ePriority, const std::string &sText);
 
 class Audit {

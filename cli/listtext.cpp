@@ -575,6 +575,25 @@ bool isFailure(const Json &event) {
            sReason == "source-lost" || sReason == "send-failed";
 }
 
+// What is kept of the state.
+std::string stateLine(const Json &view, const Screen &screen) {
+    const Json &state = partOf(view, "state");
+    const std::string sPath = textForTerminal(textOf(state, "path"));
+    if (!state.value("ok", true)) {
+        return coloured("NOTHING IS KEPT: " + sPath + ": " + textForTerminal(textOf(state, "error")), kRed,
+                        screen);
+    }
+    std::string sLine = "kept in " + sPath;
+    if (numberOf(state, "behind") != 0) {
+        addPart(&sLine, plural(numberOf(state, "behind"), "event") + " behind");
+    }
+    if (state.contains("restoring")) {
+        addPart(&sLine, "restored " + std::to_string(numberOf(state, "restored")) + " of " +
+                            plural(numberOf(state, "restoring"), "request"));
+    }
+    return sLine;
+}
+
 } // namespace
 
 std::vector<std::string> statusLines(const Json &view, const std::vector<Json> &events,
@@ -619,6 +638,9 @@ std::vector<std::string> statusLines(const Json &view, const std::vector<Json> &
     lines.insert(lines.end(),
                  {"", heading("SENT"), senderLine("announcements", partOf(view, "announcements"), ulNow),
                   senderLine("broadcasts of messages", partOf(view, "broadcasts"), ulNow)});
+    if (view.contains("state")) {
+        lines.insert(lines.end(), {"", heading("STATE"), "  " + stateLine(view, screen)});
+    }
     lines.insert(lines.end(), {"", heading("THREADS")});
     for (const Json &thread : partOf(view, "threads")) {
         const std::string sState = textOf(thread, "state");

@@ -18,7 +18,6 @@
 
 namespace {
 
-constexpr const char *kServiceUser = "pccast";
 constexpr std::chrono::milliseconds kRetryInterval{20};
 constexpr int kRetries = 100; // 2 s for a place in a full queue
 

@@ -10,6 +10,7 @@
 #include <sys/types.h>
 
 // The environment variable that names one more user whose service is believed, by name or number.
+constexpr const char *kServiceUser = "pccast"; // of the installed service
 constexpr const char *kServiceUserVariable = "PCCAST_SERVICE_USER";
 
 // Connects to the local socket at pszPath. Waits up to 2 s for a place in a full queue. Returns the socket,

@@ -1,6 +1,7 @@
 #include "pluginloader.h"
 
 #include "commands.h"
+#include "localsocket.h"
 
 #include <CLI/CLI.hpp>
 #include <dlfcn.h>
@@ -8,6 +9,7 @@
 
 #include <array>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <system_error>
@@ -109,6 +111,10 @@ void addPluginOption(CLI::App *pCommand, std::string &sPath) {
 }
 
 int loadPlugin(const std::string &sPath, Plugin *pPlugin) {
+    // The library's own check of who serves a socket trusts whom ours trusts.
+    const char *const pszUser = std::getenv(kServiceUserVariable);
+    setenv("KTNET_PEER_USERS",
+           (kServiceUser + std::string(pszUser == nullptr ? "" : "," + std::string(pszUser))).c_str(), 0);
     void *const pHandle = dlopen((sPath.empty() ? ownPlugin() : sPath).c_str(), RTLD_NOW | RTLD_LOCAL);
     if (pHandle == nullptr) {
         return sayAndReturn(EXIT_UNAVAILABLE, std::string("the plug-in cannot be loaded: ") + dlerror());

@@ -7,6 +7,7 @@
 #include "interface.h"
 #include "localsocket.h"
 #include "pluginloader.h"
+#include "sap.h"
 #include "servicemanager.h"
 #include "statekeeper.h"
 #include "viewserver.h"
@@ -32,6 +33,7 @@ struct ServeOptions {
     std::string sPlugin;
     std::string sState;
     std::string sKeep = "90d";
+    bool bSap = false;
 };
 
 constexpr const char *kInterfaceVariable = "KTNET_MULTICAST_IF"; // the framework's senders read it
@@ -194,6 +196,7 @@ int serve(const ServeOptions &options) {
         return sayAndReturn(EXIT_UNAVAILABLE, "the plug-in did not open; its reason is above");
     }
     Audit audit(plugin);
+    const auto sap = options.bSap ? std::make_unique<Sap>(plugin, sInterface) : nullptr;
     const char *const pszMissing = waitUntilServed();
     if (pszMissing != nullptr) {
         closePlugin(plugin, signals);
@@ -228,6 +231,9 @@ int serve(const ServeOptions &options) {
         pState->hurry();
     }
     const int iClosed = closePlugin(plugin, signals);
+    if (sap) {
+        sap->stop();
+    }
     audit.stop();
     if (pState != nullptr) {
         pState->stop();
@@ -248,6 +254,7 @@ void addServeCommand(CLI::App &app, int &iExitCode) {
     auto options = std::make_shared<ServeOptions>();
     pCommand->add_option("--interface", options->sInterface, "send multicast by this interface")
         ->type_name("NAME|ADDRESS");
+    pCommand->add_flag("--sap", options->bSap, "tell players of the transport streams on air (SAP and SDP)");
     addPluginOption(pCommand, options->sPlugin);
     pCommand
         ->add_option("--state", options->sState,

@@ -11,16 +11,16 @@
 
 #include "json.h"
 #include "pluginloader.h"
-#include "statestore.h"
+#include "viewserver.h"
 
 #include <memory>
 #include <string>
 
-class StateKeeper {
+class StateKeeper : public KeptState {
 public:
     // sFolder: where the file is. ulKeep: seconds that the history is kept.
     StateKeeper(const Plugin &plugin, const std::string &sFolder, unsigned long ulKeep);
-    ~StateKeeper();
+    ~StateKeeper() override;
     StateKeeper(const StateKeeper &) = delete;
     StateKeeper &operator=(const StateKeeper &) = delete;
 
@@ -36,14 +36,11 @@ public:
     // Writes what is left, and ends.
     void stop();
 
-    // ---- for the view server; any thread
-
-    // The number of the last event that may be told: the last one in the file. Any, while the file fails.
-    unsigned long lastTold() const;
-    // {"path", "ok", "error", "behind", "restored", "restoring"}. ulEvents: number of the last event.
-    Json status(unsigned long ulEvents) const;
-    // Returns what Store::history does. Throws StoreError.
-    Json history(const HistoryQuery &query) const;
+    // Any event may be told while the file fails.
+    unsigned long lastTold() const override;
+    // {"path", "ok", "error", "behind", "restored", "restoring"}
+    Json status(unsigned long ulEvents) const override;
+    Json history(const HistoryQuery &query) const override;
 
 private:
     struct Work;

@@ -16,7 +16,7 @@
 namespace {
 
 constexpr int kApplication = 0x50434153; // marks the file as one of this program
-constexpr int kBusyMs = 3000;            // how long a lock of another process is waited for
+constexpr int kBusyMs = 1000;            // how long a lock of another process is waited for
 constexpr int kPage = 1000;              // entries of the history in one answer
 constexpr int kPruned = 5000;            // entries removed in one transaction
 constexpr size_t kTextMost = 1024;       // bytes of a message's text in the history

@@ -1,7 +1,6 @@
 #include "viewserver.h"
 
 #include "clitext.h"
-#include "statekeeper.h"
 #include "viewclient.h"
 #include "viewjson.h"
 
@@ -143,7 +142,7 @@ private:
 
 struct ViewServer::Work {
     Plugin plugin;
-    const StateKeeper *pState;
+    const KeptState *pState;
     Router router;
     Endpoint listener{nullptr, [](KTNET_ENDPOINT *pEndpoint) { ktn_xapi_ktnet_delete(&pEndpoint); }};
     int iWake = -1;
@@ -160,7 +159,7 @@ struct ViewServer::Work {
     Clock::time_point acceptAgain;   // after an accept that failed
     Clock::time_point sayAgain;      // of a client that is refused
 
-    Work(const Plugin &loaded, const StateKeeper *pKept) : plugin(loaded), pState(pKept) {
+    Work(const Plugin &loaded, const KeptState *pKept) : plugin(loaded), pState(pKept) {
         router.set_pre_routing_handler([](const httplib::Request &request, httplib::Response &response) {
             if (request.method == "GET" || request.method == "HEAD") {
                 return httplib::Server::HandlerResponse::Unhandled;
@@ -456,7 +455,7 @@ struct ViewServer::Work {
     }
 };
 
-ViewServer::ViewServer(const Plugin &plugin, const StateKeeper *pState)
+ViewServer::ViewServer(const Plugin &plugin, const KeptState *pState)
     : pWork(std::make_unique<Work>(plugin, pState)) {}
 
 ViewServer::~ViewServer() {

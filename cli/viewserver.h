@@ -12,16 +12,29 @@
 #ifndef PCCAST_CLI_VIEWSERVER_H
 #define PCCAST_CLI_VIEWSERVER_H
 
+#include "json.h"
 #include "pluginloader.h"
+#include "statestore.h"
 
 #include <memory>
 
-class StateKeeper;
+// What is kept of the service's state, as far as the view tells of it. Called by the view server's thread.
+class KeptState {
+public:
+    virtual ~KeptState() = default;
+
+    // The number of the last event that may be told.
+    virtual unsigned long lastTold() const = 0;
+    // The view's part about it. ulEvents: number of the last event.
+    virtual Json status(unsigned long ulEvents) const = 0;
+    // Returns what Store::history does. Throws StoreError.
+    virtual Json history(const HistoryQuery &query) const = 0;
+};
 
 class ViewServer {
 public:
     // pState: null when no state is kept. It outlives this.
-    ViewServer(const Plugin &plugin, const StateKeeper *pState);
+    ViewServer(const Plugin &plugin, const KeptState *pState);
     ~ViewServer();
     ViewServer(const ViewServer &) = delete;
     ViewServer &operator=(const ViewServer &) = delete;

@@ -8,8 +8,8 @@
 namespace {
 
 constexpr std::size_t kBufferSize = std::size_t{64} * 1024;
-constexpr unsigned int kParts = 8;                          // of the file, between two places that are read
-constexpr unsigned long long kPlaceBytes = 2 * 1024 * 1024; // bytes read at a place
+constexpr unsigned int kParts = 8;                     // of the file, between two places that are read
+constexpr unsigned long long kPlaceBytes = 2ULL << 20; // bytes read at a place
 constexpr double kUneven = 4; // a part this many times slower than the middle one holds a jump
 
 struct Place {

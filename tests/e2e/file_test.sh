@@ -6,12 +6,12 @@ cp "$samples/sample.nsc" /fixdata/bypass.nsc
 start_service
 start_watch
 
-# A file of 30 s plays on after the end of its request, until it is stopped.
+# A file of 30 s plays on after the end of its request, and is stopped like any other cast.
 cat "$samples"/{sample,sample,sample}.ts >long.ts
 cast=$("$pccast" file long.ts --to 239.77.0.5:5005 --epg 13 --for 2s)
 within 5 grep -q '"kind":"on-air".*"epg":13,' heard
 sleep 2
-"$pccast" stop "$cast"
+"$pccast" stop "$cast" || fail "it plays on"
 within 15 grep -q '"kind":"end".*"epg":13,' heard
 
 "$pccast" receive 239.77.0.5:5005 received.ts >receive.log 2>&1 &

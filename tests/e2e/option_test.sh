@@ -35,7 +35,7 @@ within 5 grep -q "$(group_in_hex 239.77.0.6)" /proc/net/igmp
 "$bin/pccast-feed" short.ts 239.77.0.6:5006 100 --loop --interface 127.0.0.1 >feed.log 2>&1 || fail "$(cat feed.log)"
 wait $receiver || fail "the loop is too short: $(cat receive.log)"
 [ "$(wc -c <received)" -gt "$(wc -c <short.ts)" ] || fail "the file did not begin again"
-cat short.ts short.ts short.ts >expected
-head -c "$(wc -c <received)" expected | cmp - received || fail "the loop sends other bytes"
+cat short.ts short.ts short.ts >looped.ts
+head -c "$(wc -c <received)" looped.ts | cmp - received || fail "the loop sends other bytes"
 refused 64 'no port' "$bin/pccast-feed" short.ts 239.77.0.6
 refused 64 "'x' is not a number" "$pccast" receive 239.77.0.6:5006 received --datagrams x

@@ -53,8 +53,9 @@ refused() {
     grep -q -e "$pattern" refused.log || { cat refused.log >&2; fail "does not say '$pattern': $*"; }
 }
 
+# start_service [OPTION...]
 start_service() {
-    "$pccast" serve >serve.log 2>&1 &
+    "$pccast" serve "$@" >serve.log 2>&1 &
     service=$!
     within 10 grep -q 'serves casts' serve.log
 }

@@ -26,8 +26,8 @@ sleep 1.1
 "$pccast" relay $source 239.77.0.3:5001 --epg 2 --for 1h
 stopped=$("$pccast" relay $source 239.77.0.3:5001 --epg 3 --start +1h)
 "$pccast" stop "$stopped"
-"$pccast" relay $source 239.77.0.3:5001 --epg 4 --start +7s --for 1s
-over=$(($(date +%s) + 9))
+"$pccast" relay $source 239.77.0.3:5001 --epg 4 --start +20s --for 1s
+over=$(($(date +%s) + 22))
 "$pccast" relay $source 239.77.0.3:5001 --epg 5 --start +1h
 "$pccast" message "Fire drill" --repeat 9 --epg 6
 within 5 has '"epg":2,.*"from":' "$pccast" history --json
@@ -76,6 +76,7 @@ runs_on() { # PATTERN
     within 8 grep -q "audit: NOTHING IS KEPT: .*$1" serve.log
     within 5 has '"epg":20,' "$pccast" list --json
     within 5 has "\"ok\":false,\"error\":\".*$1" state
+    has "NOTHING IS KEPT: .*$1" "$pccast" status
     [ "$(grep -c 'NOTHING IS KEPT' serve.log)" -eq 1 ] || fail "said more than once: $1"
 }
 mended() {

@@ -108,6 +108,7 @@ stops 0 'stopped' ended:7 '' --epg 7
 
 # ---- files
 cat "$samples"/{sample,sample,sample}.ts >long.ts
+sleep 1.1 # a request of the same second as the stop before would wait for it
 file=$("$pccast" file long.ts --to 239.77.1.2:7000 --epg 13 --for 2s)
 pending=$(relay 11 --start +2s)
 stops 0 'taken back: the relay of EPG 11' cancelled:11 13 "$pending"

@@ -53,7 +53,7 @@ within 10 is idle-active True
 # ---- a transport stream, and a hostile message over it
 "$pccast" relay 239.77.0.1:4000 239.77.0.2:5000 --epg 7 --for 60s >relay
 due=$(date +%s%N)
-KTNET_MULTICAST_IF=lo "$bin/pccast-feed" long.ts 239.77.0.1:4000 >feed.log 2>&1 &
+"$bin/pccast-feed" "$samples/sample.ts" 239.77.0.1:4000 --interface lo --loop >feed.log 2>&1 &
 within 5 like path '^udp://239.77.0.2:5000?'
 within 10 grep -q 'the picture is there' tune.log
 first=$((($(date +%s%N) - due) / 1000000))

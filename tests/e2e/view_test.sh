@@ -171,9 +171,9 @@ grep -q "^pccast: audit: ended relay $first  the service closes" serve.log || fa
 # For the journal each line has its priority.
 : >serve.log
 JOURNAL_STREAM=$(stat -c %d:%i serve.log) start_service
-"$pccast" relay 192.0.2.1:4000 239.77.0.2:5000 --epg 6 --key $key
+"$pccast" relay 239.77.0.2:5000 239.77.0.2:5000 --epg 6 --key $key && fail "a relay that feeds itself is on air"
 within 5 grep -q '^<6>pccast: audit: filed relay 6:' serve.log
-within 5 grep -q '^<3>pccast: audit: failed relay 6:.*its source cannot be opened' serve.log
+within 5 grep -q '^<3>pccast: audit: failed relay 6:.*it would feed itself' serve.log
 end_service INT
 
 # Many requests are listed within a second, in their order. Events that are no longer kept are told as lost.
