@@ -46,7 +46,7 @@ std::string closedTo(const std::string &sPath, uid_t uiUser) {
     }
     const std::vector<gid_t> groups = groupsOf(uiUser);
     for (size_t uEnd = 0; uEnd != std::string::npos; uEnd = sPath.find('/', uEnd + 1)) {
-        const std::string sFolder = uEnd == 0 ? "/" : sPath.substr(0, uEnd);
+        std::string sFolder = uEnd == 0 ? "/" : sPath.substr(0, uEnd);
         if (!isOpen(sFolder, uiUser, groups, S_IXOTH)) {
             return sFolder;
         }

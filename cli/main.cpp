@@ -37,6 +37,15 @@ Exit codes:
   69  no service listens, or it cannot be started, or watch heard too few datagrams
   70  the program or the system failed, or a result cannot be written
   78  the registry switches the service off
+What became of a request:
+  80  the service refused it, or lost it
+  81  the cast could not start, or could not go on
+  82  it was stopped or cancelled
+  83  a newer one took its place for good
+  84  its end came before its turn
+  85  the service was closed
+  86  the service did not say
+ 130  Ctrl-C ended --follow
 
 More about a command: pccast help COMMAND
 Example:

@@ -223,7 +223,9 @@ std::string progressLine(const Json &view, const Json &request, unsigned long ul
         return waitText(view, request);
     }
     const std::string sBar = onAirBar(view, request);
-    return sBar + (sBar.empty() ? "" : " ") + sTraffic;
+    const std::string sBoth = sBar + (sBar.empty() ? "" : " ") + sTraffic;
+    // The loss of a relay is of more use than how much of its time is over.
+    return textAt(request, "kind") == "relay" && textColumns(sBoth) >= terminalColumns() ? sTraffic : sBoth;
 }
 
 // Whether a request that has been taken off the air is off for good.

@@ -60,8 +60,8 @@ follows 82 'ended relay .* by stop 22:' relay 22 --for 10m
 follows 83 'it will not return' file "$samples/sample.ts" 23 --for 10m
 follows 84 'expired file' file "$samples/sample.ts" 25 --for 2s
 "$pccast" stop --all 2>stopped
-(sleep 2; "$pccast" relay $source 239.77.1.1:6024 --epg 24 --for 10m 2>newer >newer) &
-follows 83 'it will not return\|expired relay' relay 26 --for 4s
+(sleep 3; "$pccast" relay $source 239.77.1.1:6024 --epg 24 --for 10m 2>newer >newer) &
+follows 83 'it will not return\|expired relay' relay 26 --for 7s
 "$pccast" stop --all 2>stopped
 
 # ---- Ctrl-C leaves it on air; the end of the service is told
@@ -75,7 +75,7 @@ status=0
 wait $follower || status=$?
 [ "$status" -eq 130 ] || fail "Ctrl-C: exit code $status"
 said 'no longer following; what was requested goes on'
-"$pccast" list | grep -q 'on air *27' || fail "Ctrl-C has stopped the relay"
+grep -q 'on air *27' <<<"$("$pccast" list)" || fail "Ctrl-C has stopped the relay"
 (sleep 2; kill -TERM $service) &
 follows 85 'the service closes\|has been closed' relay 28 --for 10m
 wait $service

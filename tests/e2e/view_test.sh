@@ -184,7 +184,7 @@ started=$(date +%s%N)
 "$pccast" list >list.log
 took=$((($(date +%s%N) - started) / 1000000))
 [ "$(wc -l <list.log)" -eq 10001 ] || fail "list has $(wc -l <list.log) lines"
-[ $took -lt 1000 ] || fail "list took $took ms"
+ldd "$pccast" | grep -q 'lib[at]san' || [ $took -lt 1000 ] || fail "list took $took ms" # a sanitizer takes ten times as long
 "$pccast" list --json | grep -o '"start":[0-9]*' >starts
 sort -c starts || fail "list is not in the order of the starts"
 get /v1/events >full.json
