@@ -212,7 +212,7 @@ TEST_F(ViewTest, EveryWayOfAMessageHasItsEvents) {
     say(7, 200, "ffff", 0, 9);
     EXPECT_TRUE(script::settle(200));
     EXPECT_LE(events().size(), 8u);
-    EXPECT_EQ(places().find("4"), std::string::npos);
+    EXPECT_EQ(places().find('4'), std::string::npos);
 }
 
 TEST_F(ViewTest, RingKeepsTheLastEvents) {
@@ -221,7 +221,7 @@ TEST_F(ViewTest, RingKeepsTheLastEvents) {
         viewRefused(pInfo, PCCAST_REASON_LOCK);
         ELIMINATECASTInfo(&pInfo);
     }
-    PCCASTEvent *pEvents = new PCCASTEvent[2 * PCCAST_EVENTS_KEPT];
+    PCCASTEvent *pEvents = new PCCASTEvent[size_t{2} * PCCAST_EVENTS_KEPT];
     const int iRead = READPCCASTEvents(0, pEvents, 2 * PCCAST_EVENTS_KEPT);
     EXPECT_EQ(iRead, PCCAST_EVENTS_KEPT);
     EXPECT_EQ(pEvents[iRead - 1].ulNumber, pEvents[0].ulNumber + PCCAST_EVENTS_KEPT - 1);
