@@ -247,7 +247,7 @@ TEST_F(StateTest, RestoredRequestKeepsItsRow) {
 }
 
 TEST_F(StateTest, MissedEventsAreMadeUpForByASnapshot) {
-    for (const unsigned long ulRequest : {1, 2, 3}) {
+    for (const unsigned long ulRequest : {1ul, 2ul, 3ul}) {
         tell(event(PCCAST_EVENT_FILED, ulRequest), relay(ulRequest));
     }
     tell(event(PCCAST_EVENT_STARTED, 1), relay(1));

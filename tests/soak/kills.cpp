@@ -219,6 +219,7 @@ void live(pid_t iService, int iOperations, std::mt19937 *pRandom) {
 
 } // namespace
 
+// NOLINTNEXTLINE(bugprone-exception-escape): what a test does not expect ends it.
 int main(int iArguments, char **ppArguments) {
     if (iArguments < 3) {
         std::fprintf(stderr, "usage: kills PROGRAM FOLDER [KILLS [SEED]]\n");
