@@ -66,10 +66,11 @@ std::string outcomeOf(const Json &entry) {
 std::vector<std::string> historyLines(const std::vector<Json> &entries) {
     std::vector<std::string> lines;
     for (const Json &entry : entries) {
-        const std::string sEnd = timeOf(entry, "until", "now");
         const std::string sFrom = timeOf(entry, "from", "");
-        lines.push_back((sFrom.empty() ? "not on air, " + sEnd : sFrom + " to " + sEnd) + "  " +
-                        textOf(entry, "kind") + " " + textOf(entry, "identity") + "  " + whatOf(entry));
+        std::string sLine = sFrom.empty() ? "not on air, " : sFrom + " to ";
+        sLine += timeOf(entry, "until", "now");
+        sLine += "  " + textOf(entry, "kind") + " " + textOf(entry, "identity") + "  " + whatOf(entry);
+        lines.push_back(std::move(sLine));
         lines.push_back("    " + outcomeOf(entry));
     }
     return lines;
@@ -78,7 +79,8 @@ std::vector<std::string> historyLines(const std::vector<Json> &entries) {
 std::string historyCSVHead() {
     std::string sHead;
     for (const char *pszColumn : kColumns) {
-        sHead += (sHead.empty() ? "" : ",") + std::string(pszColumn);
+        sHead += sHead.empty() ? "" : ",";
+        sHead += pszColumn;
     }
     return sHead;
 }
@@ -91,9 +93,11 @@ std::string historyCSV(const Json &entry) {
             for (size_t u = 0; (u = sField.find('"', u)) != std::string::npos; u += 2) {
                 sField.insert(u, 1, '"');
             }
-            sField = "\"" + sField + "\"";
+            sField.insert(0, 1, '"');
+            sField += '"';
         }
-        sRow += (pszColumn == kColumns[0] ? "" : ",") + sField;
+        sRow += pszColumn == kColumns[0] ? "" : ",";
+        sRow += sField;
     }
     return sRow;
 }

@@ -118,6 +118,9 @@ locker=$!
 exec 9>orders
 echo 'BEGIN EXCLUSIVE; SELECT 1;' >&9
 within 5 grep -q 1 locker.log
+before=$(date +%s%N)
+"$pccast" relay $source 239.77.0.4:5004 --epg 22 --start +1h >/dev/null 2>&1
+[ $((($(date +%s%N) - before) / 1000000)) -gt 500 ] || fail "a request was confirmed before it was in the file"
 runs_on 'locked'
 exec 9>&-
 wait $locker

@@ -60,7 +60,7 @@ done
 # pccast(1) names every long option that a command's help shows.
 sed 's/\\-/-/g; s/\\f[RPBI]//g' "$prefix/share/man/man1/pccast.1" |
     sed -n '/^\.SH COMMANDS/,/^\.SH EXIT/p' >commands.txt
-for command in serve relay file stop message cancel watch station; do
+for command in serve relay file stop message cancel history watch station; do
     for option in $("$prefix/bin/pccast" $command --help | grep -oE '^ +(-[a-z],)?--[a-z-]+' | grep -oE -- '--[a-z-]+'); do
         [ "$option" = --help ] || grep -qE -- "$option( |$)" commands.txt ||
             fail "pccast(1) does not tell of $command's $option"

@@ -11,6 +11,7 @@
 #include <pccast/pccast.h>
 
 #include <sqlite3.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,6 +22,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <exception>
 #include <map>
 #include <random>
 #include <string>
@@ -56,6 +58,7 @@ unsigned long gStopped = 0;
 pid_t startService(const char *pszProgram, const char *pszFolder) {
     const pid_t iService = fork();
     if (iService == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL); // when the test fails
         if (std::freopen("service.log", "a", stdout) == nullptr) {
             _exit(127);
         }
@@ -217,10 +220,7 @@ void live(pid_t iService, int iOperations, std::mt19937 *pRandom) {
     waitpid(iService, nullptr, 0);
 }
 
-} // namespace
-
-// NOLINTNEXTLINE(bugprone-exception-escape): what a test does not expect ends it.
-int main(int iArguments, char **ppArguments) {
+int run(int iArguments, char **ppArguments) {
     if (iArguments < 3) {
         std::fprintf(stderr, "usage: kills PROGRAM FOLDER [KILLS [SEED]]\n");
         return 64;
@@ -257,4 +257,15 @@ int main(int iArguments, char **ppArguments) {
         "start with %zu requests known took %ld ms\n",
         iKills, ulSeed, gConfirmed, gStopped, gKnown.size(), lLongest);
     return gConfirmed > 0 && gStopped > 0 ? 0 : 1;
+}
+
+} // namespace
+
+int main(int iArguments, char **ppArguments) {
+    try {
+        return run(iArguments, ppArguments);
+    } catch (const std::exception &error) {
+        std::fprintf(stderr, "FAILED: %s\n", error.what());
+        return 1;
+    }
 }
