@@ -38,9 +38,11 @@ constexpr std::array<const char *, 20> kArguments{
     // The first picture soon, and no more than a moment kept of a live stream.
     "--demuxer-lavf-analyzeduration=1", "--cache=yes", "--cache-pause-wait=0.5", "--demuxer-max-bytes=32MiB",
     "--demuxer-max-back-bytes=0"};
-// Nobody at the keyboard of a kiosk shall steer the player.
-constexpr std::array<const char *, 4> kFullScreen{"--fullscreen=yes", "--input-default-bindings=no",
-                                                  "--input-vo-keyboard=no", "--cursor-autohide=always"};
+// Nobody at the keyboard of a kiosk shall steer the player. The geometry is for a screen without a window
+// manager.
+constexpr std::array<const char *, 5> kFullScreen{"--fullscreen=yes", "--geometry=100%x100%+0+0",
+                                                  "--input-default-bindings=no", "--input-vo-keyboard=no",
+                                                  "--cursor-autohide=always"};
 
 std::string errorText(const char *pszWhat) {
     return std::string(pszWhat) + ": " + std::strerror(errno);
@@ -74,6 +76,7 @@ void closePipe(Player *pPlayer) {
 void load(Player *pPlayer, const std::string &sPath, const char *pszFormat) {
     playerSend(pPlayer, Json{{"command", {"set_property", "demuxer-lavf-format", pszFormat}}});
     playerSend(pPlayer, Json{{"command", {"set_property", "pause", false}}}); // a live cast waits for nobody
+    pPlayer->bLoading = true;
     playerSend(pPlayer, Json{{"command", {"loadfile", sPath, "replace"}}});
 }
 
@@ -188,7 +191,9 @@ std::vector<Json> playerReceive(Player *pPlayer) {
         size_t uEnd = 0;
         while ((uEnd = pPlayer->sReceived.find('\n')) != std::string::npos) {
             Json message = Json::parse(pPlayer->sReceived.substr(0, uEnd), nullptr, false);
-            if (message.is_object()) {
+            const std::string sEvent = playerEvent(message);
+            pPlayer->bLoading = pPlayer->bLoading && sEvent != "start-file";
+            if (message.is_object() && !(pPlayer->bLoading && sEvent == "end-file")) {
                 messages.push_back(std::move(message));
             }
             pPlayer->sReceived.erase(0, uEnd + 1);
@@ -199,6 +204,11 @@ std::vector<Json> playerReceive(Player *pPlayer) {
         pPlayer->socket = Descriptor();
     }
     return messages;
+}
+
+std::string playerEvent(const Json &message) {
+    const auto event = message.is_object() ? message.find("event") : message.end();
+    return event != message.end() && event->is_string() ? event->get<std::string>() : "";
 }
 
 void playerPlayURL(Player *pPlayer, const std::string &sURL) {

@@ -38,6 +38,7 @@ struct Player {
     Descriptor socket;  // to the process; -1: it does not listen yet
     std::string sUnsent;
     std::string sReceived;
+    bool bLoading = false;    // it has not yet begun what it was told to show last
     Descriptor pipe;          // what an ASF cast is written to
     unsigned int uiPipes = 0; // made so far
     std::string sPipe;        // its path
@@ -57,8 +58,12 @@ bool playerConnect(Player *pPlayer);
 // socket is closed.
 void playerSend(Player *pPlayer, const Json &command);
 
-// Sends what was kept, and returns the messages that have come. The socket is closed when that fails.
+// Sends what was kept, and returns the messages that have come, but for the end of what was shown before the
+// last command to show something. The socket is closed when that fails.
 std::vector<Json> playerReceive(Player *pPlayer);
+
+// The kind of event that a message is; empty for an answer.
+std::string playerEvent(const Json &message);
 
 // Shows a transport stream. sURL is ours. Shows what is written by playerWrite from now on: an ASF file.
 void playerPlayURL(Player *pPlayer, const std::string &sURL);

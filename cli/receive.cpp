@@ -293,7 +293,7 @@ void addReceiveCommand(CLI::App &app, int &iExitCode) {
         app.add_subcommand("receive", "write what a group gets, or what is on air, to a file");
     auto options = std::make_shared<ReceiveOptions>();
     pCommand
-        ->add_option("what", options->arguments,
+        ->add_option("FILE", options->arguments,
                      "the group or address to receive, and the file to write; with --on-air the file alone; "
                      "- is standard output")
         ->type_name("[ADDRESS:PORT] FILE")

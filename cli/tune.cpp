@@ -41,7 +41,7 @@ constexpr unsigned long kAsk = 500;         // ms between two questions to the p
 constexpr unsigned long kStill = 4'000;     // ms that a picture may stand still
 constexpr unsigned long kFirst = 15'000;    // ms for the first picture: the stream may have few to begin with
 constexpr unsigned long kAnswer = 10'000;   // ms for the player to answer, and for it to listen at first
-constexpr unsigned long kLived = 10'000;    // ms after which a player counts as one that runs
+constexpr unsigned long kLived = 10'000;    // ms after which a player runs, even without a picture
 constexpr unsigned long kRestartFirst = 200;   // ms, doubled by each player that did not run
 constexpr unsigned long kRestartMost = 10'000; // ms
 constexpr int kOverlay = 1;                    // the player's number for the message
@@ -192,6 +192,7 @@ void startPlayer(Tune *pTune) {
     pTune->ulStarted = now();
     pTune->ulAnswered = now();
     pTune->bConnected = false;
+    pTune->bMoving = false;
     if (!sProblem.empty()) {
         say(sProblem);
         pTune->ulRestart = now() + kRestartMost;
@@ -200,8 +201,9 @@ void startPlayer(Tune *pTune) {
 
 void reapPlayer(Tune *pTune) {
     const std::string sEnd = playerReap(&pTune->player);
-    pTune->ulPause =
-        now() - pTune->ulStarted >= kLived ? kRestartFirst : std::min(pTune->ulPause * 2, kRestartMost);
+    pTune->ulPause = pTune->bMoving || now() - pTune->ulStarted >= kLived
+                         ? kRestartFirst
+                         : std::min(pTune->ulPause * 2, kRestartMost);
     pTune->ulRestart = now() + pTune->ulPause;
     say("the player has ended (" + sEnd + "); it is started again");
 }
@@ -209,9 +211,7 @@ void reapPlayer(Tune *pTune) {
 void hearPlayer(Tune *pTune) {
     for (const Json &message : playerReceive(&pTune->player)) {
         pTune->ulAnswered = now();
-        const std::string sEvent = message.contains("event") && message["event"].is_string()
-                                       ? message["event"].get<std::string>()
-                                       : "";
+        const std::string sEvent = playerEvent(message);
         const auto reason = message.find("reason");
         if (sEvent == "end-file" && reason != message.end() && (*reason == "eof" || *reason == "error")) {
             pTune->ulReplay = now() + kAsk;
@@ -219,8 +219,9 @@ void hearPlayer(Tune *pTune) {
             pTune->bMoving = true;
             pTune->ulMoved = now();
             say("the picture is there");
-        } else if (message.value("request_id", Json(0)) == kPosition && message.contains("data") &&
-                   message["data"].is_number() && message["data"].get<double>() != pTune->dPosition) {
+        } else if (message.contains("request_id") && message["request_id"] == kPosition &&
+                   message.contains("data") && message["data"].is_number() &&
+                   message["data"].get<double>() != pTune->dPosition) {
             pTune->dPosition = message["data"].get<double>();
             pTune->ulMoved = now();
         }

@@ -1,4 +1,4 @@
-# cpack -G DEB: the Debian packages pccast and pccast-dev, one of each install component. A build that is
+# cpack -G DEB: the Debian packages pccast, pccast-receiver and pccast-dev, one of each install component. A build that is
 # configured with CMAKE_INSTALL_PREFIX=/usr puts the libraries into Debian's folder of the architecture, any other
 # into /usr/lib; both work.
 set(PCCAST_DEBIAN ${PROJECT_SOURCE_DIR}/packaging/debian)
@@ -11,7 +11,7 @@ set(CPACK_PACKAGE_CONTACT "${PCCAST_PACKAGE_MAINTAINER}")
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
-set(CPACK_COMPONENTS_ALL runtime development)
+set(CPACK_COMPONENTS_ALL runtime receiver development)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 # Owner root and no write permission for the group, whatever the umask of the one who builds.
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
@@ -36,6 +36,21 @@ broadcasts text messages.
 
 This package has the plug-in, the program that hosts it and hands requests
 to it, a systemd unit, and samples.")
+
+# tune and receive are commands of the program pccast, so this package needs that of the program.
+set(CPACK_DEBIAN_RECEIVER_PACKAGE_NAME pccast-receiver)
+set(CPACK_DEBIAN_RECEIVER_PACKAGE_SECTION video)
+set(CPACK_DEBIAN_RECEIVER_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_RECEIVER_PACKAGE_DEPENDS "pccast (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_RECEIVER_PACKAGE_RECOMMENDS mpv)
+set(CPACK_DEBIAN_RECEIVER_PACKAGE_SUGGESTS python3)
+set(CPACK_COMPONENT_RECEIVER_DESCRIPTION
+"PCCAST relays live UDP streams to multicast groups, plays stored files to
+them, announces what is on air, and broadcasts text messages.
+
+This package makes a machine a receiver: with pccast tune it shows the cast
+that is on air, and messages over it. It has the systemd user unit for a
+screen, and an example of a receiver of one's own.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME pccast-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)

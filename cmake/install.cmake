@@ -1,5 +1,5 @@
-# What cmake --install puts where, in two components: runtime (what an operator runs) and development (what a
-# component's developer builds with). packaging/ has the files that exist for the installed system alone.
+# What cmake --install puts where, in three components: runtime (what an operator runs), receiver (what a screen
+# needs besides) and development (what a component's developer builds with). packaging/ has the files that exist for the installed system alone.
 include(CMakePackageConfigHelpers)
 
 set(PCCAST_PACKAGING ${PROJECT_SOURCE_DIR}/packaging)
@@ -48,6 +48,12 @@ install(FILES
     ${PROJECT_SOURCE_DIR}/SECURITY.md
     ${PROJECT_SOURCE_DIR}/LICENSE
     DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT runtime)
+# The receiver is the program of the runtime. What a screen needs besides is the unit, and the player, which the
+# Debian package asks for.
+install(FILES ${PCCAST_PACKAGING}/pccast-tune.service DESTINATION lib/systemd/user COMPONENT receiver)
+install(PROGRAMS ${PROJECT_SOURCE_DIR}/examples/receiver.py
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/pccast-receiver/examples COMPONENT receiver)
+
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT runtime)
 
 # ---- development

@@ -314,7 +314,7 @@ TEST(Tune, AMillionMutationsGiveNoCommandButTexts) {
         for (size_t i = 1 + below(4); i > 0; --i) {
             const size_t uAt = below(bytes.size());
             if (uAt < 20 || uAt >= 24) {
-                bytes[uAt] = static_cast<char>(bytes[uAt] ^ (1 + below(255)));
+                bytes[uAt] = static_cast<char>(static_cast<unsigned char>(bytes[uAt]) ^ (1 + below(255)));
             }
         }
         if (below(8) == 0) {

@@ -44,7 +44,8 @@ wait $service || fail "the installed service: $(cat serve.log)"
 # ---- files that others look for by name
 for file in share/man/man1/{pccast,diagpccast,pccast-feed}.1 share/man/man3/pccast.3 \
     share/bash-completion/completions/pccast share/zsh/vendor-completions/_pccast \
-    share/fish/vendor_completions.d/pccast.fish lib/systemd/system/pccast.service lib/sysusers.d/pccast.conf \
+    share/fish/vendor_completions.d/pccast.fish lib/systemd/system/pccast.service \
+    lib/systemd/user/pccast-tune.service lib/sysusers.d/pccast.conf \
     share/pccast/pccast.lua share/pccast/samples/{sample.asf,sample.ts,sample.nsc,CASTFILE.asf,CASTFILE2.asf}; do
     [ -s "$prefix/$file" ] || fail "$file is not there"
 done
@@ -60,7 +61,7 @@ done
 # pccast(1) names every long option that a command's help shows.
 sed 's/\\-/-/g; s/\\f[RPBI]//g' "$prefix/share/man/man1/pccast.1" |
     sed -n '/^\.SH COMMANDS/,/^\.SH EXIT/p' >commands.txt
-for command in serve relay file stop message cancel history watch station; do
+for command in serve relay file stop message cancel history watch tune receive station; do
     for option in $("$prefix/bin/pccast" $command --help | grep -oE '^ +(-[a-z],)?--[a-z-]+' | grep -oE -- '--[a-z-]+'); do
         [ "$option" = --help ] || grep -qE -- "$option( |$)" commands.txt ||
             fail "pccast(1) does not tell of $command's $option"
