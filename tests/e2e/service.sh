@@ -44,6 +44,14 @@ counted() {
     [ "$(grep -c -e "$2" "$3")" -ge "$1" ]
 }
 
+# prints PATTERN COMMAND...: the command's whole output has the pattern. (In a pipe, grep -q would end before the command
+# does, and pipefail would count that as the command's failure.)
+prints() {
+    local pattern=$1 output
+    shift
+    output=$("$@") && grep -q -e "$pattern" <<<"$output"
+}
+
 # refused CODE PATTERN COMMAND...: the command ends with the exit code and says the pattern.
 refused() {
     local code=$1 pattern=$2 status=0

@@ -13,11 +13,6 @@ start_with_state() { # [FOLDER]
 state() { # JQ-free: the part of the view that tells of the state
     "$pccast" status --json | grep -o '"state":{[^}]*}'
 }
-has() { # PATTERN COMMAND...
-    local pattern=$1
-    shift
-    "$@" | grep -q -e "$pattern"
-}
 
 # ---- a restart
 start_with_state
@@ -30,11 +25,11 @@ stopped=$("$pccast" relay $source 239.77.0.3:5001 --epg 3 --start +1h)
 over=$(($(date +%s) + 22))
 "$pccast" relay $source 239.77.0.3:5001 --epg 5 --start +1h
 "$pccast" message "Fire drill" --repeat 9 --epg 6
-within 5 has '"epg":2,.*"from":' "$pccast" history --json
-within 5 has '"broadcasts":1' "$pccast" history --json
+within 5 prints '"epg":2,.*"from":' "$pccast" history --json
+within 5 prints '"broadcasts":1' "$pccast" history --json
 "$bin/pccast-feed" "$samples/sample.ts" $source 5000 >feed.log 2>&1 &
 "$pccast" receive 239.77.0.3:5001 received --datagrams 100000 --wait 20s >receive.log 2>&1 &
-within 5 has '"datagrams":[1-9]' "$pccast" history --json --epg 2
+within 5 prints '"datagrams":[1-9]' "$pccast" history --json --epg 2
 kill -KILL "$service"
 wait "$service" || true
 sleep $((over - $(date +%s)))
@@ -74,14 +69,14 @@ refused 66 'unable to open' "$pccast" history --state /nowhere
 runs_on() { # PATTERN
     "$pccast" relay $source 239.77.0.4:5004 --epg 20 --start +1h --for 10s >/dev/null 2>&1
     within 8 grep -q "audit: NOTHING IS KEPT: .*$1" serve.log
-    within 5 has '"epg":20,' "$pccast" list --json
-    within 5 has "\"ok\":false,\"error\":\".*$1" state
-    has "NOTHING IS KEPT: .*$1" "$pccast" status
+    within 5 prints '"epg":20,' "$pccast" list --json
+    within 5 prints "\"ok\":false,\"error\":\".*$1" state
+    prints "NOTHING IS KEPT: .*$1" "$pccast" status
     [ "$(grep -c 'NOTHING IS KEPT' serve.log)" -eq 1 ] || fail "said more than once: $1"
 }
 mended() {
     within 8 grep -q 'the state is kept again' serve.log
-    within 5 has '"ok":true,"behind":0' state
+    within 5 prints '"ok":true,"behind":0' state
     end_service TERM
     [ "$(sqlite3 "$1/pccast.db" 'SELECT count(*) FROM request WHERE epg = 20')" -gt 0 ] || fail "$1 is not made up for"
 }
@@ -103,7 +98,7 @@ umount readonly
 mkdir small
 mount -t tmpfs -o size=200k small small
 start_with_state "$work/small"
-within 5 has '"ok":true' state
+within 5 prints '"ok":true' state
 dd if=/dev/zero of=small/filler bs=1k 2>dd.log || true
 "$pccast" message "$(printf '%060000d' 0)" --epg 21 --start +1h >/dev/null 2>&1
 runs_on 'full'
@@ -130,7 +125,7 @@ printf 'no database at all, and longer than a header of one would be: %0200d' 0 
 start_with_state
 grep -q 'pccast.db is damaged (file is not a database): moved to .*corrupt-' serve.log || fail "nothing said of the damage"
 [ "$(head -c 11 state/pccast.db.corrupt-*Z)" = 'no database' ] || fail "the damaged file was changed"
-has '"ok":true' state || fail "no new file was begun"
+prints '"ok":true' state || fail "no new file was begun"
 end_service TERM
 
 sqlite3 state/pccast.db 'PRAGMA user_version = 99; PRAGMA wal_checkpoint(TRUNCATE)' >/dev/null
@@ -151,4 +146,4 @@ export NOTIFY_SOCKET=$work/notices WATCHDOG_USEC=600000
 start_with_state
 within 5 counted 3 WATCHDOG=1 notices.log
 end_service TERM
-[ "$(grep -c READY=1 notices.log)" -eq 1 ] && tail -n 1 notices.log | grep -q STOPPING=1 || fail "notices: $(cat notices.log)"
+[ "$(grep -c READY=1 notices.log)" -eq 1 ] && prints STOPPING=1 tail -n 1 notices.log || fail "notices: $(cat notices.log)"

@@ -34,7 +34,7 @@ for line in player.makefile():
 END
 }
 is() { [ "$(property "$1")" = "$2" ]; }
-like() { property "$1" | grep -q -e "$2"; }
+like() { prints "$2" property "$1"; }
 # The picture moves, and nothing but frames has been decoded.
 plays() {
     local before after

@@ -27,7 +27,7 @@ cd "$work"
 # ---- programs
 grep -q '^pccast [0-9]' <<<"$("$prefix/bin/pccast" --version)" || fail "pccast does not run"
 grep -q 'serve .*run the service' <<<"$("$prefix/bin/pccast" --help)" || fail "pccast --help"
-"$prefix/bin/pccast-feed" --version | grep -q '^pccast-feed [0-9]' || fail "pccast-feed does not run"
+grep -q '^pccast-feed [0-9]' <<<"$("$prefix/bin/pccast-feed" --version)" || fail "pccast-feed does not run"
 missing=$(find "$prefix" \( -path '*/bin/*' -o -name '*.so*' \) -exec ldd {} + | grep 'not found' || true)
 [ -z "$missing" ] || fail "libraries are not found: $missing"
 elsewhere=$(ldd "$prefix/bin/diagpccast" | grep -E 'pccast|qxapi|vexa' | grep -v "$prefix" || true)
