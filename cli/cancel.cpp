@@ -1,10 +1,10 @@
 // pccast cancel - takes a message back.
+#include "command.h"
 #include "commands.h"
 #include "revoke.h"
 #include "submit.h"
 #include "viewclient.h"
 
-#include <CLI/CLI.hpp>
 #include <vexa_pgl.h>
 
 #include <memory>
@@ -91,15 +91,13 @@ int cancel(const CancelOptions &options) {
 } // namespace
 
 void addCancelCommand(CLI::App &app, int &iExitCode) {
-    auto *const pCommand = app.add_subcommand("cancel", "take a message back");
+    const Command command(app, "cancel", "take a message back");
     auto options = std::make_shared<CancelOptions>();
-    pCommand->add_option("IDENTITY", options->sIdentity, "the line that message printed")
-        ->type_name("")
-        ->required();
-    pCommand->add_flag("--priority", options->bPriority,
-                       "it was a priority message; not needed when IDENTITY ends in :priority");
-    addServiceOptions(pCommand, options->service);
-    pCommand->footer(helpExample("pccast cancel 1:1790000000:1790000000:1790000600:priority"));
+    command.option("IDENTITY", options->sIdentity, "the line that message printed").type("").required();
+    command.flag("--priority", options->bPriority,
+                 "it was a priority message; not needed when IDENTITY ends in :priority");
+    addServiceOptions(command, options->service);
+    command.footer(helpExample("pccast cancel 1:1790000000:1790000000:1790000600:priority"));
     setRequestAction(
-        pCommand, [options] { return cancel(*options); }, iExitCode);
+        command, [options] { return cancel(*options); }, iExitCode);
 }

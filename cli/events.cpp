@@ -1,9 +1,8 @@
 // pccast events - shows what has happened, and what happens.
 #include "clitext.h"
+#include "command.h"
 #include "commands.h"
 #include "viewcommand.h"
-
-#include <CLI/CLI.hpp>
 
 #include <climits>
 #include <cstdio>
@@ -56,13 +55,12 @@ int events(const EventsOptions &options) {
 } // namespace
 
 void addEventsCommand(CLI::App &app, int &iExitCode) {
-    auto *const pCommand =
-        app.add_subcommand("events", "show what has happened to every request, oldest first");
+    const Command command(app, "events", "show what has happened to every request, oldest first");
     auto options = std::make_shared<EventsOptions>();
-    pCommand->add_flag("--follow", options->bFollow, "go on with what happens, until the service ends");
-    pCommand->add_flag("--json", options->bJSON, "one JSON object for each event");
-    pCommand->add_option("--after", options->sAfter, "only events with numbers above this")->type_name("N");
-    pCommand->footer("The service keeps the last 1024 events.\n\n" +
-                     helpExample("pccast events --json | jq 'select(.event == \"failed\")'"));
-    pCommand->callback([options, &iExitCode] { iExitCode = events(*options); });
+    command.flag("--follow", options->bFollow, "go on with what happens, until the service ends");
+    command.flag("--json", options->bJSON, "one JSON object for each event");
+    command.option("--after", options->sAfter, "only events with numbers above this").type("N");
+    command.footer("The service keeps the last 1024 events.\n\n" +
+                   helpExample("pccast events --json | jq 'select(.event == \"failed\")'"));
+    command.action([options, &iExitCode] { iExitCode = events(*options); });
 }

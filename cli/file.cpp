@@ -1,4 +1,5 @@
 // pccast file - submits the cast of a stored file.
+#include "command.h"
 #include "commands.h"
 #include "fileaccess.h"
 #include "localsocket.h"
@@ -7,7 +8,6 @@
 
 #include "asffile.h"
 
-#include <CLI/CLI.hpp>
 #include <fcntl.h>
 #include <qxapi.h>
 #include <sys/stat.h>
@@ -126,21 +126,20 @@ int castFile(const FileOptions &options) {
 } // namespace
 
 void addFileCommand(CLI::App &app, int &iExitCode) {
-    auto *const pCommand = app.add_subcommand("file", "cast a stored ASF or transport stream file");
+    const Command command(app, "file", "cast a stored ASF or transport stream file");
     auto options = std::make_shared<FileOptions>();
-    pCommand->add_option("PATH", options->sPath, "the file")->type_name("")->required();
-    pCommand
-        ->add_option(
-            "--to", options->sDestination,
-            "the group that it is played to; an ASF file goes to the group that its station file names")
-        ->type_name("ADDRESS:PORT")
-        ->required();
-    addRequestOptions(pCommand, options->request, "1h; the file plays to its end anyway");
-    pCommand->add_option("--format", options->sFormat, "what it is (default: found from its content)")
-        ->type_name("ts|asf|NUMBER");
-    pCommand->add_option("--stream-id", options->sMSID, "the stream identifier (default 0)")->type_name("N");
-    pCommand->footer("Prints the cast's identity, which pccast stop takes back.\n\n" +
-                     helpExample("pccast file /srv/film.ts --to 239.1.2.3:5000 --epg 8 --start 20:15"));
+    command.option("PATH", options->sPath, "the file").type("").required();
+    command
+        .option("--to", options->sDestination,
+                "the group that it is played to; an ASF file goes to the group that its station file names")
+        .type("ADDRESS:PORT")
+        .required();
+    addRequestOptions(command, options->request, "1h; the file plays to its end anyway");
+    command.option("--format", options->sFormat, "what it is (default: found from its content)")
+        .type("ts|asf|NUMBER");
+    command.option("--stream-id", options->sMSID, "the stream identifier (default 0)").type("N");
+    command.footer("Prints the cast's identity, which pccast stop takes back.\n\n" +
+                   helpExample("pccast file /srv/film.ts --to 239.1.2.3:5000 --epg 8 --start 20:15"));
     setRequestAction(
-        pCommand, [options] { return castFile(*options); }, iExitCode);
+        command, [options] { return castFile(*options); }, iExitCode);
 }

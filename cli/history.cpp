@@ -1,11 +1,11 @@
 // pccast history - shows what was really on air.
 #include "clitext.h"
+#include "command.h"
 #include "commands.h"
 #include "historytext.h"
 #include "statestore.h"
 #include "viewcommand.h"
 
-#include <CLI/CLI.hpp>
 #include <vexa_pgl.h>
 
 #include <algorithm>
@@ -96,19 +96,16 @@ int history(const HistoryOptions &options) {
 } // namespace
 
 void addHistoryCommand(CLI::App &app, int &iExitCode) {
-    auto *const pCommand = app.add_subcommand("history", "show what was really on air, from when to when");
+    const Command command(app, "history", "show what was really on air, from when to when");
     auto options = std::make_shared<HistoryOptions>();
-    pCommand->add_option("--since", options->sSince, "what was on air then, or later")
-        ->type_name("TIME|DURATION");
-    pCommand->add_option("--epg", options->sEPG, "of this programme alone")->type_name("N");
-    auto *const pJSON = pCommand->add_flag("--json", options->bJSON, "one JSON object for each entry");
-    pCommand->add_flag("--csv", options->bCSV, "comma-separated values, with a head")->excludes(pJSON);
-    pCommand
-        ->add_option("--state", options->sState,
-                     "read the file of this folder, instead of asking the service")
-        ->type_name("FOLDER");
-    pCommand->footer(
+    command.option("--since", options->sSince, "what was on air then, or later").type("TIME|DURATION");
+    command.option("--epg", options->sEPG, "of this programme alone").type("N");
+    const Option json = command.flag("--json", options->bJSON, "one JSON object for each entry");
+    command.flag("--csv", options->bCSV, "comma-separated values, with a head").excludes(json);
+    command.option("--state", options->sState, "read the file of this folder, instead of asking the service")
+        .type("FOLDER");
+    command.footer(
         "The service keeps a history when it runs with --state. A duration means so long ago.\n\n" +
         helpExample("pccast history --since 1d --csv > log.csv"));
-    pCommand->callback([options, &iExitCode] { iExitCode = history(*options); });
+    command.action([options, &iExitCode] { iExitCode = history(*options); });
 }

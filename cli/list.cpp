@@ -1,8 +1,7 @@
 // pccast list - shows what is on air and what waits.
+#include "command.h"
 #include "commands.h"
 #include "viewcommand.h"
-
-#include <CLI/CLI.hpp>
 
 #include <cstdio>
 #include <memory>
@@ -31,11 +30,11 @@ int list(bool bJSON) {
 } // namespace
 
 void addListCommand(CLI::App &app, int &iExitCode) {
-    auto *const pCommand = app.add_subcommand("list", "show what is on air and what waits");
+    const Command command(app, "list", "show what is on air and what waits");
     auto bJSON = std::make_shared<bool>(false);
-    pCommand->add_flag("--json", *bJSON, "one JSON object");
-    pCommand->footer(
+    command.flag("--json", *bJSON, "one JSON object");
+    command.footer(
         "First what is on air, then in the order in which things will happen.\n\n" +
         helpExample("pccast list --json | jq -r '.requests[] | select(.kind == \"relay\").identity'"));
-    pCommand->callback([bJSON, &iExitCode] { iExitCode = list(*bJSON); });
+    command.action([bJSON, &iExitCode] { iExitCode = list(*bJSON); });
 }

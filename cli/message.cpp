@@ -1,10 +1,9 @@
 // pccast message - submits a text for every receiver.
+#include "command.h"
 #include "commands.h"
 #include "outcome.h"
 #include "request.h"
 #include "submit.h"
-
-#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <memory>
@@ -80,16 +79,16 @@ int message(const MessageOptions &options) {
 } // namespace
 
 void addMessageCommand(CLI::App &app, int &iExitCode) {
-    auto *const pCommand = app.add_subcommand("message", "show a text on every receiver");
+    const Command command(app, "message", "show a text on every receiver");
     auto options = std::make_shared<MessageOptions>();
-    pCommand->add_option("TEXT", options->sText, "the text")->type_name("")->required();
-    pCommand->add_flag("--priority", options->bPriority, "put it ahead of all ordinary messages");
-    pCommand->add_option("--repeat", options->sRepeat, "how often it is sent; 0: until its end (default 1)")
-        ->type_name("N");
-    addRequestOptions(pCommand, options->request, "10m, longer for many repeats");
-    pCommand->footer("After each broadcast the service sends no message for 7 s, and 1 s more for every 5 "
-                     "bytes of text.\nPrints the message's identity, which pccast cancel takes back.\n\n" +
-                     helpExample("pccast message \"Fire drill at noon\" --priority --repeat 3"));
+    command.option("TEXT", options->sText, "the text").type("").required();
+    command.flag("--priority", options->bPriority, "put it ahead of all ordinary messages");
+    command.option("--repeat", options->sRepeat, "how often it is sent; 0: until its end (default 1)")
+        .type("N");
+    addRequestOptions(command, options->request, "10m, longer for many repeats");
+    command.footer("After each broadcast the service sends no message for 7 s, and 1 s more for every 5 "
+                   "bytes of text.\nPrints the message's identity, which pccast cancel takes back.\n\n" +
+                   helpExample("pccast message \"Fire drill at noon\" --priority --repeat 3"));
     setRequestAction(
-        pCommand, [options] { return message(*options); }, iExitCode);
+        command, [options] { return message(*options); }, iExitCode);
 }

@@ -1,11 +1,11 @@
 #include "outcome.h"
+#include "command.h"
 
 #include "commands.h"
 #include "listtext.h"
 #include "safetext.h"
 #include "viewclient.h"
 
-#include <CLI/CLI.hpp>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -270,9 +270,9 @@ int follow(Followed *pFollowed) {
 
 } // namespace
 
-void addFollowOption(CLI::App *pCommand, bool &bFollow) {
-    pCommand->add_flag("--follow", bFollow,
-                       "stay until it is over; the exit code tells how it ended (Ctrl-C leaves it running)");
+void addFollowOption(const Command &command, bool &bFollow) {
+    command.flag("--follow", bFollow,
+                 "stay until it is over; the exit code tells how it ended (Ctrl-C leaves it running)");
 }
 
 int rememberEvents(bool bFollow, EventPlace *pPlace) {

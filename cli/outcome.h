@@ -6,10 +6,7 @@
 
 #include <string>
 
-namespace CLI {
-class App;
-}
-
+class Command;
 // How to know a request among the events.
 struct RequestMark {
     std::string sKind; // as in the view: relay, file, message, cancel
@@ -24,7 +21,7 @@ struct EventPlace {
 };
 
 // Adds --follow to a command.
-void addFollowOption(CLI::App *pCommand, bool &bFollow);
+void addFollowOption(const Command &command, bool &bFollow);
 
 // Called before the request is submitted. A host without a view is no obstacle, except to --follow; it is
 // said. Returns EXIT_DONE or EXIT_UNAVAILABLE.

@@ -1,9 +1,9 @@
 #include "pluginloader.h"
+#include "command.h"
 
 #include "commands.h"
 #include "localsocket.h"
 
-#include <CLI/CLI.hpp>
 #include <dlfcn.h>
 #include <unistd.h>
 
@@ -105,9 +105,8 @@ std::string checkPlugin(void *pHandle, Plugin *pPlugin) {
 
 } // namespace
 
-void addPluginOption(CLI::App *pCommand, std::string &sPath) {
-    pCommand->add_option("--plugin", sPath, "the plug-in to load instead of this program's own")
-        ->type_name("PATH");
+void addPluginOption(const Command &command, std::string &sPath) {
+    command.option("--plugin", sPath, "the plug-in to load instead of this program's own").type("PATH");
 }
 
 int loadPlugin(const std::string &sPath, Plugin *pPlugin) {

@@ -13,10 +13,7 @@
 
 #include <string>
 
-namespace CLI {
-class App;
-}
-
+class Command;
 struct Plugin {
     decltype(&QX_PlugIn_Name) pName;
     decltype(&QX_PlugIn_Version) pVersion;
@@ -38,7 +35,7 @@ struct Plugin {
 };
 
 // Adds --plugin PATH to a command.
-void addPluginOption(CLI::App *pCommand, std::string &sPath);
+void addPluginOption(const Command &command, std::string &sPath);
 
 // Loads the plug-in at sPath, or this program's own when sPath is empty. Checks its name and version, and
 // that it publishes both commanders. Returns EXIT_DONE, or EXIT_UNAVAILABLE with the reason on standard

@@ -4,6 +4,7 @@
 // header that its station file has, then the data packets in order.
 #include "airsocket.h"
 #include "clitext.h"
+#include "command.h"
 #include "commands.h"
 #include "interface.h"
 #include "tunelogic.h"
@@ -11,7 +12,6 @@
 
 #include "nsc.h"
 
-#include <CLI/CLI.hpp>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/signalfd.h>
@@ -289,35 +289,32 @@ int receive(const ReceiveOptions &options) {
 } // namespace
 
 void addReceiveCommand(CLI::App &app, int &iExitCode) {
-    auto *const pCommand =
-        app.add_subcommand("receive", "write what a group gets, or what is on air, to a file");
+    const Command command(app, "receive", "write what a group gets, or what is on air, to a file");
     auto options = std::make_shared<ReceiveOptions>();
-    pCommand
-        ->add_option("FILE", options->arguments,
-                     "the group or address to receive, and the file to write; with --on-air the file alone; "
-                     "- is standard output")
-        ->type_name("[ADDRESS:PORT] FILE")
-        ->required()
-        ->expected(1, 2);
-    auto *const pOnAir = pCommand->add_flag("--on-air", options->bOnAir,
-                                            "follow the announcements: each cast has its own file");
-    pCommand
-        ->add_option("--station", options->sStation,
-                     "the station file of an ASF cast: write a file that players take")
-        ->type_name("FILE")
-        ->excludes(pOnAir);
-    pCommand->add_option("--datagrams", options->sDatagrams, "end after so many datagrams")->type_name("N");
-    pCommand
-        ->add_option("--idle", options->sIdle,
-                     "end when none has come for so long after the first (default 2s)")
-        ->type_name("DURATION")
-        ->excludes(pOnAir);
-    pCommand->add_option("--wait", options->sWait, "end when none comes at all for so long (default 30s)")
-        ->type_name("DURATION")
-        ->excludes(pOnAir);
-    pCommand->add_option("--for", options->sFor, "end after this time")->type_name("DURATION");
-    pCommand->add_option("--interface", options->sInterface, "listen on this interface")
-        ->type_name("NAME|ADDRESS");
-    pCommand->footer(helpExample("pccast receive 239.1.2.3:5000 received.ts --for 1m"));
-    pCommand->callback([options, &iExitCode] { iExitCode = receive(*options); });
+    command
+        .option("FILE", options->arguments,
+                "the group or address to receive, and the file to write; with --on-air the file alone; "
+                "- is standard output")
+        .type("[ADDRESS:PORT] FILE")
+        .required()
+        .expects(1, 2);
+    const Option onAir =
+        command.flag("--on-air", options->bOnAir, "follow the announcements: each cast has its own file");
+    command
+        .option("--station", options->sStation,
+                "the station file of an ASF cast: write a file that players take")
+        .type("FILE")
+        .excludes(onAir);
+    command.option("--datagrams", options->sDatagrams, "end after so many datagrams").type("N");
+    command
+        .option("--idle", options->sIdle, "end when none has come for so long after the first (default 2s)")
+        .type("DURATION")
+        .excludes(onAir);
+    command.option("--wait", options->sWait, "end when none comes at all for so long (default 30s)")
+        .type("DURATION")
+        .excludes(onAir);
+    command.option("--for", options->sFor, "end after this time").type("DURATION");
+    command.option("--interface", options->sInterface, "listen on this interface").type("NAME|ADDRESS");
+    command.footer(helpExample("pccast receive 239.1.2.3:5000 received.ts --for 1m"));
+    command.action([options, &iExitCode] { iExitCode = receive(*options); });
 }

@@ -1,9 +1,9 @@
 // pccast relay - submits the cast of a live stream.
+#include "command.h"
 #include "commands.h"
 #include "request.h"
 #include "submit.h"
 
-#include <CLI/CLI.hpp>
 #include <arpa/inet.h>
 #include <ifaddrs.h>
 #include <netinet/in.h>
@@ -114,41 +114,36 @@ int relay(const RelayOptions &options) {
 } // namespace
 
 void addRelayCommand(CLI::App &app, int &iExitCode) {
-    auto *const pCommand = app.add_subcommand("relay", "cast the live stream that arrives at SOURCE");
+    const Command command(app, "relay", "cast the live stream that arrives at SOURCE");
     auto options = std::make_shared<RelayOptions>();
-    pCommand
-        ->add_option(
-            "SOURCE", options->sSource,
-            "where the stream arrives: an address of this machine, or a group, which is joined on the "
-            "loopback interface")
-        ->type_name("ADDRESS:PORT")
-        ->required();
-    pCommand->add_option("DESTINATION", options->sDestination, "the group that it is sent to")
-        ->type_name("ADDRESS:PORT")
-        ->required();
-    addRequestOptions(pCommand, options->request, "1h");
-    pCommand->add_option("--format", options->sFormat, "what it carries (default ts)")
-        ->type_name("ts|asf|NUMBER");
-    pCommand
-        ->add_option("--type", options->sType,
-                     "the cast type, 2 or 3; the service treats both alike (default 2)")
-        ->type_name("N");
-    auto *const pKey = pCommand
-                           ->add_option("--key", options->sKey,
-                                        "decrypt with this key of up to 16 bytes; a shorter one is "
-                                        "filled up with zeros")
-                           ->type_name("HEX");
-    auto *const pSeed =
-        pCommand->add_flag("--seed", options->bSeed, "the key is for SEED (the default)")->needs(pKey);
-    pCommand->add_flag("--fast-seed", options->bFastSeed, "the key is for SEED in its fast variant")
-        ->needs(pKey)
-        ->excludes(pSeed);
-    pCommand->add_flag(
-        "--chunks", options->bChunks,
-        "a datagram holds chunks, each after its 16-bit little-endian length; send each alone");
-    pCommand->footer(
-        "Prints the cast's identity, which pccast stop takes back.\n\n" +
-        helpExample("pccast relay 239.0.0.1:4000 239.1.2.3:5000 --epg 7 --start 18:00 --for 2h"));
+    command
+        .option("SOURCE", options->sSource,
+                "where the stream arrives: an address of this machine, or a group, which is joined on the "
+                "loopback interface")
+        .type("ADDRESS:PORT")
+        .required();
+    command.option("DESTINATION", options->sDestination, "the group that it is sent to")
+        .type("ADDRESS:PORT")
+        .required();
+    addRequestOptions(command, options->request, "1h");
+    command.option("--format", options->sFormat, "what it carries (default ts)").type("ts|asf|NUMBER");
+    command
+        .option("--type", options->sType, "the cast type, 2 or 3; the service treats both alike (default 2)")
+        .type("N");
+    const Option key = command
+                           .option("--key", options->sKey,
+                                   "decrypt with this key of up to 16 bytes; a shorter one is "
+                                   "filled up with zeros")
+                           .type("HEX");
+    const Option seed =
+        command.flag("--seed", options->bSeed, "the key is for SEED (the default)").needs(key);
+    command.flag("--fast-seed", options->bFastSeed, "the key is for SEED in its fast variant")
+        .needs(key)
+        .excludes(seed);
+    command.flag("--chunks", options->bChunks,
+                 "a datagram holds chunks, each after its 16-bit little-endian length; send each alone");
+    command.footer("Prints the cast's identity, which pccast stop takes back.\n\n" +
+                   helpExample("pccast relay 239.0.0.1:4000 239.1.2.3:5000 --epg 7 --start 18:00 --for 2h"));
     setRequestAction(
-        pCommand, [options] { return relay(*options); }, iExitCode);
+        command, [options] { return relay(*options); }, iExitCode);
 }

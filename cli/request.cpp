@@ -1,10 +1,10 @@
 #include "request.h"
+#include "command.h"
 
 #include "castformat.h"
 #include "commands.h"
 #include "outcome.h"
 
-#include <CLI/CLI.hpp>
 #include <unistd.h>
 #include <vexa_pgl.h>
 
@@ -27,18 +27,17 @@ void warnWithoutStationFile(unsigned long ulFormat) {
 
 } // namespace
 
-void addRequestOptions(CLI::App *pCommand, RequestOptions &options, const char *pszDefaultFor) {
-    pCommand->add_option("--epg", options.sEPG, "the programme that it belongs to (default 1)")
-        ->type_name("N");
-    pCommand->add_option("--start", options.sStart, "when it starts (default now)")->type_name("TIME");
-    auto *const pEnd = pCommand->add_option("--end", options.sEnd, "when it ends")->type_name("TIME");
-    pCommand
-        ->add_option("--for", options.sFor,
-                     std::string("how long it lasts, instead of --end (default ") + pszDefaultFor + ")")
-        ->type_name("DURATION")
-        ->excludes(pEnd);
-    addFollowOption(pCommand, options.bFollow);
-    addServiceOptions(pCommand, options.service);
+void addRequestOptions(const Command &command, RequestOptions &options, const char *pszDefaultFor) {
+    command.option("--epg", options.sEPG, "the programme that it belongs to (default 1)").type("N");
+    command.option("--start", options.sStart, "when it starts (default now)").type("TIME");
+    const Option end = command.option("--end", options.sEnd, "when it ends").type("TIME");
+    command
+        .option("--for", options.sFor,
+                std::string("how long it lasts, instead of --end (default ") + pszDefaultFor + ")")
+        .type("DURATION")
+        .excludes(end);
+    addFollowOption(command, options.bFollow);
+    addServiceOptions(command, options.service);
 }
 
 int readRequestOptions(const RequestOptions &options, unsigned long ulDefaultFor, RequestTimes *pTimes) {

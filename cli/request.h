@@ -30,7 +30,7 @@ struct RequestTimes {
 };
 
 // pszDefaultFor: the help's words for how long it lasts when neither --end nor --for is given.
-void addRequestOptions(CLI::App *pCommand, RequestOptions &options, const char *pszDefaultFor);
+void addRequestOptions(const Command &command, RequestOptions &options, const char *pszDefaultFor);
 
 // ulDefaultFor: seconds from start to end when neither --end nor --for is given. Returns EXIT_DONE, or
 // EXIT_USAGE or EXIT_BAD_DATA (the end has passed, or is not after the start), said on standard error.

@@ -2,6 +2,7 @@
 // plug-in.
 #include "audit.h"
 #include "clitext.h"
+#include "command.h"
 #include "commands.h"
 #include "consolepump.h"
 #include "interface.h"
@@ -12,8 +13,6 @@
 #include "statekeeper.h"
 #include "viewserver.h"
 #include "wire.h"
-
-#include <CLI/CLI.hpp>
 
 #include <array>
 #include <atomic>
@@ -249,19 +248,17 @@ int serve(const ServeOptions &options) {
 } // namespace
 
 void addServeCommand(CLI::App &app, int &iExitCode) {
-    auto *const pCommand =
-        app.add_subcommand("serve", "run the service in this process until Ctrl-C or SIGTERM");
+    const Command command(app, "serve", "run the service in this process until Ctrl-C or SIGTERM");
     auto options = std::make_shared<ServeOptions>();
-    pCommand->add_option("--interface", options->sInterface, "send multicast by this interface")
-        ->type_name("NAME|ADDRESS");
-    pCommand->add_flag("--sap", options->bSap, "tell players of the transport streams on air (SAP and SDP)");
-    addPluginOption(pCommand, options->sPlugin);
-    pCommand
-        ->add_option("--state", options->sState,
-                     "keep requests and history in this folder, and restore the requests at the start")
-        ->type_name("FOLDER");
-    pCommand->add_option("--keep", options->sKeep, "how long the history is kept (default 90d)")
-        ->type_name("DURATION");
-    pCommand->footer(helpExample("pccast serve --interface eth0"));
-    pCommand->callback([options, &iExitCode] { iExitCode = serve(*options); });
+    command.option("--interface", options->sInterface, "send multicast by this interface")
+        .type("NAME|ADDRESS");
+    command.flag("--sap", options->bSap, "tell players of the transport streams on air (SAP and SDP)");
+    addPluginOption(command, options->sPlugin);
+    command
+        .option("--state", options->sState,
+                "keep requests and history in this folder, and restore the requests at the start")
+        .type("FOLDER");
+    command.option("--keep", options->sKeep, "how long the history is kept (default 90d)").type("DURATION");
+    command.footer(helpExample("pccast serve --interface eth0"));
+    command.action([options, &iExitCode] { iExitCode = serve(*options); });
 }

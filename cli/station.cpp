@@ -1,12 +1,11 @@
 // pccast station - writes an ASF file's station file, or shows one.
+#include "command.h"
 #include "commands.h"
 #include "safetext.h"
 
 #include "asffile.h"
 #include "casttarget.h"
 #include "nsc.h"
-
-#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <cerrno>
@@ -148,31 +147,28 @@ int showStation(const StationOptions &options) {
 } // namespace
 
 void addStationCommand(CLI::App &app, int &iExitCode) {
-    auto *const pCommand =
-        app.add_subcommand("station", "write the station file of an ASF file, or show one");
+    const Command command(app, "station", "write the station file of an ASF file, or show one");
     auto options = std::make_shared<StationOptions>();
-    pCommand->add_option("FILE", options->sFile, "the ASF file; with --show the station file")
-        ->type_name("")
-        ->required();
-    auto *const pShow = pCommand->add_flag("--show", options->bShow, "print what the station file says");
-    pCommand->add_option("--group", options->sGroup, "the group that its packets go to")
-        ->type_name("ADDRESS")
-        ->excludes(pShow);
-    pCommand->add_option("--port", options->uiPort, "the UDP port that they go to")
-        ->type_name("N")
-        ->check(CLI::Range(1, 65535))
-        ->excludes(pShow);
-    pCommand->add_option("--ttl", options->iHops, "multicast hop limit (default: the service uses 16)")
-        ->type_name("N")
-        ->check(CLI::Range(0, 255))
-        ->excludes(pShow);
-    pCommand->add_option("--name", options->sName, "the station's name")->type_name("TEXT")->excludes(pShow);
-    pCommand->add_option("-o,--output", options->sOutput, "write to this file instead of standard output")
-        ->type_name("FILE")
-        ->excludes(pShow);
-    pCommand->footer(helpExample(
+    command.option("FILE", options->sFile, "the ASF file; with --show the station file").type("").required();
+    const Option show = command.flag("--show", options->bShow, "print what the station file says");
+    command.option("--group", options->sGroup, "the group that its packets go to")
+        .type("ADDRESS")
+        .excludes(show);
+    command.option("--port", options->uiPort, "the UDP port that they go to")
+        .type("N")
+        .within(1, 65535)
+        .excludes(show);
+    command.option("--ttl", options->iHops, "multicast hop limit (default: the service uses 16)")
+        .type("N")
+        .within(0, 255)
+        .excludes(show);
+    command.option("--name", options->sName, "the station's name").type("TEXT").excludes(show);
+    command.option("-o,--output", options->sOutput, "write to this file instead of standard output")
+        .type("FILE")
+        .excludes(show);
+    command.footer(helpExample(
         "pccast station film.asf --group 239.192.48.179 --port 8080 --ttl 16 -o /fixdata/bypass.nsc"));
-    pCommand->callback([options, &iExitCode] {
+    command.action([options, &iExitCode] {
         iExitCode = options->bShow ? showStation(*options) : writeStation(*options);
     });
 }

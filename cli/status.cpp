@@ -1,8 +1,7 @@
 // pccast status - shows how the service does.
+#include "command.h"
 #include "commands.h"
 #include "viewcommand.h"
-
-#include <CLI/CLI.hpp>
 
 #include <cstdio>
 #include <memory>
@@ -35,10 +34,10 @@ int status(bool bJSON) {
 } // namespace
 
 void addStatusCommand(CLI::App &app, int &iExitCode) {
-    auto *const pCommand =
-        app.add_subcommand("status", "show how the service does: rate, loss, position, threads, failures");
+    const Command command(app, "status",
+                          "show how the service does: rate, loss, position, threads, failures");
     auto bJSON = std::make_shared<bool>(false);
-    pCommand->add_flag("--json", *bJSON, "one JSON object");
-    pCommand->footer(helpExample("watch -n 1 pccast status"));
-    pCommand->callback([bJSON, &iExitCode] { iExitCode = status(*bJSON); });
+    command.flag("--json", *bJSON, "one JSON object");
+    command.footer(helpExample("watch -n 1 pccast status"));
+    command.action([bJSON, &iExitCode] { iExitCode = status(*bJSON); });
 }

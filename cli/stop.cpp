@@ -7,6 +7,7 @@
 //   pending   the request has left its list, and a stop of its type would be carried out at its start and end
 //             what is then on air. A stop without duration takes its place and is over before it is due.
 //   on air    a stop with the target's identity, as old as the target: a newer cast is safe from it.
+#include "command.h"
 #include "commands.h"
 #include "listtext.h"
 #include "revoke.h"
@@ -15,7 +16,6 @@
 
 #include "castformat.h"
 
-#include <CLI/CLI.hpp>
 #include <vexa_pgl.h>
 
 #include <algorithm>
@@ -434,41 +434,36 @@ int stop(const StopOptions &options) {
 } // namespace
 
 void addStopCommand(CLI::App &app, int &iExitCode) {
-    auto *const pCommand = app.add_subcommand("stop", "take a waiting cast back, or end the one on air");
+    const Command command(app, "stop", "take a waiting cast back, or end the one on air");
     auto options = std::make_shared<StopOptions>();
-    auto *const pIdentity =
-        pCommand
-            ->add_option("IDENTITY", options->sIdentity, "the line that relay or file printed, or list shows")
-            ->type_name("");
-    auto *const pEPG =
-        pCommand->add_option("--epg", options->sEPG, "the cast of this programme")->type_name("N");
-    auto *const pOnAir =
-        pCommand->add_option("--on-air", options->sOnAir, "the cast on air, of this kind or of any")
-            ->type_name("relay|file")
-            ->expected(0, 1);
-    pCommand->add_flag("--all", options->bAll, "every cast that the other options leave, not one alone");
-    pIdentity->excludes(pEPG)->excludes(pOnAir);
+    const Option identity =
+        command.option("IDENTITY", options->sIdentity, "the line that relay or file printed, or list shows")
+            .type("");
+    const Option epg = command.option("--epg", options->sEPG, "the cast of this programme").type("N");
+    const Option onAir =
+        command.option("--on-air", options->sOnAir, "the cast on air, of this kind or of any")
+            .type("relay|file")
+            .expects(0, 1);
+    command.flag("--all", options->bAll, "every cast that the other options leave, not one alone");
+    identity.excludes(epg).excludes(onAir);
     const std::string sGroup = "Options for a host without a view, all with --epg";
-    pCommand->add_option("--type", options->sType, "1 a file, 2 or 3 a relay (default 2)")
-        ->type_name("N")
-        ->group(sGroup);
-    pCommand->add_option("--start", options->sStart, "its start")->type_name("TIME")->group(sGroup);
-    pCommand->add_option("--end", options->sEnd, "its end")->type_name("TIME")->group(sGroup);
-    pCommand->add_option("--port", options->sPort, "its destination port")->type_name("PORT")->group(sGroup);
-    pCommand
-        ->add_option("--format", options->sFormat, "the format that its end is announced with (default ts)")
-        ->type_name("ts|asf|NUMBER")
-        ->group(sGroup);
-    addServiceOptions(pCommand, options->service);
-    pCommand->footer(
+    command.option("--type", options->sType, "1 a file, 2 or 3 a relay (default 2)").type("N").group(sGroup);
+    command.option("--start", options->sStart, "its start").type("TIME").group(sGroup);
+    command.option("--end", options->sEnd, "its end").type("TIME").group(sGroup);
+    command.option("--port", options->sPort, "its destination port").type("PORT").group(sGroup);
+    command.option("--format", options->sFormat, "the format that its end is announced with (default ts)")
+        .type("ts|asf|NUMBER")
+        .group(sGroup);
+    addServiceOptions(command, options->service);
+    command.footer(
         "It looks first what there is. If nothing matches, or more than one cast does, it says so,\n"
         "sends nothing and exits with 65. It says stopped when the service has told so.\n\n" +
         helpExample("pccast stop 7:2:1790000000:1790003600:5000:0x2021\n"
                     "  pccast stop --on-air file"));
     setRequestAction(
-        pCommand,
-        [options, pOnAir] {
-            options->bOnAir = pOnAir->count() > 0;
+        command,
+        [options, onAir] {
+            options->bOnAir = onAir.isGiven();
             return stop(*options);
         },
         iExitCode);

@@ -1,9 +1,9 @@
 #include "submit.h"
+#include "command.h"
 
 #include "commands.h"
 #include "localsocket.h"
 
-#include <CLI/CLI.hpp>
 #include <unistd.h>
 
 #include <cerrno>
@@ -65,16 +65,14 @@ int submit(int (*pValidate)(const Record *), int (*pSubmit)(unsigned long, const
 
 } // namespace
 
-void addServiceOptions(CLI::App *pCommand, ServiceOptions &options) {
-    pCommand
-        ->add_option("--wait", options.sWait,
-                     "keep trying for so long when no service listens yet (default 0)")
-        ->type_name("DURATION");
-    addPluginOption(pCommand, options.sPlugin);
+void addServiceOptions(const Command &command, ServiceOptions &options) {
+    command.option("--wait", options.sWait, "keep trying for so long when no service listens yet (default 0)")
+        .type("DURATION");
+    addPluginOption(command, options.sPlugin);
 }
 
-void setRequestAction(CLI::App *pCommand, std::function<int()> action, int &iExitCode) {
-    pCommand->callback([action = std::move(action), &iExitCode] {
+void setRequestAction(const Command &command, std::function<int()> action, int &iExitCode) {
+    command.action([action = std::move(action), &iExitCode] {
         iExitCode = keepOutputForResults() ? action() : EXIT_INTERNAL;
     });
 }

@@ -24,11 +24,11 @@ struct ServiceOptions {
     std::string sWait = "0";
 };
 
-void addServiceOptions(CLI::App *pCommand, ServiceOptions &options);
+void addServiceOptions(const Command &command, ServiceOptions &options);
 
 // Has the command run action when it is called, and keeps its exit code in iExitCode. Whatever the plug-in or
 // the framework prints meanwhile goes to standard error; printResult alone writes standard output.
-void setRequestAction(CLI::App *pCommand, std::function<int()> action, int &iExitCode);
+void setRequestAction(const Command &command, std::function<int()> action, int &iExitCode);
 
 enum class ServiceKind { Casts, Messages };
 

@@ -5,6 +5,7 @@
 // the player, the cast, and the membership of the group.
 #include "airsocket.h"
 #include "clitext.h"
+#include "command.h"
 #include "commands.h"
 #include "interface.h"
 #include "player.h"
@@ -12,7 +13,6 @@
 #include "tunelogic.h"
 #include "wire.h"
 
-#include <CLI/CLI.hpp>
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -356,13 +356,11 @@ int tune(const TuneOptions &options) {
 } // namespace
 
 void addTuneCommand(CLI::App &app, int &iExitCode) {
-    auto *const pCommand = app.add_subcommand("tune", "show the cast that is on air, and messages over it");
+    const Command command(app, "tune", "show the cast that is on air, and messages over it");
     auto options = std::make_shared<TuneOptions>();
-    pCommand->add_option("--interface", options->sInterface, "listen on this interface")
-        ->type_name("NAME|ADDRESS");
-    pCommand->add_flag("--fullscreen", options->bFullScreen, "fill the screen, and take no keys");
-    pCommand->add_option("--player", options->sPlayer, "the mpv to run: a name or a path")
-        ->type_name("PROGRAM");
-    pCommand->footer(helpExample("pccast tune --interface eth0 --fullscreen"));
-    pCommand->callback([options, &iExitCode] { iExitCode = tune(*options); });
+    command.option("--interface", options->sInterface, "listen on this interface").type("NAME|ADDRESS");
+    command.flag("--fullscreen", options->bFullScreen, "fill the screen, and take no keys");
+    command.option("--player", options->sPlayer, "the mpv to run: a name or a path").type("PROGRAM");
+    command.footer(helpExample("pccast tune --interface eth0 --fullscreen"));
+    command.action([options, &iExitCode] { iExitCode = tune(*options); });
 }

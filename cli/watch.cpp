@@ -6,13 +6,13 @@
 // heard.
 #include "airtext.h"
 #include "clitext.h"
+#include "command.h"
 #include "commands.h"
 #include "consolepump.h"
 #include "interface.h"
 #include "watchtable.h"
 #include "wire.h"
 
-#include <CLI/CLI.hpp>
 #include <arpa/inet.h>
 #include <poll.h>
 #include <qxapi_ktn.h>
@@ -314,19 +314,16 @@ int watchAir(const WatchOptions &options) {
 } // namespace
 
 void addWatchCommand(CLI::App &app, int &iExitCode) {
-    auto *const pCommand =
-        app.add_subcommand("watch", "show what the services on the network announce and send");
+    const Command command(app, "watch", "show what the services on the network announce and send");
     auto options = std::make_shared<WatchOptions>();
-    auto *const pJSON = pCommand->add_flag("--json", options->bJSON, "one JSON object for each datagram");
-    pCommand->add_flag("--plain", options->bPlain, "one line for each datagram, even on a terminal")
-        ->excludes(pJSON);
-    pCommand->add_option("--for", options->sFor, "end after this time")->type_name("DURATION");
-    pCommand
-        ->add_option("--count", options->sCount,
-                     "end after so many datagrams; exit code 69 when --for or a signal came first")
-        ->type_name("N");
-    pCommand->add_option("--interface", options->sInterface, "listen on this interface")
-        ->type_name("NAME|ADDRESS");
-    pCommand->footer(helpExample("pccast watch --json --for 1m | jq 'select(.kind == \"message\").text'"));
-    pCommand->callback([options, &iExitCode] { iExitCode = watchAir(*options); });
+    const Option json = command.flag("--json", options->bJSON, "one JSON object for each datagram");
+    command.flag("--plain", options->bPlain, "one line for each datagram, even on a terminal").excludes(json);
+    command.option("--for", options->sFor, "end after this time").type("DURATION");
+    command
+        .option("--count", options->sCount,
+                "end after so many datagrams; exit code 69 when --for or a signal came first")
+        .type("N");
+    command.option("--interface", options->sInterface, "listen on this interface").type("NAME|ADDRESS");
+    command.footer(helpExample("pccast watch --json --for 1m | jq 'select(.kind == \"message\").text'"));
+    command.action([options, &iExitCode] { iExitCode = watchAir(*options); });
 }
