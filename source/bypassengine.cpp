@@ -17,7 +17,6 @@
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -82,10 +81,6 @@ constexpr unsigned long kDatagramMax = 65536;
 constexpr ViewTraffic &kTraffic = gViewTraffic[VIEW_BYPASS];
 constexpr unsigned long kKeySize = 16; // the decryption calls read this many bytes
 constexpr const char *kReceiveInterface = "127.0.0.1";
-
-// While a stream flows, recvfrom itself waits for the next datagram: that saves a call of the system for
-// each. It waits so long at most; then the poll takes over, whose time-out tells of a silent source.
-constexpr timeval kFlowWait{0, 20'000};
 
 // The cast on air, its endpoints, and its key filled up with zeros.
 struct Relay {
@@ -159,7 +154,6 @@ bool openRelay(Relay *pRelay) {
     if (initMSTREAMRxNetEx(&pRelay->pReceiver, pCast->pSRCIP, pCast->usSRCPort, kReceiveInterface) <= 0) {
         return false;
     }
-    setsockopt(pRelay->pReceiver->iSocket, SOL_SOCKET, SO_RCVTIMEO, &kFlowWait, sizeof kFlowWait);
     pRelay->uiReason = PCCAST_REASON_DESTINATION;
     if (initSTREAMTxNet(&pRelay->pSender, pCast->pDSTIP, nullptr, pCast->usDSTPort) <= 0) {
         std::printf("%s():%d \e[1;41m[Initialize FAILURE]\e[0m\n", "PCCASTBYPASSEngine", __LINE__);
@@ -266,6 +260,12 @@ void noteDatagram(unsigned long ulLength, unsigned long ulNow) {
     }
 }
 
+void saySilent(unsigned long ulNow) {
+    std::fprintf(stderr, "%s() waiting for bypass stream source\n", "PCCASTBYPASSEngine");
+    std::fflush(stderr);
+    noteSilence(ulNow);
+}
+
 // Waits for a datagram, one time-out of the endpoint at most. Returns whether there is one. Says so if not.
 bool awaitDatagram(const Relay *pRelay, unsigned long ulNow) {
     const int iTimeoutMs = static_cast<int>(pRelay->pReceiver->uiTimeoutMs);
@@ -273,9 +273,7 @@ bool awaitDatagram(const Relay *pRelay, unsigned long ulNow) {
     if (iReadable > 0) {
         return true;
     }
-    std::fprintf(stderr, "%s() waiting for bypass stream source\n", "PCCASTBYPASSEngine");
-    std::fflush(stderr);
-    noteSilence(ulNow);
+    saySilent(ulNow);
     // An error returns at once. The pause keeps the line as rare as after a time-out.
     if (iReadable < 0) {
         KTuSleep(iTimeoutMs * 1000);
@@ -287,7 +285,9 @@ bool awaitDatagram(const Relay *pRelay, unsigned long ulNow) {
 // Returns why it ended: PCCAST_REASON_..., none when it was asked to.
 unsigned int relay(const KTPLUGIN_INFO_TAG *pBlock, const Relay *pRelay, unsigned char *pBuffer) {
     Meter meter{vexa_time(nullptr), 0, 0};
-    bool bFlows = false; // the last wait brought a datagram
+    // The last wait brought a datagram. While a stream flows, recvfrom waits for the next datagram itself:
+    // the socket has the endpoint's time-out too. That saves a call of the system for each datagram.
+    bool bFlows = false;
     while (pBlock->eState <= ENGINE_RUNNING) {
         const unsigned long ulNow = vexa_time(nullptr);
         if (pRelay->pCast->ulET <= ulNow) {
@@ -301,13 +301,20 @@ unsigned int relay(const KTPLUGIN_INFO_TAG *pBlock, const Relay *pRelay, unsigne
         }
         const ssize_t lLength =
             recvfrom(pRelay->pReceiver->iSocket, pBuffer, kDatagramMax, 0, nullptr, nullptr);
-        bFlows = lLength > 0;
-        if (lLength < 0 && (errno == EAGAIN || errno == EINTR)) {
+        if (lLength < 0 && errno == EINTR) {
+            continue;
+        }
+        if (lLength < 0 && errno == EAGAIN) {
+            if (bFlows) {
+                saySilent(ulNow);
+            }
+            bFlows = false;
             continue;
         }
         if (lLength <= 0) {
             return PCCAST_REASON_SOURCE_LOST;
         }
+        bFlows = true;
         noteDatagram(static_cast<unsigned long>(lLength), ulNow);
         if (!forward(pRelay, pBuffer, static_cast<unsigned long>(lLength))) {
             return PCCAST_REASON_SEND;
