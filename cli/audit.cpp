@@ -1,6 +1,6 @@
 #include "audit.h"
 
-#include "listtext.h"
+#include "eventtext.h"
 #include "viewjson.h"
 
 #include <sys/stat.h>

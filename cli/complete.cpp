@@ -3,6 +3,7 @@
 #include "commands.h"
 #include "listtext.h"
 #include "viewclient.h"
+#include "viewwords.h"
 
 #include <CLI/CLI.hpp>
 #include <net/if.h>

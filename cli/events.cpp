@@ -2,6 +2,7 @@
 #include "clitext.h"
 #include "command.h"
 #include "commands.h"
+#include "eventtext.h"
 #include "viewcommand.h"
 
 #include <climits>

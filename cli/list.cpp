@@ -1,6 +1,7 @@
 // pccast list - shows what is on air and what waits.
 #include "command.h"
 #include "commands.h"
+#include "listtext.h"
 #include "viewcommand.h"
 
 #include <cstdio>

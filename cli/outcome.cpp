@@ -2,9 +2,12 @@
 #include "command.h"
 
 #include "commands.h"
+#include "eventtext.h"
 #include "listtext.h"
 #include "safetext.h"
+#include "statustext.h"
 #include "viewclient.h"
+#include "viewwords.h"
 
 #include <sys/ioctl.h>
 #include <unistd.h>

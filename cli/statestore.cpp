@@ -1,6 +1,6 @@
 #include "statestore.h"
 
-#include "listtext.h"
+#include "eventtext.h"
 #include "sqlite.h"
 #include "viewjson.h"
 

@@ -1,6 +1,7 @@
 // pccast status - shows how the service does.
 #include "command.h"
 #include "commands.h"
+#include "statustext.h"
 #include "viewcommand.h"
 
 #include <cstdio>

@@ -9,10 +9,12 @@
 //   on air    a stop with the target's identity, as old as the target: a newer cast is safe from it.
 #include "command.h"
 #include "commands.h"
+#include "eventtext.h"
 #include "listtext.h"
 #include "revoke.h"
 #include "submit.h"
 #include "viewclient.h"
+#include "viewwords.h"
 
 #include "castformat.h"
 

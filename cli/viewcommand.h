@@ -4,8 +4,8 @@
 #ifndef PCCAST_CLI_VIEWCOMMAND_H
 #define PCCAST_CLI_VIEWCOMMAND_H
 
-#include "listtext.h"
 #include "viewclient.h"
+#include "viewwords.h"
 
 // What standard output is.
 Screen readScreen();

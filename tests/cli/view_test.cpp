@@ -1,5 +1,7 @@
 // Tests the view's JSON, and what list, status, events and the audit make of it.
+#include <eventtext.h>
 #include <listtext.h>
+#include <statustext.h>
 #include <viewjson.h>
 
 #include <gtest/gtest.h>
