@@ -3,7 +3,6 @@
 #include "clitext.h"
 #include "eventtext.h"
 #include "listtext.h"
-#include "safetext.h"
 
 #include <algorithm>
 #include <map>
@@ -101,10 +100,9 @@ bool isFailure(const Json &event) {
 // What is kept of the state.
 std::string stateLine(const Json &view, const Screen &screen) {
     const Json &state = partOf(view, "state");
-    const std::string sPath = textForTerminal(textOf(state, "path"));
+    const std::string sPath = textOf(state, "path");
     if (!state.value("ok", true)) {
-        return coloured("NOTHING IS KEPT: " + sPath + ": " + textForTerminal(textOf(state, "error")), kRed,
-                        screen);
+        return coloured("NOTHING IS KEPT: " + sPath + ": " + textOf(state, "error"), kRed, screen);
     }
     std::string sLine = "kept in " + sPath;
     if (numberOf(state, "behind") != 0) {

@@ -220,14 +220,17 @@ LAST FAILURES
     playing["requests"] = Json::array({kView["requests"][3]});
     playing["requests"][0]["place"] = "on-air";
     playing["relay"].erase("request");
+    playing["state"] = Json::parse(R"({"path":"/srv/a\\b","ok":true})");
     playing["playout"] = Json::parse(
         R"({"request":4,"datagrams":70,"bytes":1,"failed":2,"position_ms":150000,"length_ms":600000,"late":5})");
-    EXPECT_NE(joined(statusLines(playing, {}, {80, false, true})).find(R"(
+    const std::string sPlaying = joined(statusLines(playing, {}, {80, false, true}));
+    EXPECT_NE(sPlaying.find(R"(
     until 15:13:20, left 00:07:30  4:1:1790000000:1790003600:5004:0x2021
     [######------------------]  25%
     at 00:02:30 of 00:10:00, 70 datagrams, 2 not sent, 5 late
 )"),
               std::string::npos);
+    EXPECT_NE(sPlaying.find("STATE\n  kept in /srv/a\\\\b\n"), std::string::npos);
 }
 
 TEST_F(ViewText, EachEventSaysWhatHappenedAndWhy) {
