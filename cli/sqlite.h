@@ -1,7 +1,7 @@
 // sqlite.h - the little of SQLite that the store needs: a connection, a statement, an error.
 //
-// Only statestore.cpp includes it. Each call that fails throws StoreError. A connection and its statements
-// belong to one thread.
+// Only statestore.cpp and stateschema.cpp include it. Each call that fails throws StoreError. A connection
+// and its statements belong to one thread.
 #ifndef PCCAST_CLI_SQLITE_H
 #define PCCAST_CLI_SQLITE_H
 
@@ -9,9 +9,12 @@
 
 #include <sqlite3.h>
 
-#include <optional>
+#include <memory>
 #include <string>
 #include <string_view>
+
+// Closed at its end, after its statements.
+using Connection = std::unique_ptr<sqlite3, int (*)(sqlite3 *)>;
 
 // A prepared statement. Arguments are bound in their order with bind, or all at once with run.
 class Statement {

@@ -2,57 +2,20 @@
 
 #include "eventtext.h"
 #include "sqlite.h"
+#include "stateschema.h"
 #include "viewjson.h"
 
 #include "castformat.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <array>
-#include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace {
 
-constexpr int kApplication = 0x50434153; // marks the file as one of this program
-constexpr int kBusyMs = 1000;            // how long a lock of another process is waited for
-constexpr int kPage = 1000;              // entries of the history in one answer
-constexpr int kPruned = 5000;            // entries removed in one transaction
-constexpr size_t kTextMost = 1024;       // bytes of a message's text in the history
-
-// Version i becomes version i + 1. A step that has been released never changes.
-constexpr std::array<const char *, kStateVersion> kMigrations{R"(
-    CREATE TABLE request(
-        id INTEGER PRIMARY KEY AUTOINCREMENT, -- in the order of filing
-        number INTEGER UNIQUE,                -- in the service that runs; NULL: not filed again yet
-        is_cast INTEGER NOT NULL,
-        on_air INTEGER NOT NULL DEFAULT 0,
-        command INTEGER NOT NULL, epg INTEGER NOT NULL,
-        created INTEGER NOT NULL, start INTEGER NOT NULL, end INTEGER NOT NULL,
-        -- a cast
-        type INTEGER, format INTEGER, source, source_port INTEGER, destination, destination_port INTEGER,
-        file, stream_id INTEGER, encryption INTEGER, key, split INTEGER,
-        -- a message
-        priority INTEGER, repeats INTEGER, repeats_left INTEGER, attribute1 INTEGER, attribute3 INTEGER, text);
-    CREATE INDEX request_identity ON request(epg, created, start, end);
-    CREATE TABLE history(
-        id INTEGER PRIMARY KEY AUTOINCREMENT,
-        request INTEGER NOT NULL,  -- its id in the table request, as long as it lives
-        kind NOT NULL, epg INTEGER NOT NULL, identity NOT NULL,
-        started INTEGER,           -- milliseconds since the epoch; NULL: never on air
-        noted INTEGER,             -- when its traffic was last written down
-        ended INTEGER,             -- NULL: still on air, or a message that lives
-        event, reason, other,
-        -- a cast
-        source, destination, file,
-        datagrams INTEGER, bytes INTEGER, failed INTEGER DEFAULT 0, dropped INTEGER, silence INTEGER, late INTEGER,
-        -- a message
-        text, broadcasts INTEGER);
-    CREATE INDEX history_ended ON history(ended);
-    CREATE INDEX history_epg ON history(epg);
-    CREATE INDEX history_open ON history(request) WHERE ended IS NULL;
-)"};
+constexpr int kPage = 1000;        // entries of the history in one answer
+constexpr int kPruned = 5000;      // entries removed in one transaction
+constexpr size_t kTextMost = 1024; // bytes of a message's text in the history
 
 // All that a request is filed with, and how often a message is still to be broadcast.
 constexpr const char *kCastColumns = "command, epg, created, start, end, type, format, source, source_port, "
@@ -129,81 +92,11 @@ bool StoreError::isCorrupt() const {
     return (iCode & 0xFF) == SQLITE_CORRUPT || (iCode & 0xFF) == SQLITE_NOTADB;
 }
 
-NewerStore::NewerStore(int iVersion)
-    : StoreError(SQLITE_ERROR, "a newer version of this program has written it (its version is " +
-                                   std::to_string(iVersion) + ", this one's " +
-                                   std::to_string(kStateVersion) + ")") {}
-
 struct Store::Work {
-    sqlite3 *pHandle = nullptr;
+    explicit Work(Connection opened) : connection(std::move(opened)), pHandle(connection.get()) {}
 
-    ~Work() { sqlite3_close(pHandle); }
-
-    void execute(const char *pszSQL) const {
-        if (const int iResult = sqlite3_exec(pHandle, pszSQL, nullptr, nullptr, nullptr);
-            iResult != SQLITE_OK) {
-            throw StoreError(iResult, sqlite3_errmsg(pHandle));
-        }
-    }
-
-    unsigned long numberOf(std::string_view sSQL) const {
-        Statement statement(pHandle, sSQL);
-        return static_cast<unsigned long>(statement.run().id());
-    }
-
-    // ---- opening
-
-    void open(const std::string &sPath, Access eAccess) {
-        const int iAccess = eAccess == READ ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE;
-        if (eAccess == WRITE) {
-            // The file holds keys, so nobody else may read it, whatever the umask.
-            const int iFile = ::open(sPath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-            if (iFile < 0) {
-                throw StoreError(SQLITE_CANTOPEN, std::strerror(errno));
-            }
-            close(iFile);
-        }
-        const int iResult = sqlite3_open_v2(sPath.c_str(), &pHandle, iAccess | SQLITE_OPEN_NOMUTEX, nullptr);
-        if (iResult != SQLITE_OK) {
-            throw StoreError(iResult, sqlite3_errstr(iResult));
-        }
-        sqlite3_extended_result_codes(pHandle, 1);
-        sqlite3_busy_timeout(pHandle, kBusyMs);
-        const auto iVersion = static_cast<int>(numberOf("PRAGMA user_version"));
-        if (iVersion > kStateVersion) {
-            throw NewerStore(iVersion);
-        }
-        if (eAccess == WRITE) {
-            execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL; PRAGMA temp_store = MEMORY");
-            check();
-            migrate(iVersion);
-        } else if (iVersion < kStateVersion) {
-            throw StoreError(SQLITE_ERROR,
-                             "it holds no state, or that of an older version; pccast serve --state "
-                             "brings it up to this one");
-        }
-    }
-
-    void check() const {
-        Statement statement(pHandle, "PRAGMA quick_check(1)");
-        if (statement.step() && statement.text(0) != "ok") {
-            throw StoreError(SQLITE_CORRUPT, statement.text(0));
-        }
-    }
-
-    void migrate(int iVersion) const {
-        if (iVersion == kStateVersion) {
-            return;
-        }
-        Transaction transaction(pHandle);
-        for (auto uStep = static_cast<size_t>(iVersion); uStep < kMigrations.size(); ++uStep) {
-            execute(kMigrations[uStep]);
-        }
-        execute(("PRAGMA user_version = " + std::to_string(kStateVersion) +
-                 "; PRAGMA application_id = " + std::to_string(kApplication))
-                    .c_str());
-        transaction.commit();
-    }
+    Connection connection;
+    sqlite3 *pHandle;
 
     // ---- requests
 
@@ -564,9 +457,8 @@ struct Store::Work {
     }
 };
 
-Store::Store(const std::string &sPath, Access eAccess) : pWork(std::make_unique<Work>()) {
-    pWork->open(sPath, eAccess);
-}
+Store::Store(const std::string &sPath, Access eAccess)
+    : pWork(std::make_unique<Work>(openState(sPath, eAccess))) {}
 
 Store::~Store() = default;
 
@@ -615,7 +507,8 @@ void Store::reconcile(const PCCASTView &view, unsigned long *pulRestored) {
     unsigned long ulRestored = 0;
     const auto llNow = static_cast<long long>(view.ulTime) * 1000;
     Transaction transaction(work.pHandle);
-    work.execute("CREATE TEMP TABLE IF NOT EXISTS living(id INTEGER PRIMARY KEY); DELETE FROM living");
+    Statement(work.pHandle, "CREATE TEMP TABLE IF NOT EXISTS living(id INTEGER PRIMARY KEY)").run();
+    Statement(work.pHandle, "DELETE FROM living").run();
     for (int i = 0; i < view.iRequests; ++i) {
         const PCCASTViewRequest &request = view.pRequests[i];
         if (request.uiPlace == PCCAST_PLACE_OVER) {
@@ -662,7 +555,7 @@ bool Store::note(const PCCASTView &view) {
 
 void Store::probe() {
     Transaction transaction(pWork->pHandle);
-    pWork->execute(("PRAGMA user_version = " + std::to_string(kStateVersion)).c_str());
+    Statement(pWork->pHandle, "PRAGMA user_version = " + std::to_string(kStateVersion)).run();
     transaction.commit();
 }
 
@@ -681,7 +574,8 @@ bool Store::load(long long llId, KeptRequest *pRequest) {
 }
 
 unsigned long Store::countRequests() {
-    return pWork->numberOf("SELECT count(*) FROM request");
+    Statement statement(pWork->pHandle, "SELECT count(*) FROM request");
+    return static_cast<unsigned long>(statement.run().id());
 }
 
 Json Store::history(const HistoryQuery &query) {
