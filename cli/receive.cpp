@@ -6,6 +6,7 @@
 #include "clitext.h"
 #include "command.h"
 #include "commands.h"
+#include "endsignals.h"
 #include "interface.h"
 #include "tunelogic.h"
 #include "wire.h"
@@ -14,14 +15,12 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <climits>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -267,13 +266,10 @@ int receive(const ReceiveOptions &options) {
         receive.ulEnd = now() + ulFor * 1000;
     }
 
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (int iSignal : {SIGINT, SIGTERM, SIGHUP}) {
-        sigaddset(&signals, iSignal);
+    const int iSignals = openEndSignals();
+    if (iSignals < 0) {
+        return EXIT_INTERNAL;
     }
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
-    const int iSignals = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
     run(&receive, iSignals);
     close(iSignals);
     if (!receive.sError.empty()) {

@@ -5,6 +5,7 @@
 #include "command.h"
 #include "commands.h"
 #include "consolepump.h"
+#include "endsignals.h"
 #include "interface.h"
 #include "localsocket.h"
 #include "pluginloader.h"
@@ -171,12 +172,7 @@ int serve(const ServeOptions &options) {
     }
 
     // Block the signals before any thread starts: then only the wait below takes them.
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (int iSignal : {SIGINT, SIGTERM, SIGHUP}) {
-        sigaddset(&signals, iSignal);
-    }
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    const sigset_t signals = blockEndSignals();
     noteJournal();
     const ConsolePump pump;
 

@@ -7,6 +7,7 @@
 #include "clitext.h"
 #include "command.h"
 #include "commands.h"
+#include "endsignals.h"
 #include "interface.h"
 #include "player.h"
 #include "safetext.h"
@@ -14,14 +15,12 @@
 #include "wire.h"
 
 #include <poll.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -320,15 +319,9 @@ int tune(const TuneOptions &options) {
     if (iExit != EXIT_DONE) {
         return iExit;
     }
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (int iSignal : {SIGINT, SIGTERM, SIGHUP}) {
-        sigaddset(&signals, iSignal);
-    }
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
-    const Descriptor pending(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+    const Descriptor pending(openEndSignals());
     if (pending.i < 0) {
-        return sayAndReturn(EXIT_INTERNAL, std::string("signalfd: ") + std::strerror(errno));
+        return EXIT_INTERNAL;
     }
     Tune tune;
     tune.options = options;

@@ -9,6 +9,7 @@
 #include "command.h"
 #include "commands.h"
 #include "consolepump.h"
+#include "endsignals.h"
 #include "interface.h"
 #include "watchtable.h"
 #include "wire.h"
@@ -271,15 +272,9 @@ int watchAir(const WatchOptions &options) {
                      ? "; --interface names the interface to listen on: this machine has " + listInterfaces()
                      : ""));
     }
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (int iSignal : {SIGINT, SIGTERM, SIGHUP, SIGTSTP, SIGWINCH}) {
-        sigaddset(&signals, iSignal);
-    }
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
-    const int iSignals = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+    const int iSignals = openEndSignals({SIGTSTP, SIGWINCH});
     if (iSignals < 0) {
-        return sayAndReturn(EXIT_INTERNAL, std::string("signalfd: ") + std::strerror(errno));
+        return EXIT_INTERNAL;
     }
     Screen screen;
     if (watch.bTable) {
