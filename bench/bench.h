@@ -33,6 +33,11 @@ bool keepsAtMost(const std::string &name, double dValue, double dBound);
 // The value that the given share (0 to 1) of the samples stays below; 0 without samples. Sorts the samples.
 double percentile(std::vector<double> &samples, double dShare);
 
+// Returns a socket that receives a group on loopback. iBuffer: bytes; 0: the system's own choice.
+int openReceiver(const char *pGroup, unsigned short usPort, int iBuffer = 0);
+// Returns a socket that sends to a group.
+int openSender(const char *pGroup, unsigned short usPort);
+
 // What a run sent and received.
 struct Traffic {
     long lSent;

@@ -10,8 +10,6 @@
 
 #include "filecast.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -186,18 +184,10 @@ Arrival arrivalOf(msghdr *pMessage, size_t ulReceived) {
 
 // Receives until *pDone is set and nothing has come for a while. Sets *pOpen once it can receive.
 std::vector<Arrival> receive(const std::atomic<bool> *pDone, std::atomic<bool> *pOpen) {
-    const int iSocket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(kPort);
-    inet_pton(AF_INET, kGroup, &address.sin_addr);
-    ip_mreq request{address.sin_addr, {htonl(INADDR_LOOPBACK)}};
-    const int iOn = 1, iBuffer = 16 << 20;
-    setsockopt(iSocket, SOL_SOCKET, SO_RCVBUFFORCE, &iBuffer, sizeof iBuffer);
+    const int iSocket = openReceiver(kGroup, kPort, 16 << 20);
+    const int iOn = 1;
     require(setsockopt(iSocket, SOL_SOCKET, SO_TIMESTAMPNS, &iOn, sizeof iOn) == 0 &&
-                setsockopt(iSocket, SOL_SOCKET, SO_RXQ_OVFL, &iOn, sizeof iOn) == 0 &&
-                bind(iSocket, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 &&
-                setsockopt(iSocket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) == 0,
+                setsockopt(iSocket, SOL_SOCKET, SO_RXQ_OVFL, &iOn, sizeof iOn) == 0,
             "file receiver");
     *pOpen = true;
     std::vector<Arrival> arrivals;
@@ -254,12 +244,7 @@ double playDriver(const Media &media) {
 }
 
 double playBare(const Media &media) {
-    const int iSocket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(kPort);
-    inet_pton(AF_INET, kGroup, &address.sin_addr);
-    require(connect(iSocket, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0, "bare loop");
+    const int iSocket = openSender(kGroup, kPort);
     // An ASF datagram is as long as the driver's; what its MSB header holds makes no difference.
     const size_t ulHeader = media.bASF ? kMsbHeader : 0;
     const std::string bytes = std::string(ulHeader, 'm') + media.bytes;

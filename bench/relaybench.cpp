@@ -11,8 +11,6 @@
 
 #include <pccast/castinfo.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sched.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -59,23 +57,10 @@ struct Figures {
 
 // The least that a relay can do: block, receive, send on.
 void bareLoop(const Relay &relay) {
-    const int iReceiver = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const int iSender = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(kPort);
-    inet_pton(AF_INET, relay.source.c_str(), &address.sin_addr);
-    ip_mreq request{address.sin_addr, {htonl(INADDR_LOOPBACK)}};
+    const int iReceiver = openReceiver(relay.source.c_str(), kPort, kReceiveBuffer);
     const timeval silence{1, 0};
     setsockopt(iReceiver, SOL_SOCKET, SO_RCVTIMEO, &silence, sizeof silence);
-    if (setsockopt(iReceiver, SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof kReceiveBuffer) != 0) {
-        setsockopt(iReceiver, SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof kReceiveBuffer);
-    }
-    require(bind(iReceiver, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 &&
-                setsockopt(iReceiver, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) == 0,
-            "bare loop");
-    inet_pton(AF_INET, relay.destination.c_str(), &address.sin_addr);
-    require(connect(iSender, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0, "bare loop");
+    const int iSender = openSender(relay.destination.c_str(), kPort);
     std::vector<char> buffer(65536);
     for (;;) {
         const ssize_t lLength = recv(iReceiver, buffer.data(), buffer.size(), 0);

@@ -7,8 +7,6 @@
 
 #include <vexa_pgl.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -32,20 +30,6 @@ double processSeconds() {
     getrusage(RUSAGE_SELF, &usage);
     return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
            static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
-}
-
-int openAnnouncements() {
-    const int iSocket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(wire::announcement::kPort);
-    inet_pton(AF_INET, wire::kGroup, &address.sin_addr);
-    ip_mreq request{address.sin_addr, {htonl(INADDR_LOOPBACK)}};
-    if (bind(iSocket, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
-        setsockopt(iSocket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) != 0) {
-        std::perror("announcements");
-    }
-    return iSocket;
 }
 
 // Submits a cast that starts at ulStart. Returns how many milliseconds later its first announcement arrives,
@@ -73,7 +57,7 @@ double startDelay(int iAnnouncements, unsigned long ulStart) {
 } // namespace
 
 bool serviceBench(double dSeconds) {
-    const int iAnnouncements = openAnnouncements();
+    const int iAnnouncements = openReceiver(wire::kGroup, wire::announcement::kPort);
     p_qxapi_open_pccast();
     const double dBefore = processSeconds();
     std::this_thread::sleep_for(std::chrono::duration<double>(dSeconds));

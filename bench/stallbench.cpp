@@ -6,8 +6,6 @@
 // their own lateness would be measured. Where that is not permitted nothing is measured, which is printed.
 #include "bench.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sched.h>
 #include <sys/socket.h>
@@ -42,19 +40,6 @@ struct Figures {
 bool setPolicy(int iPolicy, int iPriority) {
     const sched_param parameter{iPriority};
     return sched_setscheduler(0, iPolicy, &parameter) == 0;
-}
-
-int openGroup() {
-    const int iSocket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(kPort);
-    inet_pton(AF_INET, kFileGroup, &address.sin_addr);
-    ip_mreq group{address.sin_addr, {htonl(INADDR_LOOPBACK)}};
-    require(bind(iSocket, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 &&
-                setsockopt(iSocket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group) == 0,
-            "playout receiver");
-    return iSocket;
 }
 
 // Receives a playout to its end. Returns how far each datagram was from its due time, milliseconds. The
@@ -94,7 +79,7 @@ void measure(bool bFifo, double dSeconds, Figures &figures) {
             }
         });
     }
-    const int iSocket = openGroup();
+    const int iSocket = openReceiver(kFileGroup, kPort);
     request({"file", kFile, "--to", std::string(kFileGroup) + ":5000", "--for", "10m"});
     std::vector<double> errors = receivePlayout(iSocket);
     require(!errors.empty(), "playout");

@@ -1,7 +1,5 @@
 #include "bench.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -23,31 +21,6 @@ constexpr int kReceiveBuffer = 64 << 20;
 constexpr int kSilenceMs = 300;
 constexpr int kAwakeRate = 25'000;
 
-sockaddr_in addressOf(const char *pGroup, unsigned short usPort) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(usPort);
-    inet_pton(AF_INET, pGroup, &address.sin_addr);
-    return address;
-}
-
-int openReceiver(const char *pGroup, unsigned short usPort) {
-    const int iSocket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    require(iSocket >= 0, "receiver");
-    const int iOn = 1;
-    setsockopt(iSocket, SOL_SOCKET, SO_REUSEADDR, &iOn, sizeof iOn);
-    if (setsockopt(iSocket, SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof kReceiveBuffer) != 0) {
-        setsockopt(iSocket, SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof kReceiveBuffer);
-    }
-    const sockaddr_in address = addressOf(pGroup, usPort);
-    require(bind(iSocket, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0, "bind");
-    ip_mreq request{};
-    request.imr_multiaddr = address.sin_addr;
-    request.imr_interface.s_addr = htonl(INADDR_LOOPBACK);
-    require(setsockopt(iSocket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) == 0, "join");
-    return iSocket;
-}
-
 } // namespace
 
 Traffic runTraffic(const char *pSourceGroup, const char *pDestinationGroup, unsigned short usPort, int iRate,
@@ -56,7 +29,7 @@ Traffic runTraffic(const char *pSourceGroup, const char *pDestinationGroup, unsi
     const auto lCount = static_cast<long>(iRate * dSeconds);
     std::vector<int64_t> sentAt(static_cast<size_t>(lCount));
     traffic.delaysUs.reserve(static_cast<size_t>(lCount));
-    const int iReceiver = openReceiver(pDestinationGroup, usPort);
+    const int iReceiver = openReceiver(pDestinationGroup, usPort, kReceiveBuffer);
     std::atomic<bool> bDone{false};
 
     std::thread receiver([&] {
@@ -77,10 +50,7 @@ Traffic runTraffic(const char *pSourceGroup, const char *pDestinationGroup, unsi
         }
     });
 
-    const int iSender = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    require(iSender >= 0, "sender");
-    const sockaddr_in address = addressOf(pSourceGroup, usPort);
-    require(connect(iSender, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0, "connect");
+    const int iSender = openSender(pSourceGroup, usPort);
     std::array<unsigned char, kDatagram> datagram{};
     prctl(PR_SET_TIMERSLACK, 1); // else the kernel lets it sleep up to 50 us too long
     const int64_t lStart = now();
