@@ -214,8 +214,8 @@ int serve(const ServeOptions &options) {
     warnWhereNothingIsSent(sInterface.empty() ? "" : sGiven, interface, iError);
 
     ServiceManager manager(plugin);
-    manager.ready();
     if (iSignal == 0) {
+        manager.ready();
         sigwait(&signals, &iSignal);
     }
     manager.stopping();
@@ -250,11 +250,14 @@ void addServeCommand(CLI::App &app, int &iExitCode) {
         .type("NAME|ADDRESS");
     command.flag("--sap", options->bSap, "tell players of the transport streams on air (SAP and SDP)");
     addPluginOption(command, options->sPlugin);
-    command
-        .option("--state", options->sState,
-                "keep requests and history in this folder, and restore the requests at the start")
-        .type("FOLDER");
-    command.option("--keep", options->sKeep, "how long the history is kept (default 90d)").type("DURATION");
+    const Option state =
+        command
+            .option("--state", options->sState,
+                    "keep requests and history in this folder, and restore the requests at the start")
+            .type("FOLDER");
+    command.option("--keep", options->sKeep, "how long the history is kept (default 90d)")
+        .type("DURATION")
+        .needs(state);
     command.footer(helpExample("pccast serve --interface eth0"));
     command.action([options, &iExitCode] { iExitCode = serve(*options); });
 }

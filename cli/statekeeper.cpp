@@ -151,14 +151,20 @@ struct StateKeeper::Work {
         const std::time_t lNow = std::time(nullptr);
         struct tm utc {};
         std::strftime(aTime.data(), aTime.size(), "%Y%m%dT%H%M%SZ", gmtime_r(&lNow, &utc));
-        const std::string sAside = sPath + ".corrupt-" + aTime.data();
-        for (const char *pszPart : {"", "-wal", "-shm"}) {
-            // Two in one second: the first is not overwritten.
-            std::string sTo = sAside;
-            for (int i = 2; access((sTo + pszPart).c_str(), F_OK) == 0; ++i) {
-                sTo = sAside + "-" + std::to_string(i);
-            }
-            if (rename((sPath + pszPart).c_str(), (sTo + pszPart).c_str()) != 0 && *pszPart == 0) {
+        const std::string sFirst = sPath + ".corrupt-" + aTime.data();
+        constexpr std::array<const char *, 3> kParts{"", "-wal", "-shm"};
+        const auto isTaken = [&](const std::string &sName) {
+            return std::any_of(kParts.begin(), kParts.end(), [&](const char *pszPart) {
+                return access((sName + pszPart).c_str(), F_OK) == 0;
+            });
+        };
+        // Two in one second: the first is not overwritten.
+        std::string sAside = sFirst;
+        for (int i = 2; isTaken(sAside); ++i) {
+            sAside = sFirst + "-" + std::to_string(i);
+        }
+        for (const char *pszPart : kParts) {
+            if (rename((sPath + pszPart).c_str(), (sAside + pszPart).c_str()) != 0 && *pszPart == 0) {
                 throw StoreError(0, "it is damaged (" + sWhat +
                                         "), and cannot be moved aside: " + std::strerror(errno));
             }
@@ -384,12 +390,15 @@ struct StateKeeper::Work {
         }
     }
 
-    // Waits until the last event of a restored request has come, or comes no more.
+    bool isBehind() const { return Batch(plugin).read(ulKept) > 0; }
+
+    // Waits until the last event of a restored request has come, or comes no more. What a slow disk has not
+    // taken yet may be just that, and must not be filed twice.
     void awaitRestored() const {
         unsigned long ulBefore = ulRestored;
         auto stalled = Clock::now() + kStall;
         while (ulRestored < ulToRestore && Clock::now() < stalled && !bHurry) {
-            if (ulRestored != ulBefore) {
+            if (ulRestored != ulBefore || isBehind()) {
                 ulBefore = ulRestored;
                 stalled = Clock::now() + kStall;
             }

@@ -53,7 +53,8 @@ void execute(sqlite3 *pHandle, const std::string &sSQL) {
 }
 
 void check(sqlite3 *pHandle) {
-    Statement statement(pHandle, "PRAGMA quick_check(1)");
+    // The history may be long, and the air waits for this: its pages are checked as they are used.
+    Statement statement(pHandle, "PRAGMA quick_check(request)");
     if (statement.step() && statement.text(0) != "ok") {
         throw StoreError(SQLITE_CORRUPT, statement.text(0));
     }
@@ -108,8 +109,8 @@ Connection openState(const std::string &sPath, Store::Access eAccess) {
     }
     if (eAccess == Store::WRITE) {
         execute(pHandle, "PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL; PRAGMA temp_store = MEMORY");
-        check(pHandle);
         migrate(pHandle, iVersion);
+        check(pHandle);
     } else if (iVersion < kStateVersion) {
         throw StoreError(SQLITE_ERROR, "it holds no state, or that of an older version; pccast serve --state "
                                        "brings it up to this one");

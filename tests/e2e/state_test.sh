@@ -27,7 +27,7 @@ over=$(($(date +%s) + 22))
 "$pccast" message "Fire drill" --repeat 9 --epg 6
 within 5 prints '"epg":2,.*"from":' "$pccast" history --json
 within 5 prints '"broadcasts":1' "$pccast" history --json
-"$bin/pccast-feed" "$samples/sample.ts" $source 5000 >feed.log 2>&1 &
+"$bin/pccast-feed" --loop "$samples/sample.ts" $source >feed.log 2>&1 &
 "$pccast" receive 239.77.0.3:5001 received --datagrams 100000 --wait 20s >receive.log 2>&1 &
 within 5 prints '"datagrams":[1-9]' "$pccast" history --json --epg 2
 kill -KILL "$service"
@@ -55,13 +55,25 @@ done
 # A clean end and a start: what was preempted comes back to its turn.
 end_service TERM
 start_with_state
+"$pccast" receive 239.77.0.2:5000 caught --idle 2s 2>caught.log &
+catcher=$!
+asked=$(date +%s)
 "$pccast" stop "$("$pccast" list --json | sed -n 's/.*"epg":2,"identity":"\([^"]*\)".*/\1/p')"
 within 5 grep -q "audit: started relay ${early%%:*}:" serve.log
+started=$(date +%s)
+within 5 test -s caught
 [ "$("$pccast" history --epg 2 --csv | tail -n +2 | cut -d, -f7,8 | paste -sd' ')" = "interrupted, ended,closing ended,stop" ] ||
     fail "$("$pccast" history --epg 2 --csv)"
 end_service TERM
 "$pccast" history --state "$work/state" --json >history
 [ "$(wc -l <history)" -ge 6 ] || fail "the file alone gives no history"
+# What the history says is what went over the network.
+wait $catcher
+caught=$(sed -n 's/^pccast: \([0-9]*\) datagrams received.*/\1/p' caught.log)
+read -r from datagrams < <(grep '"epg":1,' history | tail -n 1 |
+    sed -E 's/.*"from":([0-9]+).*"datagrams":([0-9]+).*/\1 \2/')
+[ "$datagrams" -eq "$caught" ] && [ "$from" -ge "$asked" ] && [ "$from" -le "$started" ] ||
+    fail "caught $caught from $asked to $started: $(grep '"epg":1,' history)"
 refused 69 'no service answers' "$pccast" history
 refused 66 'unable to open' "$pccast" history --state /nowhere
 
