@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 
@@ -177,12 +178,13 @@ std::vector<std::string> drawnWith(const WatchState &state, unsigned long ulNow,
     return found;
 }
 
-// The whole table, a line below the other.
+// The whole table, a line below the other, with ^ for ESC.
 std::string table(const WatchState &state, unsigned long ulNow, const WatchWindow &window) {
     std::string sTable;
     for (const std::string &sLine : watchDraw(state, ulNow, window)) {
         sTable += sLine.substr(0, sLine.find_last_not_of(' ') + 1) + "\n";
     }
+    std::replace(sTable.begin(), sTable.end(), '\033', '^');
     return sTable;
 }
 
@@ -215,22 +217,22 @@ PROBLEMS
   14:14:10  it does not begin with its CRC, by 10.0.0.5
 )");
     watchNote(&state, decode(kEnd), 1790000060, "10.0.0.5");
-    EXPECT_EQ(table(state, 1790000061, WatchWindow{80, 16}),
-              R"(pccast watch   2026-09-21 14:14:21   7 datagrams heard
+    EXPECT_EQ(table(state, 1790003600, WatchWindow{80, 16, true}),
+              R"(pccast watch   2026-09-21 15:13:20   7 datagrams heard
 
-ON AIR
-  EPG         KIND    FORMAT  DESTINATION            UNTIL     STATE           …
-  nothing
+^[1mON AIR^[0m
+^[2m  EPG         KIND    FORMAT  DESTINATION            UNTIL     STATE           …^[0m
+^[2m  nothing^[0m
 
-MESSAGES
-  14:14:11  1x    hi
+^[1mMESSAGES^[0m
+^[2m  14:14:11  1x    hi^[0m
 
-ENDED
-  7           stream  H.264   239.1.2.3:5000         15:13:20  ended 14:14:20  …
+^[1mENDED^[0m
+^[2m  7           stream  H.264   239.1.2.3:5000         15:13:20  ended 14:14:20  …^[0m
 
-PROBLEMS
-  14:14:10  the CRC of the announcement is 00000000, its bytes give 6A699BD6, b…
-  14:14:10  it does not begin with its CRC, by 10.0.0.5
+^[1mPROBLEMS^[0m
+^[31m  14:14:10  the CRC of the announcement is 00000000, its bytes give 6A699BD6, b…^[0m
+^[31m  14:14:10  it does not begin with its CRC, by 10.0.0.5^[0m
 )");
 }
 

@@ -111,11 +111,26 @@ TEST(Yield, PausesAreShortAndIdleLoopsCostLittle) {
     }
 }
 
-TEST(Clock, TheWallClockInSecondsStoredAndReturned) {
+TEST(Clock, TheWallClockIsStoredReturnedAndTurnedIntoADate) {
     unsigned long ulStored = 0;
     const unsigned long ulReturned = vexa_time(&ulStored);
     EXPECT_EQ(ulStored, ulReturned);
     EXPECT_LE(static_cast<unsigned long>(std::time(nullptr)) - ulReturned + 1, 2u);
+
+    unsigned long ulSeconds = 0, ulMicroseconds = 1'000'000;
+    EXPECT_EQ(qxapi_time_ex2(&ulSeconds, &ulMicroseconds), 1);
+    EXPECT_LE(ulSeconds - ulReturned, 1u);
+    EXPECT_LT(ulMicroseconds, 1'000'000u);
+    EXPECT_EQ(qxapi_time_ex2(nullptr, nullptr), 1);
+
+    tm local{}, expected{};
+    const auto now = static_cast<time_t>(ulReturned);
+    EXPECT_EQ(qxapi_local_time(ulReturned, &local), 1);
+    localtime_r(&now, &expected);
+    EXPECT_EQ(std::string(std::asctime(&local)), std::asctime(&expected));
+    EXPECT_EQ(qxapi_local_time(~0ul, &local), 0);
+    EXPECT_EQ(local.tm_mday, 0) << "cleared";
+    EXPECT_EQ(qxapi_local_time(0, nullptr), 0);
 }
 
 TEST(Report, ControlCharactersDoNotReachTheTerminal) {

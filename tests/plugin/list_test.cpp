@@ -292,25 +292,26 @@ TYPED_TEST(ListTest, ListWithoutMemoryIsNotCreatedAndFilingLeavesTheRecord) {
     EXPECT_EQ(pCopy, nullptr);
 }
 
-// The exercise's whole output, with each printed record as "CALLER EPGID".
+// The exercise's whole output, with each printed record as "CALLER EPGID:", the creation and the start.
 TEST_F(PluginTest, MessageListExercisePrintsBothListings) {
     EXPECT_EQ(diagMSGListMain(), 1);
-    const std::regex record(R"(PRINTMSGInfo: Caller\[(\w+)\]\n\t ulCMD:0\n\t uliEPGID:(\d)\n(\t.*\n){6})");
+    const std::regex record(R"(PRINTMSGInfo: Caller\[(\w+)\]\n\t ulCMD:0\n\t uliEPGID:(\d)\n)"
+                            R"(\t ulCT:.*(\d) 1970\n\t.*\n\t ulST:.*(\d) 1970\n(\t.*\n){3})");
     EXPECT_EQ(
-        std::regex_replace(out(), record, "$1 $2 "),
+        std::regex_replace(out(), record, "$1 $2:$3$4 "),
         "msglistmgr:diagMSGListMain():#\nmsglistmgr:diagMSGListMain():#\nmsglistmgr:diagMSGListMain():#\n"
-        "diagMSGListMain 1 msglistmgr:diagMSGListMain():#\n"
+        "diagMSGListMain 1:23 msglistmgr:diagMSGListMain():#\n"
         " 1th INSERTED[1]\n 2th INSERTED[1]\n 3th INSERTED[1]\n 4th INSERTED[1]\n"
         "-----------------[ SHOW LIST: Caller::diagMSGListMain()\n"
-        "PRINTMSGList 3 PRINTMSGList 2 PRINTMSGList 1 PRINTMSGList 0 "
+        "PRINTMSGList 3:44 PRINTMSGList 2:33 PRINTMSGList 1:22 PRINTMSGList 0:11 "
         "SHOW LIST: 4 total, iFLAGChange:1 ]------------------\n"
         " 5th INSERTED[1]\n 4th INSERTED[1]\n 3th INSERTED[1]\n 2th INSERTED[1]\n"
         "-----------------[ SHOW LIST: Caller::diagMSGListMain()\n"
-        "PRINTMSGList 4 PRINTMSGList 3 PRINTMSGList 5 PRINTMSGList 2 "
-        "PRINTMSGList 6 PRINTMSGList 1 PRINTMSGList 7 PRINTMSGList 0 "
+        "PRINTMSGList 4:55 PRINTMSGList 3:44 PRINTMSGList 5:44 PRINTMSGList 2:33 "
+        "PRINTMSGList 6:33 PRINTMSGList 1:22 PRINTMSGList 7:22 PRINTMSGList 0:11 "
         "SHOW LIST: 8 total, iFLAGChange:1 ]------------------\n"
-        "diagMSGListMain 4 diagMSGListMain 3 diagMSGListMain 5 diagMSGListMain 2 "
-        "diagMSGListMain 6 diagMSGListMain 1 diagMSGListMain 7 diagMSGListMain 0 ");
+        "diagMSGListMain 4:55 diagMSGListMain 3:44 diagMSGListMain 5:44 diagMSGListMain 2:33 "
+        "diagMSGListMain 6:33 diagMSGListMain 1:22 diagMSGListMain 7:22 diagMSGListMain 0:11 ");
     for (long lNth = 1; lNth < 40; ++lNth) { // without memory it ends and leaks nothing
         withoutAllocation(lNth, diagMSGListMain);
     }
