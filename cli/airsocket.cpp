@@ -1,11 +1,7 @@
 #include "airsocket.h"
 
-#include <arpa/inet.h>
-#include <net/if.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
+#include "interface.h"
 
-#include <cerrno>
 #include <cstring>
 
 AirSocket joinGroup(const std::string &sGroup, unsigned short usPort, const std::string &sInterface) {
@@ -26,18 +22,19 @@ AirSocket joinGroup(const std::string &sGroup, unsigned short usPort, const std:
     return endpoint;
 }
 
-int rejoinGroup(const KTNET_ENDPOINT &endpoint) {
-    struct ip_mreqn membership {};
-    inet_pton(AF_INET, endpoint.szPeer, &membership.imr_multiaddr);
-    if (endpoint.szLocal[0] != 0 && inet_pton(AF_INET, endpoint.szLocal, &membership.imr_address) != 1) {
-        membership.imr_ifindex = static_cast<int>(if_nametoindex(endpoint.szLocal));
-        if (membership.imr_ifindex == 0) {
-            return ENODEV;
-        }
+bool rejoinGroup(const std::string &sGroup, std::span<const unsigned short> ports,
+                 const std::string &sInterface, std::span<AirSocket> sockets) {
+    for (AirSocket &socket : sockets) {
+        socket.reset();
     }
-    setsockopt(endpoint.iSocket, IPPROTO_IP, IP_DROP_MEMBERSHIP, &membership, sizeof membership);
-    const int iResult =
-        setsockopt(endpoint.iSocket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership);
-    // EADDRINUSE: it was joined on another interface, and still is.
-    return iResult == 0 || errno == EADDRINUSE ? 0 : errno;
+    Interface route;
+    if (sInterface.empty() ? findRoute(&route) != 0 : !findInterface(sInterface)) {
+        return false;
+    }
+    bool bAll = true;
+    for (size_t i = 0; i < ports.size(); ++i) {
+        sockets[i] = joinGroup(sGroup, ports[i], sInterface);
+        bAll = bAll && sockets[i];
+    }
+    return bAll;
 }

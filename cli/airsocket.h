@@ -9,6 +9,7 @@
 
 #include <array>
 #include <memory>
+#include <span>
 #include <string>
 
 using AirSocket = std::unique_ptr<KTNET_ENDPOINT, void (*)(KTNET_ENDPOINT *)>;
@@ -17,9 +18,12 @@ using AirSocket = std::unique_ptr<KTNET_ENDPOINT, void (*)(KTNET_ENDPOINT *)>;
 // that is no group is received as unicast. Returns null when that fails; the reason is on standard error.
 AirSocket joinGroup(const std::string &sGroup, unsigned short usPort, const std::string &sInterface);
 
-// Leaves the group and joins it again, because an interface that went away takes its memberships with it, and
-// switches forget them. Returns 0, or an errno.
-int rejoinGroup(const KTNET_ENDPOINT &endpoint);
+// Leaves a group and joins it again, by new sockets for all of usPorts: an interface that went away takes its
+// memberships with it, and switches forget them. All are closed first, because the system tells the network
+// only of the last one that leaves and the first one that joins. While there is no such interface, or no
+// route, nothing is said. Returns true when all have joined; what has not is null.
+bool rejoinGroup(const std::string &sGroup, std::span<const unsigned short> ports,
+                 const std::string &sInterface, std::span<AirSocket> sockets);
 
 // Hands each datagram that has come to take(bytes, length), at most so many that a flood keeps nothing else
 // waiting.

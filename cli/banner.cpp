@@ -40,7 +40,7 @@ void wrap(std::string_view sLine, size_t uMost, std::vector<std::string> *pLines
         sLine.remove_prefix(std::min(sLine.find_first_not_of(' '), sLine.size()));
         sLine = sLine.substr(0, sLine.find_last_not_of(' ') + 1);
         // Far more than a line is never looked at: a text of 64 KB may be a single word.
-        size_t uTaken = fitting(sLine.substr(0, kBannerColumns * 4), kBannerColumns);
+        size_t uTaken = fitting(textFront(sLine, kBannerColumns * 4), kBannerColumns);
         if (uTaken < sLine.size()) {
             const size_t uBlank = sLine.rfind(' ', uTaken);
             uTaken = uBlank == std::string_view::npos || uBlank == 0 ? uTaken : uBlank;

@@ -13,7 +13,7 @@ constexpr size_t kHeadSize = 8;          // of a packet
 constexpr uint32_t kReach = 64;          // numbers further behind than this are those of another playout
 constexpr uint32_t kHeldReach = 1024;    // numbers further ahead are not waited for
 constexpr unsigned long kPatience = 100; // ms that a packet waits for those before it
-constexpr unsigned long kFlutter = 1000; // ms in which late packets of the last playout do not count
+constexpr unsigned long kFlutter = 1000; // ms after the begin of a playout in which no other one begins
 constexpr unsigned long kSilence = 2000; // ms after which a lower number begins a new playout
 
 // Reads a format's header as the beginning of a file. Returns false when no file can begin with it.
@@ -113,9 +113,8 @@ void msbTake(MSBJoin *pJoin, const unsigned char *pBytes, size_t uLength, unsign
              std::vector<MSBPiece> *pPieces) {
     const unsigned short usStream = uLength > kHeadSize ? ktpacketGetWORD(pBytes + 4) : 0;
     const MSBFormat *const pFormat = uLength > kHeadSize ? findFormat(*pJoin, usStream) : nullptr;
-    const bool bLate = pJoin->usLast == usStream && ulNow - pJoin->ulChanged < kFlutter;
     unsigned int uiSendTime = 0;
-    if (pFormat == nullptr || bLate || ktpacketGetWORD(pBytes + 6) != uLength ||
+    if (pFormat == nullptr || ktpacketGetWORD(pBytes + 6) != uLength ||
         uLength - kHeadSize > pFormat->uiPacketSize ||
         !asfReadSendTime(pBytes + kHeadSize, uLength - kHeadSize, uiSendTime)) {
         pJoin->counts.ulForeign++;
@@ -123,11 +122,13 @@ void msbTake(MSBJoin *pJoin, const unsigned char *pBytes, size_t uLength, unsign
     }
     const uint32_t uiNumber = ktpacketGetDWORD(pBytes);
     if (beginsPlayout(*pJoin, usStream, uiNumber, ulNow)) {
+        // A late packet of the last playout, or one that somebody else has sent.
+        if (pJoin->usStream && ulNow - pJoin->ulChanged < kFlutter) {
+            pJoin->counts.ulForeign++;
+            return;
+        }
         while (!pJoin->held.empty()) {
             skipGap(pJoin, pPieces);
-        }
-        if (pJoin->usStream && *pJoin->usStream != usStream) {
-            pJoin->usLast = pJoin->usStream;
         }
         pJoin->usStream = usStream;
         pJoin->ulChanged = ulNow;

@@ -42,7 +42,6 @@ struct MSBJoin {
     std::vector<MSBFormat> formats;
     MSBCounts counts;
     std::optional<unsigned short> usStream; // the stream id of the playout; none before the first packet
-    std::optional<unsigned short> usLast;   // that of the playout before it
     uint32_t uiNext = 0;                    // the packet number that is due
     std::map<uint32_t, MSBHeld> held;       // by their distance from uiNext, never 0
     unsigned long ulChanged = 0;            // when the playout began

@@ -201,9 +201,10 @@ void run(Receive *pReceive, int iSignals) {
             });
         }
         follow(pReceive, tuneTick(&pReceive->state, now()));
-        if (pReceive->air && now() - pReceive->ulAnnounced >= kRejoin) {
+        if (pReceive->bOnAir && now() - pReceive->ulAnnounced >= kRejoin) {
             pReceive->ulAnnounced = now();
-            rejoinGroup(*pReceive->air);
+            rejoinGroup(wire::kGroup, std::span(&wire::announcement::kPort, 1), pReceive->sInterface,
+                        std::span(&pReceive->air, 1));
         }
     }
     closeFile(pReceive);

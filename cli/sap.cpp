@@ -23,9 +23,10 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kLook{50};
 constexpr std::chrono::seconds kPeriod{30};
-constexpr unsigned int kSpread = 10;   // s: so that many announcers do not speak at once
-constexpr int kAnnounceHops = 255;     // as RFC 2974 wants it
-constexpr unsigned int kRelayHops = 5; // of the casts themselves
+constexpr std::chrono::seconds kRetry{5}; // after a failure
+constexpr unsigned int kSpread = 10;      // s: so that many announcers do not speak at once
+constexpr int kAnnounceHops = 255;        // as RFC 2974 wants it
+constexpr unsigned int kRelayHops = 5;    // of the casts themselves
 constexpr unsigned int kFileHops = 16;
 
 // One that is announced.
@@ -59,8 +60,8 @@ int openSocket(const std::string &sInterface, std::string *psOrigin) {
         connect(iSocket, reinterpret_cast<const struct sockaddr *>(&group), sizeof group) == 0 &&
         getsockname(iSocket, reinterpret_cast<struct sockaddr *>(&own), &uiSize) == 0 &&
         inet_ntop(AF_INET, &own.sin_addr, aText.data(), aText.size()) != nullptr;
-    if (!bReady) {
-        const int iErrno = errno;
+    if (!bReady || own.sin_addr.s_addr == INADDR_ANY) {
+        const int iErrno = bReady ? EADDRNOTAVAIL : errno; // an interface may have no address yet
         close(iSocket);
         errno = iErrno;
         return -1;
@@ -97,18 +98,10 @@ bool isSame(const SapCast &one, const SapCast &other) {
     return one.ulRequest == other.ulRequest && one.ulStarted == other.ulStarted;
 }
 
-// What is announced, and by which socket. Of the thread alone.
+// What is announced. Of the thread alone.
 class Announcer {
 public:
     explicit Announcer(std::string sSendingInterface) : sInterface(std::move(sSendingInterface)) {}
-    ~Announcer() {
-        setCasts({});
-        if (iSocket >= 0) {
-            close(iSocket);
-        }
-    }
-    Announcer(const Announcer &) = delete;
-    Announcer &operator=(const Announcer &) = delete;
 
     // Takes back what is no longer among the casts, and announces what is new there.
     void setCasts(const std::vector<SapCast> &casts) {
@@ -135,13 +128,19 @@ public:
         }
     }
 
+    // Whether the last one could not be sent.
+    bool isFailing() const { return bFailing; }
+
 private:
-    // A failure is said once, until sending works again. The origin is a part of the session's name, so it
-    // stays while the session lives.
+    // Each has a socket of its own, because an interface may be made anew, or get another address. A failure
+    // is said once, until sending works again. The origin is a part of the session's name, so it stays while
+    // the session lives.
     void send(Announced &cast, bool bDelete) {
-        if (iSocket < 0) {
-            iSocket = openSocket(sInterface, &sOrigin);
+        if (bDelete && cast.sDescription.empty()) {
+            return; // nobody has heard of it
         }
+        std::string sOrigin;
+        const int iSocket = openSocket(sInterface, &sOrigin);
         if (cast.sDescription.empty() && iSocket >= 0) {
             cast.sOrigin = sOrigin;
             cast.sDescription = sapDescription(cast.cast, sOrigin);
@@ -153,12 +152,13 @@ private:
             sayAndReturn(EXIT_DONE, std::string("no announcement to players at ") + kSapGroup + ": " +
                                         std::strerror(errno));
         }
+        if (iSocket >= 0) {
+            close(iSocket);
+        }
         bFailing = !bSent;
     }
 
     std::string sInterface;
-    std::string sOrigin;
-    int iSocket = -1;
     bool bFailing = false;
     std::vector<Announced> announced;
 };
@@ -166,7 +166,13 @@ private:
 } // namespace
 
 Sap::Sap(const Plugin &loaded, std::string sSendingInterface)
-    : plugin(loaded), sInterface(std::move(sSendingInterface)), thread([this] { run(); }) {}
+    : plugin(loaded), sInterface(std::move(sSendingInterface)), thread([this] {
+          try {
+              run();
+          } catch (const std::exception &problem) { // the service goes on without it
+              sayAndReturn(EXIT_DONE, std::string("no more announcements to players: ") + problem.what());
+          }
+      }) {}
 
 Sap::~Sap() {
     stop();
@@ -200,8 +206,12 @@ void Sap::run() {
             announcer.announceAgain();
             again = Clock::now() + kPeriod + std::chrono::seconds(random() % (kSpread + 1));
         }
+        if (announcer.isFailing()) {
+            again = std::min(again, Clock::now() + kRetry);
+        }
         if (iCount == 0) {
             std::this_thread::sleep_for(kLook);
         }
     }
+    announcer.setCasts({});
 }

@@ -4,6 +4,8 @@
 #include <arpa/inet.h>
 #include <qxapi.h>
 
+#include <algorithm>
+
 namespace {
 
 constexpr unsigned long kNTP = 2'208'988'800; // seconds from 1900 to 1970
@@ -54,7 +56,7 @@ std::string sapPacket(const std::string &sDescription, const std::string &sOrigi
     sPacket += "application/sdp";
     sPacket += '\0';
     // To take a session back, its origin is enough.
-    const size_t uOrigin = sDescription.find("o=");
+    const size_t uOrigin = std::min(sDescription.find("o="), sDescription.size());
     return sPacket + (bDelete ? sDescription.substr(uOrigin, sDescription.find('\n', uOrigin) + 1 - uOrigin)
                               : sDescription);
 }

@@ -50,7 +50,7 @@ struct Tune {
     TuneOptions options;
     TuneState state;
     std::array<AirSocket, 2> air{AirSocket{nullptr, nullptr}, AirSocket{nullptr, nullptr}};
-    std::array<unsigned long, 2> aHeard{}; // when a datagram last came, or the group was last joined
+    unsigned long ulJoin = 0; // when the group is joined again, if nothing comes
 
     Player player;
     unsigned long ulStarted = 0;
@@ -170,19 +170,12 @@ void writePieces(Tune *pTune, const std::vector<MSBPiece> &pieces) {
     }
 }
 
-// Joins the group, and joins it again when it is silent: an interface may have been away.
+// Joins the group, and joins it again when it is silent.
 void keepJoined(Tune *pTune) {
     constexpr std::array<unsigned short, 2> kPorts{wire::announcement::kPort, wire::broadcast::kPort};
-    for (size_t i = 0; i < kPorts.size(); ++i) {
-        if (now() - pTune->aHeard[i] < (pTune->air[i] ? kRejoin : kRetryJoin)) {
-            continue;
-        }
-        pTune->aHeard[i] = now();
-        if (!pTune->air[i]) {
-            pTune->air[i] = joinGroup(wire::kGroup, kPorts[i], pTune->options.sInterface);
-        } else if (rejoinGroup(*pTune->air[i]) != 0) {
-            pTune->aHeard[i] += kRetryJoin - kRejoin;
-        }
+    if (now() >= pTune->ulJoin) {
+        const bool bJoined = rejoinGroup(wire::kGroup, kPorts, pTune->options.sInterface, pTune->air);
+        pTune->ulJoin = now() + (bJoined ? kRejoin : kRetryJoin);
     }
 }
 
@@ -241,6 +234,8 @@ void keepPlaying(Tune *pTune) {
         reapPlayer(pTune);
         return;
     }
+    // A connection may fail while the player lives: what it was told last is not known then.
+    pTune->bConnected = pTune->bConnected && pPlayer->socket.i >= 0;
     if (!playerConnect(pPlayer)) {
         return;
     }
@@ -286,7 +281,7 @@ int run(Tune *pTune, int iSignals) {
         }
         for (size_t i = 0; i < pTune->air.size(); ++i) {
             if (aPoll[i + 1].revents != 0) {
-                pTune->aHeard[i] = now();
+                pTune->ulJoin = now() + kRejoin;
                 drainSocket(aPoll[i + 1].fd, [pTune](const unsigned char *pBytes, size_t uLength) {
                     carryOut(pTune, tuneHear(&pTune->state, decodeAir(pBytes, uLength), now()), true);
                 });

@@ -26,8 +26,9 @@ std::string groupOf(const std::string &sAddress) {
     return aText.data();
 }
 
-// Reads the cast that is announced. Returns false when a receiver cannot play it.
-bool readCast(const AirRecord &record, TuneCast *pCast) {
+// Reads the cast that is announced. Returns false when a receiver cannot play it. current: most announcements
+// repeat its station file, which is not read again then.
+bool readCast(const AirRecord &record, const std::optional<TuneCast> &current, TuneCast *pCast) {
     if (!record.uiType || !record.uiFormat || !record.uiST) {
         return false;
     }
@@ -41,6 +42,12 @@ bool readCast(const AirRecord &record, TuneCast *pCast) {
                record.eStationCheck == AIR_CHECK_GOOD) {
         pCast->bASF = true;
         pCast->sStation = *record.sStation;
+        if (current && current->bASF && current->sStation == pCast->sStation) {
+            pCast->formats = current->formats;
+            pCast->sGroup = current->sGroup;
+            pCast->usPort = current->usPort;
+            return true;
+        }
         std::string sAddress;
         if (!msbReadStation(pCast->sStation, &pCast->formats, &sAddress, &pCast->usPort).empty()) {
             return false;
@@ -75,7 +82,7 @@ void hearAnnouncement(TuneState *pState, const AirRecord &record, unsigned long 
     const bool bEnd = record.eKind == AIR_END;
     // The CRC does not cover the frame's command. But an end has none of what is only in the other kind.
     if (bEnd ? record.uiST || record.uiET || record.sAddress || record.usPort || record.sStation
-             : !readCast(record, &cast)) {
+             : !readCast(record, pState->cast, &cast)) {
         return;
     }
     pState->uiSent = record.uiSendTime;

@@ -3,6 +3,8 @@
 #include "banner.h"
 #include "msbjoin.h"
 #include "nsc.h"
+#include "safetext.h"
+#include "sap.h"
 #include "tunelogic.h"
 #include "wire.h"
 
@@ -226,6 +228,17 @@ TEST(Banner, LongTextsArePagesOfWholeWords) {
     EXPECT_EQ(pages[0].lines[1], "word1005 word1006 word1007 word1008 word1009");
     EXPECT_EQ(pages[3].lines[1], "word1095 word1096 word1097 word1098 word1099");
 
+    // No character is cut in two, even where marks without a width make a line of many bytes.
+    std::string sMarks = "e";
+    for (int i = 0; i < 200; ++i) {
+        sMarks += "\xE0\xA5\x80"; // three bytes, so that 192 bytes end in one
+    }
+    const std::vector<BannerPage> marks = bannerPages(sMarks);
+    ASSERT_FALSE(marks.empty());
+    for (const std::string &sLine : marks.front().lines) {
+        EXPECT_TRUE(isUTF8(sLine)) << sLine;
+    }
+
     for (const std::string &sLong : {std::string(65'000, 'A'), std::string(65'000, '\n') + "x",
                                      std::string(65'000, '\xEA'), std::string(30'000, '\\')}) {
         size_t uLines = 0;
@@ -245,6 +258,7 @@ Bytes packet(unsigned int uiNumber, unsigned short usStream = 1) {
 }
 
 TEST(MSBJoin, PutsInOrderWhatTheNetworkMixes) {
+    const Bytes kSecond = "a second goes by";
     const struct {
         const char *pszWhat;
         std::vector<Bytes> packets;
@@ -260,12 +274,13 @@ TEST(MSBJoin, PutsInOrderWhatTheNetworkMixes) {
         {"far ahead", {packet(0), packet(5000)}, "H 0 136", 4999, 0, 0},
         {"the number wraps", {packet(0xFFFFFFFF), packet(1), packet(0)}, "H 255 0 1", 0, 0, 0},
         {"the next playout",
-         {packet(8), packet(0, 0x8001), packet(9), packet(1, 0x8001)},
+         {packet(8), kSecond, packet(0, 0x8001), packet(9), packet(1, 0x8001)},
          "H 8 H 0 1",
          0,
          0,
          1},
-        {"begun anew", {packet(900), packet(0), packet(1)}, "H 132 H 0 1", 0, 0, 0},
+        {"begun anew", {packet(900), kSecond, packet(0), packet(1)}, "H 132 H 0 1", 0, 0, 0},
+        {"somebody else's", {packet(0), packet(7, 0x8001), packet(1), packet(900, 0x8001)}, "H 0 1", 0, 0, 2},
         {"of another format",
          {packet(0, 2), packet(0).substr(0, 20), Bytes("\0\0\0", 3), packet(0)},
          "H 0",
@@ -277,11 +292,17 @@ TEST(MSBJoin, PutsInOrderWhatTheNetworkMixes) {
         MSBJoin join;
         join.formats = {{1, 30, "header"}};
         std::vector<MSBPiece> pieces;
+        unsigned long ulNow = 10;
         for (const Bytes &bytes : test.packets) {
-            msbTake(&join, reinterpret_cast<const unsigned char *>(bytes.data()), bytes.size(), 10, &pieces);
+            if (bytes == kSecond) {
+                ulNow += 1000;
+            } else {
+                msbTake(&join, reinterpret_cast<const unsigned char *>(bytes.data()), bytes.size(), ulNow,
+                        &pieces);
+            }
         }
-        msbTick(&join, 109, &pieces);
-        msbTick(&join, 110, &pieces);
+        msbTick(&join, ulNow + 99, &pieces);
+        msbTick(&join, ulNow + 100, &pieces);
         std::string sPieces;
         for (const MSBPiece &piece : pieces) {
             sPieces += (sPieces.empty() ? "" : " ") +
@@ -294,6 +315,10 @@ TEST(MSBJoin, PutsInOrderWhatTheNetworkMixes) {
         EXPECT_EQ(join.counts.ulForeign, test.ulForeign) << test.pszWhat;
         EXPECT_TRUE(join.held.empty()) << test.pszWhat;
     }
+}
+
+TEST(Sap, WhatWasNeverDescribedCanBeTakenBack) {
+    EXPECT_EQ(sapPacket("", "", true).size(), 8 + sizeof "application/sdp");
 }
 
 // A million announcements and messages with a few bytes changed, cut or added. The frame's send time is left

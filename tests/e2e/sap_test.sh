@@ -4,7 +4,13 @@
 for tool in ffprobe python3; do
     command -v $tool >/dev/null || { echo "skipped: $tool is not installed"; exit 77; }
 done
+
+# Without a way to the group nothing is announced, and the service goes on. It tries again by itself.
+ip route add unreachable 224.2.127.254
 start_service --sap
+"$pccast" relay 239.77.0.1:4000 239.77.0.9:5000 --epg 6 --for 100s >unheard
+within 5 grep -q 'no announcement to players' serve.log
+"$pccast" stop "$(cat unheard)"
 
 # Each announcement as a line: announced or deleted, hash, origin, and the description with \r\n for its line ends.
 python3 - >heard-sap <<'END' &
@@ -26,7 +32,9 @@ within 5 grep -q FE7F02E0 /proc/net/igmp
 cp "$samples/sample.nsc" /fixdata/bypass.nsc
 "$pccast" file "$samples/sample.asf" --to 239.192.48.179:8080 --epg 5 --for 1s # no transport stream
 "$pccast" relay 239.77.0.1:4000 239.77.0.2:5000 --epg 7 --for 100s >relay
-within 5 grep -q '^announced 0 [0-9]* 127.0.0.1 application/sdp ' heard-sap
+sleep 0.5
+ip route del unreachable 224.2.127.254
+within 10 grep -q '^announced 0 [0-9]* 127.0.0.1 application/sdp ' heard-sap
 "$bin/pccast-feed" "$samples/sample.ts" 239.77.0.1:4000 --interface lo --loop >feed.log 2>&1 &
 # The player hears the announcement that is repeated.
 timeout 60 ffprobe -loglevel error -show_entries stream=codec_name -of csv=p=0 sap://224.2.127.254 >found 2>probe.log ||
@@ -41,5 +49,6 @@ grep -q "^deleted 0 $hash 127.0.0.1 application/sdp 'o=- [0-9]* 1 IN IP4 127.0.0
 expected="'v=0\\\\r\\\\no=- [0-9]* 1 IN IP4 127.0.0.1\\\\r\\\\ns=PCCAST programme 7\\\\r\\\\nc=IN IP4 239.77.0.2/5\\\\r\\\\nt=[0-9]* [0-9]*\\\\r"
 grep -q "$expected.*m=video 5000 udp 33" heard-sap || fail "the description: $(cat heard-sap)"
 [ "$(tail -n 1 heard-sap | cut -c 1-7)" = deleted ] || fail "announced after the end: $(tail -n 1 heard-sap)"
+! timeout 3 ffprobe -loglevel error sap://224.2.127.254 2>probe.log || fail "found a cast after its end"
 ! grep -q 239.192 heard-sap || fail "an ASF cast is announced to players that cannot play it"
 end_service TERM
