@@ -35,13 +35,14 @@ END
 }
 is() { [ "$(property "$1")" = "$2" ]; }
 like() { prints "$2" property "$1"; }
-# The picture moves, and nothing but frames has been decoded.
+# The picture moves, and frames have been decoded. The time goes below 0 where the looped stream begins again, so
+# the number of a frame tells nothing.
 plays() {
     local before after
     before=$(property time-pos)
     sleep 0.6
     after=$(property time-pos)
-    [ -n "$before" ] && [ -n "$after" ] && [ "$before" != "$after" ] && like estimated-frame-number '[1-9]'
+    [ -n "$before" ] && [ -n "$after" ] && [ "$before" != "$after" ] && like video-params/w '[1-9]'
 }
 
 # Without the function, so that the process is the one that the shell knows.
