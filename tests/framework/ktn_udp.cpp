@@ -72,6 +72,7 @@ TEST(Udp, HopLimitAndLoopAreTakenOrRefused) {
     EXPECT_EQ(ktn_xapi_hops_socket(0, sender->iSocket, 256, 1), -EINVAL);
     EXPECT_EQ(ktn_xapi_hops_socket(AF_INET6, sender->iSocket, 5, 1), -EAFNOSUPPORT);
     EXPECT_EQ(ktn_xapi_hops_socket(0, -1, 5, 1), -EBADF);
+    EXPECT_EQ(ktn_xapi_rx_poll_socket(-1, 0), -EBADF);
 }
 
 TEST(Udp, FrameIsOneDatagramByteForByte) {
