@@ -110,6 +110,7 @@ TEST_F(Local, LyingAndCutFramesAreRefused) {
 // client does.
 TEST_F(Local, SilentAndSlowClientsAreGivenUp) {
     const Endpoint server = serve(100);
+    testing::internal::CaptureStderr();
     for (const std::ptrdiff_t lAtOnce : {0, 28, 1}) { // the last client sends on, a byte every 20 ms
         PlainSocket client(path);
         ASSERT_TRUE(client.connectTo() &&
@@ -139,6 +140,8 @@ TEST_F(Local, SilentAndSlowClientsAreGivenUp) {
     EXPECT_EQ(ktn_xapi_ktnet_rx_data(conn.get(), &received), -ETIMEDOUT);
     EXPECT_GE(watch.spent(), 95ms);
     EXPECT_LT(watch.spent(), 500ms);
+    EXPECT_EQ(reported(), "ktn_xapi_ktnet_accept: a client sent no whole frame within 100 ms\n"
+                          "ktn_xapi_ktnet_rx_data: a client sent no whole frame within 100 ms\n");
 }
 
 TEST_F(Local, SilentClientsHoldUpNobody) {

@@ -89,6 +89,8 @@ TEST(MediaNsc, LiesAreRefusedWithTheirLine) {
     const std::pair<const char *, std::string> aCase[] = {
         {"line 1 is not of a station file", "GIF89a"},
         {"line 1 is not of a station file", "IP Address=239.1.1.1\n"},
+        {"line 2, Name: an encoded value's check byte is wrong",
+         "[Address]\nName=021G000000000UCW0p03a0BW0n03a0CW0k03G0E00k0340Dm0v0000\n"},
         {"it names no IP Address", "[Address]\nIP Port=0x1\n[Formats]\n" + sFormat},
         {"it names no IP Port", port("0x0")},
         {"it holds no format", formats("")},
