@@ -36,6 +36,15 @@ refused 69 'cannot be loaded' "$pccast" serve --plugin ./zeros
 refused 69 'has no QX_PlugIn_Name' "$pccast" serve --plugin "$bin/../lib/libvexa_pgl.so.1"
 refused 69 'heard 0 of 1' "$pccast" watch --count 1 --for 1s
 
+"$pccast" station --show "$samples/sample.nsc" >shown
+cmp - shown <<'END' || fail "the station is shown as $(cat shown)"
+name        Sample station
+version     3.0
+target      239.192.48.179:8080
+hop limit   16
+format 1    Format ID 1, header of 709 bytes
+END
+
 # A planted link is not followed, the file itself is replaced whole, and who may read it is as usual.
 echo mine >other
 ln -s other station.nsc.new

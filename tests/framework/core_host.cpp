@@ -81,6 +81,13 @@ TEST(Console, LogRecordsOfThreadsNeverMix) {
     }
     EXPECT_EQ(lines, expected);
     std::remove(path.c_str());
+
+    testing::internal::CaptureStderr();
+    setenv("QX_LOG_FILE", "/dev/full", 1);
+    EXPECT_EQ(qxapi_log_printf("t", "x"), -1);
+    unsetenv("QX_LOG_FILE");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "qxapi_log_printf: a record of [t] is lost: /dev/full: No space left on device\n");
 }
 
 TEST(Yield, PausesAreShortAndIdleLoopsCostLittle) {

@@ -79,6 +79,7 @@ TEST_F(Local, FramesOfEverySizeArriveWhole) {
 
 TEST_F(Local, LyingAndCutFramesAreRefused) {
     const Endpoint server = serve();
+    testing::internal::CaptureStderr();
     for (const BadFrame &bad : badFrames()) {
         PlainSocket client(path);
         ASSERT_TRUE(client.connectTo() && client.put(bad.bytes()));
@@ -98,12 +99,18 @@ TEST_F(Local, LyingAndCutFramesAreRefused) {
         EXPECT_EQ(received.pPayload, nullptr) << bad.pszWhat;
         EXPECT_EQ(static_cast<int>(conn->uiError), -bad.iLocal) << bad.pszWhat;
     }
+    EXPECT_EQ(reported(), "ktn_xapi_ktnet_rx_data: a client closed in the middle of a frame\n"
+                          "ktn_xapi_ktnet_rx_data: a client sent no frame: does not begin with KTNF\n"
+                          "ktn_xapi_ktnet_rx_data: a client sent no frame: another frame version\n"
+                          "ktn_xapi_ktnet_rx_data: a client sent no frame: another header length\n"
+                          "ktn_xapi_ktnet_rx_data: a client announced a frame of more than 1048576 bytes\n");
 }
 
 // The receiver serves one client at a time. No client may hold it longer than the time-out, whatever the
 // client does.
 TEST_F(Local, SilentAndSlowClientsAreGivenUp) {
     const Endpoint server = serve(100);
+    testing::internal::CaptureStderr();
     for (const std::ptrdiff_t lAtOnce : {0, 28, 1}) { // the last client sends on, a byte every 20 ms
         PlainSocket client(path);
         ASSERT_TRUE(client.connectTo() &&
@@ -133,6 +140,8 @@ TEST_F(Local, SilentAndSlowClientsAreGivenUp) {
     EXPECT_EQ(ktn_xapi_ktnet_rx_data(conn.get(), &received), -ETIMEDOUT);
     EXPECT_GE(watch.spent(), 95ms);
     EXPECT_LT(watch.spent(), 500ms);
+    EXPECT_EQ(reported(), "ktn_xapi_ktnet_accept: a client sent no whole frame within 100 ms\n"
+                          "ktn_xapi_ktnet_rx_data: a client sent no whole frame within 100 ms\n");
 }
 
 TEST_F(Local, SilentClientsHoldUpNobody) {
@@ -251,6 +260,7 @@ TEST_F(Local, WhatIsNotOursAtThePathIsLeftAlone) {
         {[&] { return mkfifo(path.c_str(), 0600) == 0; }, -EEXIST},
         {[&] { return datagram.bindTo(); }, -EPROTOTYPE},
         {[&] { return live.listenTo(0) && PlainSocket(path).connectTo(); }, -EADDRINUSE}}; // a full queue
+    testing::internal::CaptureStderr();
     for (const auto &[prepare, iExpected] : cases) {
         ASSERT_TRUE(prepare());
         struct stat before, after;
@@ -263,6 +273,10 @@ TEST_F(Local, WhatIsNotOursAtThePathIsLeftAlone) {
         EXPECT_EQ(before.st_mode, after.st_mode);
         std::filesystem::remove_all(path);
     }
+    EXPECT_EQ(reported(path),
+              "ktn_xapi_ktnet_create: $ is there and is no socket; it is left alone\n"
+              "ktn_xapi_ktnet_create: $ can not be probed: Protocol wrong type for socket; it is left alone\n"
+              "ktn_xapi_ktnet_create: $ is served by another listener; it is left alone\n");
 }
 
 TEST_F(Local, ReplacedSocketFileIsNotRemoved) {
@@ -307,6 +321,7 @@ TEST_F(Local, PathsThatCanNotBeServedAreRefused) {
         {folder + "/missing/socket", -ENOENT},
         {"/" + std::string(120, 'x'), -ENAMETOOLONG},
         {"/" + std::string(127, 'x'), -ENAMETOOLONG}}; // no room for the terminating zero
+    testing::internal::CaptureStderr();
     for (const auto &[wrong, iExpected] : cases) {
         const Endpoint server = makeEndpoint(KTNET_KIND_LOCAL, "", wrong, 0, 1), client = makeClient();
         EXPECT_EQ(ktn_xapi_ktnet_create(server.get()), iExpected) << wrong;
@@ -314,6 +329,12 @@ TEST_F(Local, PathsThatCanNotBeServedAreRefused) {
         wrong.copy(client->szPeer, sizeof client->szPeer);
         EXPECT_EQ(ktn_xapi_ktnet_connect(client.get()), iExpected) << wrong;
     }
+    EXPECT_EQ(reported(folder + "|\"/?x*\""),
+              "ktn_xapi_ktnet_create: $ can not be a socket path: empty, or longer than 107 bytes\n"
+              "ktn_xapi_ktnet_connect: $ can not be a socket path: empty, or longer than 107 bytes\n"
+              "ktn_xapi_ktnet_create: can not open $/missing/socket.lock: No such file or directory\n"
+              "ktn_xapi_ktnet_connect: no connection to $/missing/socket: No such file or directory\n"
+              "ktn_xapi_ktnet_create: an address is longer than 127 bytes\n");
 }
 
 TEST_F(Local, ClientOfAnotherUserIsRefused) {
@@ -321,10 +342,12 @@ TEST_F(Local, ClientOfAnotherUserIsRefused) {
     PlainSocket client(path);
     ASSERT_TRUE(client.connectTo() && client.put(kFrameBytes));
     faults().iPeer = 4711;
+    testing::internal::CaptureStderr();
     EXPECT_EQ(ktn_xapi_rx_poll_socket(server->iSocket, 100), 0);
     KTNET_ENDPOINT *pConn = nullptr;
     EXPECT_EQ(ktn_xapi_ktnet_accept(server.get(), &pConn), 0);
     faults().iPeer = -1;
+    EXPECT_EQ(reported(), "ktn_xapi_ktnet_accept: a client of another user (4711) is refused\n");
     EXPECT_TRUE(recv(client.iSocket, &pConn, 1, 0) <= 0) << "the connection is closed";
 }
 

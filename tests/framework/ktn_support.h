@@ -5,12 +5,16 @@
 
 #include <qxapi_ktn.h>
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <memory>
+#include <regex>
+#include <sstream>
 #include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -81,6 +85,18 @@ struct Stopwatch {
     std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
     auto spent() const { return std::chrono::steady_clock::now() - started; }
 };
+
+// Ends the capture of stderr. Returns each line that was reported, once, with $ for what matches the
+// expression.
+inline std::string reported(const std::string &expression = "\n") {
+    std::istringstream printed(testing::internal::GetCapturedStderr());
+    std::string all, line;
+    while (std::getline(printed, line)) {
+        line = std::regex_replace(line, std::regex(expression), "$$") + "\n";
+        all += all.find(line) == std::string::npos ? line : "";
+    }
+    return all;
+}
 
 // The bytes of one frame: ident 200, service 205, command 0x40020, parameter 0x01020304, payload abc.
 inline const Bytes kFrameBytes = {'K',  'T',  'N',  'F',  0x02, 0x00, 0x1C, 0x00, 0xC8, 0x00, 0x00,
