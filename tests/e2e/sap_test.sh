@@ -30,7 +30,7 @@ END
 within 5 grep -q FE7F02E0 /proc/net/igmp
 
 cp "$samples/sample.nsc" /fixdata/bypass.nsc
-"$pccast" file "$samples/sample.asf" --to 239.192.48.179:8080 --epg 5 --for 1s # no transport stream
+"$pccast" file "$samples/sample.asf" --to 239.192.48.179:8080 --epg 5 --for 3s # no transport stream
 "$pccast" relay 239.77.0.1:4000 239.77.0.2:5000 --epg 7 --for 100s >relay
 sleep 0.5
 ip route del unreachable 224.2.127.254
