@@ -155,6 +155,11 @@ TEST_F(RecordTest, RecordsWithoutMemoryAreNotHalfMade) {
             EXPECT_EQ(pInfo, nullptr);
         }
     }
+    for (long lNth = 1; lNth <= 2; ++lNth) { // the record; its text
+        MSGInfo *pMessage = nullptr;
+        EXPECT_EQ(withoutAllocation(lNth, [&] { return MAKEMSGInfo(&pMessage, "m"); }), 1 - lNth);
+        EXPECT_EQ(pMessage, nullptr);
+    }
     CASTInfo *pInfo = cast({.iEncryption = 2, .key = {1, 2, 3}});
     for (long lNth = 1; lNth <= 4; ++lNth) {
         CASTInfo *pCopy = nullptr;

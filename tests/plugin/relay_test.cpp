@@ -1,6 +1,9 @@
 // The bypass relay engine: what it sends for what it receives, and how its casts end.
 #include "plugintest.h"
 
+#include "bciengine.h"
+#include "bypassengine.h"
+#include "ktnet.h"
 #include "pccastmain/debuglog.h"
 
 namespace {
@@ -79,6 +82,20 @@ TEST_F(RelayTest, EndpointsAreSetUpForSourceAndDestination) {
                             "listen 1 aux - timeout 1000 error 0",
                             "mode 0 version 2 kind 10400 peer 224.2.2.2 local  port 5000 "
                             "listen 0 aux 0 timeout 1000 error 0"));
+}
+
+TEST_F(RelayTest, OpeningAnewClosesWhatWasOpen) {
+    KTNET_ENDPOINT *pDesc = nullptr;
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(initMSTREAMRxNetEx(&pDesc, "224.1.1.1", 9100, "127.0.0.1"), 1);
+        EXPECT_EQ(script::liveEndpoints(), 1);
+        EXPECT_EQ(initSTREAMTxNet(&pDesc, "224.2.2.2", nullptr, 5000), 1);
+        EXPECT_EQ(script::liveEndpoints(), 1);
+        EXPECT_EQ(initBCITxNet(&pDesc), 1);
+        EXPECT_EQ(script::liveEndpoints(), 1);
+    }
+    ktn_xapi_ktnet_delete(&pDesc);
+    EXPECT_EQ(KTNETOpenServer(&pDesc, KTNET_STREAM_SENDER, nullptr), -1); // no such endpoint
 }
 
 TEST_F(RelayTest, NothingIsAllocatedPerDatagram) {

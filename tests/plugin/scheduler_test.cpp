@@ -232,8 +232,10 @@ TEST_F(SchedulerTest, CloseDoesNotWaitForAnEngineThatHangs) {
         }
         QX_PlugIn_Close();
         EXPECT_EQ(count(script::seen().console, "Close PCCast"), ui + 1);
-        EXPECT_EQ(count(out(), std::string(ui == 2 ? "PCCASTRECASTEngine" : "PCCASTBYPASSEngine") +
-                                   " does not end: the service is closed without it"),
+        EXPECT_EQ(count(out(), std::string("[pccastmain:#] \033[2;31m ") +
+                                   (ui == 2 ? "PCCASTRECASTEngine" : "PCCASTBYPASSEngine") +
+                                   " does not end: the service is closed without it, and what it uses is "
+                                   "kept \033[1;41m[ERROR]\033[0m\n"),
                   ui == 1 ? 2u : 1u);
         // Left are the supervisor, the engine, and those that are to be stopped after it.
         EXPECT_EQ(script::liveThreads(), ui == 2 ? 2 : 3);

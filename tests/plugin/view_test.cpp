@@ -60,7 +60,8 @@ protected:
         ELIMINATEMSGInfo(&pInfo);
         settle();
     }
-    // The events since the last call: "started 1", "preempted 1 newer 2", "sent 5 left 1 send".
+    // The events since the last call: "started 1", "preempted 1 newer 2", "sent 5 left 1 send"; "filed 1'", a
+    // stop or a cancel.
     std::vector<std::string> events() {
         std::vector<std::string> texts;
         PCCASTEvent read[16];
@@ -73,6 +74,10 @@ protected:
                 const bool bCast = event.pCast != nullptr;
                 std::string text = std::string(kKinds[event.uiKind]) + " " +
                                    std::to_string(bCast ? event.pCast->uliEPGID : event.pMessage->uliEPGID);
+                text +=
+                    (bCast ? event.pCast->ulCMD == CAST_CMD_STOP : event.pMessage->ulCMD == PCMBC_CMD_CANCEL)
+                        ? "'"
+                        : "";
                 text += event.uiReason == 0 ? "" : std::string(" ") + kReasons[event.uiReason];
                 if (event.ulOther != 0) {
                     text += " " + std::to_string(event.pOtherCast != nullptr ? event.pOtherCast->uliEPGID
@@ -132,32 +137,33 @@ TEST_F(ViewTest, EveryWayOfACastHasItsEvents) {
     EXPECT_THAT(events(), ElementsAre("ended 2 end", "returned 1", "silent 1"));
     send(relay(4, 300, 40, 50));
     send(stop(relay(4, 300, 40, 50))); // waits: cancelled
-    EXPECT_THAT(events(), ElementsAre("filed 4", "filed 4", "cancelled 4 stop 4", "done 4"));
+    EXPECT_THAT(events(), ElementsAre("filed 4", "filed 4'", "cancelled 4 stop 4", "done 4'"));
     send(stop(relay(9, 300, 0, 50))); // equal to nothing: ends what is on air
-    EXPECT_THAT(events(), ElementsAre("filed 9", "ended 1 stop 9", "done 9", "started 3", "silent 3"));
+    EXPECT_THAT(events(), ElementsAre("filed 9'", "ended 1 stop 9", "done 9'", "started 3", "silent 3"));
     runTo(70);
     EXPECT_EQ(places(), "3 over");
     send(relay(5, 400, 60, 70)); // its time is over
     EXPECT_THAT(events(), ElementsAre("ended 3 end", "filed 5", "expired 5 end"));
     send(stop(relay(6, 500, 0, 90)));
-    EXPECT_THAT(events(), ElementsAre("filed 6", "done 6 nothing"));
+    EXPECT_THAT(events(), ElementsAre("filed 6'", "done 6' nothing"));
     EXPECT_EQ(places(), "");
     CastFields unknown = relay(7, 600, 70, 90);
     unknown.ulType = 9;
+    unknown.ulCMD = CAST_CMD_STOP;
     send(unknown);
     script::fail(Step::Create, "rx 224.1.1.1", -1);
     send(relay(8, 700, 70, 90));
     CastFields keyless = relay(10, 701, 70, 90);
     keyless.iEncryption = CAST_ENCRYPTION_SEED;
     send(keyless);
-    EXPECT_THAT(events(), ElementsAre("refused 7 incomplete", "filed 8", "failed 8 source", "filed 10",
+    EXPECT_THAT(events(), ElementsAre("refused 7' incomplete", "filed 8", "failed 8 source", "filed 10",
                                       "failed 10 key"));
     send(relay(11, 702, 70, 90));
     send(relay(12, 703, 72, 90)); // taken ahead of its time
     EXPECT_EQ(places(), "11 on air, 12 pending");
     send(stop(relay(12, 703, 72, 90))); // ends the one on air, and takes the pending one back
     runTo(73);
-    EXPECT_THAT(events(), testing::IsSupersetOf({"cancelled 12 stop 12", "done 12"}));
+    EXPECT_THAT(events(), testing::IsSupersetOf({"cancelled 12 stop 12", "done 12'"}));
     QX_PlugIn_Close();
     PCCASTView *pView = nullptr;
     PCCASTEvent event;
@@ -193,8 +199,8 @@ TEST_F(ViewTest, EveryWayOfAFileHasItsEvents) {
     runTo(28);
     EXPECT_THAT(events(), ElementsAre("filed 2", "started 2", "failed 2 send traffic 1 1 1 0 0", "filed 3",
                                       "started 3", "filed 4", "preempted 3 newer 4 traffic 2 2 0 0 0",
-                                      "started 4", "silent 4", "filed 5", "filed 4", "ended 4 stop 4",
-                                      "done 4", "started 5", "failed 5 file", "returned 3"));
+                                      "started 4", "silent 4", "filed 5", "filed 4'", "ended 4 stop 4",
+                                      "done 4'", "started 5", "failed 5 file", "returned 3"));
 }
 
 TEST_F(ViewTest, EveryWayOfAMessageHasItsEvents) {
@@ -208,7 +214,7 @@ TEST_F(ViewTest, EveryWayOfAMessageHasItsEvents) {
     runTo(14);
     say(1, 100, "x", 0, 1, 500, PCMBC_CMD_CANCEL);
     EXPECT_THAT(events(),
-                ElementsAre("current 1", "sent 1 left 1", "filed 1", "cancelled 1 stop 1", "done 1"));
+                ElementsAre("current 1", "sent 1 left 1", "filed 1'", "cancelled 1 stop 1", "done 1'"));
     say(3, 102, "cccc", 0, 0, 22);
     say(4, 90, "dddd", 0, 1, 20);
     say(4, 90, "x", 0, 1, 20, PCMBC_CMD_CANCEL); // waits: cancelled
@@ -216,7 +222,7 @@ TEST_F(ViewTest, EveryWayOfAMessageHasItsEvents) {
     script::fail(Step::Tx, "tx 224.9.9.9:9367", -5);
     runTo(23);
     EXPECT_THAT(events(),
-                ElementsAre("filed 3", "filed 4", "filed 4", "cancelled 4 stop 4", "done 4",
+                ElementsAre("filed 3", "filed 4", "filed 4'", "cancelled 4 stop 4", "done 4'",
                             "refused 5 incomplete", "current 3", "sent 3 send left 0", "finished 3 end"));
     // Two that are equally old change places in every pass. That is not told.
     say(6, 200, "eeee", 0, 9);
@@ -224,6 +230,55 @@ TEST_F(ViewTest, EveryWayOfAMessageHasItsEvents) {
     EXPECT_TRUE(script::settle(200));
     EXPECT_LE(events().size(), 8u);
     EXPECT_EQ(places().find('4'), std::string::npos);
+}
+
+// The whole snapshot, with times from kStart.
+TEST_F(ViewTest, SnapshotHoldsRequestsThreadsTrafficAndSenders) {
+    script::storedFile("/f", {{kStart, {1, 2}}, {kStart + 50, {3}}});
+    send(file(1, 100, 0, 60));
+    runTo(2);
+    send(relay(2, 101, 2, 50));
+    ASSERT_TRUE(script::datagram("224.1.1.1:9100", {1, 2, 3}));
+    script::fail(Step::Tx, "tx 224.9.9.9:9367", -5);
+    say(3, 102, "cccc", 1, 3);
+    runTo(4);
+    PCCASTView *pView = nullptr;
+    ASSERT_EQ(MAKEPCCASTView(&pView), 1);
+    const auto moment = [](unsigned long ulTime) {
+        return ulTime == 0 ? std::string(" never") : " " + std::to_string(ulTime - kStart);
+    };
+    EXPECT_GT(pView->ulPasses, 0u);
+    std::string text = "at" + moment(pView->ulTime) + " since" + moment(pView->ulSince) + "\n";
+    for (int i = 0; i < pView->iRequests; ++i) {
+        const PCCASTViewRequest &request = pView->pRequests[i];
+        text += std::to_string(request.ulRequest - pView->pRequests[0].ulRequest) + " filed" +
+                moment(request.ulFiled) + " started" + moment(request.ulStarted) +
+                (request.ulPreemptedBy == 0 ? "" : " preempted") + " left " +
+                std::to_string(request.ulRepeatsLeft) + "\n";
+        EXPECT_TRUE(request.ulPreemptedBy == 0 || request.ulPreemptedBy == pView->ulRelay);
+    }
+    for (const PCCASTViewThread &thread : pView->threads) {
+        text += std::string(thread.pszName) + " " + std::to_string(thread.iState) + " " +
+                std::to_string(thread.iAlive) + "\n";
+    }
+    for (const PCCASTTraffic &traffic : {pView->relay, pView->playout}) {
+        for (const unsigned long ulCount :
+             {traffic.ulDatagrams, traffic.ulBytes, traffic.ulFailed, traffic.ulDropped}) {
+            text += std::to_string(ulCount) + " ";
+        }
+        text += "silent" + moment(traffic.ulSilentSince) + " last" + moment(traffic.ulLastArrival) + "\n";
+    }
+    for (const PCCASTViewSender &sender : {pView->announcements, pView->broadcasts}) {
+        text += std::to_string(sender.ulSent) + " " + std::to_string(sender.ulFailed) +
+                moment(sender.ulLast) + "\n";
+    }
+    EXPECT_EQ(text,
+              "at 4 since 0\n"
+              "0 filed 0 started 0 preempted left 0\n1 filed 2 started 2 left 0\n2 filed 2 started 2 left 2\n"
+              "PCCASTPluginMain 1 1\nRxPCMBCInfoEngine 1 1\nPCMBCEngine 1 1\nRxCASTInfoEngine 1 1\n"
+              "PCCASTBCIEngine 1 1\nPCCASTBYPASSEngine 1 1\nPCCASTRECASTEngine 0 1\n"
+              "1 3 0 0 silent 2 last 2\n1 2 0 0 silent never last never\n1 0 0\n0 1 2\n");
+    ELIMINATEPCCASTView(&pView);
 }
 
 TEST_F(ViewTest, RingKeepsTheLastEvents) {
