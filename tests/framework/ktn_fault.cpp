@@ -1,8 +1,11 @@
-// ktn_fault.cpp - stands before three calls of the system, so that a test can let them fail. The libraries
-// under test call these instead.
+// ktn_fault.cpp - stands before calls of the system, so that a test can let them fail. The libraries under
+// test call these instead. Also looks after each test: it must leave no descriptor open.
 #include "ktn_support.h"
 
 #include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <new>
 #include <sys/syscall.h>
 
 Faults &faults() {
@@ -12,22 +15,119 @@ Faults &faults() {
 
 namespace {
 
-// Returns whether this send must fail, and sets errno.
-bool fails() {
+class NoDescriptorLeft : public testing::EmptyTestEventListener {
+    static auto open() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
+    std::ptrdiff_t lBefore = 0;
+    void OnTestStart(const testing::TestInfo &) override { lBefore = open(); }
+    void OnTestEnd(const testing::TestInfo &) override { EXPECT_EQ(open(), lBefore) << "descriptors"; }
+};
+[[maybe_unused]] const bool kListens = [] {
+    testing::UnitTest::GetInstance()->listeners().Append(new NoDescriptorLeft);
+    return true;
+}();
+
+// Returns whether this call is the one that must fail, and sets errno.
+bool fails(const char *pszCall) {
+    const char *pszFault = faults().pszCall;
+    if (pszFault == nullptr || std::strcmp(pszFault, pszCall) != 0 || faults().iPass-- > 0) {
+        return false;
+    }
+    faults().pszCall = nullptr;
+    errno = faults().iErrno;
+    return true;
+}
+
+template <typename... Arguments>
+int call(const char *pszCall, long lNumber, Arguments... arguments) {
+    return fails(pszCall) ? -1 : static_cast<int>(syscall(lNumber, arguments...));
+}
+
+bool sendFails() {
     errno = faults().iSendErrno;
     return errno != 0;
 }
 
+void *memory(std::size_t ulSize) {
+    void *pMemory = fails("new") ? nullptr : std::malloc(ulSize);
+    faults().lObjects += pMemory != nullptr;
+    return pMemory;
+}
+
 } // namespace
+
+void *operator new(std::size_t ulSize) {
+    void *pMemory = memory(ulSize);
+    return pMemory != nullptr ? pMemory : throw std::bad_alloc();
+}
+void *operator new(std::size_t ulSize, const std::nothrow_t &) noexcept {
+    return memory(ulSize);
+}
+void operator delete(void *pMemory) noexcept {
+    faults().lObjects -= pMemory != nullptr;
+    std::free(pMemory);
+}
+void operator delete(void *pMemory, std::size_t) noexcept {
+    operator delete(pMemory);
+}
 
 extern "C" {
 
 ssize_t send(int iSocket, const void *pData, std::size_t ulLength, int iFlags) {
-    return fails() ? -1 : syscall(SYS_sendto, iSocket, pData, ulLength, iFlags, nullptr, 0);
+    return sendFails() ? -1 : syscall(SYS_sendto, iSocket, pData, ulLength, iFlags, nullptr, 0);
 }
 
 ssize_t sendmsg(int iSocket, const msghdr *pMessage, int iFlags) {
-    return fails() ? -1 : syscall(SYS_sendmsg, iSocket, pMessage, iFlags);
+    return sendFails() ? -1 : call("sendmsg", SYS_sendmsg, iSocket, pMessage, iFlags);
+}
+
+ssize_t recv(int iSocket, void *pData, std::size_t ulLength, int iFlags) {
+    return call("recv", SYS_recvfrom, iSocket, pData, ulLength, iFlags, nullptr, nullptr);
+}
+
+ssize_t recvmsg(int iSocket, msghdr *pMessage, int iFlags) {
+    return call("recvmsg", SYS_recvmsg, iSocket, pMessage, iFlags);
+}
+
+int poll(pollfd *pWatched, nfds_t ulWatched, int iTimeoutMs) {
+    return call("poll", SYS_poll, pWatched, ulWatched, iTimeoutMs);
+}
+
+// The fortified poll() of an array whose size is known.
+int __poll_chk(pollfd *pWatched, nfds_t ulWatched, int iTimeoutMs,
+               std::size_t) { // NOLINT(*-reserved-identifier)
+    return poll(pWatched, ulWatched, iTimeoutMs);
+}
+
+int socket(int iDomain, int iType, int iProtocol) noexcept {
+    return call("socket", SYS_socket, iDomain, iType, iProtocol);
+}
+
+int bind(int iSocket, const sockaddr *pAddress, socklen_t uiLength) noexcept {
+    return call("bind", SYS_bind, iSocket, pAddress, uiLength);
+}
+
+int listen(int iSocket, int iQueue) noexcept {
+    return call("listen", SYS_listen, iSocket, iQueue);
+}
+
+int connect(int iSocket, const sockaddr *pAddress, socklen_t uiLength) {
+    return call("connect", SYS_connect, iSocket, pAddress, uiLength);
+}
+
+int accept4(int iSocket, sockaddr *pAddress, socklen_t *puiLength, int iFlags) {
+    return call("accept4", SYS_accept4, iSocket, pAddress, puiLength, iFlags);
+}
+
+int flock(int iFile, int iOperation) noexcept {
+    return call("flock", SYS_flock, iFile, iOperation);
+}
+
+int unlink(const char *pszPath) noexcept {
+    return call("unlink", SYS_unlinkat, AT_FDCWD, pszPath, 0);
+}
+
+int setsockopt(int iSocket, int iLevel, int iOption, const void *pValue, socklen_t uiLength) noexcept {
+    return call("setsockopt", SYS_setsockopt, iSocket, iLevel, iOption, pValue, uiLength);
 }
 
 int getsockopt(int iSocket, int iLevel, int iOption, void *pValue, socklen_t *puiLength) noexcept {
@@ -35,6 +135,12 @@ int getsockopt(int iSocket, int iLevel, int iOption, void *pValue, socklen_t *pu
     if (lResult == 0 && iLevel == SOL_SOCKET && iOption == SO_PEERCRED && faults().iPeer >= 0) {
         static_cast<ucred *>(pValue)->uid = static_cast<uid_t>(faults().iPeer);
     }
+    return static_cast<int>(lResult);
+}
+
+int clock_gettime(clockid_t iClock, timespec *pTime) noexcept {
+    const long lResult = syscall(SYS_clock_gettime, iClock, pTime);
+    pTime->tv_sec += iClock == CLOCK_MONOTONIC ? faults().lAhead.load() : 0;
     return static_cast<int>(lResult);
 }
 }
