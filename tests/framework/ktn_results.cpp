@@ -327,7 +327,6 @@ TEST(Results, FailureOfTheSystemIsNamedAndLeavesNothing) {
         std::filesystem::remove(kPath);
         std::filesystem::remove(kPath + ".lock");
     }
-    faults().lAhead = 0;
 }
 
 } // namespace

@@ -84,7 +84,7 @@ struct Faults {
     std::atomic<const char *> pszCall{
         nullptr}; // this call fails once with iErrno, after it has passed iPass times
     std::atomic<int> iErrno{0}, iPass{0};
-    std::atomic<long> lAhead{0};   // seconds that the monotonic clock is ahead
+    std::atomic<long> lAhead{0};   // seconds that the monotonic clock is ahead; never less than before
     std::atomic<long> lObjects{0}; // that operator new has made and none has deleted
 };
 Faults &faults();
