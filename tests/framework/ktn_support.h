@@ -81,6 +81,7 @@ struct PlainSocket {
 struct Faults {
     std::atomic<int> iSendErrno{0}; // every send fails with it, 0 none
     std::atomic<int> iPeer{-1};     // the user that every local peer seems to be, -1 as it is
+    std::atomic<int> iBuffer{-1};   // what every receive buffer seems to be, -1 as it is
     std::atomic<const char *> pszCall{
         nullptr}; // this call fails once with iErrno, after it has passed iPass times
     std::atomic<int> iErrno{0}, iPass{0};
