@@ -83,54 +83,30 @@ ssize_t sendmsg(int iSocket, const msghdr *pMessage, int iFlags) {
     return sendFails() ? -1 : call("sendmsg", SYS_sendmsg, iSocket, pMessage, iFlags);
 }
 
-ssize_t recv(int iSocket, void *pData, std::size_t ulLength, int iFlags) {
-    return call("recv", SYS_recvfrom, iSocket, pData, ulLength, iFlags, nullptr, nullptr);
-}
-
-ssize_t recvmsg(int iSocket, msghdr *pMessage, int iFlags) {
-    return call("recvmsg", SYS_recvmsg, iSocket, pMessage, iFlags);
-}
-
-int poll(pollfd *pWatched, nfds_t ulWatched, int iTimeoutMs) {
-    return call("poll", SYS_poll, pWatched, ulWatched, iTimeoutMs);
-}
+// A call that fails when a test asks for it, and else is the system's.
+#define CALL(result, name, parameters, number, ...)                                                          \
+    result name parameters {                                                                                 \
+        return call(#name, number, __VA_ARGS__);                                                             \
+    }
+CALL(ssize_t, recv, (int i, void *p, std::size_t ul, int iFlags), SYS_recvfrom, i, p, ul, iFlags, nullptr,
+     nullptr)
+CALL(ssize_t, recvmsg, (int i, msghdr *p, int iFlags), SYS_recvmsg, i, p, iFlags)
+CALL(ssize_t, pread, (int i, void *p, std::size_t ul, off_t l), SYS_pread64, i, p, ul, l)
+CALL(int, poll, (pollfd * p, nfds_t ul, int iTimeoutMs), SYS_poll, p, ul, iTimeoutMs)
+CALL(int, socket, (int iDomain, int iType, int iProtocol) noexcept, SYS_socket, iDomain, iType, iProtocol)
+CALL(int, bind, (int i, const sockaddr *p, socklen_t ui) noexcept, SYS_bind, i, p, ui)
+CALL(int, listen, (int i, int iQueue) noexcept, SYS_listen, i, iQueue)
+CALL(int, connect, (int i, const sockaddr *p, socklen_t ui), SYS_connect, i, p, ui)
+CALL(int, accept4, (int i, sockaddr *p, socklen_t *pui, int iFlags), SYS_accept4, i, p, pui, iFlags)
+CALL(int, flock, (int i, int iOperation) noexcept, SYS_flock, i, iOperation)
+CALL(int, unlink, (const char *psz) noexcept, SYS_unlinkat, AT_FDCWD, psz, 0)
+CALL(int, setsockopt, (int i, int iLevel, int iName, const void *p, socklen_t ui) noexcept, SYS_setsockopt, i,
+     iLevel, iName, p, ui)
 
 // The fortified poll() of an array whose size is known.
 int __poll_chk(pollfd *pWatched, nfds_t ulWatched, int iTimeoutMs,
                std::size_t) { // NOLINT(*-reserved-identifier)
     return poll(pWatched, ulWatched, iTimeoutMs);
-}
-
-int socket(int iDomain, int iType, int iProtocol) noexcept {
-    return call("socket", SYS_socket, iDomain, iType, iProtocol);
-}
-
-int bind(int iSocket, const sockaddr *pAddress, socklen_t uiLength) noexcept {
-    return call("bind", SYS_bind, iSocket, pAddress, uiLength);
-}
-
-int listen(int iSocket, int iQueue) noexcept {
-    return call("listen", SYS_listen, iSocket, iQueue);
-}
-
-int connect(int iSocket, const sockaddr *pAddress, socklen_t uiLength) {
-    return call("connect", SYS_connect, iSocket, pAddress, uiLength);
-}
-
-int accept4(int iSocket, sockaddr *pAddress, socklen_t *puiLength, int iFlags) {
-    return call("accept4", SYS_accept4, iSocket, pAddress, puiLength, iFlags);
-}
-
-int flock(int iFile, int iOperation) noexcept {
-    return call("flock", SYS_flock, iFile, iOperation);
-}
-
-int unlink(const char *pszPath) noexcept {
-    return call("unlink", SYS_unlinkat, AT_FDCWD, pszPath, 0);
-}
-
-int setsockopt(int iSocket, int iLevel, int iOption, const void *pValue, socklen_t uiLength) noexcept {
-    return call("setsockopt", SYS_setsockopt, iSocket, iLevel, iOption, pValue, uiLength);
 }
 
 int getsockopt(int iSocket, int iLevel, int iOption, void *pValue, socklen_t *puiLength) noexcept {

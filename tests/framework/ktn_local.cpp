@@ -229,14 +229,6 @@ TEST_F(Local, FullQueueIsWaitedForWithinTheTimeout) {
     server.join();
 }
 
-TEST_F(Local, ThousandClientsAtOnceFindRoom) {
-    const Endpoint server = serve();
-    std::deque<PlainSocket> clients;
-    for (int i = 0; i < 1000; i++) {
-        ASSERT_TRUE(clients.emplace_back(path).connectTo()) << i << ": " << std::strerror(errno);
-    }
-}
-
 TEST_F(Local, SocketFileIsOursAloneAndGoesWithTheListener) {
     leaveStaleFile();
     const mode_t uiBefore = umask(0);

@@ -1,5 +1,6 @@
 // Tests of ASF files: which data packets come out, when they are due, and which headers are refused.
 #include "asfstream.h"
+#include "ktn_support.h"
 #include "media_files.h"
 
 namespace {
@@ -190,6 +191,22 @@ TEST(MediaAsf, OnlyAnEndInsideTheDataIsReported) {
                             ": its packets end at byte 424, before its data does: the playout ends here\n"
                       : "");
     }
+}
+
+TEST(MediaAsf, ReadThatFailsEndsThePlayoutByName) {
+    const std::string sFile = headerBytes(2, {{kDataSize, little(1, 8)}}) + packetsBytes({0, 10});
+    const MemoryFile file(sFile);
+    AsfReader reader;
+    std::string sReason;
+    failOnce("pread", EIO);
+    EXPECT_FALSE(asfReaderStart(reader, file.iFile, "file.asf", sReason));
+    EXPECT_EQ(sReason, "it cannot be read: Input/output error");
+    ASSERT_TRUE(asfReaderStart(reader, file.iFile, "file.asf", sReason));
+    testing::internal::CaptureStderr();
+    failOnce("pread", EIO);
+    EXPECT_TRUE(drain(reader, asfReaderNext).sBytes == packetsBytes({0, 10}));
+    EXPECT_EQ(reported(),
+              "stream: file.asf: cannot be read on at byte 424: Input/output error: the playout ends here\n");
 }
 
 // The data object is read where it is, behind whatever lies between it and the header.

@@ -1,4 +1,5 @@
 // Tests of transport stream files: which packets come out, and when they are due.
+#include "ktn_support.h"
 #include "media_files.h"
 #include "tsstream.h"
 
@@ -192,6 +193,33 @@ TEST(MediaTs, ChangeOfRateIsFollowedAndTheLastRateKept) {
     }
 }
 
+TEST(MediaTs, AnotherPidIsFollowedFromItsTenthReferenceOn) {
+    const Packets packets = changed(2400, 800, 2400, 40, [](TsPacket &packet, long long ll) {
+        packet = {0x200, 2 * ll * kMsTicks, false};
+    });
+    const Drained drained = play(bytesOf(packets));
+    for (const auto &[ulRun, dMs] : {std::pair{165U, 1155.0}, {166U, 1164.0}, {342U, 3628.0}}) {
+        EXPECT_NEAR(drained.dueMs[ulRun], dMs, 0.001) << "run " << ulRun;
+    }
+}
+
+TEST(MediaTs, ReadThatFailsEndsThePlayoutByName) {
+    const Packets packets = steadyPackets(400);
+    for (const int iErrno : {EINTR, EIO}) {
+        const MemoryFile file(bytesOf(packets));
+        TsReader reader;
+        std::string sReason;
+        ASSERT_TRUE(tsReaderStart(reader, file.iFile, "file.ts", sReason)) << sReason;
+        testing::internal::CaptureStderr();
+        failOnce("pread", iErrno);
+        EXPECT_EQ(drain(reader, tsReaderNext).sBytes == bytesOf(packets), iErrno == EINTR);
+        EXPECT_EQ(reported(), iErrno == EINTR
+                                  ? ""
+                                  : "stream: file.ts: cannot be read on at byte 0: Input/output error: the "
+                                    "playout ends here\n");
+    }
+}
+
 // Pictures that come rarely: references as far apart, and as many packets as the picture needs.
 TEST(MediaTs, ReferencesFarApartAreBelievedWhateverTheRateDoes) {
     using Intervals = std::vector<Interval>;
@@ -297,7 +325,7 @@ TEST(MediaTs, DamageCostsOnlyTheDamagedPackets) {
         // The damaged packet keeps its place and takes the head of the next packet as its tail. The next is
         // lost.
         {"bytes lost inside a packet", kTsPacketSize * 701 + 50, 30, "", kTsPacketSize * 702, 158},
-        {"a cut tail", kTsPacketSize * 1400 - 100, 100, "", kTsPacketSize * 1399, 88},
+        {"a cut tail", kTsPacketSize * 1400 - 187, 187, "", kTsPacketSize * 1399, 1},
     };
     for (const auto &testCase : aCase) {
         SCOPED_TRACE(testCase.pszWhat);
@@ -316,8 +344,8 @@ TEST(MediaTs, DamageCostsOnlyTheDamagedPackets) {
         expectSteady(drained, sExpected.size() / kTsPacketSize, 1.1);
         EXPECT_EQ(sReports,
                   std::string("stream: ") + testCase.pszWhat +
-                      (testCase.ulLost == 88
-                           ? ": ends with 88 bytes that are no whole packet: they are left out\n"
+                      (testCase.ulLost == 1
+                           ? ": ends with 1 bytes that are no whole packet: they are left out\n"
                            : ": no transport stream packet at byte " + std::to_string(testCase.ulLostAt) +
                                  ": going on with the next ones\n"));
     }
@@ -398,6 +426,7 @@ TEST(MediaTs, ClockGivesTheTimesOfItsLine) {
         {rest, 40, 56'000},
         {slow, 50, 81'040'000},
         {odd, 1121, 30'810'000}, // the average of 1010 packets: the last rate is out of proportion
+        {next(even, {1020, 6'004'100}, nullptr, 1010), 1020, 1'014'100},
         {slower, 31, 260'000},
         {ended(at, 30, 20), 25, 55'000},
         {ended(at, 30, 20), 30, 70'000},
