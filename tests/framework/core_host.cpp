@@ -217,7 +217,7 @@ TEST(Report, ControlCharactersDoNotReachTheTerminal) {
 TEST(Report, LineIsCutToItsRoomAndRepeatedAfterTenSecondsOnly) {
     testing::internal::CaptureStderr();
     errno = EXDEV;
-    for (const long lStep : {0L, 9L, 2L}) {
+    for (const long lStep : {0L, 9L, 2L, 0L}) {
         faults().lAhead += lStep;
         frameworkReport("who", "again");
     }

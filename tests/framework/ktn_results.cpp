@@ -39,11 +39,10 @@ TEST(Results, WrongArgumentsAreNamedByTheirNumber) {
     KTNET_BUFFER buffer{};
     struct Row {
         int iResult, iExpected;
-        unsigned int uiError = 1; // what the endpoint keeps of it; 1 not asked
+        unsigned int uiError = 1; // right after the call, what the endpoint keeps of it; 1 not asked
     };
     testing::internal::CaptureStderr();
     const Row rows[] = {
-        // made one after the other
         {ktn_xapi_ktnet_init_with_version(nullptr, 0, 2), -1},
         {ktn_xapi_ktnet_init_with_version(&pOut, 0, 1), -1},
         {ktn_xapi_ktnet_create(nullptr), -EINVAL},
