@@ -151,7 +151,9 @@ TEST(Results, FailureOfTheSystemIsNamedAndLeavesNothing) {
     const auto stale = [] { return PlainSocket(kPath).bindTo(); };
     const auto receive = [](const Endpoint &desc) {
         KTNET_PACKET packet{};
-        return ktn_xapi_ktnet_rx_data(desc.get(), &packet);
+        const int iResult = ktn_xapi_ktnet_rx_data(desc.get(), &packet);
+        EXPECT_EQ(payloadOf(packet), iResult == 1 ? (Bytes{'a', 'b', 'c'}) : Bytes{});
+        return iResult;
     };
     // Opens a listener, lets a client send a frame, and receives it.
     const auto serve = [&](bool bPoll = false, bool bMemory = false) {

@@ -446,6 +446,13 @@ TEST(MediaTs, ClockGivesTheTimesOfItsLine) {
     EXPECT_FALSE(tsclockDoubts(start, jump));
 }
 
+TEST(MediaTs, BytesBeforeTheFirstPacketAreSaid) {
+    testing::internal::CaptureStderr();
+    play(std::string(187, 'x') + bytesOf(steadyPackets(100)));
+    play(std::string(188, 'x') + bytesOf(steadyPackets(100)));
+    EXPECT_EQ(reported(), "stream: file.ts: 188 bytes before the first packet are left out\n");
+}
+
 TEST(MediaTs, PacketsAreFoundByTheirRun) {
     const auto run = [](std::size_t ulPackets, std::size_t ulUnit = 188) {
         return bytesOf(Packets(ulPackets), ulUnit == 192 ? 4 : 0, ulUnit == 204 ? 16 : 0);
