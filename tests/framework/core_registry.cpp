@@ -74,8 +74,8 @@ TEST_F(Registry, FileThatCanNotBeReadIsLeftOutByName) {
     std::filesystem::create_directory(root + "/folder");
     mkfifo((root + "/fifo").c_str(), 0600);
     std::filesystem::create_symlink("link", root + "/link");
-    write("/large", std::string(1024 * 1024, '#') + "\n");
-    write("/full", std::string(1024 * 1024 - 5, '#') + "\n/A=b");
+    write("/large", std::string(std::size_t{1024} * 1024, '#') + "\n");
+    write("/full", std::string(std::size_t{1024} * 1024 - 5, '#') + "\n/A=b");
     testing::internal::CaptureStderr();
     const long lObjects = faults().lObjects;
     for (const char *pszName : {"/missing", "/folder", "/fifo", "/link", "/large"}) {

@@ -392,7 +392,7 @@ TEST(MediaTs, ClockGivesTheTimesOfItsLine) {
     };
     TsClock fast, start;
     tsclockStart(fast, 2.0 * kSecond, 0);
-    tsclockStart(start, 1000, 40'000);
+    tsclockStart(start, 1000, 48'000);
     EXPECT_TRUE(tsclockNeedsNext(start, 0));
     const TsClock first = next(start, {10, 5'000'000}); // no reference before: at the rate so far
     const TsClock second = next(reached(first, 10), {20, 5'030'000}, nullptr, 10); // 3000 ticks a packet
@@ -430,7 +430,7 @@ TEST(MediaTs, ClockGivesTheTimesOfItsLine) {
         {slower, 31, 260'000},
         {ended(at, 30, 20), 25, 55'000},
         {ended(at, 30, 20), 30, 70'000},
-        {ended(slower, 31, 21), 31, 82'500},  // no longer than an interval
+        {ended(slower, 31, 21), 31, 87'000},  // no longer than an interval
         {ended(slower, 32, 21), 31, 260'000}, // more packets than an interval has
         {ended(slower, 31, 22), 31, 260'000}, // the time is on its way
         {ended(slower, 21, 21), 31, 260'000},
