@@ -161,6 +161,7 @@ TEST_F(Local, SilentClientsHoldUpNobody) {
         ASSERT_EQ(ktn_xapi_ktnet_rx_data(conn.get(), &received), 1) << iSilent;
         EXPECT_EQ(payloadOf(received), (Bytes{'a', 'b', 'c'}));
         EXPECT_FALSE(silent.back().isClosed()) << "there was room for this one";
+        EXPECT_EQ(silent.front().isClosed(), iSilent > 64) << "the one silent for the longest";
     }
 }
 
