@@ -1,4 +1,6 @@
 // Tests of the framework's registry.
+#include "ktn_support.h"
+
 #include <qxapi.h>
 
 #include <gtest/gtest.h>
@@ -7,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <sys/stat.h>
 
 namespace {
 
@@ -51,19 +54,45 @@ TEST_F(Registry, SlaveOverridesMasterAndGarbledLinesHarmNoOthers) {
     for (const auto &[pszKey, pszValue] : expected) {
         EXPECT_EQ(value(pszKey), pszValue) << pszKey;
     }
-    const std::string printed = testing::internal::GetCapturedStderr();
-    for (const char *pszLine : {"master:6 ", "master:7 ", "master:8 "}) {
-        const std::size_t ulFirst = printed.find(pszLine);
-        EXPECT_NE(ulFirst, std::string::npos) << pszLine;
-        EXPECT_EQ(printed.find(pszLine, ulFirst + 1), std::string::npos)
-            << "a lookup a second must not flood";
-    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), // once: a lookup a second must not flood
+              "QX_OpenRegistry: " + root + "/master:6 is no key=value line, passed over\nQX_OpenRegistry: " +
+                  root + "/master:7 is no key=value line, passed over\nQX_OpenRegistry: " + root +
+                  "/master:8 is no key=value line, passed over\n");
     ts_qx_registry *pSlave = QX_OpenRegistry(nullptr, "/slave", 0); // a host with one file
     ASSERT_NE(pSlave, nullptr);
     EXPECT_STREQ(pSlave->pOperations->pLookup(pSlave, "/A", nullptr), "slave");
     EXPECT_EQ(pSlave->pOperations->pLookup(pSlave, "/B", nullptr), nullptr);
+    int iLength = 77;
+    EXPECT_EQ(pSlave->pOperations->pLookup(pSlave, nullptr, &iLength), nullptr);
+    EXPECT_EQ(pSlave->pOperations->pLookup(nullptr, "/A", nullptr), nullptr);
+    EXPECT_EQ(iLength, 0);
     QX_CloseRegistry(pSlave);
-    EXPECT_EQ(QX_OpenRegistry("/missing", nullptr, 0), nullptr);
+    QX_CloseRegistry(nullptr);
+}
+
+TEST_F(Registry, FileThatCanNotBeReadIsLeftOutByName) {
+    std::filesystem::create_directory(root + "/folder");
+    mkfifo((root + "/fifo").c_str(), 0600);
+    std::filesystem::create_symlink("link", root + "/link");
+    write("/large", std::string(std::size_t{1024} * 1024, '#') + "\n");
+    write("/full", std::string(std::size_t{1024} * 1024 - 5, '#') + "\n/A=b");
+    testing::internal::CaptureStderr();
+    const long lObjects = faults().lObjects;
+    for (const char *pszName : {"/missing", "/folder", "/fifo", "/link", "/large"}) {
+        EXPECT_EQ(QX_OpenRegistry(pszName, nullptr, 0), nullptr) << pszName;
+    }
+    failOnce("new", 0);
+    EXPECT_EQ(QX_OpenRegistry("/full", "/full", 0), nullptr);
+    EXPECT_EQ(faults().lObjects, lObjects);
+    EXPECT_EQ(reported(root), "QX_OpenRegistry: $/folder is left out: Is a directory\n"
+                              "QX_OpenRegistry: $/fifo is left out: Invalid argument\n"
+                              "QX_OpenRegistry: $/link is left out: Too many levels of symbolic links\n"
+                              "QX_OpenRegistry: $/large is left out: File too large\n"
+                              "QX_OpenRegistry: no memory for the registry\n");
+    ts_qx_registry *pFull = QX_OpenRegistry("/folder", "/full", 0);
+    ASSERT_NE(pFull, nullptr);
+    EXPECT_STREQ(pFull->pOperations->pLookup(pFull, "/A", nullptr), "b");
+    QX_CloseRegistry(pFull);
 }
 
 } // namespace

@@ -12,10 +12,13 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <fcntl.h>
 #include <memory>
+#include <poll.h>
 #include <regex>
 #include <sstream>
 #include <string>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -78,8 +81,20 @@ struct PlainSocket {
 struct Faults {
     std::atomic<int> iSendErrno{0}; // every send fails with it, 0 none
     std::atomic<int> iPeer{-1};     // the user that every local peer seems to be, -1 as it is
+    std::atomic<int> iBuffer{-1};   // what every receive buffer seems to be, -1 as it is
+    std::atomic<const char *> pszCall{
+        nullptr}; // this call fails once with iErrno, after it has passed iPass times
+    std::atomic<int> iErrno{0}, iPass{0};
+    std::atomic<long> lAhead{0};   // seconds that the monotonic clock is ahead; never less than before
+    std::atomic<long> lObjects{0}; // that operator new has made and none has deleted
 };
 Faults &faults();
+
+inline void failOnce(const char *pszCall, int iErrno, int iPass = 0) {
+    faults().iErrno = iErrno;
+    faults().iPass = iPass;
+    faults().pszCall = pszCall;
+}
 
 struct Stopwatch {
     std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();

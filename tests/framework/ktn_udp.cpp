@@ -102,6 +102,7 @@ TEST(Udp, DatagramThatIsNoFrameDoesNotBlockTheNext) {
     const Endpoint receiver = opened(makeReceiver("239.1.1.1", 5000, "127.0.0.1", 200)),
                    sender = opened(makeSender());
     KTNET_PACKET received{};
+    testing::internal::CaptureStderr();
     EXPECT_EQ(ktn_xapi_ktnet_rx_data(receiver.get(), &received), -ETIMEDOUT);
     for (const BadFrame &bad : badFrames()) {
         give(sender, bad.bytes());
@@ -111,6 +112,9 @@ TEST(Udp, DatagramThatIsNoFrameDoesNotBlockTheNext) {
         EXPECT_EQ(ktn_xapi_ktnet_rx_data(receiver.get(), &received), 1) << bad.pszWhat;
         EXPECT_EQ(payloadOf(received), (Bytes{'a', 'b', 'c'})) << bad.pszWhat;
     }
+    EXPECT_EQ(reported("^.*: "),
+              "$shorter than a frame header\n$does not begin with KTNF\n$another frame version\n"
+              "$another header length\n$payload length and bytes present do not agree\n");
 }
 
 // A connected unicast socket reports the ICMP answer to one datagram when it sends the next. That next
@@ -162,10 +166,17 @@ TEST(Udp, GroupThatCanNotBeJoinedIsAnErrorThatNamesIt) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(ktn_xapi_ktnet_create(makeReceiver("239.1.1.1", 5000, "10.9.8.7").get()), -ENODEV);
     EXPECT_EQ(ktn_xapi_ktnet_create(makeReceiver("239.1.1.1", 5000, "nosuch0").get()), -ENODEV);
-    EXPECT_EQ(reported(),
-              "udpOpenReceiver: can not join 239.1.1.1:5000 on 10.9.8.7: No such device\n"
-              "udpOpenReceiver: \"nosuch0\" (given) is neither a network interface nor an address of "
-              "this machine\n");
+    ASSERT_EQ(std::system("ip route del 224.0.0.0/4"), 0);
+    EXPECT_EQ(ktn_xapi_ktnet_create(makeReceiver("239.1.1.1", 5000, "").get()), -ENODEV);
+    EXPECT_EQ(std::system("ip route add 224.0.0.0/4 dev lo"), 0);
+    opened(makeReceiver("239.1.1.1", 5000, ""));
+    EXPECT_EQ(
+        reported(),
+        "udpOpenReceiver: can not join 239.1.1.1:5000 on 10.9.8.7: No such device\n"
+        "udpOpenReceiver: \"nosuch0\" (given) is neither a network interface nor an address of "
+        "this machine\n"
+        "udpOpenReceiver: can not join 239.1.1.1:5000 on the routing table's interface: No such device (no "
+        "route leads to 224.0.0.0/4)\n");
 }
 
 TEST(Udp, SendingInterfaceComesFromTheEnvironmentElseFromTheRoutes) {
@@ -210,6 +221,24 @@ TEST(Udp, StallOfTheReaderLosesNothing) {
     for (int i = 0; i < iSent; i++) {
         ASSERT_EQ(take(receiver, 0), Bytes(1316, static_cast<unsigned char>(i))) << i << " of " << iSent;
     }
+}
+
+TEST(Udp, ReceiveBufferIsAskedForAndASmallOneIsSaid) {
+    const Endpoint first = opened(makeReceiver("127.0.0.1")), plain = opened(makeSender());
+    const int iAsked = 3799 * 2304; // the kernel doubles it, or gives what it may
+    if (setsockopt(plain->iSocket, SOL_SOCKET, SO_RCVBUFFORCE, &iAsked, sizeof iAsked) != 0) {
+        setsockopt(plain->iSocket, SOL_SOCKET, SO_RCVBUF, &iAsked, sizeof iAsked);
+    }
+    EXPECT_EQ(option(first, SOL_SOCKET, SO_RCVBUF), option(plain, SOL_SOCKET, SO_RCVBUF));
+    testing::internal::CaptureStderr();
+    for (const int iGiven : {7'877'601, 7'877'600}) { // nine tenths of it do
+        faults().iBuffer = iGiven;
+        opened(makeReceiver("127.0.0.1", 5001));
+    }
+    faults().iBuffer = -1;
+    EXPECT_EQ(reported(),
+              "udpOpenReceiver: 127.0.0.1:5001: the kernel gives a receive buffer of 7877600 bytes; 8752896 "
+              "ride out a 100 ms stall at 400 Mbit/s: raise net.core.rmem_max to 8752896\n");
 }
 
 // Programs that read the socket themselves must not hang on it.

@@ -1,5 +1,6 @@
 // Tests of ASF files: which data packets come out, when they are due, and which headers are refused.
 #include "asfstream.h"
+#include "ktn_support.h"
 #include "media_files.h"
 
 namespace {
@@ -71,14 +72,67 @@ TEST(MediaAsf, PacketsAreDueAtTheirSendTimesWhateverThoseSay) {
         {"jump back goes on at the bit rate", {kHour, kHour + 40, 0, 40}, {0, 40, 50, 90}},
         {"one wild send time", {0, 40, 2 * kHour, 80, 120}, {0, 40, 50, 60, 100}},
         {"somewhat out of order keeps the schedule", {0, 40, 20, 80}, {0, 40, 40, 80}},
-        {"a long pause is a pause", {0, 20'000}, {0, 20'000}},
+        {"a long pause is a pause", {0, 30'000}, {0, 30'000}},
+        {"a longer one is a jump", {0, 30'001, 30'041}, {0, 10, 50}},
+        {"a second out of order", {5000, 4000, 5040}, {0, 0, 40}},
+        {"more than a second back is a jump", {5000, 3999, 4039}, {0, 10, 50}},
     };
+    testing::internal::CaptureStderr();
     for (const auto &testCase : aCase) {
         SCOPED_TRACE(testCase.pszWhat);
         const Drained drained =
             play(headerBytes(testCase.sendTimes.size()) + packetsBytes(testCase.sendTimes));
         EXPECT_EQ(drained.dueMs, testCase.dueMs);
         EXPECT_TRUE(drained.sBytes == packetsBytes(testCase.sendTimes));
+    }
+    constexpr char kJumps[] = "stream: file.asf: send times jump from ",
+                   kOn[] = " ms: going on at the file's bit rate\n";
+    std::string sExpected;
+    for (const char *pszFromTo :
+         {"40 to 3600000", "3600040 to 0", "40 to 7200000", "0 to 30001", "5000 to 3999"}) {
+        sExpected += std::string(kJumps) + pszFromTo + kOn;
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), sExpected);
+
+    const Lies noRate = {{kLeast + 8, little(0, 4)}}, lowRate = {{kLeast + 8, little(1, 4)}};
+    EXPECT_EQ(play(headerBytes(2, noRate) + packetsBytes({0, kHour})).dueMs, (std::vector<double>{0, 0.8}));
+    EXPECT_EQ(play(headerBytes(2, lowRate) + packetsBytes({0, kHour})).dueMs, (std::vector<double>{0, 1000}));
+}
+
+TEST(MediaAsf, SendTimeIsReadWhereThePacketHasRoomForIt) {
+    const struct {
+        std::string sFront;
+        std::size_t ulLength, ulAt; // 0: it cannot be read
+    } aCase[] = {
+        {"\x00\x5D"s, 16, 2},
+        {"\x00\x5D"s, 15, 0},
+        {"\x02\x5D"s, 16, 3},
+        {"\x04\x5D"s, 16, 4},
+        {"\x08\x5D"s, 16, 3},
+        {"\x20\x5D"s, 16, 3},
+        {"\x7E\x5D"s, 20, 14},
+        {"\x7E\x5D"s, 19, 0},
+        {"\x81\x09\x00\x5D"s, 16, 4},
+        {"\x8F"s + std::string(17, '\0'), 24, 18},
+        {"\x8F"s + std::string(17, '\0'), 23, 0},
+        {"\x8F"s, 16, 0},
+        {"\x8E\0\0\0\0\0\0\0\0\0\0\0\0\0\0"s, 17, 0},
+        {"\x90\x09\x00\x5D"s, 16, 0},
+        {"\xA0\x09\x00\x5D"s, 16, 0},
+        {"\xC0\x09\x00\x5D"s, 16, 0},
+    };
+    for (std::size_t ul = 0; ul < std::size(aCase); ul++) {
+        std::string sPacket = aCase[ul].sFront;
+        while (sPacket.size() < aCase[ul].ulLength) {
+            sPacket += static_cast<char>(sPacket.size());
+        }
+        unsigned int uiSendTime = 0;
+        EXPECT_EQ(asfReadSendTime(reinterpret_cast<const unsigned char *>(sPacket.data()), aCase[ul].ulLength,
+                                  uiSendTime),
+                  aCase[ul].ulAt != 0)
+            << "row " << ul;
+        EXPECT_EQ(uiSendTime, aCase[ul].ulAt * 0x01010101 + (aCase[ul].ulAt != 0 ? 0x03020100 : 0))
+            << "row " << ul;
     }
 }
 
@@ -131,10 +185,28 @@ TEST(MediaAsf, OnlyAnEndInsideTheDataIsReported) {
         testing::internal::CaptureStderr();
         EXPECT_TRUE(asfReaderStart(reader, file.iFile, testCase.pszWhat, sReason)) << sReason;
         EXPECT_TRUE(drain(reader, asfReaderNext).sBytes == sPackets);
-        EXPECT_EQ(testing::internal::GetCapturedStderr().find("before its data does") != std::string::npos,
-                  testCase.bReported)
-            << testCase.pszWhat;
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  testCase.bReported
+                      ? std::string("stream: ") + testCase.pszWhat +
+                            ": its packets end at byte 424, before its data does: the playout ends here\n"
+                      : "");
     }
+}
+
+TEST(MediaAsf, ReadThatFailsEndsThePlayoutByName) {
+    const std::string sFile = headerBytes(2, {{kDataSize, little(1, 8)}}) + packetsBytes({0, 10});
+    const MemoryFile file(sFile);
+    AsfReader reader;
+    std::string sReason;
+    failOnce("pread", EIO);
+    EXPECT_FALSE(asfReaderStart(reader, file.iFile, "file.asf", sReason));
+    EXPECT_EQ(sReason, "it cannot be read: Input/output error");
+    ASSERT_TRUE(asfReaderStart(reader, file.iFile, "file.asf", sReason));
+    testing::internal::CaptureStderr();
+    failOnce("pread", EIO);
+    EXPECT_TRUE(drain(reader, asfReaderNext).sBytes == packetsBytes({0, 10}));
+    EXPECT_EQ(reported(),
+              "stream: file.asf: cannot be read on at byte 424: Input/output error: the playout ends here\n");
 }
 
 // The data object is read where it is, behind whatever lies between it and the header.
@@ -162,24 +234,49 @@ TEST(MediaAsf, DamagedPacketGoesOutInItsPlace) {
 }
 
 TEST(MediaAsf, HeadersThatMakeNoSenseAreRefused) {
-    const std::pair<const char *, Lies> aCase[] = {
-        {"one size", {{kLeast, little(200, 4)}}},
-        {"one size", {{kLeast, little(0, 8)}}},
-        {"one size", {{kLeast, little(1U << 20, 4) + little(1U << 20, 4)}}},
-        {"header says", {{kHeaderSize, little(0, 8)}}},
-        {"header says", {{kHeaderSize, little(~0ULL, 8)}}},
-        {"an object", {{kOtherSize, little(0, 8)}}},
-        {"an object", {{kOtherSize, little(~0ULL, 8)}}},
-        {"an object", {{kOtherSize, little(30 + 40 + 105, 8)}}},
-        {"no file properties", {{kProperties, kGuidIndex}}},
-        {"no data object", {{kDataSize, little(20, 8)}, {kData, kGuidIndex}}},
-        {"no data object", {{kDataSize, little(~0ULL, 8)}, {kData, kGuidIndex}}},
+    const auto sizes = [](unsigned int uiLeast, unsigned int uiMost) {
+        return Lies{{kLeast, little(uiLeast, 4) + little(uiMost, 4)}};
     };
-    for (const auto &[pszReason, lies] : aCase) {
-        const MemoryFile file(headerBytes(3, lies) + packetsBytes({0, 10, 20}));
+    constexpr char kOneSize[] = " bytes; one size of 16 to 65536 is needed";
+    const std::string sObject = kGuidIndex + little(24, 8);
+    std::string sObjects;
+    for (int i = 0; i < 63; i++) {
+        sObjects += sObject;
+    }
+    const struct {
+        std::string sReason; // empty: it is taken
+        Lies lies;
+        std::string sBetween = {}; // objects between header and data
+    } aCase[] = {
+        {"its header names packets of 200 to 100"s + kOneSize, sizes(200, 100)},
+        {"its header names packets of 15 to 15"s + kOneSize, sizes(15, 15)},
+        {"", sizes(16, 16)},
+        {"", sizes(65'536, 65'536)},
+        {"its header names packets of 65537 to 65537"s + kOneSize, sizes(65'537, 65'537)},
+        {"its header says that it is 29 bytes long", {{kHeaderSize, little(29, 8)}}},
+        {"its header has no file properties object", {{kHeaderSize, little(30, 8)}}},
+        {"its header says that it is 1048577 bytes long", {{kHeaderSize, little((1 << 20) + 1, 8)}}},
+        {"", {{kHeaderSize, little(1 << 20, 8)}}, std::string((1 << 20) - kData, 'h')},
+        {"an object of its header, at byte 30, says that it is 23 bytes long", {{kOtherSize, little(23, 8)}}},
+        {"an object of its header, at byte 30, says that it is 18446744073709551615 bytes long",
+         {{kOtherSize, little(~0ULL, 8)}}},
+        {"an object of its header, at byte 30, says that it is 145 bytes long",
+         {{kOtherSize, little(145, 8)}}},
+        {"its header has no file properties object", {{kOtherSize, little(144, 8)}}},
+        {"its header has no file properties object", {{kProperties, kGuidIndex}}},
+        {"its header has no file properties object", {{kProperties + 16, little(103, 8)}}},
+        {"no data object follows its header", {{kDataSize, little(20, 8)}, {kData, kGuidIndex}}},
+        {"no data object follows its header", {{kDataSize, little(~0ULL, 8)}, {kData, kGuidIndex}}},
+        {"", {}, sObjects},
+        {"no data object follows its header", {}, sObjects + sObject},
+    };
+    for (std::size_t ul = 0; ul < std::size(aCase); ul++) {
+        const MemoryFile file(headerBytes(3, aCase[ul].lies).insert(kData, aCase[ul].sBetween) +
+                              packetsBytes({0, 10, 20}));
         AsfReader reader;
         std::string sReason;
-        EXPECT_FALSE(asfReaderStart(reader, file.iFile, "file.asf", sReason)) << pszReason;
-        EXPECT_NE(sReason.find(pszReason), std::string::npos) << pszReason << ": " << sReason;
+        EXPECT_EQ(asfReaderStart(reader, file.iFile, "file.asf", sReason), aCase[ul].sReason.empty())
+            << "row " << ul;
+        EXPECT_EQ(sReason, aCase[ul].sReason) << "row " << ul;
     }
 }

@@ -1,4 +1,5 @@
 // Tests of the casters on real sockets: datagrams byte for byte, hop limits, invalid targets and stations.
+#include "ktn_support.h"
 #include "media_files.h"
 #include "nsc.h"
 #include "udpsocket.h"
@@ -116,10 +117,20 @@ TEST(MediaCast, OversizedPacketFails) {
     Receiver receiver("127.0.0.1", 6006);
     const AsfCasterOwner pAsf = openAsf();
     ASSERT_EQ(pAsf->pSetTarget(pAsf.get(), "127.0.0.1:6006", 0), 1);
+    testing::internal::CaptureStderr();
     EXPECT_EQ(send(pAsf, std::string(65500, 'x')), -1);
+    faults().iSendErrno = EPERM;
+    EXPECT_EQ(send(pAsf, "x"), -1);
+    faults().iSendErrno = 0;
+    EXPECT_EQ(send(pAsf, std::string(65507 - 8, 'x')), 1);
+    EXPECT_EQ(receiver.next().size(), 65507U);
     const TsCasterOwner pTs = openTs();
     ASSERT_EQ(pTs->pSetUp(pTs.get(), nullptr, -1, "127.0.0.1:6006", 2777, 16), 1);
     EXPECT_EQ(send(pTs, std::string(65508, 'x')), -1);
+    EXPECT_EQ(reported(),
+              "asfcast: 127.0.0.1:6006: a data packet of 65500 bytes is too large for a datagram\n"
+              "asfcast: 127.0.0.1:6006: a packet of 9 bytes cannot be sent: Operation not permitted\n"
+              "tscast: 127.0.0.1:6006: a datagram of 65508 bytes cannot be sent: Message too long\n");
     EXPECT_EQ(send(pTs, "still usable"), 1);
     EXPECT_EQ(receiver.next(), "still usable");
 }
@@ -139,6 +150,7 @@ TEST(MediaCast, TsTargetsAreReadStrictly) {
         EXPECT_EQ(receiver.next(), "G");
         EXPECT_EQ(receiver.iHops, static_cast<int>(good.uiHops));
     }
+    testing::internal::CaptureStderr();
     for (const TargetCase &bad : {TargetCase{nullptr},
                                   {""},
                                   {":6007"},
@@ -162,4 +174,64 @@ TEST(MediaCast, TsTargetsAreReadStrictly) {
             << (bad.pszTarget ? bad.pszTarget : "null");
         EXPECT_EQ(send(pCaster, "G"), 0);
     }
+    failOnce("socket", EMFILE);
+    const TsCasterOwner pCaster = openTs();
+    EXPECT_EQ(pCaster->pSetUp(pCaster.get(), nullptr, -1, "239.1.2.7:6007", 0, 255), 0);
+    EXPECT_EQ(pCaster->pSetUp(pCaster.get(), nullptr, -1, "239.1.2.7:6007", 0, 255), 1);
+    failOnce("new", 0);
+    EXPECT_EQ(pCaster->pSetUp(pCaster.get(), nullptr, -1, "239.192.100.100:60070", 0, 255), 0);
+    EXPECT_EQ(send(pCaster, "the earlier target stays"), 1);
+    EXPECT_EQ(receiver.next(), "the earlier target stays");
+    EXPECT_EQ(reported(R"("[^"]*")"),
+              "tscast: no target is named: nothing can be sent\n"
+              "tscast: $ is no IPv4 address to send to: nothing can be sent\n"
+              "tscast: $ has no port from 1 to 65535: nothing can be sent\n"
+              "tscast: 239.1.2.7:6007: a hop limit of 256 is above 255: nothing can be sent\n"
+              "udpOpenSender: no socket for 239.1.2.7:6007: Too many open files\n"
+              "tscast: no memory: nothing can be sent\n");
+}
+
+TEST(MediaCast, StationsThatCanNotBeTakenAreRefusedByName) {
+    const MemoryFile station(stationText("239.1.2.9", 6009, -1)), none("GIF89a");
+    testing::internal::CaptureStderr();
+    const long lObjects = faults().lObjects;
+    {
+        const AsfCasterOwner pCaster = openAsf();
+        const auto set = [&](const char *pszFile, unsigned int uiFormat) {
+            return pCaster->pSetStation(pCaster.get(), pszFile, uiFormat);
+        };
+        EXPECT_EQ(set(nullptr, 0), 0);
+        EXPECT_EQ(set(none.sPath.c_str(), 0), 0);
+        EXPECT_EQ(set(station.sPath.c_str(), 2), 0);
+        failOnce("socket", EMFILE);
+        EXPECT_EQ(set(station.sPath.c_str(), 1), 0);
+        failOnce("new", 0);
+        EXPECT_EQ(set(station.sPath.c_str(), 1), 0);
+        EXPECT_EQ(pCaster->pSetTarget(pCaster.get(), nullptr, 1), 0);
+        failOnce("new", 0);
+        EXPECT_EQ(pCaster->pSetTarget(pCaster.get(), "239.192.100.100:60070", 1), 0);
+        EXPECT_EQ(send(pCaster, "x"), 0) << "it has no target";
+        pCaster->uiHops = 256;
+        EXPECT_EQ(set(station.sPath.c_str(), 1), 0);
+        EXPECT_EQ(pCaster->pSetTarget(pCaster.get(), "239.1.2.9:1", 1), 0);
+        pCaster->uiHops = 255;
+        EXPECT_EQ(set(station.sPath.c_str(), 1), 1);
+        failOnce("new", 0);
+        EXPECT_EQ(qxapi_open_asfcast(), nullptr);
+        failOnce("new", 0);
+        EXPECT_EQ(qxapi_open_tscast(), nullptr);
+        qxapi_close_asfcast(nullptr);
+        qxapi_close_tscast(nullptr);
+    }
+    EXPECT_EQ(faults().lObjects, lObjects);
+    EXPECT_EQ(reported(station.sPath + "|" + none.sPath),
+              "asfcast: (no file named) is no station to send from: no station file is named\n"
+              "asfcast: $ is no station to send from: line 1 is not of a station file\n"
+              "asfcast: $ has no Format2\n"
+              "udpOpenSender: no socket for 239.1.2.9:6009: Too many open files\n"
+              "asfcast: $: no memory to read it\n"
+              "asfcast: no target is named: it is not taken as the target\n"
+              "asfcast: no memory to take a target\n"
+              "asfcast: 239.1.2.9:6009: a hop limit of 256 is above 255: nothing is sent there\n"
+              "asfcast: 239.1.2.9:1: a hop limit of 256 is above 255: nothing is sent there\n");
 }

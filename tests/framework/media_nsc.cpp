@@ -75,6 +75,72 @@ TEST(MediaNsc, StationIsWrittenWhole) {
                   kVersion + "\r\n");
 }
 
+// The name of a written station, in UTF-16, and what is read of it again.
+TEST(MediaNsc, TextsOfEveryLengthAreWrittenAndReadAgain) {
+    using Units = std::vector<unsigned int>;
+    const struct {
+        std::string sText;
+        Units units;
+        std::string sRead;
+    } aCase[] = {
+        {"\x01\x7F", {0x01, 0x7F}, "\x01\x7F"},
+        {"\xC2\x80\xDF\xBF", {0x80, 0x7FF}, "\xC2\x80\xDF\xBF"},
+        {"\xE0\xA0\x80\xE1\x88\xB4\xEF\xBF\xBF",
+         {0x800, 0x1234, 0xFFFF},
+         "\xE0\xA0\x80\xE1\x88\xB4\xEF\xBF\xBF"},
+        {"\xF0\x90\x80\x80\xF4\x8F\xBF\xBF",
+         {0xD800, 0xDC00, 0xDBFF, 0xDFFF},
+         "\xF0\x90\x80\x80\xF4\x8F\xBF\xBF"},
+        {"\x80x\xC1\xBF\xF5\x80", {'?', 'x', '?', '?', '?', '?'}, "?x????"},               // no leads
+        {"\xC2x\xE2\x82", {'?', 'x', '?', '?'}, "?x??"},                                   // cut short
+        {"\xED\xA0\x80x\xED\xBF\xBF", {0xD800, 'x', 0xDFFF}, "\xEF\xBF\xBDx\xEF\xBF\xBD"}, // half pairs
+        {"\xED\xAF\xBF\xEE\x80\x80", {0xDBFF, 0xE000}, "\xEF\xBF\xBD\xEE\x80\x80"},
+        {std::string("a\0b", 3), {'a', 0, 'b'}, "a"},
+    };
+    for (std::size_t ul = 0; ul < std::size(aCase); ul++) {
+        NscStation written{aCase[ul].sText, "", "239.1.1.1", 1, 255, {{9999, 2047, {'A'}, ""}}}, read;
+        const std::string sText = nscWrite(written);
+        const std::size_t ulValue = sText.find("Name=") + 5;
+        NscValue value;
+        std::string sReason;
+        ASSERT_TRUE(nscDecode(sText.substr(ulValue, sText.find('\r', ulValue) - ulValue), value, sReason));
+        Units units;
+        for (std::size_t ulAt = 0; ulAt + 2 < value.data.size(); ulAt += 2) {
+            units.push_back(value.data[ulAt] | static_cast<unsigned int>(value.data[ulAt + 1]) << 8);
+        }
+        EXPECT_EQ(units, aCase[ul].units) << "row " << ul;
+        ASSERT_TRUE(nscParse(sText, read, sReason)) << sReason;
+        EXPECT_EQ(read.sName, aCase[ul].sRead) << "row " << ul;
+        EXPECT_EQ(read.iHops, 255);
+        EXPECT_EQ(nscFindFormat(read, 9999)->uiFormatID, 2047U);
+    }
+}
+
+TEST(MediaNsc, FileIsReadUpToItsLimit) {
+    const std::string sStation = station("239.1.1.1", "0xFFFF", "Format1=" + format(1));
+    const MemoryFile whole(sStation + std::string(kNscFileMax - sStation.size(), '\n')),
+        larger(sStation + std::string(kNscFileMax + 1 - sStation.size(), '\n'));
+    for (const auto &[sPath, pszReason] : {std::pair<std::string, const char *>{whole.sPath, ""},
+                                           {larger.sPath, "it is larger than a station file can be"},
+                                           {"/nowhere", "it cannot be opened: No such file or directory"},
+                                           {"/proc/self/mem", "it cannot be read: Input/output error"}}) {
+        NscStation read;
+        std::string sReason;
+        EXPECT_EQ(nscRead(sPath.c_str(), read, sReason), *pszReason == 0);
+        EXPECT_EQ(sReason, pszReason);
+        EXPECT_EQ(read.usPort, *pszReason == 0 ? 0xFFFF : 0);
+    }
+    // A writer may fill the last four characters up with zeros.
+    NscValue value;
+    std::string sReason;
+    const std::string sEncoded = nscEncode({0x123, {'A', 'S', 'F'}});
+    EXPECT_TRUE(nscDecode(sEncoded + "000", value, sReason)) << sReason;
+    EXPECT_EQ(value.data, (std::vector<unsigned char>{'A', 'S', 'F'}));
+    EXPECT_FALSE(nscDecode(sEncoded + "0000", value, sReason));
+    EXPECT_TRUE(nscDecode(nscEncode({7, {}}), value, sReason)) << sReason;
+    EXPECT_EQ(value.uiKey, 7U);
+}
+
 TEST(MediaNsc, LiesAreRefusedWithTheirLine) {
     const std::string sFormat = "Format1=" + format(1);
     std::string sManyFormats;
@@ -105,7 +171,14 @@ TEST(MediaNsc, LiesAreRefusedWithTheirLine) {
         {"line 3, IP Port: \"8080\" is no number from 0x0 to the most allowed, 65535", port("8080")},
         {"line 3, IP Port: \"0x123456789\" is no number from 0x0 to the most allowed, 65535",
          port("0x123456789")},
+        {"line 3, Time To Live: \"0x100\" is no number from 0x0 to the most allowed, 255",
+         "[Address]\nName=x\nTime To Live=0x100\n"},
+        {"line 3, IP Port: \"0x\" is no number from 0x0 to the most allowed, 65535", port("0x")},
+        {"line 3, IP Port: \"00\" is no number from 0x0 to the most allowed, 65535", port("00")},
+        {"line 3, IP Port: \"0y10\" is no number from 0x0 to the most allowed, 65535", port("0y10")},
+        {"line 3, IP Port: \"0x1g\" is no number from 0x0 to the most allowed, 65535", port("0x1g")},
         {"line 5, Format1: an encoded value's check byte is wrong", formats(sWrongCheck)},
+        {"line 5, Format10000: the format has no number", formats("Format10000=" + format(1))},
         {"line 5, Format1: an encoded value begins with 02", formats("Format1=0123")},
         {"line 5, Format1: an encoded value is cut short", formats("Format1=02000000")},
         {"line 5, Format1: an encoded value has a character that is not of its alphabet",

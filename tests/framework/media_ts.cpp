@@ -1,4 +1,5 @@
 // Tests of transport stream files: which packets come out, and when they are due.
+#include "ktn_support.h"
 #include "media_files.h"
 #include "tsstream.h"
 
@@ -192,6 +193,33 @@ TEST(MediaTs, ChangeOfRateIsFollowedAndTheLastRateKept) {
     }
 }
 
+TEST(MediaTs, AnotherPidIsFollowedFromItsTenthReferenceOn) {
+    const Packets packets = changed(2400, 800, 2400, 40, [](TsPacket &packet, long long ll) {
+        packet = {0x200, 2 * ll * kMsTicks, false};
+    });
+    const Drained drained = play(bytesOf(packets));
+    for (const auto &[ulRun, dMs] : {std::pair{165U, 1155.0}, {166U, 1164.0}, {342U, 3628.0}}) {
+        EXPECT_NEAR(drained.dueMs[ulRun], dMs, 0.001) << "run " << ulRun;
+    }
+}
+
+TEST(MediaTs, ReadThatFailsEndsThePlayoutByName) {
+    const Packets packets = steadyPackets(400);
+    for (const int iErrno : {EINTR, EIO}) {
+        const MemoryFile file(bytesOf(packets));
+        TsReader reader;
+        std::string sReason;
+        ASSERT_TRUE(tsReaderStart(reader, file.iFile, "file.ts", sReason)) << sReason;
+        testing::internal::CaptureStderr();
+        failOnce("pread", iErrno);
+        EXPECT_EQ(drain(reader, tsReaderNext).sBytes == bytesOf(packets), iErrno == EINTR);
+        EXPECT_EQ(reported(), iErrno == EINTR
+                                  ? ""
+                                  : "stream: file.ts: cannot be read on at byte 0: Input/output error: the "
+                                    "playout ends here\n");
+    }
+}
+
 // Pictures that come rarely: references as far apart, and as many packets as the picture needs.
 TEST(MediaTs, ReferencesFarApartAreBelievedWhateverTheRateDoes) {
     using Intervals = std::vector<Interval>;
@@ -255,14 +283,14 @@ TEST(MediaTs, ClockBelievesIntervalsWithinItsBounds) {
 TEST(MediaTs, RunOfASlowStreamEndsBeforeItsPacketsSpanTooMuch) {
     Packets packets(700);
     for (std::size_t ul = 0; ul < packets.size(); ul += 10) {
-        packets[ul].llClock = static_cast<long long>(ul) * 6 * kMsTicks;
+        packets[ul].llClock = static_cast<long long>(ul) * 5 * kMsTicks;
     }
     const Drained drained = play(bytesOf(packets));
     EXPECT_TRUE(drained.sBytes == bytesOf(packets));
     ASSERT_EQ(drained.dueMs.size(), 175U);
     for (std::size_t ul = 0; ul < drained.dueMs.size(); ul++) {
-        ASSERT_EQ(drained.lengths[ul], 4 * kTsPacketSize); // due at 0, 6, 12 and 18 ms
-        ASSERT_NEAR(drained.dueMs[ul], 24.0 * static_cast<double>(ul), 0.001);
+        ASSERT_EQ(drained.lengths[ul], 4 * kTsPacketSize); // due at 0, 5, 10 and 15 ms
+        ASSERT_NEAR(drained.dueMs[ul], 20.0 * static_cast<double>(ul), 0.001);
     }
 }
 
@@ -297,7 +325,7 @@ TEST(MediaTs, DamageCostsOnlyTheDamagedPackets) {
         // The damaged packet keeps its place and takes the head of the next packet as its tail. The next is
         // lost.
         {"bytes lost inside a packet", kTsPacketSize * 701 + 50, 30, "", kTsPacketSize * 702, 158},
-        {"a cut tail", kTsPacketSize * 1400 - 100, 100, "", kTsPacketSize * 1399, 88},
+        {"a cut tail", kTsPacketSize * 1400 - 187, 187, "", kTsPacketSize * 1399, 1},
     };
     for (const auto &testCase : aCase) {
         SCOPED_TRACE(testCase.pszWhat);
@@ -314,7 +342,12 @@ TEST(MediaTs, DamageCostsOnlyTheDamagedPackets) {
         EXPECT_TRUE(drained.sBytes == sExpected);
         // Each lost packet moves the later ones by a millisecond.
         expectSteady(drained, sExpected.size() / kTsPacketSize, 1.1);
-        EXPECT_EQ(std::count(sReports.begin(), sReports.end(), '\n'), 1) << sReports;
+        EXPECT_EQ(sReports,
+                  std::string("stream: ") + testCase.pszWhat +
+                      (testCase.ulLost == 1
+                           ? ": ends with 1 bytes that are no whole packet: they are left out\n"
+                           : ": no transport stream packet at byte " + std::to_string(testCase.ulLostAt) +
+                                 ": going on with the next ones\n"));
     }
 }
 
@@ -323,12 +356,165 @@ TEST(MediaTs, FilesWithoutAClockAreRefused) {
     oneReference[40].llClock = 5 * kMsTicks;
     const Packets standingStill =
         changed(400, 0, 400, 40, [](TsPacket &packet, long long) { packet.llClock = 5 * kMsTicks; });
-    for (const Packets &packets : {Packets(400), oneReference, standingStill, Packets(100'000),
-                                   packetsOf({{61'000, 400}, {61'000, 400}}), packetsOf({{5'001, 4}})}) {
+    constexpr char kNone[] = "its first 16 MiB hold no clock reference (PCR), so its pace is not known";
+    constexpr char kNoTwo[] =
+        "its first 16 MiB hold no two clock references (PCR) that make sense and are at most a "
+        "minute apart, so its pace is not known";
+    for (const auto &[pszReason, packets] : {std::pair<const char *, Packets>{kNone, Packets(400)},
+                                             {kNoTwo, oneReference},
+                                             {kNoTwo, standingStill},
+                                             {kNone, Packets(100'000)},
+                                             {kNoTwo, packetsOf({{61'000, 400}, {61'000, 400}})},
+                                             {kNoTwo, packetsOf({{5'001, 4}})}}) {
         const MemoryFile file(bytesOf(packets));
         TsReader reader;
         std::string sReason;
         EXPECT_FALSE(tsReaderStart(reader, file.iFile, "file.ts", sReason));
-        EXPECT_NE(sReason.find("clock reference"), std::string::npos) << sReason;
+        EXPECT_EQ(sReason, pszReason);
+    }
+}
+
+TEST(MediaTs, ClockGivesTheTimesOfItsLine) {
+    constexpr unsigned long long kSecond = 27'000'000;
+    const auto next = [](TsClock clock, const TsMark &mark, const TsMark *pAfter = nullptr,
+                         unsigned long long ullAsked = 0) {
+        tsclockNext(clock, mark, pAfter, ullAsked);
+        return clock;
+    };
+    const auto reached = [](TsClock clock, unsigned long long ullPacket) {
+        EXPECT_FALSE(tsclockNeedsNext(clock, ullPacket - 1));
+        EXPECT_TRUE(tsclockNeedsNext(clock, ullPacket));
+        return clock;
+    };
+    const auto ended = [](TsClock clock, unsigned long long ullEnd, unsigned long long ullAsked) {
+        tsclockEnd(clock, ullEnd, ullAsked);
+        return clock;
+    };
+    TsClock fast, start;
+    tsclockStart(fast, 2.0 * kSecond, 0);
+    tsclockStart(start, 1000, 48'000);
+    EXPECT_TRUE(tsclockNeedsNext(start, 0));
+    const TsClock first = next(start, {10, 5'000'000}); // no reference before: at the rate so far
+    const TsClock second = next(reached(first, 10), {20, 5'030'000}, nullptr, 10); // 3000 ticks a packet
+    const TsClock at = reached(second, 20);
+    const TsMark jump{30, 5'030'000 + 4 * kSecond}, same{31, jump.ullClock + kSecond},
+        fresh{31, same.ullClock, true};
+    const TsClock rest = next(at, {40, 5'035'000}, nullptr, 24);
+    const TsClock slow = reached(next(at, {30, 5'030'000 + kSecond}, nullptr, 20), 30);
+    const TsClock even = reached(next(reached(first, 10), {1010, 6'000'000}, nullptr, 10), 1010);
+    const TsClock odd = reached(next(even, {1020, 6'000'000 + kSecond}, nullptr, 1010), 1020);
+    const TsClock slower = reached(next(at, {21, 5'030'000 + 20'000}, nullptr, 20), 21);
+    const struct {
+        TsClock clock;
+        unsigned long long ullPacket;
+        long long llDue;
+    } aCase[] = {
+        {fast, 2, 2 * kSecond}, // a packet takes at most a second
+        {start, 5, 5000},
+        {first, 5, 5000},
+        {second, 15, 25'000},
+        {at, 25, 55'000},
+        {at, 15, 25'000},                          // also before the line
+        {next(at, jump, nullptr, 20), 30, 70'000}, // a jump: at the last rate
+        {next(at, jump, &same, 20), 30,
+         40'000 + 4 * static_cast<long long>(kSecond)}, // the next one is as long
+        {next(at, jump, &fresh, 20), 30, 70'000},
+        {next(at, {30, 5'060'000, true}, nullptr, 20), 30, 70'000},
+        {next(at, {40, 5'090'000}, nullptr, 24), 32, 76'000}, // found late: 52000 for 24 has been given out
+        {next(at, {40, 5'090'000}, nullptr, 24), 40, 100'000},
+        {rest, 24, 52'000}, // the reference says 45000, which is over: 250 ticks a packet from here
+        {rest, 40, 56'000},
+        {slow, 50, 81'040'000},
+        {odd, 1121, 30'810'000}, // the average of 1010 packets: the last rate is out of proportion
+        {next(even, {1020, 6'004'100}, nullptr, 1010), 1020, 1'014'100},
+        {slower, 31, 260'000},
+        {ended(at, 30, 20), 25, 55'000},
+        {ended(at, 30, 20), 30, 70'000},
+        {ended(slower, 31, 21), 31, 87'000},  // no longer than an interval
+        {ended(slower, 32, 21), 31, 260'000}, // more packets than an interval has
+        {ended(slower, 31, 22), 31, 260'000}, // the time is on its way
+        {ended(slower, 21, 21), 31, 260'000},
+        {ended(second, 30, 10), 20, 40'000},
+    };
+    for (std::size_t ul = 0; ul < std::size(aCase); ul++) {
+        EXPECT_EQ(tsclockDue(aCase[ul].clock, aCase[ul].ullPacket), aCase[ul].llDue) << "row " << ul;
+    }
+    EXPECT_TRUE(tsclockDoubts(at, jump));
+    EXPECT_FALSE(tsclockDoubts(at, {30, 5'060'000}));
+    EXPECT_FALSE(tsclockDoubts(at, {30, 5'030'000 + 60 * kSecond + 1}));
+    EXPECT_FALSE(tsclockDoubts(at, {30, jump.ullClock, true}));
+    EXPECT_FALSE(tsclockDoubts(start, jump));
+}
+
+TEST(MediaTs, BytesBeforeTheFirstPacketAreSaid) {
+    testing::internal::CaptureStderr();
+    play(std::string(187, 'x') + bytesOf(steadyPackets(100)));
+    play(std::string(188, 'x') + bytesOf(steadyPackets(100)));
+    EXPECT_EQ(reported(), "stream: file.ts: 188 bytes before the first packet are left out\n");
+}
+
+TEST(MediaTs, PacketsAreFoundByTheirRun) {
+    const auto run = [](std::size_t ulPackets, std::size_t ulUnit = 188) {
+        return bytesOf(Packets(ulPackets), ulUnit == 192 ? 4 : 0, ulUnit == 204 ? 16 : 0);
+    };
+    const auto junk = [](std::size_t ulBytes) { return std::string(ulBytes, 'x'); };
+    const struct {
+        std::string sFile;
+        unsigned int uiUnit; // 0 none is found
+        unsigned long long ullFirst;
+    } aCase[] = {{run(5) + junk(500), 188, 0},
+                 {run(4) + junk(500), 0, 0},
+                 {run(2), 188, 0},
+                 {run(1), 0, 0},
+                 {run(2) + junk(187), 188, 0},
+                 {junk(187) + run(2), 188, 187},
+                 {junk(188) + run(2), 0, 0},
+                 {junk(188) + run(5), 188, 188},
+                 {junk(65'535) + run(9), 188, 65'535},
+                 {junk(65'536) + run(9), 0, 0},
+                 {run(5, 192) + junk(500), 192, 4},
+                 {run(5, 204) + junk(500), 204, 0},
+                 {run(5) + junk(77) + run(6, 204), 204, 5 * 188 + 77},
+                 {junk(131'072 - 376) + run(2), 0, 0}};
+    for (std::size_t ul = 0; ul < std::size(aCase); ul++) {
+        const MemoryFile file(aCase[ul].sFile);
+        FileWindow window;
+        windowOpen(window, file.iFile, kTsProbeSize);
+        TsLayout layout;
+        EXPECT_EQ(tsFindLayout(window, layout), aCase[ul].uiUnit != 0) << "row " << ul;
+        EXPECT_EQ(layout.uiUnit, aCase[ul].uiUnit) << "row " << ul;
+        EXPECT_EQ(layout.ullFirst, aCase[ul].ullFirst) << "row " << ul;
+    }
+}
+
+TEST(MediaTs, ReferenceIsReadToItsLastBit) {
+    struct Row {
+        unsigned char aPacket[12];
+        bool bRead, bDiscontinuity;
+        long long llClock; // -1 none
+    };
+    for (const Row &row :
+         {Row{{0x47, 0x01, 0x02, 0x30, 7, 0x10, 1, 2, 3, 4, 0x80, 5}, true, false, 10'145'436'305},
+          {{0x47, 0x01, 0x02, 0x20, 183, 0x90, 0, 0, 0, 0, 0x7F, 1}, true, true, 257},
+          {{0x47, 0x01, 0x02, 0x20, 183, 0x10, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF},
+           true,
+           false,
+           211},                                                                 // wraps
+          {{0x47, 0x01, 0x02, 0x30, 6, 0x90, 1, 2, 3, 4, 5, 6}, true, true, -1}, // no room for a reference
+          {{0x47, 0x01, 0x02, 0x30, 1, 0x80, 1, 2, 3, 4, 5, 6}, true, true, -1},
+          {{0x47, 0x01, 0x02, 0x30, 6, 0x10, 1, 2, 3, 4, 5, 6}, false, false, -1},
+          {{0x47, 0x01, 0x02, 0x30, 7, 0x6F, 1, 2, 3, 4, 5, 6}, false, false, -1},
+          {{0x47, 0x01, 0x02, 0x30, 0, 0x90, 1, 2, 3, 4, 5, 6}, false, false, -1},
+          {{0x47, 0x01, 0x02, 0x30, 184, 0x90, 1, 2, 3, 4, 5, 6}, false, false, -1},
+          {{0x47, 0x01, 0x02, 0x10, 7, 0x90, 1, 2, 3, 4, 5, 6}, false, false, -1},
+          {{0x47, 0x81, 0x02, 0x30, 7, 0x90, 1, 2, 3, 4, 5, 6}, false, false, -1},
+          {{0x47, 0x1F, 0xFF, 0x30, 7, 0x90, 1, 2, 3, 4, 5, 6}, false, false, -1}}) {
+        TsReference reference{};
+        ASSERT_EQ(tsReadReference(row.aPacket, reference), row.bRead) << int{row.aPacket[4]};
+        if (row.bRead) {
+            EXPECT_EQ(reference.uiPID, 0x102U);
+            EXPECT_EQ(reference.bDiscontinuity, row.bDiscontinuity);
+            EXPECT_EQ(reference.bClock ? static_cast<long long>(reference.ullClock) : -1, row.llClock);
+        }
     }
 }
