@@ -103,7 +103,7 @@ TEST(ViewJSON, TellsARequestWithoutItsKeyAndWithoutBytesThatAreNoText) {
         writeJSON(eventJSON(event)),
         R"({"number":12,"time":151,"milliseconds":7,"event":"preempted","reason":"newer","request":1,)"
         R"("kind":"file","epg":7,"identity":"7:1:100:200:5000:0x2021","created":90,"start":100,"end":200,)"
-        R"("destination":"239.1.2.3:5000","format":"0x2021","encrypted":true,)"
+        R"("destination":"239.1.2.3:5000","format":"0x2021","encrypted":false,)"
         R"("other":{"request":2,"kind":"cancel","epg":8,"identity":"8:91:101:201:priority"},)"
         R"("traffic":{"datagrams":0,"bytes":0,"failed":0,"position_ms":1500,"late":0}})");
 }
