@@ -317,6 +317,16 @@ TEST(MSBJoin, PutsInOrderWhatTheNetworkMixes) {
     }
 }
 
+TEST(MSBJoin, CountsAreToldAndStrangersOnlyWhereThereAreSome) {
+    MSBCounts counts;
+    counts.ulPackets = 1;
+    counts.ulLost = 2;
+    counts.ulRepeated = 3;
+    EXPECT_EQ(msbText(counts), "1 packets, 2 lost, 3 repeated");
+    counts.ulForeign = 4;
+    EXPECT_EQ(msbText(counts), "1 packets, 2 lost, 3 repeated, 4 not of this station");
+}
+
 TEST(Sap, AnnouncesToTheByteAndTakesBackWhatItAnnounced) {
     const SapCast cast{12345, 7, 1790000000, 1790003600, "239.1.2.3", 5000, 5};
     const std::string sDescription = sapDescription(cast, "192.0.2.7");
