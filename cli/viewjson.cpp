@@ -101,8 +101,9 @@ void setRest(Json *pObject, const CASTInfo &cast) {
     }
     setEndpoint(pObject, "destination", cast.pDSTIP, cast.usDSTPort);
     object["format"] = writeFormat(cast.ulSTREAMFormat);
-    object["encrypted"] =
-        cast.iEncryptionType == CAST_ENCRYPTION_SEED || cast.iEncryptionType == CAST_ENCRYPTION_FAST_SEED;
+    // A file's record may have the type of the request before it: a file request does not send one.
+    object["encrypted"] = !isFile(cast) && (cast.iEncryptionType == CAST_ENCRYPTION_SEED ||
+                                            cast.iEncryptionType == CAST_ENCRYPTION_FAST_SEED);
 }
 
 void setRest(Json *pObject, const MSGInfo &message) {

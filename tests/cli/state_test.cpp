@@ -1,4 +1,5 @@
 // The file of the state: what comes back after a restart, what does not, and what the history says.
+#include "historytext.h"
 #include "statestore.h"
 
 #include <gtest/gtest.h>
@@ -10,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <tuple>
 
 namespace {
 
@@ -196,7 +198,10 @@ TEST_F(StateTest, NothingComesBackThatWasTakenBackInTheLastMoment) {
     cancel.ulCMD = PCMBC_CMD_CANCEL;
     tell(event(PCCAST_EVENT_FILED, 5), cancel, 1);
     EXPECT_EQ(restart(), Programmes{1});
-    EXPECT_EQ(left.notes.size(), 2u);
+    const std::string sWhy = ", because its stop or cancel had come before the service went down";
+    EXPECT_EQ(left.notes, (std::vector<std::string>{
+                              "cancelled relay 2:2:1789999990:1790003600:5000:0x2021" + sWhy,
+                              "cancelled message 3:1789999995:1789999995:1790000600:priority" + sWhy}));
 
     // A stop of what nobody waits for ends the cast on air; one that is not due yet waits.
     tell(event(PCCAST_EVENT_FILED, 1), relay(1));
@@ -311,6 +316,59 @@ TEST_F(StateTest, HistorySaysWhatWasOnAir) {
     EXPECT_EQ(history({0, true, 3, 0}).size(), 1u);
     store->prune(kNow + 10);
     EXPECT_EQ(history().size(), 1u);
+}
+
+TEST_F(StateTest, EachEndHasItsEntry) {
+    const std::tuple<unsigned int, unsigned int, CASTInfo> aEnd[] = {
+        {PCCAST_EVENT_REFUSED, PCCAST_REASON_INCOMPLETE, relay(1)},
+        {PCCAST_EVENT_EXPIRED, PCCAST_REASON_END_TIME, file(2)},
+        {PCCAST_EVENT_DROPPED, PCCAST_REASON_LOCK, relay(3)},
+        {PCCAST_EVENT_CANCELLED, PCCAST_REASON_STOP, relay(4)},
+        {PCCAST_EVENT_FAILED, PCCAST_REASON_SOURCE, relay(5)},
+    };
+    for (const auto &[uiKind, uiReason, cast] : aEnd) {
+        tell(event(PCCAST_EVENT_FILED, cast.uliEPGID), cast);
+        tell(event(uiKind, cast.uliEPGID, uiReason), cast);
+    }
+    tell(event(PCCAST_EVENT_STARTED, 6), relay(6));
+    tell(event(PCCAST_EVENT_STARTED, 6), relay(6)); // its end has been missed
+    PCCASTEvent failed = event(PCCAST_EVENT_FAILED, 6, PCCAST_REASON_DESTINATION);
+    failed.traffic = {1, 2, 3, 4, 5, 0, 0, 0, 0, 0, 0, 6};
+    tell(failed, relay(6));
+    tell(event(PCCAST_EVENT_STARTED, 7), file(7));
+    PCCASTEvent ended = event(PCCAST_EVENT_ENDED, 7, PCCAST_REASON_FILE_END);
+    ended.traffic = failed.traffic;
+    tell(ended, file(7));
+    tell(event(PCCAST_EVENT_FILED, 8), message(8, 3), 3);
+    tell(event(PCCAST_EVENT_CURRENT, 8), message(8, 3), 3);
+    tell(event(PCCAST_EVENT_SENT, 8), message(8, 3), 2);
+    tell(event(PCCAST_EVENT_SENT, 8, PCCAST_REASON_SEND), message(8, 3), 1);
+    tell(event(PCCAST_EVENT_SENT, 8), message(8, 3), 0);
+    tell(event(PCCAST_EVENT_FINISHED, 8, PCCAST_REASON_REPEATS), message(8, 3), 0);
+    tell(event(PCCAST_EVENT_FILED, 9), message(9, 3), 3);
+    tell(event(PCCAST_EVENT_EXPIRED, 9, PCCAST_REASON_END_TIME), message(9, 3), 3);
+    tell(event(PCCAST_EVENT_FILED, 10), message(10, 0), 0);
+    tell(event(PCCAST_EVENT_SENT, 10), message(10, 0), 0);
+    tell(event(PCCAST_EVENT_CANCELLED, 10, PCCAST_REASON_STOP), message(10, 0), 0);
+    EXPECT_EQ(store->countRequests(), 0u);
+
+    std::string sEntries;
+    for (const Json &entry : history()) {
+        sEntries += historyCSV(entry) + "\n";
+    }
+    EXPECT_EQ(
+        sEntries,
+        R"(file,2,2:1:1789999990:1790003600:5000:0x2021,,1790000004,,expired,end-time,,,239.1.2.3:5000,/srv/film.ts,,,,,,,,
+relay,3,3:2:1789999990:1790003600:5000:0x2021,,1790000006,,dropped,lock,,239.0.0.1:4000,239.1.2.3:5000,,,,,,,,,
+relay,5,5:2:1789999990:1790003600:5000:0x2021,,1790000010,,failed,source,,239.0.0.1:4000,239.1.2.3:5000,,,,,,,,,
+relay,6,6:2:1789999990:1790003600:5000:0x2021,1790000011,1790000012,1000,unknown,,,239.0.0.1:4000,239.1.2.3:5000,,,,0,,,,,
+relay,6,6:2:1789999990:1790003600:5000:0x2021,1790000012,1790000013,1000,failed,destination,,239.0.0.1:4000,239.1.2.3:5000,,1,2,3,4,5,0,,
+file,7,7:1:1789999990:1790003600:5000:0x2021,1790000014,1790000015,1000,ended,file-end,,,239.1.2.3:5000,/srv/film.ts,1,2,3,0,0,6,,
+message,8,8:1789999995:1789999995:1790000600:priority,1790000018,1790000021,3000,finished,repeats,,,,,,,1,,,,"Fire ""drill""",2
+message,9,9:1789999995:1789999995:1790000600:priority,,1790000023,,expired,end-time,,,,,,,,,,,"Fire ""drill""",0
+message,10,10:1789999995:1789999995:1790000600:priority,1790000025,1790000026,1000,cancelled,stop,,,,,,,0,,,,"Fire ""drill""",1
+)");
+    EXPECT_EQ(history({0, false, 0, 8}).size(), 1u); // of the page behind the eighth
 }
 
 // ---- the file itself

@@ -317,8 +317,30 @@ TEST(MSBJoin, PutsInOrderWhatTheNetworkMixes) {
     }
 }
 
-TEST(Sap, WhatWasNeverDescribedCanBeTakenBack) {
-    EXPECT_EQ(sapPacket("", "", true).size(), 8 + sizeof "application/sdp");
+TEST(MSBJoin, CountsAreToldAndStrangersOnlyWhereThereAreSome) {
+    MSBCounts counts;
+    counts.ulPackets = 1;
+    counts.ulLost = 2;
+    counts.ulRepeated = 3;
+    EXPECT_EQ(msbText(counts), "1 packets, 2 lost, 3 repeated");
+    counts.ulForeign = 4;
+    EXPECT_EQ(msbText(counts), "1 packets, 2 lost, 3 repeated, 4 not of this station");
+}
+
+TEST(Sap, AnnouncesToTheByteAndTakesBackWhatItAnnounced) {
+    const SapCast cast{12345, 7, 1790000000, 1790003600, "239.1.2.3", 5000, 5};
+    const std::string sDescription = sapDescription(cast, "192.0.2.7");
+    EXPECT_EQ(sDescription, "v=0\r\no=- 39989888002345 1 IN IP4 192.0.2.7\r\ns=PCCAST programme 7\r\n"
+                            "c=IN IP4 239.1.2.3/5\r\nt=3998988800 3998992400\r\na=tool:pccast\r\n"
+                            "a=type:broadcast\r\na=recvonly\r\nm=video 5000 udp 33\r\n"
+                            "a=rtpmap:33 MP2T/90000\r\n");
+    const unsigned int uiHash = crc(sDescription);
+    const Bytes hash{static_cast<char>(uiHash >> 8 | 1), static_cast<char>(uiHash)};
+    const Bytes sRest = hash + Bytes("\xC0\0\2\7application/sdp\0", 20);
+    EXPECT_EQ(sapPacket(sDescription, "192.0.2.7", false), Bytes("\x20\0", 2) + sRest + sDescription);
+    EXPECT_EQ(sapPacket(sDescription, "192.0.2.7", true),
+              Bytes("\x24\0", 2) + sRest + "o=- 39989888002345 1 IN IP4 192.0.2.7\r\n");
+    EXPECT_EQ(sapPacket("", "", true).size(), 8 + sizeof "application/sdp") << "never described";
 }
 
 // A million announcements and messages with a few bytes changed, cut or added. The frame's send time is left

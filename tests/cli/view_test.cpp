@@ -1,5 +1,6 @@
 // Tests the view's JSON, and what list, status, events and the audit make of it.
 #include <eventtext.h>
+#include <historytext.h>
 #include <listtext.h>
 #include <statustext.h>
 #include <viewjson.h>
@@ -103,7 +104,7 @@ TEST(ViewJSON, TellsARequestWithoutItsKeyAndWithoutBytesThatAreNoText) {
         writeJSON(eventJSON(event)),
         R"({"number":12,"time":151,"milliseconds":7,"event":"preempted","reason":"newer","request":1,)"
         R"("kind":"file","epg":7,"identity":"7:1:100:200:5000:0x2021","created":90,"start":100,"end":200,)"
-        R"("destination":"239.1.2.3:5000","format":"0x2021","encrypted":true,)"
+        R"("destination":"239.1.2.3:5000","format":"0x2021","encrypted":false,)"
         R"("other":{"request":2,"kind":"cancel","epg":8,"identity":"8:91:101:201:priority"},)"
         R"("traffic":{"datagrams":0,"bytes":0,"failed":0,"position_ms":1500,"late":0}})");
 }
@@ -216,6 +217,16 @@ LAST FAILURES
   14:13:20  failed relay ID5  its source cannot be opened
 )");
 
+    for (const auto &[ulBytes, pszRate] : {std::pair{1249ul, ", 9992 bit/s\n"},
+                                           {1250ul, ", 10 kbit/s\n"},
+                                           {1249999ul, ", 9999 kbit/s\n"},
+                                           {1250000ul, ", 10.0 Mbit/s\n"}}) {
+        Json view = kView;
+        view["relay"]["bytes_per_second"] = ulBytes;
+        EXPECT_NE(joined(statusLines(view, {}, {80, false, true})).find(pszRate), std::string::npos)
+            << pszRate;
+    }
+
     Json playing = kView;
     playing["requests"] = Json::array({kView["requests"][3]});
     playing["requests"][0]["place"] = "on-air";
@@ -269,6 +280,77 @@ TEST_F(ViewText, EachEventSaysWhatHappenedAndWhy) {
     }
     EXPECT_EQ(eventLine(event(R"({"event":"expired"})"), &memory),
               "12  2026-09-21 14:13:20.007  expired relay ID");
+    EXPECT_EQ(lostText(1), "1 event is missing here: no longer kept");
+    EXPECT_EQ(lostText(2), "2 events are missing here: no longer kept");
+}
+
+TEST(ViewJSON, EachEventAndEachReasonHasItsWord) {
+    std::string sWords;
+    const CASTInfo cast{};
+    for (unsigned int ui = 1; ui <= PCCAST_REASON_NOTHING; ++ui) {
+        PCCASTEvent told{};
+        told.uiKind = ui;
+        told.uiReason = ui;
+        told.pCast = &cast;
+        const Json object = eventJSON(told);
+        sWords +=
+            object.value("event", "") + "; " + object.value("reason", "") + ": " + reasonText(object) + "\n";
+    }
+    EXPECT_EQ(sWords, R"(filed; end-time: its end time has come
+refused; stop: stop
+cancelled; newer: newer
+expired; source-lost: its source socket failed
+dropped; file-end: the file has ended
+started; repeats: sent as often as asked
+returned; closing: the service closes
+preempted; send-failed: it could not be sent
+ended; source: its source cannot be opened
+failed; destination: its destination cannot be opened
+silent; key: it must be decrypted but brings no key
+heard; loop: it would feed itself
+current; file: the file cannot be opened or played
+sent; format: no driver plays its format
+replaced; incomplete: it is incomplete, or of an unknown type
+finished; memory: memory has run out
+done; lock: the lock of its list could not be taken
+unknown; nothing: it found nothing to end
+)");
+}
+
+TEST(HistoryText, LinesAndValuesTellEachEntry) {
+    setenv("TZ", "UTC0", 1);
+    tzset();
+    const Json entries = Json::parse(R"([
+        {"kind":"relay","epg":1,"identity":"1:2","from":1790000002,"until":1790000003,"duration_ms":1000,
+         "event":"preempted","reason":"newer","other":"2:2","source":"239.0.0.1:4000","destination":"239.1.2.3:5000",
+         "datagrams":100,"bytes":131600,"failed":3,"dropped":2,"silence":4,"late":0},
+        {"kind":"file","epg":2,"identity":"2:1","from":1790000004,"file":"/srv/a,\"\u001b.ts",
+         "destination":"239.1.2.3:5001","datagrams":0,"bytes":0,"failed":0,"dropped":0,"silence":0,"late":5},
+        {"kind":"file","epg":4,"identity":"4:1","until":1790000005,"event":"expired","reason":"end-time",
+         "file":"/srv/b.ts","destination":"239.1.2.3:5001"},
+        {"kind":"message","epg":3,"identity":"3:9","from":1790000004,"text":"say \"hi\"","broadcasts":2}])");
+    EXPECT_EQ(joined(historyLines(entries)),
+              R"(2026-09-21 14:13:22 to 2026-09-21 14:13:23  relay 1:2  239.0.0.1:4000 -> 239.1.2.3:5000
+    preempted (newer) by 2:2, 100 datagrams, 131600 bytes, 3 failed, 2 dropped, 4 s silent
+2026-09-21 14:13:24 to now  file 2:1  /srv/a,"\x1b.ts -> 239.1.2.3:5001
+    on air, 0 datagrams, 0 bytes, 5 late
+not on air, 2026-09-21 14:13:25  file 4:1  /srv/b.ts -> 239.1.2.3:5001
+    expired (end-time)
+2026-09-21 14:13:24 to now  message 3:9  "say "hi""
+    lives, 2 broadcasts
+)");
+    std::string sValues = historyCSVHead() + "\n";
+    for (const Json &entry : entries) {
+        sValues += historyCSV(entry) + "\n";
+    }
+    EXPECT_EQ(
+        sValues,
+        R"(kind,epg,identity,from,until,duration_ms,event,reason,other,source,destination,file,datagrams,bytes,failed,dropped,silence,late,text,broadcasts
+relay,1,1:2,1790000002,1790000003,1000,preempted,newer,2:2,239.0.0.1:4000,239.1.2.3:5000,,100,131600,3,2,4,0,,
+file,2,2:1,1790000004,,,,,,,239.1.2.3:5001,"/srv/a,""\x1b.ts",0,0,0,0,0,5,,
+file,4,4:1,,1790000005,,expired,end-time,,,239.1.2.3:5001,/srv/b.ts,,,,,,,,
+message,3,3:9,1790000004,,,,,,,,,,,,,,,"say ""hi""",2
+)");
 }
 
 } // namespace

@@ -5,6 +5,9 @@
 cp "$samples/sample.nsc" /fixdata/bypass.nsc
 start_service
 start_watch
+mkdir caught
+"$pccast" receive --on-air caught/film.bin 2>caught.log &
+catcher=$!
 
 # A file of 30 s plays on after the end of its request, and is stopped like any other cast.
 cat "$samples"/{sample,sample,sample}.ts >long.ts
@@ -32,6 +35,20 @@ head -c "$(wc -c <whole.asf)" "$samples/sample.asf" | cmp - whole.asf || fail "t
 within 12 grep -q '"kind":"on-air".*"epg":12,"type":16,"format":3,.*"crcOk":true,"stationCrcOk":true,"station":"\[Address\]' heard
 within 2 grep -q '\[play\].*IEPGID=0x0000000C,.*NSC="/fixdata/bypass.nsc"' serve.log
 end_service TERM
+
+# Who follows the announcements has a file for each cast that something came of.
+kill -TERM $catcher
+wait $catcher || fail "receive ended with exit code $?"
+grep -v film-2 caught.log | sed -E 's/: [1-9][0-9]* (bytes|datagrams)/: N \1/' | diff - /dev/fd/3 3<<'END' >&2 || fail "caught otherwise"
+pccast: on air: programme 13 at 239.77.0.5:5005
+pccast: caught/film.bin: N bytes
+pccast: on air: programme 11 at 239.77.0.5:5005
+pccast: on air: programme 12 at 239.192.48.179:8080
+pccast: N datagrams received
+END
+python3 -c 'import sys
+caught, film = (open(name, "rb").read() for name in sys.argv[1:])
+sys.exit(len(caught) < 50000 or caught not in film)' caught/film.bin long.ts || fail "no part of the film was caught"
 
 command -v ffmpeg ffprobe >/dev/null || { echo "ffmpeg is not installed: its judgement is left out"; exit 0; }
 has_frames() { # FILE CODEC,COUNT: as decoded

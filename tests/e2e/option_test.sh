@@ -37,8 +37,3 @@ wait $receiver || fail "the loop is too short: $(cat receive.log)"
 [ "$(wc -c <received)" -gt "$(wc -c <short.ts)" ] || fail "the file did not begin again"
 cat short.ts short.ts short.ts >looped.ts
 head -c "$(wc -c <received)" looped.ts | cmp - received || fail "the loop sends other bytes"
-refused 64 'no port' "$bin/pccast-feed" short.ts 239.77.0.6
-for option in --wait --idle --for; do
-    refused 64 "^pccast: $option: 'x' is not a duration" "$pccast" receive 239.77.0.6:5006 received $option x
-done
-refused 64 "'x' is not a number" "$pccast" receive 239.77.0.6:5006 received --datagrams x

@@ -3,47 +3,10 @@
 . "$(dirname "$0")/service.sh"
 cast=239.77.0.2:5000
 
-refused 69 'no service listens on /tmp/PCSTREAM.uds; start one with: pccast serve' "$pccast" relay 239.77.0.1:1 $cast
-refused 69 'no service listens on /tmp/PCMBC.uds' "$pccast" message text
-refused 64 "there is no command 'rely'; did you mean relay?" "$pccast" rely
-refused 64 'relay .*cast the live stream' "$pccast"
-refused 0 'Usage: pccast relay' "$pccast" help relay
-refused 64 "SOURCE: '239.77.0.1' has no port" "$pccast" relay 239.77.0.1 $cast
-refused 64 "start: 'noon' is not a time" "$pccast" relay 239.77.0.1:1 $cast --start noon
-refused 64 'IDENTITY' "$pccast" stop 1:2:3
-refused 64 'which cast?' "$pccast" stop
-refused 69 'is no interface of this machine' "$pccast" serve --interface nosuch0
-refused 69 'is no interface of this machine' "$pccast" watch --interface nosuch0
-refused 64 "type: '0' is not a number from 1 to 3" "$pccast" stop --type 0 --epg 1 --start now --end +1s --port 1
-refused 64 "no argument '--bogus'" "$pccast" --bogus
-refused 64 "no argument '--too'" "$pccast" file film.ts --too $cast
-refused 65 'has passed' "$pccast" relay 239.77.0.1:1 $cast --end 2020-01-01T00:00
-refused 65 'is not after the start' "$pccast" relay 239.77.0.1:1 $cast --start +1h --end +1h
-refused 65 'would feed itself' "$pccast" relay 127.0.0.1:5000 127.0.0.1:5000
-refused 65 "192.0.2.1 is neither.* this machine's addresses: 127.0.0.1" "$pccast" relay 192.0.2.1:4000 $cast
-refused 65 'TEXT is empty' "$pccast" message ''
-refused 65 'at most 65429' "$pccast" message "$(head -c 65430 /dev/zero | tr '\0' x)"
 refused 70 'output cannot be written' bash -c '"$1" --help >/dev/full' - "$pccast"
-refused 70 'cannot be written: No such file' "$pccast" station "$samples/sample.asf" --group 239.77.0.2 --port 1 -o no/file
-refused 70 'not a regular file' "$pccast" station "$samples/sample.asf" --group 239.77.0.2 --port 1 -o /dev/null
-refused 66 'No such file' "$pccast" file nosuch.ts --to $cast
-refused 66 'not a regular file' "$pccast" file /tmp --to $cast
-head -c 5000 /dev/zero >zeros
 head -c 9400 /dev/zero | tr '\0' G > noclock # passes for a transport stream, but says no time
 refused 65 'no clock reference (PCR)' "$pccast" file noclock --to $cast
-refused 65 'neither an ASF file nor a transport stream' "$pccast" file zeros --to $cast
-refused 69 'cannot be loaded' "$pccast" serve --plugin ./zeros
 refused 69 'has no QX_PlugIn_Name' "$pccast" serve --plugin "$bin/../lib/libvexa_pgl.so.1"
-refused 69 'heard 0 of 1' "$pccast" watch --count 1 --for 1s
-
-"$pccast" station --show "$samples/sample.nsc" >shown
-cmp - shown <<'END' || fail "the station is shown as $(cat shown)"
-name        Sample station
-version     3.0
-target      239.192.48.179:8080
-hop limit   16
-format 1    Format ID 1, header of 709 bytes
-END
 
 # A planted link is not followed, the file itself is replaced whole, and who may read it is as usual.
 echo mine >other

@@ -21,8 +21,8 @@ while True:
 END
 server=$!
 within 5 test -S /tmp/PCMBC.uds
-refused 69 "served by the user $stranger, who is neither you, root nor pccast; nothing was sent" \
-    "$pccast" relay 239.77.0.1:1 $cast --key 00112233
+refused 69 "^pccast: /tmp/PCSTREAM.uds is served by the user $stranger, who is neither you, root nor pccast; nothing was \
+sent. If that service is yours, set PCCAST_SERVICE_USER to the user's name\$" "$pccast" relay 239.77.0.1:1 $cast --key 00112233
 refused 69 "served by the user $stranger" "$pccast" message secret
 refused 69 "served by the user $stranger" env PCCAST_SERVICE_USER=5432 "$pccast" stop 1:2:1:4000000000:5000:ts
 refused 69 "served by the user $stranger" "$pccast" cancel 1:1:1:4000000000
@@ -36,9 +36,17 @@ rm /tmp/PCSTREAM.uds /tmp/PCMBC.uds
 service=$!
 within 10 grep -q 'serves casts' serve.log
 export PCCAST_SERVICE_USER=$stranger
+as_another=("${as_stranger[@]//$stranger/54322}")
+foreign="/tmp/PCSTREAM.uds belongs to another user: to a service of theirs, or it is a file that one left. ss -xlp shows \
+whether a service listens there; that user or root can submit requests to it\$"
+refused 69 "^pccast: $foreign" "${as_another[@]}" "$pccast" relay 239.77.0.1:1 $cast
+refused 69 "^pccast: $foreign" "${as_another[@]}" "$pccast" serve
+refused 69 "^pccast: /tmp/PCVIEW.uds belongs to another user's service; that user or root can look at it\$" \
+    "${as_another[@]}" "$pccast" list
 cp "$samples/sample.ts" film.ts
 chmod 700 .
-refused 66 "user $stranger, who may not enter $PWD" "$pccast" file film.ts --to $cast
+refused 66 "^pccast: $PWD/film.ts: the service runs as the user $stranger, who may not enter $PWD; open it to that user, \
+or put the file elsewhere\$" "$pccast" file film.ts --to $cast
 chmod 755 .
 chmod 600 film.ts
 refused 66 "user $stranger, who may not read it" "$pccast" file film.ts --to $cast

@@ -91,6 +91,13 @@ within 10 plays
 "$pccast" stop "$(cat asf)" || true
 within 40 is idle-active True
 grep -q 'nothing on air' tune.log || fail "the end is not said"
+grep -E '^pccast: (listening|on air|message)' tune.log | sort -u | diff - /dev/fd/3 3<<'END' >&2 || fail "tune says otherwise"
+pccast: listening to 224.9.9.9; Ctrl-C or SIGTERM ends it
+pccast: message: {\\an8}${path} \\N{\\p1}m 0 0 $(touch /tmp/pwned) `id`
+pccast: on air: programme 12, ASF at 239.192.48.179:8080
+pccast: on air: programme 13, H.264 at 239.77.0.5:5005
+pccast: on air: programme 7, H.264 at 239.77.0.2:5000
+END
 
 kill -TERM $tune
 wait $tune || fail "tune ended with exit code $?"

@@ -1,0 +1,213 @@
+// What becomes of a request, as the command line tells it from the service's events. The test stands in for
+// the service's view.
+#include "outcome.h"
+
+#include "commands.h"
+#include "revoke.h"
+#include "viewclient.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <deque>
+
+namespace {
+
+// What the service answers, one after the other; nobody listens any more behind the last.
+std::deque<std::vector<const char *>> gAnswers;
+unsigned long gNumber = 0; // of the last event told
+Json gView;
+
+// Events of the request 3, unless they say otherwise.
+Json eventsOf(const std::vector<const char *> &events) {
+    Json all = Json::array();
+    for (const char *pszEvent : events) {
+        Json event = Json::parse(R"({"time":1790000000,"milliseconds":7,"request":3,"kind":"relay","epg":7,
+            "identity":"ID","created":5,"start":1790000000,"end":1790003600})");
+        event["number"] = ++gNumber;
+        event.update(Json::parse(pszEvent));
+        all.push_back(event);
+    }
+    return all;
+}
+
+} // namespace
+
+ViewResult getEvents(unsigned long ulAfter, unsigned int /*uiWait*/, Json *pEvents, std::string *psProblem) {
+    EXPECT_EQ(ulAfter, gNumber);
+    if (gAnswers.empty()) {
+        return VIEW_ABSENT;
+    }
+    const std::vector<const char *> events = gAnswers.front();
+    gAnswers.pop_front();
+    if (events == std::vector<const char *>{nullptr}) {
+        *psProblem = "no answer";
+        return VIEW_FAILED;
+    }
+    *pEvents = Json{{"events", eventsOf(events)}, {"lost", 0}};
+    (*pEvents)["last"] = gNumber;
+    return VIEW_ANSWERED;
+}
+
+ViewResult getView(Json *pView, std::string * /*psProblem*/) {
+    *pView = gView;
+    return VIEW_ANSWERED;
+}
+
+ViewResult getNewestEvent(unsigned long * /*pulNumber*/, std::string * /*psProblem*/) {
+    return VIEW_ABSENT;
+}
+
+int sayAndReturn(int iExitCode, const std::string &sText) {
+    std::fprintf(stderr, "pccast: %s\n", sText.c_str());
+    return iExitCode;
+}
+
+namespace {
+
+TEST(Outcome, EachEndIsToldWithItsExitCode) {
+    setenv("TZ", "UTC0", 1);
+    tzset();
+    const struct {
+        int iExit;
+        bool bFollow;
+        std::deque<std::vector<const char *>> answers;
+        const char *pszSaid;
+    } aCase[] = {
+        {0, false, {{R"({"event":"filed"})"}, {R"({"event":"started"})"}}, "pccast: on air now\n"},
+        {0,
+         false,
+         {{R"({"event":"filed","request":9,"created":4})", R"({"event":"filed"})",
+           R"({"event":"preempted","request":1,"epg":1,"other":{"request":3}})",
+           R"({"event":"preempted","request":2,"epg":2,"other":{"request":8}})",
+           R"({"event":"preempted","request":5,"epg":5,"kind":"file","other":{"request":3}})",
+           R"({"event":"started"})"}},
+         "pccast: on air now; it ended the relay of EPG 1 and file of EPG 5\n"},
+        {80,
+         true,
+         {{R"({"event":"refused","reason":"incomplete"})"}},
+         "pccast: refused: it is incomplete, or of an unknown type\n"},
+        {80, true, {{R"({"event":"dropped"})"}}, "pccast: dropped\n"},
+        {81,
+         false,
+         {{R"({"event":"filed"})", R"({"event":"failed","reason":"loop"})"}},
+         "pccast: failed: it would feed itself\n"},
+        {82,
+         true,
+         {{R"({"event":"cancelled","other":{"kind":"stop","identity":"S"}})"}},
+         "pccast: cancelled: by stop S\n"},
+        {84, true, {{R"({"event":"expired"})"}}, "pccast: expired\n"},
+        {0,
+         true,
+         {{R"({"event":"finished","reason":"repeats"})"}},
+         "pccast: finished: sent as often as asked\n"},
+        {83, true, {{R"({"event":"started"})", R"({"event":"expired"})"}}, "pccast: expired\n"},
+        {0,
+         true,
+         {{R"({"event":"current","text":"a","repeats":0})", R"({"event":"expired","text":"a","repeats":0})"}},
+         "pccast: expired\n"},
+        {0,
+         true,
+         {{R"({"event":"started"})"},
+          {R"({"event":"ended","request":4,"kind":"file"})"},
+          {R"({"event":"ended","reason":"end-time"})"}},
+         "pccast: on air now\n3  2026-09-21 14:13:20.007  ended relay ID  its end time has come\n"},
+        {0,
+         true,
+         {{R"({"event":"returned"})"}, {R"({"event":"ended","reason":"file-end"})"}},
+         "pccast: on air now\n2  2026-09-21 14:13:20.007  ended relay ID  the file has ended\n"},
+        {82,
+         true,
+         {{R"({"event":"started"})"}, {R"({"event":"ended","reason":"stop"})"}},
+         "pccast: on air now\n2  2026-09-21 14:13:20.007  ended relay ID  stop\n"},
+        {85,
+         true,
+         {{R"({"event":"started"})"}, {R"({"event":"ended","reason":"closing"})"}},
+         "pccast: on air now\n2  2026-09-21 14:13:20.007  ended relay ID  the service closes\n"},
+        {81,
+         true,
+         {{R"({"event":"started"})"}, {R"({"event":"ended","reason":"source-lost"})"}},
+         "pccast: on air now\n2  2026-09-21 14:13:20.007  ended relay ID  its source socket failed\n"},
+        {83,
+         true,
+         {{R"({"event":"started"})"}, {R"({"event":"preempted","reason":"newer"})"}},
+         "pccast: on air now\n2  2026-09-21 14:13:20.007  preempted relay ID  newer\npccast: it will not "
+         "return\n"},
+        {85,
+         true,
+         {{R"({"event":"started"})"}},
+         "pccast: on air now\npccast: the service has been closed; what became of the request is not "
+         "known\n"},
+        {86,
+         false,
+         {{R"({"event":"filed"})"}, {nullptr}},
+         "pccast: no answer; what becomes of the request is not known\n"},
+    };
+    for (const auto &test : aCase) {
+        gAnswers = test.answers;
+        gNumber = 0;
+        gView = Json::parse(R"({"time":1790000000,"requests":[]})");
+        testing::internal::CaptureStderr();
+        const int iExit = tellOutcome({true, 0}, {"relay", "ID", 5}, test.bFollow);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), test.pszSaid);
+        EXPECT_EQ(iExit, test.iExit) << test.pszSaid;
+    }
+
+    gView =
+        Json::parse(R"({"time":1789999000,"requests":[{"request":3,"place":"waiting","kind":"relay","epg":7,
+        "created":5,"identity":"ID","start":1790000000,"end":1790003600}]})");
+    gAnswers = {{R"({"event":"filed"})"}};
+    gNumber = 0;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(tellOutcome({true, 0}, {"relay", "ID", 5}, false), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "pccast: waits until 14:13:20\n");
+}
+
+TEST(Outcome, WithoutAViewNothingIsFollowed) {
+    EventPlace place{};
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(rememberEvents(true, &place), 69);
+    EXPECT_EQ(rememberEvents(false, &place), 0);
+    EXPECT_EQ(tellOutcome(place, {"relay", "ID", 5}, false), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "pccast: this service's host has no view, so --follow is not possible; nothing was sent\n"
+              "pccast: this service's host has no view, so what becomes of the request is not told\n");
+}
+
+TEST(Revocation, IsJudgedByTheFirstEventThatTells) {
+    const std::pair<RevokeResult, std::vector<const char *>> aCase[] = {
+        {REVOKE_MET,
+         {R"({"event":"ended","request":8,"kind":"file","other":{"kind":"stop","identity":"S"}})"}},
+        {REVOKE_MET,
+         {R"({"event":"cancelled","request":8,"kind":"file","other":{"kind":"stop","identity":"S"}})"}},
+        {REVOKE_VOID, {R"({"event":"done","reason":"nothing","request":9,"kind":"stop","identity":"S"})"}},
+        {REVOKE_VOID, {R"({"event":"refused","request":9,"kind":"stop","identity":"S"})"}},
+        {REVOKE_VOID, {R"({"event":"expired","request":9,"kind":"stop","identity":"S"})"}},
+        {REVOKE_LATE, {R"({"event":"ended"})"}},
+        {REVOKE_LATE, {R"({"event":"failed"})"}},
+        {REVOKE_LATE, {R"({"event":"finished"})"}},
+        {REVOKE_LATE, {R"({"event":"dropped"})"}},
+        {REVOKE_SILENT,
+         {R"({"event":"ended","request":8,"kind":"file","other":{"kind":"stop","identity":"T"}})",
+          R"({"event":"preempted"})",
+          R"({"event":"preempted","request":8,"kind":"file","other":{"kind":"stop","identity":"S"}})",
+          R"({"event":"done","request":9,"kind":"stop","identity":"S"})",
+          R"({"event":"ended","request":4,"kind":"file"})",
+          R"({"event":"refused","request":9,"kind":"cancel","identity":"S"})"}},
+    };
+    for (const auto &[eResult, events] : aCase) {
+        gAnswers = {{R"({"event":"filed","request":9,"kind":"stop","identity":"S"})"}, events};
+        gNumber = 0;
+        unsigned long ulAfter = 0;
+        Json event;
+        EXPECT_EQ(awaitRevocation({"stop", "S", 3}, &ulAfter, &event), eResult) << events[0];
+        EXPECT_EQ(ulAfter, gNumber);
+        if (eResult != REVOKE_SILENT) {
+            EXPECT_EQ(event.value("number", 0ul), ulAfter);
+        }
+    }
+}
+
+} // namespace
