@@ -33,8 +33,13 @@ std::string readSince(const std::string &sText, unsigned long ulNow, unsigned lo
     }
     std::string sProblem = readTime(sText, ulNow, pulTime);
     // The clock shows it next tomorrow, so it last did today.
-    if (sProblem.empty() && *pulTime > ulNow && sText.find('T') == std::string::npos) {
+    const bool bClock = sText.find_first_not_of("0123456789:") == std::string::npos;
+    if (sProblem.empty() && bClock && *pulTime > ulNow) {
         *pulTime -= kDay;
+    }
+    if (sProblem.empty() && *pulTime > ulNow) {
+        return "'" + sText +
+               "' is still to come; give a time of the past, or how long ago it is, such as 1h30m";
     }
     return sProblem;
 }
