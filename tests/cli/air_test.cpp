@@ -194,7 +194,8 @@ TEST(WatchTable, FollowsACastFromItsAnnouncementToItsEnd) {
     WatchState state;
     watchNote(&state, decode(kOnAir), 1790000000, "10.0.0.5");
     watchNote(&state, decode(kOnAir), 1790000011, "10.0.0.5");
-    EXPECT_EQ(drawnWith(state, 1790000040, "silent, 29 s ago").size(), 1u);
+    EXPECT_EQ(drawnWith(state, 1790000036, "on air, 25 s ago").size(), 1u);
+    EXPECT_EQ(drawnWith(state, 1790000037, "silent, 26 s ago").size(), 1u);
     EXPECT_EQ(drawnWith(state, 1790003600, "over").size(), 1u);
 
     watchNote(&state, decode(kEnd), 1790000050, "10.0.0.6"); // another service's programme 7

@@ -27,8 +27,9 @@ drawn=$(grep -c $'\e\[H' screen)
 grep -q $'\e\[1mON AIR' screen || fail "no colour on a terminal"
 grep -q '^ \{18\}x\{81\}' screen || fail "the message does not use the free rows"
 
-{ sleep 1; printf q; sleep 5; } | watch_on_terminal keyed "NO_COLOR=1 '$pccast' watch" || fail "q does not end it"
+{ sleep 1; printf q; sleep 5; } | watch_on_terminal keyed "NO_COLOR=1 '$pccast' watch && stty -a" || fail "q does not end it"
 grep -q 'q ends' keyed || fail "the table does not say how it ends"
+grep -q '[; ]icanon' keyed && grep -q ' echo ' keyed || fail "the terminal is not left as it was: $(tail -n 8 keyed)"
 ! grep -q $'\e\[1m' keyed || fail "colours in spite of NO_COLOR"
 
 watch_on_terminal plain "TERM=dumb '$pccast' watch --for 1s" </dev/null || fail "exit code $?"

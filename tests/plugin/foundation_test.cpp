@@ -162,6 +162,7 @@ TEST_F(FoundationTest, PacketIsLaidOutItemByItem) {
     EXPECT_EQ(KTPacketBuild(&packet, &pBuffer), 0);
     EXPECT_EQ(pBuffer, &ucUntouched);
     EXPECT_EQ(KTPacketBuild(nullptr, &pBuffer), 0);
+    EXPECT_EQ(KTPacketCleanUp(nullptr), 0);
     EXPECT_EQ(KTPacketInsertItem(&packet, 1, 1, 4, nullptr), 0);
     EXPECT_EQ(KTPacketInsertItem(nullptr, 1, 1, 4, &uiOne), 0);
     EXPECT_EQ(KTPacketInsertItem(&packet, 1, 1, 0x100000000ul, &uiOne), -1);
