@@ -158,7 +158,7 @@ TEST(Tune, WhatDoesNotHoldMovesNothing) {
     ASSERT_TRUE(nscParse(sampleStation(), unicast, sReason));
     NscStation headless = unicast;
     unicast.sAddress = "10.0.0.1";
-    headless.formats[0].header.resize(100);
+    headless.formats[0].header.pop_back();
     std::vector<std::pair<std::string, Bytes>> datagrams{
         {"a wrong CRC", onAir({.uiWrong = 1})},
         {"no port", onAir({.usPort = 0})},
