@@ -93,9 +93,11 @@ TEST(MediaCast, MsbPacketsAreTheStationsByteForByte) {
     EXPECT_EQ(receiver.iHops, 5); // the station's, not the caster's 16
 
     const AsfCasterOwner pUnused = openAsf(&station); // sends nothing, so it is no playout
-    EXPECT_EQ(send(openAsf(&station, 4), "x"), 1);
+    const MemoryFile near(stationText("239.1.2.3", 6001, 0));
+    EXPECT_EQ(send(openAsf(&near, 4), "x"), 1);
     EXPECT_EQ(receiver.next(),
               "\x00\x00\x00\x00\xFE"s + static_cast<char>(0x07 | (cToggle ^ '\x80')) + "\x09\x00x"s);
+    EXPECT_EQ(receiver.iHops, 0); // for this machine alone
 }
 
 TEST(MediaCast, ExplicitTargetReplacesTheStationsAndTheCastersHopLimitStandsIn) {
