@@ -10,6 +10,9 @@ start_with_state() { # [FOLDER]
     service=$!
     within 10 grep -q 'serves casts' serve.log
 }
+spent() { # the service's processor time so far, in hundredths of a second
+    awk '{ print $14 + $15 }' "/proc/$service/stat"
+}
 state() { # JQ-free: the part of the view that tells of the state
     "$pccast" status --json | grep -o '"state":{[^}]*}'
 }
@@ -17,7 +20,9 @@ state() { # JQ-free: the part of the view that tells of the state
 # ---- a restart
 start_with_state
 early=$("$pccast" relay $source 239.77.0.2:5000 --epg 1 --for 1h)
+before=$(spent)
 sleep 1.1
+[ $(($(spent) - before)) -lt 30 ] || fail "in a second of rest the service took $(($(spent) - before)) hundredths"
 "$pccast" relay $source 239.77.0.3:5001 --epg 2 --for 1h
 stopped=$("$pccast" relay $source 239.77.0.3:5001 --epg 3 --start +1h)
 "$pccast" stop "$stopped"
