@@ -234,6 +234,11 @@ LAST FAILURES
     playing["state"] = Json::parse(R"({"path":"/srv/a\\b","ok":true})");
     playing["playout"] = Json::parse(
         R"({"request":4,"datagrams":70,"bytes":1,"failed":2,"position_ms":150000,"length_ms":600000,"late":5})");
+    EXPECT_EQ(trafficLine(kView, 2),
+              "3800 datagrams/s, 40.0 Mbit/s, 4567 datagrams in all, 3 dropped, 1 not sent, "
+              "silent for 4 s");
+    EXPECT_EQ(trafficLine(kView, 3), "");
+    EXPECT_EQ(trafficLine(playing, 4), "at 00:02:30 of 00:10:00, 70 datagrams, 2 not sent, 5 late");
     const std::string sPlaying = joined(statusLines(playing, {}, {80, false, true}));
     EXPECT_NE(sPlaying.find(R"(
     until 15:13:20, left 00:07:30  4:1:1790000000:1790003600:5004:0x2021

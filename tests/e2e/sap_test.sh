@@ -11,6 +11,7 @@ start_service --sap
 "$pccast" relay 239.77.0.1:4000 239.77.0.9:5000 --epg 6 --for 100s >unheard
 within 5 grep -q 'no announcement to players' serve.log
 "$pccast" stop "$(cat unheard)"
+open=$(descriptors)
 
 # Each announcement as a line: announced or deleted, hash, origin, and the description with \r\n for its line ends.
 python3 - >heard-sap <<'END' &
@@ -50,5 +51,6 @@ expected="'v=0\\\\r\\\\no=- [0-9]* 1 IN IP4 127.0.0.1\\\\r\\\\ns=PCCAST programm
 grep -q "$expected.*m=video 5000 udp 33" heard-sap || fail "the description: $(cat heard-sap)"
 [ "$(tail -n 1 heard-sap | cut -c 1-7)" = deleted ] || fail "announced after the end: $(tail -n 1 heard-sap)"
 ! timeout 3 ffprobe -loglevel error sap://224.2.127.254 2>probe.log || fail "found a cast after its end"
+[ "$(descriptors)" -le "$open" ] || fail "descriptors stay open: $open, then $(descriptors)"
 ! grep -q 239.192 heard-sap || fail "an ASF cast is announced to players that cannot play it"
 end_service TERM

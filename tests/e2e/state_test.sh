@@ -10,9 +10,6 @@ start_with_state() { # [FOLDER]
     service=$!
     within 10 grep -q 'serves casts' serve.log
 }
-spent() { # the service's processor time so far, in hundredths of a second
-    awk '{ print $14 + $15 }' "/proc/$service/stat"
-}
 state() { # JQ-free: the part of the view that tells of the state
     "$pccast" status --json | grep -o '"state":{[^}]*}'
 }

@@ -292,6 +292,21 @@ TYPED_TEST(ListTest, ListWithoutMemoryIsNotCreatedAndFilingLeavesTheRecord) {
     EXPECT_EQ(pCopy, nullptr);
 }
 
+TEST_F(PluginTest, RequestIsTakenBackOnceAndByItsAge) {
+    CASTList list{};
+    ASSERT_EQ(CREATECASTList(&list), 1);
+    for (const unsigned long ulCT : {3ul, 4ul, 4ul}) {
+        ASSERT_EQ(INSERTCASTInfo(&list, cast({.ulCT = ulCT})), 1);
+    }
+    CASTInfo *pKey = cast({.ulCT = 4});
+    for (const int iExpected : {1, 1, 0}) {
+        EXPECT_EQ(castlistRemoveRequest(&list, pKey), iExpected);
+    }
+    EXPECT_EQ(list.pList->iCount, 1);
+    ELIMINATECASTInfo(&pKey);
+    DESTROYCASTList(&list);
+}
+
 // The exercise's whole output, with each printed record as "CALLER EPGID:", the creation and the start.
 TEST_F(PluginTest, MessageListExercisePrintsBothListings) {
     EXPECT_EQ(diagMSGListMain(), 1);
