@@ -52,7 +52,11 @@ TEST(ConsolePump, NeverWaitsForAReader) {
         dup2(aPipe[1], STDERR_FILENO);
         {
             const ConsolePump pump;
-            std::fprintf(stderr, "the first line\n");
+            for (int i = 0; i < 50; ++i) { // the order of the two is kept
+                std::printf("%d\n", i);
+                std::fflush(stdout);
+                std::fprintf(stderr, "%d\n", i);
+            }
             for (int i = 0; i < 20000; ++i) {
                 std::printf("%060d\n", i);
             }
@@ -71,7 +75,11 @@ TEST(ConsolePump, NeverWaitsForAReader) {
         sRead.append(aBytes.data(), static_cast<size_t>(lRead));
     }
     close(aPipe[0]);
-    EXPECT_TRUE(sRead.starts_with("the first line\n" + std::string(60, '0') + "\n")) << sRead.substr(0, 200);
+    std::string sFirst;
+    for (int i = 0; i < 50; ++i) {
+        sFirst += std::to_string(i) + "\n" + std::to_string(i) + "\n";
+    }
+    EXPECT_TRUE(sRead.starts_with(sFirst + std::string(60, '0') + "\n")) << sRead.substr(0, 200);
     EXPECT_EQ(sRead.find("a late line"), std::string::npos);
 }
 
