@@ -158,6 +158,7 @@ TEST_F(FileCastTest, DriversTakeTargetModeAndDevice) {
     script::storedFile("/a", {{kStart, {1}}});
     script::fail(Step::SetTarget, "asf", 0);
     EXPECT_EQ(qxbox_asfcast(&asf), 1);
+    EXPECT_EQ(qxbox_asfcast(&asf), 1); // the target is taken: nothing is reported
     script::fail(Step::CasterSend, "ts", 42);
     EXPECT_EQ(qxbox_tscast(&ts), 42);
     EXPECT_THAT(joined(script::seen().calls),
