@@ -103,6 +103,10 @@ TEST(AirText, LinesAndObjectsSayWhatWasHeard) {
         "10.0.0.5");
     EXPECT_EQ(airLine(decode(kEnd), 1790000010, "10.0.0.5"),
               "2026-09-21 14:13:30  ENDED  epg 7  stream  H.264  crc ok  by 10.0.0.5");
+    AirRecord wrong = decode(kEnd);
+    wrong.eCheck = AIR_CHECK_WRONG;
+    EXPECT_EQ(airLine(wrong, 1790000010, "10.0.0.5"),
+              "2026-09-21 14:13:30  ENDED  epg 7  stream  H.264  crc WRONG  by 10.0.0.5");
     EXPECT_EQ(
         airLine(decode(kAsf), 1790003600, "10.0.0.5"),
         "2026-09-21 15:13:20  ON AIR  epg 8  file  ASF  to the station's group  from 2026-09-21 14:13:20  "

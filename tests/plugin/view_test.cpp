@@ -281,6 +281,25 @@ TEST_F(ViewTest, SnapshotHoldsRequestsThreadsTrafficAndSenders) {
     ELIMINATEPCCASTView(&pView);
 }
 
+TEST_F(ViewTest, SnapshotCopiesEachCounterToItsPlace) {
+    for (unsigned long ulEngine = 0; ulEngine < VIEW_ENGINES; ++ulEngine) {
+        ViewTraffic &of = gViewTraffic[ulEngine];
+        unsigned long ulNumber = 100 * ulEngine;
+        for (auto *pWord : {&of.ulDatagrams, &of.ulBytes, &of.ulFailed, &of.ulDropped, &of.ulSilence,
+                            &of.ulSilentSince, &of.ulLastArrival, &of.ulDatagramsPerSecond,
+                            &of.ulBytesPerSecond, &of.ulPositionMs, &of.ulLengthMs, &of.ulLate}) {
+            *pWord = ++ulNumber;
+        }
+    }
+    PCCASTView *pView = nullptr;
+    ASSERT_EQ(MAKEPCCASTView(&pView), 1);
+    const PCCASTTraffic relay{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12},
+        playout{101, 102, 103, 104, 105, 106, 107, 108, 109, 110, 111, 112};
+    EXPECT_EQ(std::memcmp(&pView->relay, &relay, sizeof relay), 0);
+    EXPECT_EQ(std::memcmp(&pView->playout, &playout, sizeof playout), 0);
+    ELIMINATEPCCASTView(&pView);
+}
+
 TEST_F(ViewTest, RingKeepsTheLastEvents) {
     for (unsigned long ul = 1; ul <= PCCAST_EVENTS_KEPT + 100; ++ul) {
         CASTInfo *pInfo = cast(relay(1, ul, 1000, 2000));
