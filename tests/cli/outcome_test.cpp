@@ -114,27 +114,6 @@ TEST(Outcome, EachEndIsToldWithItsExitCode) {
           {R"({"event":"ended","request":4,"kind":"file"})"},
           {R"({"event":"ended","reason":"end-time"})"}},
          "pccast: on air now\n3  2026-09-21 14:13:20.007  ended relay ID  its end time has come\n"},
-        {0,
-         true,
-         {{R"({"event":"returned"})"}, {R"({"event":"ended","reason":"file-end"})"}},
-         "pccast: on air now\n2  2026-09-21 14:13:20.007  ended relay ID  the file has ended\n"},
-        {82,
-         true,
-         {{R"({"event":"started"})"}, {R"({"event":"ended","reason":"stop"})"}},
-         "pccast: on air now\n2  2026-09-21 14:13:20.007  ended relay ID  stop\n"},
-        {85,
-         true,
-         {{R"({"event":"started"})"}, {R"({"event":"ended","reason":"closing"})"}},
-         "pccast: on air now\n2  2026-09-21 14:13:20.007  ended relay ID  the service closes\n"},
-        {81,
-         true,
-         {{R"({"event":"started"})"}, {R"({"event":"ended","reason":"source-lost"})"}},
-         "pccast: on air now\n2  2026-09-21 14:13:20.007  ended relay ID  its source socket failed\n"},
-        {83,
-         true,
-         {{R"({"event":"started"})"}, {R"({"event":"preempted","reason":"newer"})"}},
-         "pccast: on air now\n2  2026-09-21 14:13:20.007  preempted relay ID  newer\npccast: it will not "
-         "return\n"},
         {85,
          true,
          {{R"({"event":"started"})"}},
@@ -153,6 +132,29 @@ TEST(Outcome, EachEndIsToldWithItsExitCode) {
         const int iExit = tellOutcome({true, 0}, {"relay", "ID", 5}, test.bFollow);
         EXPECT_EQ(testing::internal::GetCapturedStderr(), test.pszSaid);
         EXPECT_EQ(iExit, test.iExit) << test.pszSaid;
+    }
+
+    // How a cast that was on air goes off it.
+    const struct {
+        int iExit;
+        const char *pszEvent, *pszSaid;
+    } aEnd[] = {
+        {0, R"({"event":"ended","reason":"file-end"})", "ended relay ID  the file has ended\n"},
+        {82, R"({"event":"ended","reason":"stop"})", "ended relay ID  stop\n"},
+        {85, R"({"event":"ended","reason":"closing"})", "ended relay ID  the service closes\n"},
+        {81, R"({"event":"ended","reason":"source-lost"})", "ended relay ID  its source socket failed\n"},
+        {83, R"({"event":"preempted","reason":"newer"})",
+         "preempted relay ID  newer\npccast: it will not return\n"},
+    };
+    for (const char *pszBegun : {R"({"event":"started"})", R"({"event":"returned"})"}) {
+        for (const auto &end : aEnd) {
+            gAnswers = {{pszBegun}, {end.pszEvent}};
+            gNumber = 0;
+            testing::internal::CaptureStderr();
+            EXPECT_EQ(tellOutcome({true, 0}, {"relay", "ID", 5}, true), end.iExit) << end.pszSaid;
+            EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                      std::string("pccast: on air now\n2  2026-09-21 14:13:20.007  ") + end.pszSaid);
+        }
     }
 
     gView =

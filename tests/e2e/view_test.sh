@@ -108,7 +108,7 @@ SECONDS=0
 "$pccast" cancel "$("$pccast" message later --start +1h --epg 5 --priority)"
 wait $waiter
 [ $SECONDS -lt 3 ] && grep -q "\"number\":$((last + 1))," waited.json || fail "waited: $(cat waited.json)"
-crowd() { # more who wait than are let wait; an event, which answers all, may come between
+crowd() { # more readers than may wait at once; an event that comes meanwhile answers them all, so try again then
     local last
     last=$(get '/v1/events?after=1000000' | sed -E 's/.*"last":([0-9]+).*/\1/')
     for _ in $(seq 40); do
