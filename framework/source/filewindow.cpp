@@ -21,10 +21,8 @@ const char *kindOfFile(mode_t uiMode) {
     case S_IFCHR:
     case S_IFBLK:
         return "a device";
-    case S_IFSOCK:
-        return "a socket";
     default:
-        return "something else";
+        return "a socket";
     }
 }
 
@@ -33,26 +31,18 @@ const char *kindOfFile(mode_t uiMode) {
 int fileOpenRegular(const char *pszFile, std::string &sReason) {
     // Look at the kind first: for a socket and some devices, the error of open() says little.
     struct stat status {};
-    if (stat(pszFile, &status) != 0) {
+    if (stat(pszFile, &status) == 0 && !S_ISREG(status.st_mode)) {
+        sReason = std::string("it is ") + kindOfFile(status.st_mode) + ", not a regular file";
+        return -1;
+    }
+    const int iFile = open(pszFile, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (iFile < 0) {
         sReason = std::string("it cannot be opened: ") + std::strerror(errno);
         return -1;
     }
-    int iFile = -1;
-    if (S_ISREG(status.st_mode)) {
-        iFile = open(pszFile, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-        if (iFile < 0 || fstat(iFile, &status) != 0) {
-            sReason = std::string("it cannot be opened: ") + std::strerror(errno);
-            if (iFile >= 0) {
-                close(iFile);
-            }
-            return -1;
-        }
-    }
-    if (!S_ISREG(status.st_mode)) {
-        sReason = std::string("it is ") + kindOfFile(status.st_mode) + ", not a regular file";
-        if (iFile >= 0) {
-            close(iFile);
-        }
+    if (fstat(iFile, &status) != 0 || !S_ISREG(status.st_mode)) {
+        sReason = "it was replaced while it was opened";
+        close(iFile);
         return -1;
     }
     return iFile;

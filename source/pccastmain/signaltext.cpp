@@ -10,19 +10,14 @@
 
 namespace {
 
-// Writes the value in decimal at pOut. Returns the place behind the last digit.
+// Writes the value, which is not negative, in decimal at pOut. Returns the place behind the last digit.
 char *putNumber(char *pOut, int iValue) {
     char digits[12];
     int iCount = 0;
-    long lValue = iValue;
-    if (lValue < 0) {
-        *pOut++ = '-';
-        lValue = -lValue;
-    }
     do {
-        digits[iCount++] = static_cast<char>('0' + lValue % 10);
-        lValue /= 10;
-    } while (lValue > 0);
+        digits[iCount++] = static_cast<char>('0' + iValue % 10);
+        iValue /= 10;
+    } while (iValue > 0);
     while (iCount > 0) {
         *pOut++ = digits[--iCount];
     }

@@ -79,7 +79,10 @@ TEST(Console, LinesAndRecordsAreWrittenWhole) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(qxapi_printf("%d lines\n", 2), 8);
     EXPECT_EQ(qxapi_log_printf("t", "%s", ""), 5);
-    EXPECT_EQ(qxapi_log_printf("t", "x\n"), 6);
+    for (const char *pszFault : {"none", "write", "half of a write"}) {
+        failOnce(pszFault, EINTR);
+        EXPECT_EQ(qxapi_log_printf("t", "x\n"), 6) << pszFault;
+    }
     setenv("QX_LOG_FILE", "", 1);
     EXPECT_EQ(qxapi_log_printf(nullptr, "x"), 9);
     unsetenv("QX_LOG_FILE");
@@ -87,7 +90,7 @@ TEST(Console, LinesAndRecordsAreWrittenWhole) {
               -1); // no character: the record cannot be formatted
     qxapi_assert_gateway(0, "file.c", "call", 7, nullptr);
     qxapi_assert_gateway(1, "file.c", "call", 8, "holds");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "2 lines\n[t] \n[t] x\n[NULL] x\n");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "2 lines\n[t] \n[t] x\n[t] x\n[t] x\n[NULL] x\n");
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "qxapi_log_printf: a record of [t] is lost: no memory for it\n"
               "file.c:7: call(): assertion does not hold: NULL\n");

@@ -92,6 +92,8 @@ ssize_t sendmsg(int iSocket, const msghdr *pMessage, int iFlags) {
     }
 CALL(ssize_t, recv, (int i, void *p, std::size_t ul, int iFlags), SYS_recvfrom, i, p, ul, iFlags, nullptr,
      nullptr)
+CALL(ssize_t, write, (int i, const void *p, std::size_t ul), SYS_write, i, p,
+     fails("half of a write") ? ul / 2 : ul)
 CALL(ssize_t, recvmsg, (int i, msghdr *p, int iFlags), SYS_recvmsg, i, p, iFlags)
 CALL(ssize_t, pread, (int i, void *p, std::size_t ul, off_t l), SYS_pread64, i, p, ul, l)
 CALL(int, poll, (pollfd * p, nfds_t ul, int iTimeoutMs), SYS_poll, p, ul, iTimeoutMs)

@@ -64,6 +64,12 @@ TEST_F(FoundationTest, PlacingKeepsHeadTailCountAndPayloads) {
     EXPECT_EQ(KTLISTmInsertHead(pList, a, 2), 3);
     a[0] = b[0] = c[0] = 'x';
     EXPECT_EQ(order(pList), "abc");
+    for (const long lNth : {1, 2}) { // neither the node nor the payload is left
+        const int iNone = lNth == 1 ? -1 : 0;
+        EXPECT_EQ(withoutAllocation(lNth, [&] { return KTLISTmInsert(pList, d, 2, nullptr); }), iNone);
+        EXPECT_EQ(withoutAllocation(lNth, [&] { return KTLISTmAInsert(pList, d, 2, nullptr); }), -1);
+        becomes(withoutAllocation(lNth, [&] { return KTLISTmInsertHead(pList, d, 2); }), iNone, "abc");
+    }
     becomes(KTLISTmRemove(pList, pList->pHead->pNext), 1, "ac");
     EXPECT_EQ(pList->ulTotalSize, 4u);
     EXPECT_EQ(KTLISTmDelete(&pList), 1);

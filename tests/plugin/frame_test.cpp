@@ -13,8 +13,10 @@
 
 #include <csignal>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <sys/resource.h>
 
 namespace {
 
@@ -209,6 +211,18 @@ TEST_F(FrameTest, DebugFileFollowsTheDayAndKeepsWhatIsThere) {
     EXPECT_EQ(openFiles(), iOpen);
     EXPECT_EQ(count(contents(today), "two"), 0u);
     EXPECT_EQ(count(contents(tomorrow), "[DEBUG_LEVEL_0] two\n"), 1u);
+    script::moveWallClock(86400);
+    initFile(); // the file of the day is there before its first line
+    EXPECT_EQ(std::filesystem::file_size(path("f", 0)), 0u);
+    script::moveWallClock(-86400);
+    std::filesystem::resize_file(tomorrow, 1 << 20);
+    const rlimit full{1 << 20, RLIM_INFINITY}, none{RLIM_INFINITY, RLIM_INFINITY};
+    std::signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &full);
+    DEBUG_LEVEL_COMMON(0, "lost\n");
+    DEBUG_LEVEL_COMMON(0, "lost\n");
+    setrlimit(RLIMIT_FSIZE, &none);
+    EXPECT_EQ(err(), "the debug log " + tomorrow + " loses lines: File too large\n");
     setenv("KTDEBUG_PATH_f", "/tmp/nowhere", 1);
     initDebug("f", nullptr); // cannot be opened: no file
     DEBUG_LEVEL_COMMON(0, "three\n");

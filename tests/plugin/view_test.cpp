@@ -51,11 +51,12 @@ protected:
         settle();
     }
     static void say(unsigned long ulEPGID, unsigned long ulCT, const char *pszText, unsigned long ulPriority,
-                    unsigned long ulRepeat, unsigned long ulET = 500, unsigned long ulCMD = PCMBC_CMD_MSG) {
+                    unsigned long ulRepeat, unsigned long ulET = 500, unsigned long ulCMD = PCMBC_CMD_MSG,
+                    unsigned long ulST = 0) {
         MSGInfo *pInfo = nullptr;
         MAKEMSGInfo(&pInfo, pszText);
         char *pText = pInfo->pMSGSTR;
-        *pInfo = {ulCMD, ulEPGID, ulPriority, ulCT, kStart, kStart + ulET, ulRepeat, 0, 0, pText};
+        *pInfo = {ulCMD, ulEPGID, ulPriority, ulCT, kStart + ulST, kStart + ulET, ulRepeat, 0, 0, pText};
         TxPCMBCInfoToPlugIn(ulCMD, pInfo);
         ELIMINATEMSGInfo(&pInfo);
         settle();
@@ -224,6 +225,11 @@ TEST_F(ViewTest, EveryWayOfAMessageHasItsEvents) {
     EXPECT_THAT(events(),
                 ElementsAre("filed 3", "filed 4", "filed 4'", "cancelled 4 stop 4", "done 4'",
                             "refused 5 incomplete", "current 3", "sent 3 send left 0", "finished 3 end"));
+    say(8, 150, "gggg", 0, 0, 30);
+    say(9, 151, "hhhh", 0, 1, 40, PCMBC_CMD_MSG, 32); // taken in the second in which the first one ends
+    runTo(30);
+    EXPECT_THAT(events(), ElementsAre("filed 8", "current 8", "sent 8 left 0", "filed 9", "finished 8 end",
+                                      "current 9", "sent 9 left 0", "finished 9 repeats"));
     // Two that are equally old change places in every pass. That is not told.
     say(6, 200, "eeee", 0, 9);
     say(7, 200, "ffff", 0, 9);
