@@ -92,7 +92,14 @@ TEST(MediaStream, WhatCannotBePlayedIsRefusedByName) {
     // Sync bytes alone pass for a transport stream, but have no clock.
     const StreamOwner pStream = openStream(text.sPath);
     ASSERT_TRUE(pStream);
+    testing::internal::CaptureStderr();
     EXPECT_EQ(pStream->pStart(pStream.get()), 0);
+    failOnce("new", 0);
+    EXPECT_EQ(pStream->pStart(pStream.get()), 0);
+    EXPECT_EQ(
+        reported(text.sPath),
+        "stream: $ cannot be played: its first 16 MiB hold no clock reference (PCR), so its pace is not "
+        "known\nstream: $ cannot be played: no memory\n");
     EXPECT_NE(pStream->pIsAtEnd(pStream.get()), 0);
     EXPECT_EQ(pStream->pNextPacket(pStream.get()), nullptr);
 }

@@ -218,6 +218,12 @@ TEST(MediaTs, ReadThatFailsEndsThePlayoutByName) {
                                   : "stream: file.ts: cannot be read on at byte 0: Input/output error: the "
                                     "playout ends here\n");
     }
+    const MemoryFile file(bytesOf(packets));
+    TsReader reader;
+    std::string sReason;
+    failOnce("pread", EIO, 2); // behind the head
+    EXPECT_FALSE(tsReaderStart(reader, file.iFile, "file.ts", sReason));
+    EXPECT_EQ(sReason, "it cannot be read: Input/output error");
 }
 
 // Pictures that come rarely: references as far apart, and as many packets as the picture needs.
@@ -446,11 +452,18 @@ TEST(MediaTs, ClockGivesTheTimesOfItsLine) {
     EXPECT_FALSE(tsclockDoubts(start, jump));
 }
 
-TEST(MediaTs, BytesBeforeTheFirstPacketAreSaid) {
+TEST(MediaTs, BytesThatAreNoPacketAreSaid) {
     testing::internal::CaptureStderr();
     play(std::string(187, 'x') + bytesOf(steadyPackets(100)));
     play(std::string(188, 'x') + bytesOf(steadyPackets(100)));
-    EXPECT_EQ(reported(), "stream: file.ts: 188 bytes before the first packet are left out\n");
+    std::string sTwice = bytesOf(steadyPackets(700));
+    sTwice.insert(301 * kTsPacketSize, 60, 'x');
+    sTwice.insert(101 * kTsPacketSize, 50, 'x');
+    play(sTwice);
+    EXPECT_EQ(reported(),
+              "stream: file.ts: 188 bytes before the first packet are left out\n"
+              "stream: file.ts: no transport stream packet at byte 18988: going on with the next ones\n"
+              "stream: file.ts: 110 bytes in 2 places were no transport stream packets\n");
 }
 
 TEST(MediaTs, PacketsAreFoundByTheirRun) {
