@@ -90,8 +90,7 @@ const unsigned char *windowBytes(FileWindow &window, unsigned long long ullOffse
         }
     }
     if (ullOffset < window.ullOffset || ullOffset - window.ullOffset > window.ulLength) {
-        ulHave = 0; // no file reaches this offset
-        return window.buffer.data();
+        return window.buffer.data(); // no file reaches this offset
     }
     return window.buffer.data() + (ullOffset - window.ullOffset);
 }

@@ -322,7 +322,8 @@ TEST(MediaTs, DamageCostsOnlyTheDamagedPackets) {
         std::string sPut;
         std::size_t ulLostAt, ulLost; // of the damaged file
     } aCase[] = {
-        {"bytes in between", kTsPacketSize * 701, 0, std::string(500, 'x'), kTsPacketSize * 701, 500},
+        {"bytes in between", kTsPacketSize * 701, 0, std::string(250, 'x') + "GxG" + std::string(247, 'x'),
+         kTsPacketSize * 701, 500},
         {"a hole larger than a step", kTsPacketSize * 701, 0, std::string(8'000'000, '\0'),
          kTsPacketSize * 701, 8'000'000},
         {"a sync byte lost", kTsPacketSize * 701, 1, "x", kTsPacketSize * 701, 188},

@@ -275,7 +275,7 @@ TEST_F(FrameTest, DiagnosticDriverPlaysItsSequence) {
     unsetenv("KTDEBUG_LEVEL_PCCAST");
     EXPECT_THAT(out(), testing::ContainsRegex(
                            "\\[DEBUG_LEVEL_1\\] diagPCCASTMain\\[[0-9#]+\\] : FileName = aaaaaaaaaa\n"));
-    // "TIME COMMAND EPGID PRIORITY START+LIFE*REPEAT" of each request for a message.
+    // "TIME COMMAND EPGID PRIORITY START+LIFE*REPEAT TEXT" of each request for a message.
     std::string requests;
     for (const script::Frame &frame : script::frames("client /tmp/PCMBC.uds")) {
         const auto number = [&](size_t ulAt) {
@@ -285,10 +285,14 @@ TEST_F(FrameTest, DiagnosticDriverPlaysItsSequence) {
         std::snprintf(szOne, sizeof szOne, "%lu %x %u %d %u+%u*%u ", frame.ulTime - script::kStart,
                       frame.header.uiCommand, frame.header.uiParam, frame.payload.at(12), number(20),
                       number(28) - number(20), ktpacketGetWORD(frame.payload.data() + 52));
-        requests += szOne;
+        requests += szOne + std::string(frame.payload.begin() + 58, frame.payload.end()) + "\n";
     }
-    EXPECT_EQ(requests, "215 40020 1 1 215+10*200 220 40020 1 1 220+10*2 230 40023 1 1 220+10*2 "
-                        "230 40020 1 0 230+100*200 250 40020 0 0 250+300*5 260 40020 1 1 260+20*3 ");
+    EXPECT_EQ(requests, "215 40020 1 1 215+10*200 H-------I--------G---------H----------A\n"
+                        "220 40020 1 1 220+10*2 H-------I--------G---------H----------B\n"
+                        "230 40023 1 1 220+10*2 H-------I--------G---------H----------B\n"
+                        "230 40020 1 0 230+100*200 1234567890123456789012345678901234567890\n"
+                        "250 40020 0 0 250+300*5 aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa\n"
+                        "260 40020 1 1 260+20*3 H-------I--------G---------H----------A\n");
     ASSERT_EQ(script::frames("client /tmp/PCSTREAM.uds").size(), 1u); // the second sample is not sent
     EXPECT_EQ(script::frames("client /tmp/PCSTREAM.uds").front().payload,
               bytes("01 00 04 00 01 00 00 00 02 00 04 00 00 00 00 00 03 00 04 00 64 00 00 00"

@@ -117,7 +117,7 @@ struct Engine {
     explicit Engine(int (*pBody)(KTPLUGIN_INFO_TAG *), void *pWork = nullptr, long lFailAllocation = 0) {
         block.eState = ENGINE_STOPPED;
         block.pWork = pWork;
-        script::startThread([this, pBody] { pBody(&block); }, lFailAllocation);
+        script::startThread([this, pBody] { EXPECT_EQ(pBody(&block), 0); }, lFailAllocation);
         EXPECT_TRUE(
             script::eventually([this] { return block.iThreadCount == 1 && block.eState != ENGINE_STOPPED; }));
     }
