@@ -38,6 +38,8 @@ TEST(Frame, EachCheckFailsByItsName) {
     EXPECT_EQ(frame.uiCommand, 0x40020u);
     EXPECT_EQ(frame.uiParam, 0x01020304u);
     EXPECT_EQ(std::string(frame.pPayload, frame.pPayload + frame.uiPayloadLen), "abc");
+    EXPECT_EQ(ktn_xapi_frame_decode_header(kFrameBytes.data(), kFrameBytes.size(), &frame), KTNET_FRAME_GOOD);
+    EXPECT_EQ(frame.pPayload, nullptr);
     Bytes longer = kFrameBytes;
     longer.push_back(0);
     EXPECT_EQ(ktn_xapi_frame_decode(longer.data(), longer.size(), &frame), KTNET_FRAME_BAD_LENGTH);

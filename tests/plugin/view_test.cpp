@@ -159,7 +159,17 @@ TEST_F(ViewTest, EveryWayOfACastHasItsEvents) {
     send(keyless);
     EXPECT_THAT(events(), ElementsAre("refused 7' incomplete", "filed 8", "failed 8 source", "filed 10",
                                       "failed 10 key"));
-    send(relay(11, 702, 70, 90));
+    CastFields keyed = relay(11, 702, 70, 90);
+    keyed.iEncryption = CAST_ENCRYPTION_SEED;
+    keyed.key = {1, 2, 3};
+    keyed.iSplit = 1;
+    send(keyed);
+    PCCASTEvent filed;
+    ASSERT_EQ(READPCCASTEvents(ulSeen, &filed, 1), 1);
+    // All that it takes to submit it again.
+    EXPECT_EQ(shown(*filed.pCast), "1 2 11 702 1000000070 1000000090 224.1.1.1:9100 224.2.2.2:5000 - 2021 0 "
+                                   "2/3 1 2 3 split 1");
+    ELIMINATEPCCASTEvents(&filed, 1);
     send(relay(12, 703, 72, 90)); // taken ahead of its time
     EXPECT_EQ(places(), "11 on air, 12 pending");
     send(stop(relay(12, 703, 72, 90))); // ends the one on air, and takes the pending one back
