@@ -86,6 +86,8 @@ TEST_F(RelayTest, EndpointsAreSetUpForSourceAndDestination) {
 
 TEST_F(RelayTest, OpeningAnewClosesWhatWasOpen) {
     KTNET_ENDPOINT *pDesc = nullptr;
+    gPrintStdOut = 1;
+    gDebugLevel = 4;
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(initMSTREAMRxNetEx(&pDesc, "224.1.1.1", 9100, "127.0.0.1"), 1);
         EXPECT_EQ(script::liveEndpoints(), 1);
@@ -94,6 +96,18 @@ TEST_F(RelayTest, OpeningAnewClosesWhatWasOpen) {
         EXPECT_EQ(initBCITxNet(&pDesc), 1);
         EXPECT_EQ(script::liveEndpoints(), 1);
     }
+    script::fail(Step::Init, "", -1);
+    EXPECT_EQ(initMSTREAMRxNetEx(&pDesc, "224.1.1.1", 9100, "127.0.0.1"), -1);
+    script::fail(Step::Create, "", -9);
+    EXPECT_EQ(initSTREAMTxNet(&pDesc, nullptr, nullptr, 5000), -9);
+    gPrintStdOut = gDebugLevel = 0;
+    const std::string opened = "[DEBUG_LEVEL_4] initMSTREAMRxNetEx():# rx. network reinitializing\n"
+                               "[DEBUG_LEVEL_0] -------------initSTREAMTxNet():#, MESSAGE, "
+                               "KTNetCreate(p(224.2.2.2), l(NULL), p(5000)) ok\n";
+    EXPECT_EQ(std::regex_replace(out(), std::regex(R"(\[\d{4}-\d\d-\d\d [\d:]+\] )"), ""),
+              opened + opened +
+                  "[DEBUG_LEVEL_0] initMSTREAMRxNetEx():#, ERROR, KTNetInit() return 0xffffffff(-1)\n"
+                  "[DEBUG_LEVEL_0] initSTREAMTxNet():#, ERROR, KTNetCreate() return 0xfffffff7(-9)\n");
     ktn_xapi_ktnet_delete(&pDesc);
     EXPECT_EQ(KTNETOpenServer(&pDesc, KTNET_STREAM_SENDER, nullptr), -1); // no such endpoint
 }
