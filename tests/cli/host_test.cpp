@@ -137,6 +137,11 @@ protected:
         service.requests.push_back(
             {cast.uliEPGID, uiPlace, &casts.emplace_back(cast), nullptr, 1, 900, 0, 0});
     }
+    void carries(unsigned long ulDatagrams) {
+        const std::lock_guard<std::mutex> hold(service.lock);
+        service.view.ulRelay = 1;
+        service.view.relay.ulDatagrams = ulDatagrams;
+    }
     static bool within(const std::function<bool()> &condition) {
         for (int i = 0; i < 500; ++i, usleep(10'000)) {
             if (condition()) {
@@ -258,8 +263,7 @@ TEST_F(HostTest, FileThatFailsOrIsDamagedIsMadeUpForByASnapshot) {
     EXPECT_TRUE(keeper.isRestored());
     std::filesystem::create_directory(sState);
     lives(relay(1));
-    service.view.ulRelay = 1;
-    service.view.relay.ulDatagrams = 5;
+    carries(5);
     pass(1);
     EXPECT_FALSE(keeper.status(0).value("ok", true));
     pass(1);
@@ -267,7 +271,7 @@ TEST_F(HostTest, FileThatFailsOrIsDamagedIsMadeUpForByASnapshot) {
     EXPECT_EQ(keeper.status(ulNumber), sound);
     const auto entries = [&] { return keeper.history({})["entries"]; };
     EXPECT_EQ(entries().at(0).value("datagrams", 0), 5);
-    service.view.relay.ulDatagrams = 6;
+    carries(6);
     pass(1);
     EXPECT_EQ(entries().at(0).value("datagrams", 0), 5);
     pass(1);
