@@ -139,19 +139,14 @@ struct Store::Work {
         if (llId != 0 || (pCast == nullptr && pMessage == nullptr)) {
             return llId;
         }
-        MSGInfo message{};
-        if (pMessage != nullptr) {
-            message = *pMessage;
-        }
         // An earlier request has been filed with the repeats that it had left.
         llId = pCast != nullptr ? bindEarlier(ulNumber, *pCast, kCastColumns)
-                                : bindEarlier(ulNumber, message, kMessageColumns);
+                                : bindEarlier(ulNumber, *pMessage, kMessageColumns);
         if (llId != 0) {
             ++*pulRestored;
         } else {
-            message.ulRepeat = ulRepeatsLeft;
             llId = pCast != nullptr ? insert(ulNumber, *pCast, kCastColumns, true, 0)
-                                    : insert(ulNumber, message, kMessageColumns, false, pMessage->ulRepeat);
+                                    : insert(ulNumber, *pMessage, kMessageColumns, false, pMessage->ulRepeat);
         }
         if (pMessage != nullptr) {
             Statement(pHandle, "UPDATE request SET repeats_left = ? WHERE id = ?").run(ulRepeatsLeft, llId);

@@ -54,7 +54,7 @@ std::string progressBar(unsigned long ulDone, unsigned long ulAll) {
     const size_t uFilled = ulAll == 0 ? 0 : kBarWidth * ulReached / ulAll;
     const std::string sPercent = std::to_string(ulAll == 0 ? 0 : 100 * ulReached / ulAll);
     return "[" + std::string(uFilled, '#') + std::string(kBarWidth - uFilled, '-') + "] " +
-           std::string(3 - std::min<size_t>(3, sPercent.size()), ' ') + sPercent + "%";
+           std::string(3 - sPercent.size(), ' ') + sPercent + "%";
 }
 
 void addLine(std::vector<std::string> *pLines, const std::string &sText) {

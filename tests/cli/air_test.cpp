@@ -83,6 +83,13 @@ TEST(AirDecoding, WhatDoesNotHoldIsNotedAndTheRestIsRead) {
         {"the end time has 2 bytes, not 4", AIR_MESSAGE,
          kMessageFrame + "0c000000 0c00 0200 9049 0b50 0200 6869"},
         {"a message without a text", AIR_BROKEN, kMessageFrame + "00000000"},
+        {"the programme has 1 bytes, not 4\nthe type has 1 bytes, not 4\nthe format has 1 bytes, not 4\n"
+         "the start time has 1 bytes, not 4\nthe end time has 1 bytes, not 4\nthe port has 1 bytes, not 2\n",
+         AIR_BROKEN,
+         kOnAirFrame + "1e000000 0107010001 1d70010001 1c70010001 1170010001 1270010001 1770010001"},
+        {"the send time has 1 bytes, not 4\nthe showings has 1 bytes, not 2\n"
+         "the attribute 3 has 1 bytes, not 4\nthe attribute 1 has 1 bytes, not 4\n",
+         AIR_BROKEN, kMessageFrame + "14000000 4b00010001 0a50010001 0350010001 0150010001"},
     };
     for (const auto &test : aCase) {
         SCOPED_TRACE(test.sHex);
@@ -103,10 +110,12 @@ TEST(AirText, LinesAndObjectsSayWhatWasHeard) {
         "10.0.0.5");
     EXPECT_EQ(airLine(decode(kEnd), 1790000010, "10.0.0.5"),
               "2026-09-21 14:13:30  ENDED  epg 7  stream  H.264  crc ok  by 10.0.0.5");
-    AirRecord wrong = decode(kEnd);
-    wrong.eCheck = AIR_CHECK_WRONG;
-    EXPECT_EQ(airLine(wrong, 1790000010, "10.0.0.5"),
-              "2026-09-21 14:13:30  ENDED  epg 7  stream  H.264  crc WRONG  by 10.0.0.5");
+    EXPECT_EQ(
+        airLine(decode(kOnAirFrame + "20000000  4c04 0400 00000000  0107 0400 07000000  1d70 0400 05000000 "
+                                     "1c70 0400 ff000000"),
+                1790000010, "10.0.0.5"),
+        "2026-09-21 14:13:30  ON AIR  epg 7  type 5  0xff  crc WRONG  by 10.0.0.5  "
+        "[the CRC of the announcement is 00000000, its bytes give 036EECF2]");
     EXPECT_EQ(
         airLine(decode(kAsf), 1790003600, "10.0.0.5"),
         "2026-09-21 15:13:20  ON AIR  epg 8  file  ASF  to the station's group  from 2026-09-21 14:13:20  "
@@ -126,6 +135,7 @@ TEST(AirText, LinesAndObjectsSayWhatWasHeard) {
         {kMessageFront + "0b50 0200 221b",
          R"("kind":"message","ident":14,"service":204,"command":262176,"sent":1790000005,"start":1790000000,)"
          R"("end":1790003600,"messageSent":1790000005,"showings":1,"attribute1":1,"attribute3":3,"text":"\"\u001b"})"},
+        {"", R"("kind":"broken","problems":["not a frame: shorter than a frame header"]})"},
         {kMessageFrame + "06000000 0b50 0200 41ff",
          R"("kind":"message","ident":14,"service":204,"command":262176,"sent":1790000005,)"
          R"("text":"A\ufffd","textHex":"41ff"})"},

@@ -60,6 +60,24 @@ printf '/ORVEN/SERVICE/PCMBC=disable\n' >/reg/reg1/slave.reg
 refused 78 'PCMBC=DISABLE' "$pccast" message text
 end_service TERM
 
+# A plug-in that is another, or lacks something: the real one with other letters in it.
+bytes=$(sed -nE 's/.* PCCAST Plugin ([0-9]+)\.([0-9]+)\.([0-9]+)\.([0-9]+) serves .*/\4 \3 \2 \1/p' serve.log)
+# shellcheck disable=SC2086
+while IFS='|' read -r change said; do
+    LC_ALL=C sed "$change" "$bin/../lib/libpccast.so.3" >altered.so
+    refused 69 "^pccast: the plug-in ./altered.so $said; this program cannot use it\$" timeout 9 "$pccast" serve --plugin ./altered.so
+done <<END
+s/PCCAST Plugin\x00/PCCAST Plagin\x00/|is named 'PCCAST Plagin', not 'PCCAST Plugin'
+s/$(printf '\\x%02x' $bytes)/\x04\x03\x02\x01/|has version 01020304, not $(printf '%02X' $(tac -s' ' <<<"$bytes "))
+s/p_qxapi_name_table_pccast/p_qxapi_nome_table_pccast/|has no table of command names (p_qxapi_name_table_pccast)
+END
+python3 -c 'import socket, time
+server = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM); server.bind("/tmp/PCMBC.uds"); time.sleep(20)' &
+within 5 test -S /tmp/PCMBC.uds
+refused 69 '^pccast: /tmp/PCMBC.uds cannot be used: Protocol wrong type for socket$' timeout 9 "$pccast" serve
+kill $!
+rm /tmp/PCMBC.uds
+
 ip route del 224.0.0.0/4 # the service runs without a route, but says so
 refused 0 'nothing can be sent to 224.9.9.9' timeout --preserve-status 2 "$pccast" serve
 

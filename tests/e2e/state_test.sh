@@ -96,11 +96,6 @@ mended() {
 }
 command -v sqlite3 >/dev/null || { echo "sqlite3 is not installed: the faults are left out"; exit 0; }
 
-start_with_state "$work/missing"
-runs_on 'No such file'
-mkdir missing
-mended missing
-
 mkdir readonly
 mount --bind readonly readonly && mount -o remount,ro,bind readonly
 start_with_state "$work/readonly"
