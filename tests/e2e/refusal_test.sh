@@ -62,4 +62,5 @@ end_service TERM
 
 ip route del 224.0.0.0/4 # the service runs without a route, but says so
 refused 0 'nothing can be sent to 224.9.9.9' timeout --preserve-status 2 "$pccast" serve
-
+refused 69 '^pccast: 224.9.9.9 cannot be joined (the reason is above); --interface names the interface to listen on: this machine has lo with 127.0.0.1$' "$pccast" watch
+refused 69 '^pccast: 224.9.9.9 cannot be joined; the reason is above$' "$pccast" receive --on-air out

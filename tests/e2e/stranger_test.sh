@@ -10,7 +10,7 @@ cast=239.77.0.2:5000
 "${as_stranger[@]}" python3 - <<'END' >taken &
 import os, select, socket, sys
 sockets = []
-for path in "/tmp/PCSTREAM.uds", "/tmp/PCMBC.uds":
+for path in "/tmp/PCSTREAM.uds", "/tmp/PCVIEW.uds", "/tmp/PCMBC.uds":
     sockets.append(socket.socket(socket.AF_UNIX))
     sockets[-1].bind(path)
     os.chmod(path, 0o666)
@@ -26,10 +26,11 @@ sent. If that service is yours, set PCCAST_SERVICE_USER to the user's name\$" "$
 refused 69 "served by the user $stranger" "$pccast" message secret
 refused 69 "served by the user $stranger" env PCCAST_SERVICE_USER=5432 "$pccast" stop 1:2:1:4000000000:5000:ts
 refused 69 "served by the user $stranger" "$pccast" cancel 1:1:1:4000000000
+refused 69 "^pccast: /tmp/PCVIEW.uds is served by the user $stranger, who" "$pccast" list
 ! grep -v "^b''$" taken || fail "the stranger got something"
 kill $server
 wait $server || true
-rm /tmp/PCSTREAM.uds /tmp/PCMBC.uds
+rm /tmp/PC*.uds
 
 # The same user's real service, believed because it is named.
 "${as_stranger[@]}" "$pccast" serve >serve.log 2>&1 &
