@@ -10,7 +10,12 @@
 
 #include <CLI/CLI.hpp>
 #include <gtest/gtest.h>
+#include <pty.h>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
 
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -207,6 +212,50 @@ TEST(Outcome, EachEndIsToldWithItsExitCode) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(tellOutcome({true, 0}, {"relay", "ID", 5}, false), 0);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "pccast: waits until 14:13:20\n");
+}
+
+TEST(Outcome, ATerminalShowsHowFarItIs) {
+    int iScreen = -1;
+    int iTerminal = -1;
+    struct winsize size {
+        24, 70, 0, 0
+    };
+    struct termios raw {};
+    cfmakeraw(&raw);
+    ASSERT_EQ(openpty(&iScreen, &iTerminal, nullptr, &raw, &size), 0);
+    const int iBefore = dup(STDERR_FILENO);
+    dup2(iTerminal, STDERR_FILENO);
+    Json relay =
+        Json::parse(R"({"time":1790001800,"requests":[{"request":3,"place":"on-air","kind":"relay","epg":7,
+        "created":5,"identity":"ID","started":1790000000,"start":1790000000,"end":1790003600}],
+        "relay":{"request":3,"datagrams":4567,"bytes":1,"failed":0,"dropped":0,"silence":0,
+        "datagrams_per_second":100,"bytes_per_second":131600}})");
+    Json file = relay;
+    file["requests"][0]["kind"] = "file";
+    Json waiting = relay;
+    waiting["time"] = 1789999000;
+    waiting["requests"][0]["place"] = "waiting";
+    waiting.erase("relay");
+    gViews = {relay, file, waiting, Json::parse(R"({"time":1790000000,"requests":[]})")};
+    gAnswers = {{R"({"event":"started"})"}, {}, {}, {}, {}, {R"({"event":"ended","reason":"end-time"})"}};
+    gNumber = 0;
+    const int iExit = tellOutcome({true, 0}, {"relay", "ID", 5}, true);
+    dup2(iBefore, STDERR_FILENO);
+    close(iBefore);
+    close(iTerminal);
+    std::string sScreen;
+    std::array<char, 4096> aBytes{};
+    for (ssize_t lRead = 0; (lRead = read(iScreen, aBytes.data(), aBytes.size())) > 0;) {
+        sScreen.append(aBytes.data(), static_cast<size_t>(lRead));
+    }
+    close(iScreen);
+    EXPECT_EQ(iExit, 0);
+    EXPECT_EQ(
+        sScreen,
+        "pccast: on air now\n\r100 datagrams/s, 1052 kbit/s, 4567 datagrams in all, 0 dropped, 0 no…\033[K"
+        "\r[############------------]  50% 100 datagrams/s, 1052 kbit/s, 4567 d…\033[K"
+        "\rwaits until 14:13:20\033[K\r\033[K\r\033[K2  2026-09-21 14:13:20.007  ended relay ID  "
+        "its end time has come\n");
 }
 
 TEST(Outcome, WithoutAViewNothingIsFollowed) {
