@@ -45,6 +45,12 @@ constexpr unsigned int kFilesMost = 9999;
 
 using File = std::unique_ptr<FILE, int (*)(FILE *)>;
 
+unsigned long now() {
+    return static_cast<unsigned long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                          std::chrono::steady_clock::now().time_since_epoch())
+                                          .count());
+}
+
 struct Receive {
     std::string sFile;
     std::string sInterface;
@@ -56,12 +62,12 @@ struct Receive {
     bool bOnAir = false;
     AirSocket air{nullptr, nullptr};
     TuneState state;
-    unsigned long ulAnnounced = 0; // when a datagram last came, or the group was last joined
+    unsigned long ulAnnounced = now(); // when a datagram last came, or the group was last joined
 
     AirSocket media{nullptr, nullptr};
     bool bASF = false;
     MSBJoin join;
-    unsigned long ulHeard = 0; // when the last datagram came, or when the waiting began
+    unsigned long ulHeard = now(); // when the last datagram came, or when the waiting began
 
     File file{nullptr, nullptr};
     unsigned int uiFiles = 0;
@@ -70,12 +76,6 @@ struct Receive {
     unsigned long ulDatagrams = 0;
     unsigned long ulBytes = 0; // of this file
 };
-
-unsigned long now() {
-    return static_cast<unsigned long>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                          std::chrono::steady_clock::now().time_since_epoch())
-                                          .count());
-}
 
 void failFile(Receive *pReceive) {
     pReceive->sError = pReceive->sOpen + ": " + std::strerror(errno);
@@ -268,8 +268,6 @@ int receive(const ReceiveOptions &options) {
     if (!receive.air && !receive.media) {
         return sayAndReturn(EXIT_UNAVAILABLE, sAddress + " cannot be joined; the reason is above");
     }
-    receive.ulHeard = now();
-    receive.ulAnnounced = now();
     if (!options.sFor.empty()) {
         receive.ulEnd = now() + ulFor * 1000;
     }

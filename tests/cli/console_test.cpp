@@ -83,4 +83,18 @@ TEST(ConsolePump, NeverWaitsForAReader) {
     EXPECT_EQ(sRead.find("a late line"), std::string::npos);
 }
 
+TEST(ConsolePump, EndsAsSoonAsAllIsWritten) {
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EXIT(
+        {
+            {
+                const ConsolePump pump;
+                std::fputs("all of it", stderr);
+            }
+            _exit(0);
+        },
+        testing::ExitedWithCode(0), "all of it");
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1500));
+}
+
 } // namespace

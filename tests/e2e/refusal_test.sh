@@ -45,6 +45,7 @@ rm /tmp/PCMBC.uds
 # What the plug-in prints is no result. A service that comes later is waited for.
 mkdir -p /reg/reg0
 printf '/ORVEN/SERVICE/PCSTREAM=\n' >/reg/reg0/master.reg
+python3 -c 'import socket; socket.socket(socket.AF_UNIX).bind("/tmp/PCSTREAM.uds")' # nobody listens there any more
 "$pccast" relay --wait 10s 239.77.0.1:1 $cast --for 1s >identity 2>said &
 client=$!
 start_service

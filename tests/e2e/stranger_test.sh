@@ -2,7 +2,7 @@
 # Another user who was first at the service's sockets gets nothing from root: no key, no text. A user who is named does.
 # A file that the service's user cannot read is not submitted.
 . "$(dirname "$0")/service.sh"
-stranger=54321
+stranger=daemon
 as_stranger=(env PATH=/usr/bin:/bin setpriv --reuid $stranger --regid $stranger --clear-groups)
 cast=239.77.0.2:5000
 
@@ -48,10 +48,11 @@ cp "$samples/sample.ts" film.ts
 chmod 700 .
 refused 66 "^pccast: $PWD/film.ts: the service runs as the user $stranger, who may not enter $PWD; open it to that user, \
 or put the file elsewhere\$" "$pccast" file film.ts --to $cast
-chmod 755 .
+chgrp $stranger . film.ts
+chmod 710 .
 chmod 600 film.ts
 refused 66 "user $stranger, who may not read it" "$pccast" file film.ts --to $cast
-chmod 644 film.ts
-"$pccast" file film.ts --to $cast
+chmod 640 film.ts
+PCCAST_SERVICE_USER=$(id -u $stranger) "$pccast" file film.ts --to $cast
 within 3 grep -q '^cast .*film.ts' serve.log
 end_service TERM

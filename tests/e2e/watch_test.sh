@@ -26,11 +26,13 @@ wait $watcher || fail "not every datagram was heard: $(tail -c 300 screen)"
 drawn=$(grep -c $'\e\[H' screen)
 [ "$drawn" -le $((SECONDS * 10 + 12)) ] || fail "the table was drawn $drawn times in $SECONDS s"
 grep -q $'\e\[1mON AIR' screen || fail "no colour on a terminal"
+! sed '1,/1049l/d' screen | grep -q $'\e' || fail "escapes behind the table"
 grep -q '^ \{18\}x\{81\}' screen || fail "the message does not use the free rows"
 
 { sleep 1; printf q; sleep 5; } | watch_on_terminal keyed "NO_COLOR=1 '$pccast' watch && stty -a" || fail "q does not end it"
 grep -q 'q ends' keyed || fail "the table does not say how it ends"
 grep -q '[; ]icanon' keyed && grep -q ' echo ' keyed || fail "the terminal is not left as it was: $(tail -n 8 keyed)"
+[ "$(grep -c $'\e\[H' keyed)" -lt 7 ] || fail "a table without news is drawn all the time"
 ! grep -q $'\e\[1m' keyed || fail "colours in spite of NO_COLOR"
 
 # Ctrl-Z gives the shell its screen back, and the table comes again with the program.
