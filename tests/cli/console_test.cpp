@@ -20,7 +20,7 @@ std::string takeAll(ConsoleQueue *pQueue) {
 }
 
 TEST(ConsoleQueue, DropsWholeLinesAndSaysHowManyWhereTheyAreMissing) {
-    ConsoleQueue queue(20, false);
+    ConsoleQueue queue(18, false);
     queue.put("first\nsec");
     EXPECT_EQ(takeAll(&queue), "first\n");
     queue.put("ond\n1234567890\n12345678\nx\n");
@@ -89,7 +89,7 @@ TEST(ConsolePump, EndsAsSoonAsAllIsWritten) {
         {
             {
                 const ConsolePump pump;
-                std::fputs("all of it", stderr);
+                std::fputs((std::string(200'000, 'x') + "all of it").c_str(), stderr);
             }
             _exit(0);
         },

@@ -271,14 +271,8 @@ TEST(Outcome, WithoutAViewNothingIsFollowed) {
 
 TEST(Revocation, IsJudgedByTheFirstEventThatTells) {
     const std::pair<RevokeResult, std::vector<const char *>> aCase[] = {
-        {REVOKE_MET,
-         {R"({"event":"ended","request":8,"kind":"file","other":{"kind":"stop","identity":"S"}})"}},
-        {REVOKE_MET,
-         {R"({"event":"cancelled","request":8,"kind":"file","other":{"kind":"stop","identity":"S"}})"}},
-        {REVOKE_VOID, {R"({"event":"done","reason":"nothing","request":9,"kind":"stop","identity":"S"})"}},
         {REVOKE_VOID, {R"({"event":"refused","request":9,"kind":"stop","identity":"S"})"}},
         {REVOKE_VOID, {R"({"event":"expired","request":9,"kind":"stop","identity":"S"})"}},
-        {REVOKE_LATE, {R"({"event":"ended"})"}},
         {REVOKE_LATE, {R"({"event":"failed"})"}},
         {REVOKE_LATE, {R"({"event":"finished"})"}},
         {REVOKE_LATE, {R"({"event":"dropped"})"}},

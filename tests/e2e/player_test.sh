@@ -29,6 +29,7 @@ def note(text):
     with open("told", "a") as told:
         print(int(time.monotonic() * 1000), text, file=told)
 note(" ".join(sys.argv))
+print(os.getpid(), file=open("pid", "w"))
 starts = sum("--no-config" in line for line in open("told"))
 if starts == 1:
     sys.exit(3)
@@ -73,6 +74,7 @@ begun 05
 within 20 counted 4 no-config told
 while sleep 5; do begun 05; done &
 announcer=$!
+sleep 1.5 # the 12 s of both receivers are over
 add_quiet
 within 4 joined 090909E0 2
 within 40 counted 4 loadfile told
@@ -82,8 +84,8 @@ kill $announcer
 ended 06
 within 9 counted 5 no-config told
 joined 090909E0 3 || fail "receive has not come back to its interface"
-kill -TERM $tune
-wait $tune || fail "tune ended with exit code $?"
+kill -KILL $tune # takes the player with it
+within 5 test ! -e "/proc/$(<pid)"
 diff tune.log /dev/fd/3 3<<'END' >&2 || fail "tune says otherwise"
 pccast: listening to 224.9.9.9; Ctrl-C or SIGTERM ends it
 pccast: the player has ended (exit code 3); it is started again
