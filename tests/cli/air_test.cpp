@@ -167,7 +167,7 @@ TEST(AirText, ReceivedTextCannotSteerTheTerminal) {
         EXPECT_EQ(writeJSON(test.sText), test.pszJSON);
     }
     EXPECT_EQ(textFront("\xed\x95\x9c", 2), "");
-    EXPECT_EQ(textCut("ab", 1) + textCut("ab", 0), "…");
+    EXPECT_EQ(textCut("ab", 1) + "|" + textCut("ab", 0), "…|");
     EXPECT_EQ(textCut("abcdef", 6), "abcdef");
     EXPECT_EQ(textCut("abcdefg", 6), "abcde…");
     EXPECT_EQ(textCut("\xed\x95\x9c\xea\xb8\x80\xed\x95\x9c", 5), "\xed\x95\x9c\xea\xb8\x80…");
