@@ -45,6 +45,12 @@ constexpr unsigned int kFilesMost = 9999;
 
 using File = std::unique_ptr<FILE, int (*)(FILE *)>;
 
+unsigned long now() {
+    return static_cast<unsigned long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                          std::chrono::steady_clock::now().time_since_epoch())
+                                          .count());
+}
+
 struct Receive {
     std::string sFile;
     std::string sInterface;
@@ -56,12 +62,12 @@ struct Receive {
     bool bOnAir = false;
     AirSocket air{nullptr, nullptr};
     TuneState state;
-    unsigned long ulAnnounced = 0; // when a datagram last came, or the group was last joined
+    unsigned long ulAnnounced = now(); // when a datagram last came, or the group was last joined
 
     AirSocket media{nullptr, nullptr};
     bool bASF = false;
     MSBJoin join;
-    unsigned long ulHeard = 0; // when the last datagram came, or when the waiting began
+    unsigned long ulHeard = now(); // when the last datagram came, or when the waiting began
 
     File file{nullptr, nullptr};
     unsigned int uiFiles = 0;
@@ -71,18 +77,16 @@ struct Receive {
     unsigned long ulBytes = 0; // of this file
 };
 
-unsigned long now() {
-    return static_cast<unsigned long>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                          std::chrono::steady_clock::now().time_since_epoch())
-                                          .count());
+void failFile(Receive *pReceive) {
+    pReceive->sError = pReceive->sOpen + ": " + std::strerror(errno);
 }
 
 void closeFile(Receive *pReceive) {
     if (!pReceive->file) {
         return;
     }
-    if (std::fclose(pReceive->file.release()) != 0 && pReceive->sError.empty()) {
-        pReceive->sError = pReceive->sOpen + ": " + std::strerror(errno);
+    if (std::fclose(pReceive->file.release()) != 0) {
+        failFile(pReceive);
     }
     sayAndReturn(EXIT_DONE, pReceive->sOpen + ": " + std::to_string(pReceive->ulBytes) + " bytes" +
                                 (pReceive->bASF ? ", " + msbText(pReceive->join.counts) : ""));
@@ -108,8 +112,10 @@ void openFile(Receive *pReceive) {
         } while (iFile < 0 && errno == EEXIST && pReceive->uiFiles < kFilesMost);
     }
     pReceive->file = File(iFile < 0 ? nullptr : fdopen(iFile, "wb"), std::fclose);
-    if (!pReceive->file) {
-        pReceive->sError = pReceive->sOpen + ": " + std::strerror(errno);
+    if (pReceive->file) {
+        std::setvbuf(pReceive->file.get(), nullptr, _IONBF, 0); // who reads along gets each datagram at once
+    } else {
+        failFile(pReceive);
     }
 }
 
@@ -117,10 +123,14 @@ void writeBytes(Receive *pReceive, const void *pBytes, size_t uLength) {
     if (!pReceive->file && pReceive->sError.empty()) {
         openFile(pReceive);
     }
-    if (pReceive->file && std::fwrite(pBytes, 1, uLength, pReceive->file.get()) != uLength) {
-        pReceive->sError = pReceive->sOpen + ": " + std::strerror(errno);
+    if (!pReceive->sError.empty()) {
+        return;
     }
-    pReceive->ulBytes += uLength;
+    const size_t uWritten = std::fwrite(pBytes, 1, uLength, pReceive->file.get());
+    pReceive->ulBytes += uWritten;
+    if (uWritten != uLength) {
+        failFile(pReceive);
+    }
 }
 
 void writePieces(Receive *pReceive, const std::vector<MSBPiece> &pieces) {
@@ -148,9 +158,6 @@ void hearMedia(Receive *pReceive) {
     });
     msbTick(&pReceive->join, now(), &pieces);
     writePieces(pReceive, pieces);
-    if (pReceive->file) {
-        std::fflush(pReceive->file.get());
-    }
 }
 
 void follow(Receive *pReceive, const std::vector<TuneCommand> &commands) {
@@ -261,8 +268,6 @@ int receive(const ReceiveOptions &options) {
     if (!receive.air && !receive.media) {
         return sayAndReturn(EXIT_UNAVAILABLE, sAddress + " cannot be joined; the reason is above");
     }
-    receive.ulHeard = now();
-    receive.ulAnnounced = now();
     if (!options.sFor.empty()) {
         receive.ulEnd = now() + ulFor * 1000;
     }

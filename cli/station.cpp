@@ -84,14 +84,10 @@ int replaceFile(const std::string &sFile, const std::string &sText) {
         bWritten = lWritten > 0;
         ulAt += bWritten ? static_cast<std::size_t>(lWritten) : 0;
     }
-    int iError = bWritten ? 0 : errno;
-    if (close(iFile) != 0 && iError == 0) {
-        iError = errno;
-    }
-    if (iError == 0 && std::rename(sNew.c_str(), sFile.c_str()) != 0) {
-        iError = errno;
-    }
-    if (iError != 0) {
+    // A call that succeeds leaves the reason why another has failed.
+    bWritten = close(iFile) == 0 && bWritten && std::rename(sNew.c_str(), sFile.c_str()) == 0;
+    if (!bWritten) {
+        const int iError = errno;
         unlink(sNew.c_str());
         return sayNotWritten(sFile, std::strerror(iError));
     }

@@ -221,10 +221,8 @@ int run(Watch *pWatch, const std::array<Endpoint, 2> &endpoints, int iSignals, S
                                             {endpoints[1]->iSocket, POLLIN, 0},
                                             {iSignals, POLLIN, 0},
                                             {pScreen->hasKeys() ? STDIN_FILENO : -1, POLLIN, 0}}};
-        if (poll(aPoll.data(), aPoll.size(), static_cast<int>(std::clamp<long>(left, 0, 1000))) < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
+        if (poll(aPoll.data(), aPoll.size(), static_cast<int>(std::clamp<long>(left, 0, 1000))) < 0 &&
+            errno != EINTR) {
             return errno;
         }
         if ((aPoll[2].revents != 0 && takeSignal(iSignals, *pWatch, pScreen)) ||

@@ -188,9 +188,9 @@ void noteMessage(WatchState *pState, const AirRecord &record, unsigned long ulNo
 // A part of the table: its heading and its lines. uAll counts lines that were not even made.
 struct Section {
     const char *pszHeading;
-    std::vector<std::string> lines;
-    size_t uRoom;
-    size_t uAll;
+    std::vector<std::string> lines = {};
+    size_t uRoom = 0;
+    size_t uAll = 0;
 };
 
 // Adds the section with as many lines as it has room for. The last one counts those left out.
@@ -225,10 +225,11 @@ void watchNote(WatchState *pState, const AirRecord &record, unsigned long ulNow,
 }
 
 std::vector<std::string> watchDraw(const WatchState &state, unsigned long ulNow, const WatchWindow &window) {
-    Section onAir{"ON AIR", {}, 0, 0};
-    Section messages{"MESSAGES", {}, 0, state.messages.size()};
-    Section ended{"ENDED", {}, 0, 0};
-    Section problems{"PROBLEMS", {}, 0, 0};
+    Section onAir{"ON AIR"};
+    Section messages{"MESSAGES"};
+    Section ended{"ENDED"};
+    Section problems{"PROBLEMS"};
+    messages.uAll = state.messages.size();
     for (const WatchCast &cast : state.casts) {
         (isOver(cast, ulNow) ? ended : onAir).lines.push_back(castLine(cast, ulNow, window));
     }

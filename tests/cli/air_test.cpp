@@ -176,6 +176,8 @@ TEST(AirText, ReceivedTextCannotSteerTheTerminal) {
         EXPECT_EQ(textForTerminal(test.sText), test.pszTerminal);
         EXPECT_EQ(writeJSON(test.sText), test.pszJSON);
     }
+    EXPECT_EQ(textFront("\xed\x95\x9c", 2), "");
+    EXPECT_EQ(textCut("ab", 1) + "|" + textCut("ab", 0), "…|");
     EXPECT_EQ(textCut("abcdef", 6), "abcdef");
     EXPECT_EQ(textCut("abcdefg", 6), "abcde…");
     EXPECT_EQ(textCut("\xed\x95\x9c\xea\xb8\x80\xed\x95\x9c", 5), "\xed\x95\x9c\xea\xb8\x80…");
@@ -304,6 +306,7 @@ TEST(WatchTable, StaysInsideTheWindowHoweverMuchIsHeard) {
         }
     }
     EXPECT_EQ(drawnWith(state, 1790000000, "200x  hi").size(), 1u);
+    EXPECT_EQ(drawnWith(state, 1790000000, "x  hi").size(), 1u);
     EXPECT_EQ(state.messages.size(), 50u);
     // What is on air is shown first, however little room there is.
     watchNote(&state, decode(kOnAir), 1790000000, "10.0.0.5");

@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -63,7 +64,7 @@ TEST(CommandLineText, WhatIsNoTimeIsRefusedWithTheReason) {
     setZone("CET-1CEST,M3.5.0,M10.5.0/3");
     const std::pair<const char *, std::vector<const char *>> aCase[] = {
         {"is not a time",
-         {"", "tomorrow", "24:00", "18:60", "18:00x", "8:00", "@", "@-1", "2026-11-24",
+         {"", "tomorrow", "24:00", "18:60", "18:00:60", "18:00x", "8:00", "@", "@-1", "2026-11-24",
           "2026-11-24T20:15:30Z!", "@99999999999999999999"}},
         {"is not a duration", {"+", "+5x"}},
         {"does not exist in the calendar", {"2026-02-30T12:00", "2026-13-01T12:00Z"}},
@@ -191,6 +192,13 @@ TEST(FileAccess, AFolderOrFileThatIsShutIsNamed) {
         chmod(folder, test.uiFolder);
         chmod(sFile.c_str(), test.uiFile);
         EXPECT_EQ(closedTo(sFile, test.uiUser), test.sClosed) << test.uiFolder << " " << test.uiFile;
+    }
+    // An access list may let anybody in. This one names a user, beside owner, group, mask and others.
+    const unsigned short list[] = {2, 0,      1,      6,  0xFFFF, 0xFFFF, 2,      4,  0, 0,      4,
+                                   0, 0xFFFF, 0xFFFF, 16, 4,      0xFFFF, 0xFFFF, 32, 0, 0xFFFF, 0xFFFF};
+    if (setxattr(sFile.c_str(), "system.posix_acl_access", list, sizeof list, 0) == 0) {
+        chmod(folder, 0711);
+        EXPECT_EQ(closedTo(sFile, 54321), "");
     }
     chmod(folder, 0700);
     std::remove(sFile.c_str());

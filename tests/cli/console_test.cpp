@@ -20,7 +20,7 @@ std::string takeAll(ConsoleQueue *pQueue) {
 }
 
 TEST(ConsoleQueue, DropsWholeLinesAndSaysHowManyWhereTheyAreMissing) {
-    ConsoleQueue queue(20, false);
+    ConsoleQueue queue(18, false);
     queue.put("first\nsec");
     EXPECT_EQ(takeAll(&queue), "first\n");
     queue.put("ond\n1234567890\n12345678\nx\n");
@@ -81,6 +81,20 @@ TEST(ConsolePump, NeverWaitsForAReader) {
     }
     EXPECT_TRUE(sRead.starts_with(sFirst + std::string(60, '0') + "\n")) << sRead.substr(0, 200);
     EXPECT_EQ(sRead.find("a late line"), std::string::npos);
+}
+
+TEST(ConsolePump, EndsAsSoonAsAllIsWritten) {
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EXIT(
+        {
+            {
+                const ConsolePump pump;
+                std::fputs((std::string(200'000, 'x') + "all of it").c_str(), stderr);
+            }
+            _exit(0);
+        },
+        testing::ExitedWithCode(0), "all of it");
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1500));
 }
 
 } // namespace

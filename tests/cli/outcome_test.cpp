@@ -2,23 +2,33 @@
 // the service's view.
 #include "outcome.h"
 
+#include "command.h"
 #include "commands.h"
 #include "revoke.h"
+#include "submit.h"
 #include "viewclient.h"
 
+#include <CLI/CLI.hpp>
 #include <gtest/gtest.h>
+#include <pty.h>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
 
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <deque>
+#include <map>
+#include <sstream>
 
 namespace {
 
 // What the service answers, one after the other; nobody listens any more behind the last.
 std::deque<std::vector<const char *>> gAnswers;
 unsigned long gNumber = 0; // of the last event told
-Json gView;
+std::deque<Json> gViews;   // the last one is answered again; null: no answer
 
 // Events of the request 3, unless they say otherwise.
 Json eventsOf(const std::vector<const char *> &events) {
@@ -51,9 +61,13 @@ ViewResult getEvents(unsigned long ulAfter, unsigned int /*uiWait*/, Json *pEven
     return VIEW_ANSWERED;
 }
 
-ViewResult getView(Json *pView, std::string * /*psProblem*/) {
-    *pView = gView;
-    return VIEW_ANSWERED;
+ViewResult getView(Json *pView, std::string *psProblem) {
+    *pView = gViews.front();
+    if (gViews.size() > 1) {
+        gViews.pop_front();
+    }
+    *psProblem = "no view";
+    return pView->is_null() ? VIEW_FAILED : VIEW_ANSWERED;
 }
 
 ViewResult getNewestEvent(unsigned long * /*pulNumber*/, std::string * /*psProblem*/) {
@@ -63,6 +77,39 @@ ViewResult getNewestEvent(unsigned long * /*pulNumber*/, std::string * /*psProbl
 int sayAndReturn(int iExitCode, const std::string &sText) {
     std::fprintf(stderr, "pccast: %s\n", sText.c_str());
     return iExitCode;
+}
+
+int checkArguments(std::initializer_list<Argument> arguments) {
+    for (const Argument &argument : arguments) {
+        EXPECT_EQ(argument.sProblem, "");
+    }
+    return EXIT_DONE;
+}
+
+std::string helpExample(const std::string &sExample) {
+    return sExample;
+}
+
+void addServiceOptions(const Command & /*command*/, ServiceOptions & /*options*/) {}
+
+void setRequestAction(const Command &command, std::function<int()> action, int &iExitCode) {
+    command.action([action = std::move(action), &iExitCode] { iExitCode = action(); });
+}
+
+int reachService(const ServiceOptions & /*options*/, ServiceKind /*eKind*/, Service * /*pService*/) {
+    return EXIT_DONE;
+}
+
+int submitCast(const Service & /*service*/, unsigned long ulCMD, const CastRequest &request) {
+    std::fprintf(stderr, "%lu %s %lu\n", ulCMD, writeCastIdentity(request.identity).c_str(), request.ulCT);
+    return EXIT_DONE;
+}
+
+int submitMessage(const Service & /*service*/, unsigned long ulCMD, const MessageIdentity &identity,
+                  unsigned long ulRepeat, const std::string &sText) {
+    EXPECT_EQ(std::tuple(ulCMD, ulRepeat, sText), std::tuple(PCMBC_CMD_CANCEL, 1ul, "cancel"));
+    std::fprintf(stderr, "%s\n", writeMessageIdentity(identity).c_str());
+    return EXIT_DONE;
 }
 
 namespace {
@@ -127,7 +174,7 @@ TEST(Outcome, EachEndIsToldWithItsExitCode) {
     for (const auto &test : aCase) {
         gAnswers = test.answers;
         gNumber = 0;
-        gView = Json::parse(R"({"time":1790000000,"requests":[]})");
+        gViews = {Json::parse(R"({"time":1790000000,"requests":[]})")};
         testing::internal::CaptureStderr();
         const int iExit = tellOutcome({true, 0}, {"relay", "ID", 5}, test.bFollow);
         EXPECT_EQ(testing::internal::GetCapturedStderr(), test.pszSaid);
@@ -157,14 +204,58 @@ TEST(Outcome, EachEndIsToldWithItsExitCode) {
         }
     }
 
-    gView =
+    gViews = {
         Json::parse(R"({"time":1789999000,"requests":[{"request":3,"place":"waiting","kind":"relay","epg":7,
-        "created":5,"identity":"ID","start":1790000000,"end":1790003600}]})");
+        "created":5,"identity":"ID","start":1790000000,"end":1790003600}]})")};
     gAnswers = {{R"({"event":"filed"})"}};
     gNumber = 0;
     testing::internal::CaptureStderr();
     EXPECT_EQ(tellOutcome({true, 0}, {"relay", "ID", 5}, false), 0);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "pccast: waits until 14:13:20\n");
+}
+
+TEST(Outcome, ATerminalShowsHowFarItIs) {
+    int iScreen = -1;
+    int iTerminal = -1;
+    struct winsize size {
+        24, 70, 0, 0
+    };
+    struct termios raw {};
+    cfmakeraw(&raw);
+    ASSERT_EQ(openpty(&iScreen, &iTerminal, nullptr, &raw, &size), 0);
+    const int iBefore = dup(STDERR_FILENO);
+    dup2(iTerminal, STDERR_FILENO);
+    Json relay =
+        Json::parse(R"({"time":1790001800,"requests":[{"request":3,"place":"on-air","kind":"relay","epg":7,
+        "created":5,"identity":"ID","started":1790000000,"start":1790000000,"end":1790003600}],
+        "relay":{"request":3,"datagrams":4567,"bytes":1,"failed":0,"dropped":0,"silence":0,
+        "datagrams_per_second":100,"bytes_per_second":131600}})");
+    Json file = relay;
+    file["requests"][0]["kind"] = "file";
+    Json waiting = relay;
+    waiting["time"] = 1789999000;
+    waiting["requests"][0]["place"] = "waiting";
+    waiting.erase("relay");
+    gViews = {relay, file, waiting, Json::parse(R"({"time":1790000000,"requests":[]})")};
+    gAnswers = {{R"({"event":"started"})"}, {}, {}, {}, {}, {R"({"event":"ended","reason":"end-time"})"}};
+    gNumber = 0;
+    const int iExit = tellOutcome({true, 0}, {"relay", "ID", 5}, true);
+    dup2(iBefore, STDERR_FILENO);
+    close(iBefore);
+    close(iTerminal);
+    std::string sScreen;
+    std::array<char, 4096> aBytes{};
+    for (ssize_t lRead = 0; (lRead = read(iScreen, aBytes.data(), aBytes.size())) > 0;) {
+        sScreen.append(aBytes.data(), static_cast<size_t>(lRead));
+    }
+    close(iScreen);
+    EXPECT_EQ(iExit, 0);
+    EXPECT_EQ(
+        sScreen,
+        "pccast: on air now\n\r100 datagrams/s, 1052 kbit/s, 4567 datagrams in all, 0 dropped, 0 no…\033[K"
+        "\r[############------------]  50% 100 datagrams/s, 1052 kbit/s, 4567 d…\033[K"
+        "\rwaits until 14:13:20\033[K\r\033[K\r\033[K2  2026-09-21 14:13:20.007  ended relay ID  "
+        "its end time has come\n");
 }
 
 TEST(Outcome, WithoutAViewNothingIsFollowed) {
@@ -180,14 +271,8 @@ TEST(Outcome, WithoutAViewNothingIsFollowed) {
 
 TEST(Revocation, IsJudgedByTheFirstEventThatTells) {
     const std::pair<RevokeResult, std::vector<const char *>> aCase[] = {
-        {REVOKE_MET,
-         {R"({"event":"ended","request":8,"kind":"file","other":{"kind":"stop","identity":"S"}})"}},
-        {REVOKE_MET,
-         {R"({"event":"cancelled","request":8,"kind":"file","other":{"kind":"stop","identity":"S"}})"}},
-        {REVOKE_VOID, {R"({"event":"done","reason":"nothing","request":9,"kind":"stop","identity":"S"})"}},
         {REVOKE_VOID, {R"({"event":"refused","request":9,"kind":"stop","identity":"S"})"}},
         {REVOKE_VOID, {R"({"event":"expired","request":9,"kind":"stop","identity":"S"})"}},
-        {REVOKE_LATE, {R"({"event":"ended"})"}},
         {REVOKE_LATE, {R"({"event":"failed"})"}},
         {REVOKE_LATE, {R"({"event":"finished"})"}},
         {REVOKE_LATE, {R"({"event":"dropped"})"}},
@@ -209,6 +294,89 @@ TEST(Revocation, IsJudgedByTheFirstEventThatTells) {
         if (eResult != REVOKE_SILENT) {
             EXPECT_EQ(event.value("number", 0ul), ulAfter);
         }
+    }
+}
+
+// The view at a place of the request 3, which is a relay or a message. A stop of the relay waits.
+Json viewOf(const std::string &sPlace) {
+    Json view = Json::parse(R"({"time":1790000100,"events":0,"requests":[
+        {"request":3,"kind":"relay","epg":7,"created":5,"identity":"7:2:1790000000:1790003600:5000:0x2021"},
+        {"request":3,"kind":"message","identity":"1:2:3:4000000000:normal"},
+        {"request":6,"kind":"stop","identity":"7:2:1790000000:1790003600:5000:0x2021","place":"waiting"}]})");
+    if (sPlace == "late" || sPlace == "early") {
+        view["time"] = sPlace == "late" ? 1790003600 : 1789999999;
+    }
+    view["requests"][0]["place"] = sPlace == "late" || sPlace == "early" ? "on-air" : sPlace;
+    return sPlace == "unknown" ? Json() : view;
+}
+
+TEST(Stop, GoesOnUntilItsTargetIsOverAndSaysHow) {
+    const std::string sIdentity = "7:2:1790000000:1790003600:5000:0x2021"; // ID in what is said
+    const std::string sStop = R"("kind":"stop","identity":")" + sIdentity + R"("})";
+    const std::map<std::string, std::string> events{
+        {"void", R"({"event":"done","reason":"nothing","request":9,)" + sStop},
+        {"met", R"({"event":"ended","other":{)" + sStop + "}"},
+        {"taken", R"({"event":"cancelled","other":{)" + sStop + "}"},
+        {"other", R"({"event":"ended","request":4,"other":{)" + sStop + "}"},
+        {"end", R"({"event":"ended","reason":"end-time"})"}};
+    const std::string sLate =
+        "pccast: the relay of EPG 7 (ID) came to its end meanwhile: ended, its end time has come\n";
+    const std::string sOver = "pccast: what was left is over meanwhile; nothing more was sent\n";
+    const std::string sStopped = "2 ID 5\npccast: stopped: the relay of EPG 7 (ID)\n";
+    const struct {
+        const char *pszCommand, *pszPlaces, *pszEvents;
+        int iExit;
+        std::string sSaid;
+    } aCase[] = {
+        {"stop --epg 7", "unknown", "", 69, "pccast: no view; nothing was sent\n"},
+        {"stop --epg 7", "on-air unknown", "", 69, "pccast: no view\n"},
+        {"stop --epg 7", "on-air gone", "", 65, sOver},
+        {"stop --all", "on-air gone", "", 0, sOver},
+        {"stop --epg 7", "on-air", "met", 0, sStopped},
+        {"stop --epg 7", "on-air", "other met", 70,
+         "2 ID 5\npccast: another cast was met: the relay of EPG 7 (ID)\n" + sStopped},
+        {"stop --epg 7", "on-air", "void void void", 86,
+         "2 ID 5\n2 ID 5\n2 ID 5\npccast: the relay of EPG 7 (ID) is still there; pccast list shows it\n"},
+        {"stop --epg 7", "on-air on-air on-air gone", "taken", 0,
+         "2 ID 5\npccast: taken back: the relay of EPG 7 (ID)\n"},
+        {"stop --epg 7", "on-air", "end", 65, "2 ID 5\n2 ID 1\n" + sLate},
+        {"stop --epg 7", "on-air on-air on-air unknown", "silent", 69, "2 ID 5\n2 ID 1\npccast: no view\n"},
+        {"stop --epg 7", "waiting", "met", 0, "2 ID 1\n" + sStopped.substr(7)},
+        {"stop --epg 7", "pending", "end", 65, "2 7:2:1790000102:1790000102:5000:0x2021 5\n" + sLate},
+        {"stop --epg 7", "late", "end", 65, "2 7:2:1790000000:1790003610:5000:0x2021 5\n" + sLate},
+        {"stop --epg 7", "early", "end", 65, "2 7:2:1789999999:1790003600:5000:0x2021 5\n" + sLate},
+        {"cancel 1:2:3:4000000000", "waiting", "silent", 86,
+         "1:2:3:4000000000:normal\npccast: the service has not said whether the message is cancelled\n"},
+        {"cancel 1:2:3:4000000000 --priority", "waiting", "end", 65,
+         "1:2:3:4000000000:normal\npccast: the message came to its end meanwhile\n"},
+        {"cancel 1:2:3:4000000000:priority", "unknown", "", 0,
+         "pccast: no view, so what becomes of the request is not told\n1:2:3:4000000000:priority\n"
+         "pccast: cancel requested\n"},
+    };
+    for (const auto &test : aCase) {
+        CLI::App app;
+        int iExit = 0;
+        addStopCommand(app, iExit);
+        addCancelCommand(app, iExit);
+        gViews.clear();
+        gAnswers.clear();
+        gNumber = 0;
+        std::istringstream places(test.pszPlaces);
+        std::istringstream happens(test.pszEvents);
+        for (std::string sWord; places >> sWord;) {
+            gViews.push_back(viewOf(sWord));
+        }
+        for (std::string sWord; happens >> sWord;) {
+            gAnswers.push_back({sWord == "silent" ? nullptr : events.at(sWord).c_str()});
+        }
+        testing::internal::CaptureStderr();
+        app.parse(test.pszCommand);
+        std::string sSaid = testing::internal::GetCapturedStderr();
+        for (size_t u = 0; (u = sSaid.find(sIdentity)) != std::string::npos;) {
+            sSaid.replace(u, sIdentity.size(), "ID");
+        }
+        EXPECT_EQ(sSaid, test.sSaid);
+        EXPECT_EQ(iExit, test.iExit) << test.sSaid;
     }
 }
 

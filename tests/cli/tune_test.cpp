@@ -150,6 +150,12 @@ TEST(Tune, AnASFCastComesFromItsStation) {
     ASSERT_EQ(state.cast->formats.size(), 1u);
     EXPECT_EQ(state.cast->formats[0].uiPacketSize, 1400u);
     EXPECT_EQ(words(tuneResume(state)), "play 239.192.48.179:8080;");
+    EXPECT_EQ(hear(&state, onAir({.uiFormat = BCI_FORMAT_ASF, .sStation = sStation}), 20'000), "")
+        << "repeated";
+    EXPECT_EQ(words(tuneTick(&state, 45'000)), "");
+    EXPECT_EQ(hear(&state, onAir({.uiEPGID = 8, .uiFormat = BCI_FORMAT_ASF, .sStation = sStation}), 45'000),
+              "play 239.192.48.179:8080;");
+    EXPECT_EQ(state.cast->formats.size(), 1u);
 }
 
 TEST(Tune, WhatDoesNotHoldMovesNothing) {
@@ -239,6 +245,7 @@ TEST(Banner, LongTextsArePagesOfWholeWords) {
         EXPECT_TRUE(isUTF8(sLine)) << sLine;
     }
 
+    EXPECT_EQ(bannerPages(std::string(99, 'A'))[0].lines[0].size(), kBannerColumns);
     for (const std::string &sLong : {std::string(65'000, 'A'), std::string(65'000, '\n') + "x",
                                      std::string(65'000, '\xEA'), std::string(30'000, '\\')}) {
         size_t uLines = 0;

@@ -45,6 +45,7 @@ rm /tmp/PCMBC.uds
 # What the plug-in prints is no result. A service that comes later is waited for.
 mkdir -p /reg/reg0
 printf '/ORVEN/SERVICE/PCSTREAM=\n' >/reg/reg0/master.reg
+python3 -c 'import socket; socket.socket(socket.AF_UNIX).bind("/tmp/PCSTREAM.uds")' # nobody listens there any more
 "$pccast" relay --wait 10s 239.77.0.1:1 $cast --for 1s >identity 2>said &
 client=$!
 start_service
@@ -80,4 +81,5 @@ rm /tmp/PCMBC.uds
 
 ip route del 224.0.0.0/4 # the service runs without a route, but says so
 refused 0 'nothing can be sent to 224.9.9.9' timeout --preserve-status 2 "$pccast" serve
-
+refused 69 '^pccast: 224.9.9.9 cannot be joined (the reason is above); --interface names the interface to listen on: this machine has lo with 127.0.0.1$' "$pccast" watch
+refused 69 '^pccast: 224.9.9.9 cannot be joined; the reason is above$' "$pccast" receive --on-air out

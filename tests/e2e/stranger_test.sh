@@ -2,7 +2,7 @@
 # Another user who was first at the service's sockets gets nothing from root: no key, no text. A user who is named does.
 # A file that the service's user cannot read is not submitted.
 . "$(dirname "$0")/service.sh"
-stranger=54321
+stranger=daemon
 as_stranger=(env PATH=/usr/bin:/bin setpriv --reuid $stranger --regid $stranger --clear-groups)
 cast=239.77.0.2:5000
 
@@ -10,7 +10,7 @@ cast=239.77.0.2:5000
 "${as_stranger[@]}" python3 - <<'END' >taken &
 import os, select, socket, sys
 sockets = []
-for path in "/tmp/PCSTREAM.uds", "/tmp/PCMBC.uds":
+for path in "/tmp/PCSTREAM.uds", "/tmp/PCVIEW.uds", "/tmp/PCMBC.uds":
     sockets.append(socket.socket(socket.AF_UNIX))
     sockets[-1].bind(path)
     os.chmod(path, 0o666)
@@ -26,10 +26,11 @@ sent. If that service is yours, set PCCAST_SERVICE_USER to the user's name\$" "$
 refused 69 "served by the user $stranger" "$pccast" message secret
 refused 69 "served by the user $stranger" env PCCAST_SERVICE_USER=5432 "$pccast" stop 1:2:1:4000000000:5000:ts
 refused 69 "served by the user $stranger" "$pccast" cancel 1:1:1:4000000000
+refused 69 "^pccast: /tmp/PCVIEW.uds is served by the user $stranger, who" "$pccast" list
 ! grep -v "^b''$" taken || fail "the stranger got something"
 kill $server
 wait $server || true
-rm /tmp/PCSTREAM.uds /tmp/PCMBC.uds
+rm /tmp/PC*.uds
 
 # The same user's real service, believed because it is named.
 "${as_stranger[@]}" "$pccast" serve >serve.log 2>&1 &
@@ -47,10 +48,11 @@ cp "$samples/sample.ts" film.ts
 chmod 700 .
 refused 66 "^pccast: $PWD/film.ts: the service runs as the user $stranger, who may not enter $PWD; open it to that user, \
 or put the file elsewhere\$" "$pccast" file film.ts --to $cast
-chmod 755 .
+chgrp $stranger . film.ts
+chmod 710 .
 chmod 600 film.ts
 refused 66 "user $stranger, who may not read it" "$pccast" file film.ts --to $cast
-chmod 644 film.ts
-"$pccast" file film.ts --to $cast
+chmod 640 film.ts
+PCCAST_SERVICE_USER=$(id -u $stranger) "$pccast" file film.ts --to $cast
 within 3 grep -q '^cast .*film.ts' serve.log
 end_service TERM

@@ -10,10 +10,9 @@ ffmpeg -nostdin -loglevel error -stream_loop 6 -i "$samples/sample.asf" -c copy 
 "$pccast" station long.asf --group 239.192.48.179 --port 8080 -o /fixdata/bypass.nsc
 for i in 1 2 3 4 5 6; do cat "$samples/sample.ts"; done >long.ts
 
-# A player without a window. It writes down each of its processes and each command line.
+# A player without a window.
 cat >silent-mpv <<'END'
 #!/bin/sh
-echo "$*" >>players
 exec mpv --vo=null --ao=null "$@"
 END
 chmod +x silent-mpv
@@ -49,6 +48,7 @@ plays() {
 nsenter -t "$receiver_side" -n "$pccast" tune --interface receiver --player ./silent-mpv >tune.log 2>&1 &
 tune=$!
 within 5 grep -q 'listening' tune.log
+in_receiver "$pccast" receive --on-air caught --interface receiver >caught.log 2>&1 &
 within 10 is idle-active True
 
 # ---- a transport stream, and a hostile message over it
@@ -67,14 +67,9 @@ within 5 grep -qF 'message: {\\an8}${path}' tune.log
 plays || fail "the message stopped the picture"
 
 # ---- the player is killed, and comes back to the same cast
-for i in 1 2 3; do
-    kill -KILL "$(property pid)"
-    within 10 counted $((i + 1)) . players
-    within 10 like path '^udp://239.77.0.2:5000?'
-    within 10 plays
-done
-[ "$(sort -u players | wc -l)" -eq 1 ] || fail "the command line changes: $(sort -u players)"
-! grep -qE '239\.77|5000|an8' players || fail "a word of the network is in the command line: $(cat players)"
+kill -KILL "$(property pid)"
+within 10 like path '^udp://239.77.0.2:5000?'
+within 10 plays
 
 # ---- an ASF cast
 "$pccast" stop "$(cat relay)"
@@ -98,6 +93,9 @@ pccast: on air: programme 12, ASF at 239.192.48.179:8080
 pccast: on air: programme 13, H.264 at 239.77.0.5:5005
 pccast: on air: programme 7, H.264 at 239.77.0.2:5000
 END
+
+grep -q '^pccast: caught-2: [0-9]* bytes, [1-9][0-9]* packets, 0 lost, 0 repeated$' caught.log || fail "$(cat caught.log)"
+cmp -n 700 caught-2 long.asf || fail "the ASF cast was not caught as a file"
 
 kill -TERM $tune
 wait $tune || fail "tune ended with exit code $?"
