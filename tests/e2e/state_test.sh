@@ -7,12 +7,6 @@ mkdir state
 start_with_state() {
     start_service --state "${1:-$work/state}"
 }
-state() { # [FOLDER]
-    : >serve.log
-    "$pccast" serve --state "${1:-$work/state}" >>serve.log 2>&1 &
-    service=$!
-    within 10 grep -q 'serves casts' serve.log
-}
 state() { # JQ-free: the part of the view that tells of the state
     "$pccast" status --json | grep -o '"state":{[^}]*}'
 }
