@@ -28,8 +28,6 @@ end_service TERM
 cp "$samples/sample.nsc" /fixdata/bypass.nsc
 start_service # a service that has announced nothing yet announces at once
 start_receiver received.asf
-"$pccast" receive --on-air caught.asf 2>caught.log &
-catcher=$!
 "$pccast" file "$samples/sample.asf" --to 239.192.48.179:8080 --epg 12 --for 20s
 within 5 grep -qx 'on air: programme 12 at 239.192.48.179:8080' received.asf.said
 within 15 grep -q 'the file has ended' serve.log
@@ -46,17 +44,4 @@ head -c $header received.asf | cmp - <(head -c $header "$samples/sample.asf") ||
 sent=$((($(wc -c <"$samples/sample.asf") - header) / 1400 * 1400))
 cmp <(tail -c "+$((header + 1 + sent - packets))" "$samples/sample.asf" | head -c $packets) \
     <(tail -c "+$((header + 1))" received.asf) || fail "the ASF cast was received otherwise than sent"
-
-# So does pccast itself.
-kill -TERM $catcher
-wait $catcher || fail "receive ended with exit code $?"
-sed -E 's/[1-9][0-9]* (bytes|packets|datagrams)/N \1/g' caught.log | diff - /dev/fd/3 3<<'END' >&2 || fail "caught otherwise"
-pccast: on air: programme 12 at 239.192.48.179:8080
-pccast: caught.asf: N bytes, N packets, 0 lost, 0 repeated
-pccast: N datagrams received
-END
-size=$(wc -c <caught.asf)
-[ "$size" -gt 200000 ] && cmp <(tail -c "$((size - header))" caught.asf | tail -c 140000) <(tail -c 140000 received.asf) ||
-    fail "pccast receive has other packets"
-head -c $header caught.asf | cmp - <(head -c $header "$samples/sample.asf") || fail "not the header of the file"
 end_service TERM

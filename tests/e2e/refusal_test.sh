@@ -25,16 +25,12 @@ grep -q mine /tmp/PCMBC.uds || fail "a file of someone else's was replaced"
 rm /tmp/PCMBC.uds
 
 # A queue that nobody serves is no reason to hang.
-python3 - <<'END' &
-import socket, time
-served, waiting = socket.socket(socket.AF_UNIX), [socket.socket(socket.AF_UNIX) for i in range(8)]
+python3 -c 'import socket, time
+served, *waiting = [socket.socket(socket.AF_UNIX, socket.SOCK_STREAM | socket.SOCK_NONBLOCK) for i in range(9)]
 served.bind("/tmp/PCMBC.uds")
 served.listen(1)
-for client in waiting:
-    client.setblocking(False)
-    client.connect_ex("/tmp/PCMBC.uds")
-time.sleep(20)
-END
+for client in waiting: client.connect_ex("/tmp/PCMBC.uds")
+time.sleep(20)' &
 full=$!
 within 5 test -S /tmp/PCMBC.uds
 sleep 0.2

@@ -61,17 +61,15 @@ refused() {
     grep -q -e "$pattern" refused.log || { cat refused.log >&2; fail "does not say '$pattern': $*"; }
 }
 
-# What the service has taken so far: processor time in hundredths of a second, and descriptors that are open now.
+# The processor time that the service has taken so far, in hundredths of a second.
 spent() {
     awk '{ print $14 + $15 }' "/proc/$service/stat"
-}
-descriptors() {
-    find "/proc/$service/fd" -mindepth 1 | wc -l
 }
 
 # start_service [OPTION...]
 start_service() {
-    "$pccast" serve "$@" >serve.log 2>&1 &
+    : >serve.log
+    "$pccast" serve "$@" >>serve.log 2>&1 &
     service=$!
     within 10 grep -q 'serves casts' serve.log
 }

@@ -4,11 +4,8 @@
 source=239.77.0.1:4000
 mkdir state
 
-start_with_state() { # [FOLDER]
-    : >serve.log
-    "$pccast" serve --state "${1:-$work/state}" >>serve.log 2>&1 &
-    service=$!
-    within 10 grep -q 'serves casts' serve.log
+start_with_state() {
+    start_service --state "${1:-$work/state}"
 }
 state() { # JQ-free: the part of the view that tells of the state
     "$pccast" status --json | grep -o '"state":{[^}]*}'
@@ -95,14 +92,6 @@ mended() {
     [ "$(sqlite3 "$1/pccast.db" 'SELECT count(*) FROM request WHERE epg = 20')" -gt 0 ] || fail "$1 is not made up for"
 }
 command -v sqlite3 >/dev/null || { echo "sqlite3 is not installed: the faults are left out"; exit 0; }
-
-mkdir readonly
-mount --bind readonly readonly && mount -o remount,ro,bind readonly
-start_with_state "$work/readonly"
-runs_on 'Read-only file system'
-mount -o remount,rw,bind readonly
-mended readonly
-umount readonly
 
 mkdir small
 mount -t tmpfs -o size=200k small small

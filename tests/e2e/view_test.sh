@@ -10,10 +10,6 @@ get() { # PATH: the answer's body
     curl -sS --max-time 40 --unix-socket $view "http://localhost$1"
 }
 
-code() { # CURL-ARGUMENT...: the answer's status
-    curl -s -o body --max-time 40 --unix-socket $view -w '%{http_code}' "$@"
-}
-
 placed() { # EPG PLACE: list has the request there
     prints "\"place\":\"$2\"[^{}]*\"epg\":$1," "$pccast" list --json
 }
@@ -61,12 +57,6 @@ within 5 placed 1 on-air
 sleep 1.1 # a request of the same second would wait
 second=$("$pccast" relay 239.77.0.1:4001 239.77.0.2:5001 --epg 2 --end +1h)
 within 5 placed 2 on-air
-"$pccast" list >list.log
-sed -n 2p list.log | grep "^on air .* $second\$" >/dev/null || { cat list.log; fail "what is on air is not first"; }
-grep -q "^waiting .* $first  preempted, returns when EPG 2 ends" list.log || { cat list.log; fail "no reason for EPG 1"; }
-grep -q '^pending .* waits for the relay of EPG 2 to end' list.log || { cat list.log; fail "no reason for the file"; }
-"$pccast" status >status.log
-grep -q 'relay of EPG 2' status.log || { cat status.log; fail "status does not tell what is on air"; }
 get /v1/view >view.json
 get /v1/events >events.json
 grep -q '"encrypted":true' view.json || fail "the view hides that a cast is decrypted"
@@ -74,9 +64,8 @@ grep -q '"encrypted":true' view.json || fail "the view hides that a cast is decr
 grep -q '"text":"Fire\\u001b\[2J \\ufffd","text_bytes":10' view.json || fail "the message's text is not told"
 "$pccast" stop "$second"
 within 5 placed 1 on-air
-[ "$(events_of 1 2)" = "filed-1 started-1 filed-2 preempted-1 started-2 filed-2 ended-2 done-2 returned-1 " ] ||
-    [ "$(events_of 1 2 | sed 's/silent-[12] //g')" = \
-        "filed-1 started-1 filed-2 preempted-1 started-2 filed-2 ended-2 done-2 returned-1 " ] ||
+[ "$(events_of 1 2 | sed 's/silent-[12] //g')" = \
+    "filed-1 started-1 filed-2 preempted-1 started-2 filed-2 ended-2 done-2 returned-1 " ] ||
     { cat events.log; fail "the events are $(events_of 1 2)"; }
 within 5 grep -q "^pccast: audit: preempted relay $first  for relay $second, 0 datagrams" serve.log
 grep -q '^pccast: audit: current message .* "Fire\\x1b\[2J \\xff" until' serve.log || fail "a text steers the terminal"
@@ -87,11 +76,7 @@ sleep 2
 KTNET_MULTICAST_IF=lo "$bin/pccast-feed" "$samples/sample.ts" 239.77.0.1:4000 40
 within 5 grep -q "^pccast: audit: heard relay $first  heard again after [2-9] s" serve.log
 
-# What is no question gets an answer that says so.
-[ "$(code http://localhost/v2/view)" = 404 ] || fail "an unknown path: $(cat body)"
-[ "$(code -d text http://localhost/v1/view)" = 404 ] || fail "a POST: $(cat body)"
-[ "$(code 'http://localhost/v1/events?after=x')" = 400 ] || fail "no number: $(cat body)"
-cp body error.json
+get '/v1/events?after=x' >error.json
 get '/v1/events?after=1000000&wait=30' >ahead.json # a number of another run: no wait
 conforms view.json events.json error.json ahead.json
 
@@ -121,40 +106,30 @@ within 9 crowd
 
 # Silent, slow, noisy and endless clients, while the view answers as ever.
 cat >hostile.py <<'END'
-import os, socket, sys, threading, time
+import contextlib, os, socket, threading, time
 def client():
     link = socket.socket(socket.AF_UNIX)
     link.connect("/tmp/PCVIEW.uds")
     return link
 def ends(link, seconds):
     link.settimeout(seconds)
-    try:
+    with ended:
         while link.recv(65536):
             pass
-    except (ConnectionError, BrokenPipeError):
-        pass
+ended = contextlib.suppress(ConnectionError, BrokenPipeError)
 silent = [client() for _ in range(40)]
 noise, flood, deaf = client(), client(), client()
 noise.sendall(os.urandom(6000) + b"\r\n\r\n")
 deaf.sendall(b"GET /v1/view HTTP/1.1\r\n\r\n")
-def flooding():
-    try:
-        for _ in range(100):
-            flood.sendall(b"x" * 1000000)
-        print("100 MB were taken")
-    except (ConnectionError, BrokenPipeError):
-        pass
-thread = threading.Thread(target=flooding)
+def sends(link, pieces, pause):
+    with ended:
+        for piece in pieces:
+            link.sendall(piece)
+            time.sleep(pause)
+        print("a client was let send", len(pieces), "pieces")
+thread = threading.Thread(target=sends, args=(flood, [b"x" * 1000000] * 100, 0))
 thread.start()
-def slow(link):
-    try:
-        for letter in b"GET /v1/view HTTP/1.1":
-            link.send(bytes([letter]))
-            time.sleep(0.5)
-        print("a slow client was waited for")
-    except (ConnectionError, BrokenPipeError):
-        pass
-slow(client())
+sends(client(), [bytes([letter]) for letter in b"GET /v1/view HTTP/1.1"], 0.5)
 thread.join()
 for link in silent + [noise]:
     ends(link, 1)
@@ -178,10 +153,8 @@ within 2 grep -q 'no service answers' follow.log
 grep -q "^pccast: audit: ended relay $first  the service closes" serve.log || fail "the audit has no end"
 
 # For the journal each line has its priority.
-: >serve.log
 JOURNAL_STREAM=$(stat -c %d:%i serve.log) start_service
 "$pccast" relay 239.77.0.2:5000 239.77.0.2:5000 --epg 6 --key $key && fail "a relay that feeds itself is on air"
-within 5 grep -q '^<6>pccast: audit: filed relay 6:' serve.log
 within 5 grep -q '^<3>pccast: audit: failed relay 6:.*it would feed itself' serve.log
 end_service INT
 
