@@ -244,17 +244,6 @@ TEST(Outcome, ATerminalShowsHowFarItIs) {
         "its end time has come\n");
 }
 
-TEST(Outcome, WithoutAViewNothingIsFollowed) {
-    EventPlace place{};
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(rememberEvents(true, &place), 69);
-    EXPECT_EQ(rememberEvents(false, &place), 0);
-    EXPECT_EQ(tellOutcome(place, {"relay", "ID", 5}, false), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "pccast: this service's host has no view, so --follow is not possible; nothing was sent\n"
-              "pccast: this service's host has no view, so what becomes of the request is not told\n");
-}
-
 TEST(Revocation, IsJudgedByTheFirstEventThatTells) {
     const std::pair<RevokeResult, std::vector<const char *>> aCase[] = {
         {REVOKE_VOID, {R"({"event":"refused","request":9,"kind":"stop","identity":"S"})"}},

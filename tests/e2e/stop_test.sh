@@ -138,5 +138,5 @@ rm /tmp/PCVIEW.uds
 seven=$(relay 7 --for 10m)
 refused 69 'no view' "$pccast" stop --on-air
 refused 0 'careful.*' "$pccast" stop --epg 7 --start "@$(cut -d: -f3 <<<"$seven")" --end "@$(cut -d: -f4 <<<"$seven")" --port 6007
-refused 69 'follow is not possible' "$pccast" relay $source 239.77.1.1:6000 --follow
+refused 69 'so --follow is not possible; nothing was sent$' "$pccast" relay $source 239.77.1.1:6000 --follow
 end_service TERM
