@@ -345,9 +345,9 @@ TEST(Sap, AnnouncesToTheByteAndTakesBackWhatItAnnounced) {
     EXPECT_EQ(sapPacket("", "", true).size(), 8 + sizeof "application/sdp") << "never described";
 }
 
-// Announcements and messages of which a bit is changed, or the end cut off. The frame's send time is left
+// Announcements and messages of which a byte is changed, or the end cut off. The frame's send time is left
 // alone: no CRC covers it, and a later one makes the announcement of another cast a sound one.
-TEST(Tune, NoChangedBitAndNoCutGivesACommandButATextOfAMessage) {
+TEST(Tune, NoChangedByteAndNoCutGivesACommandButATextOfAMessage) {
     TuneState state;
     hear(&state, onAir({}), 0);
     unsigned long ulShown = 0;
@@ -361,10 +361,10 @@ TEST(Tune, NoChangedBitAndNoCutGivesACommandButATextOfAMessage) {
          {onAir({}), onAir({.uiSent = 1011, .uiEPGID = 8, .sAddress = "239.9.9.9"}),
           onAir({.uiSent = 1011, .uiFormat = BCI_FORMAT_ASF, .sStation = sampleStation()}), ended(1011, 7),
           message(1000, "Fire drill at noon")}) {
-        for (size_t uBit = 0; uBit < 8 * source.size(); ++uBit) {
-            if (uBit / 8 < 20 || uBit / 8 >= 24) {
+        for (size_t u = 0; u < source.size(); u += u == 19 ? 5 : 1) {
+            for (const int iChange : {1, 2, 3, 4, 8, 16, 32, 64, 128, 255}) { // 3: an end's command
                 Bytes bytes = source;
-                bytes[uBit / 8] = static_cast<char>(bytes[uBit / 8] ^ 1 << uBit % 8);
+                bytes[u] = static_cast<char>(bytes[u] ^ iChange);
                 tell(bytes);
             }
         }
