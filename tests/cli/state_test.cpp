@@ -381,16 +381,6 @@ void execute(const std::string &sPath, const std::string &sSQL) {
     sqlite3_close(pHandle);
 }
 
-TEST_F(StateTest, FileOfANewerVersionIsLeftAlone) {
-    store.reset();
-    execute(sPath, "PRAGMA user_version = 99");
-    for (const Store::Access eAccess : {Store::READ, Store::WRITE}) {
-        EXPECT_THROW(Store(sPath, eAccess), NewerStore);
-    }
-    execute(sPath, "PRAGMA user_version = 1");
-    Store(sPath, Store::READ).countRequests();
-}
-
 TEST_F(StateTest, DamageIsFoundWhenTheFileIsOpened) {
     for (unsigned long ul = 1; ul < 500; ++ul) {
         tell(event(PCCAST_EVENT_FILED, ul), relay(ul));

@@ -14,7 +14,6 @@
 
 #include <fstream>
 #include <iterator>
-#include <random>
 
 namespace {
 
@@ -269,31 +268,25 @@ TEST(MSBJoin, PutsInOrderWhatTheNetworkMixes) {
     const struct {
         const char *pszWhat;
         std::vector<Bytes> packets;
-        const char *pszPieces; // H a header, else the packet's number
-        unsigned long ulLost;
-        unsigned long ulRepeated;
-        unsigned long ulForeign;
+        const char *pszPieces;  // H a header, else the packet's number
+        const char *pszCounted; // lost, repeated, foreign
     } aCase[] = {
-        {"in order", {packet(5), packet(6), packet(7)}, "H 5 6 7", 0, 0, 0},
-        {"mixed", {packet(0), packet(2), packet(3), packet(1), packet(4)}, "H 0 1 2 3 4", 0, 0, 0},
-        {"twice", {packet(0), packet(0), packet(2), packet(2), packet(1)}, "H 0 1 2", 0, 2, 0},
-        {"lost", {packet(0), packet(2), packet(3)}, "H 0 2 3", 1, 0, 0},
-        {"far ahead", {packet(0), packet(5000)}, "H 0 136", 4999, 0, 0},
-        {"the number wraps", {packet(0xFFFFFFFF), packet(1), packet(0)}, "H 255 0 1", 0, 0, 0},
+        {"in order", {packet(5), packet(6), packet(7)}, "H 5 6 7", "0 0 0"},
+        {"mixed", {packet(0), packet(2), packet(3), packet(1), packet(4)}, "H 0 1 2 3 4", "0 0 0"},
+        {"twice", {packet(0), packet(0), packet(2), packet(2), packet(1)}, "H 0 1 2", "0 2 0"},
+        {"lost", {packet(0), packet(2), packet(3)}, "H 0 2 3", "1 0 0"},
+        {"far ahead", {packet(0), packet(5000)}, "H 0 136", "4999 0 0"},
+        {"the number wraps", {packet(0xFFFFFFFF), packet(1), packet(0)}, "H 255 0 1", "0 0 0"},
         {"the next playout",
          {packet(8), kSecond, packet(0, 0x8001), packet(9), packet(1, 0x8001)},
          "H 8 H 0 1",
-         0,
-         0,
-         1},
-        {"begun anew", {packet(900), kSecond, packet(0), packet(1)}, "H 132 H 0 1", 0, 0, 0},
-        {"somebody else's", {packet(0), packet(7, 0x8001), packet(1), packet(900, 0x8001)}, "H 0 1", 0, 0, 2},
+         "0 0 1"},
+        {"begun anew", {packet(900), kSecond, packet(0), packet(1)}, "H 132 H 0 1", "0 0 0"},
+        {"somebody else's", {packet(0), packet(7, 0x8001), packet(1), packet(900, 0x8001)}, "H 0 1", "0 0 2"},
         {"of another format",
          {packet(0, 2), packet(0).substr(0, 20), Bytes("\0\0\0", 3), packet(0)},
          "H 0",
-         0,
-         0,
-         3},
+         "0 0 3"},
     };
     for (const auto &test : aCase) {
         MSBJoin join;
@@ -316,10 +309,12 @@ TEST(MSBJoin, PutsInOrderWhatTheNetworkMixes) {
                        (piece.bBegins ? "H" : std::to_string(static_cast<unsigned char>(piece.sBytes[11])));
             EXPECT_EQ(piece.sBytes.size(), piece.bBegins ? 6u : 30u) << test.pszWhat;
         }
+        const MSBCounts &counts = join.counts;
         EXPECT_EQ(sPieces, test.pszPieces) << test.pszWhat;
-        EXPECT_EQ(join.counts.ulLost, test.ulLost) << test.pszWhat;
-        EXPECT_EQ(join.counts.ulRepeated, test.ulRepeated) << test.pszWhat;
-        EXPECT_EQ(join.counts.ulForeign, test.ulForeign) << test.pszWhat;
+        EXPECT_EQ(std::to_string(counts.ulLost) + " " + std::to_string(counts.ulRepeated) + " " +
+                      std::to_string(counts.ulForeign),
+                  test.pszCounted)
+            << test.pszWhat;
         EXPECT_TRUE(join.held.empty()) << test.pszWhat;
     }
 }
@@ -350,48 +345,35 @@ TEST(Sap, AnnouncesToTheByteAndTakesBackWhatItAnnounced) {
     EXPECT_EQ(sapPacket("", "", true).size(), 8 + sizeof "application/sdp") << "never described";
 }
 
-// A million announcements and messages with a few bytes changed, cut or added. The frame's send time is left
+// Announcements and messages of which a byte is changed, or the end cut off. The frame's send time is left
 // alone: no CRC covers it, and a later one makes the announcement of another cast a sound one.
-TEST(Tune, AMillionMutationsGiveNoCommandButTexts) {
-    std::mt19937 random(20261124);
-    const auto below = [&random](size_t uMost) { return random() % uMost; };
-    const std::vector<Bytes> sources{
-        onAir({}), onAir({.uiSent = 1011, .uiEPGID = 8, .sAddress = "239.9.9.9"}),
-        onAir({.uiSent = 1011, .uiFormat = BCI_FORMAT_ASF, .sStation = sampleStation()}), ended(1011, 7),
-        message(1000, "Fire drill at noon")};
+TEST(Tune, NoChangedByteAndNoCutGivesACommandButATextOfAMessage) {
     TuneState state;
     hear(&state, onAir({}), 0);
     unsigned long ulShown = 0;
-    for (unsigned long ul = 0; ul < 1'000'000; ++ul) {
-        Bytes bytes = sources[below(sources.size())];
-        const Bytes original = bytes;
-        for (size_t i = 1 + below(4); i > 0; --i) {
-            const size_t uAt = below(bytes.size());
-            if (uAt < 20 || uAt >= 24) {
-                bytes[uAt] = static_cast<char>(static_cast<unsigned char>(bytes[uAt]) ^ (1 + below(255)));
+    const auto tell = [&](const Bytes &bytes) {
+        const std::string sSaid = hear(&state, bytes, 0);
+        ulShown += sSaid.empty() ? 0 : 1;
+        EXPECT_TRUE(sSaid.empty() || sSaid.starts_with("show ")) << sSaid;
+        EXPECT_EQ(sSaid.find_first_of("\x1b\n\r\xFD\xFE"), std::string::npos);
+    };
+    for (const Bytes &source :
+         {onAir({}), onAir({.uiSent = 1011, .uiEPGID = 8, .sAddress = "239.9.9.9"}),
+          onAir({.uiSent = 1011, .uiFormat = BCI_FORMAT_ASF, .sStation = sampleStation()}), ended(1011, 7),
+          message(1000, "Fire drill at noon")}) {
+        for (size_t u = 0; u < source.size(); u += u == 19 ? 5 : 1) {
+            for (const int iChange : {1, 2, 3, 4, 8, 16, 32, 64, 128, 255}) { // 3: an end's command
+                Bytes bytes = source;
+                bytes[u] = static_cast<char>(bytes[u] ^ iChange);
+                tell(bytes);
             }
         }
-        if (below(8) == 0) {
-            bytes.resize(below(bytes.size()));
-        } else if (below(8) == 0) {
-            bytes.append(below(64), 'A');
-        }
-        if (bytes == original) {
-            continue;
-        }
-        const AirRecord record =
-            decodeAir(reinterpret_cast<const unsigned char *>(bytes.data()), bytes.size());
-        for (const TuneCommand &command : tuneHear(&state, record, 0)) {
-            ASSERT_EQ(command.eKind, TUNE_SHOW) << ul;
-            ++ulShown;
-            for (const std::string &sLine : command.page.lines) {
-                ASSERT_EQ(sLine.find_first_of("\x1b\n\r\xFD\xFE"), std::string::npos) << ul;
-            }
-            bannerDraw(command.page);
+        for (size_t uLength = 0; uLength < source.size(); ++uLength) {
+            tell(source.substr(0, uLength));
         }
     }
     EXPECT_EQ(words(tuneResume(state)).substr(0, 20), "play 239.1.2.3:5000;");
-    EXPECT_GT(ulShown, 1000u); // no CRC protects a message: a changed text is a text
+    EXPECT_GT(ulShown, 100u); // no CRC protects a message: a changed text is a text
 }
 
 } // namespace

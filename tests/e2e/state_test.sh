@@ -131,6 +131,7 @@ md5sum state/pccast.db >before
 start_with_state
 runs_on 'newer version'
 end_service TERM
+refused 66 'newer version' "$pccast" history --state state
 md5sum --quiet -c before || fail "a newer file was changed"
 
 # ---- the service manager

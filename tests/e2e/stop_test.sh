@@ -109,5 +109,5 @@ grep -q 'stopped: the relay of EPG 7' one two || fail "two at once: $(cat one tw
 
 # ---- a host without a view
 rm /tmp/PCVIEW.uds
-refused 69 'follow is not possible' "$pccast" relay $source 239.77.1.1:6000 --follow
+refused 69 'so --follow is not possible; nothing was sent$' "$pccast" relay $source 239.77.1.1:6000 --follow
 end_service TERM

@@ -167,16 +167,9 @@ void submitNew(std::mt19937 *pRandom) {
         gKnown[identityOf(cast)] = known;
         TxCASTInfoToPlugIn(CAST_CMD_START, &cast);
     } else {
-        MSGInfo &message = known.message;
-        message.ulCMD = PCMBC_CMD_MSG;
-        message.uliEPGID = ++ulEPG;
-        message.ulPriority = (*pRandom)() % 2;
-        message.ulCT = ulNow;
-        message.ulST = ulST;
-        message.ulET = ulNow + 7200;
-        message.pMSGSTR = gText;
-        gKnown[identityOf(message)] = known;
-        TxPCMBCInfoToPlugIn(PCMBC_CMD_MSG, &message);
+        known.message = {PCMBC_CMD_MSG, ++ulEPG, (*pRandom)() % 2, ulNow, ulST, ulNow + 7200, 0, 0, 0, gText};
+        gKnown[identityOf(known.message)] = known;
+        TxPCMBCInfoToPlugIn(PCMBC_CMD_MSG, &known.message);
     }
 }
 
