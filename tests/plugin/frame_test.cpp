@@ -216,12 +216,14 @@ TEST_F(FrameTest, DebugFileFollowsTheDayAndKeepsWhatIsThere) {
     EXPECT_EQ(std::filesystem::file_size(path("f", 0)), 0u);
     script::moveWallClock(-86400);
     std::filesystem::resize_file(tomorrow, 1 << 20);
-    const rlimit full{1 << 20, RLIM_INFINITY}, none{RLIM_INFINITY, RLIM_INFINITY};
+    rlimit before{};
+    getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit full{1 << 20, before.rlim_max};
     std::signal(SIGXFSZ, SIG_IGN);
     setrlimit(RLIMIT_FSIZE, &full);
     DEBUG_LEVEL_COMMON(0, "lost\n");
     DEBUG_LEVEL_COMMON(0, "lost\n");
-    setrlimit(RLIMIT_FSIZE, &none);
+    setrlimit(RLIMIT_FSIZE, &before);
     EXPECT_EQ(err(), "the debug log " + tomorrow + " loses lines: File too large\n");
     setenv("KTDEBUG_PATH_f", "/tmp/nowhere", 1);
     initDebug("f", nullptr); // cannot be opened: no file
