@@ -307,8 +307,7 @@ void bypassStartStep(const KTPLUGIN_INFO_TAG *pSelf, Service *pService) {
 // Starts a due request of the recast list. A file cast never ends a relay. So the request stays pending until
 // the bypass engine is idle.
 void recastStartStep(const KTPLUGIN_INFO_TAG *pSelf, Service *pService) {
-    if (pService->recast.pCurrent == nullptr || !pService->recast.bStartPending ||
-        pService->engines[BYPASS].eState != ENGINE_IDLE || !isCurrentDue(&pService->recast)) {
+    if (pService->engines[BYPASS].eState != ENGINE_IDLE || !isCurrentDue(&pService->recast)) {
         return;
     }
     viewEndsFor(VIEW_RECAST, pService->recast.pCurrent);

@@ -135,6 +135,9 @@ TEST(AirText, LinesAndObjectsSayWhatWasHeard) {
         {kMessageFront + "0b50 0200 221b",
          R"("kind":"message","ident":14,"service":204,"command":262176,"sent":1790000005,"start":1790000000,)"
          R"("end":1790003600,"messageSent":1790000005,"showings":1,"attribute1":1,"attribute3":3,"text":"\"\u001b"})"},
+        {"4b544e46 0200 1c00 0e000000 cc000000 99000400 853bb16a 00000000",
+         R"("kind":"unknown","ident":14,"service":204,"command":262297,"sent":1790000005,)"
+         R"("problems":["a frame that is neither an announcement nor a message"]})"},
         {"", R"("kind":"broken","problems":["not a frame: shorter than a frame header"]})"},
         {kMessageFrame + "06000000 0b50 0200 41ff",
          R"("kind":"message","ident":14,"service":204,"command":262176,"sent":1790000005,)"

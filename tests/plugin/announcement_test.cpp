@@ -205,7 +205,11 @@ TEST_F(AnnouncementTest, MappingKeepsAnAddressAndNullIsRefused) {
     EXPECT_EQ(PCCASTtoBCIInfo(nullptr, &record), -1);
     EXPECT_EQ(PCCASTtoBCIInfo(pInfo, nullptr), -1);
     EXPECT_EQ(PCCASTBCIEngine(nullptr), 0);
-    ELIMINATEBCIInfo(nullptr);
+    BCIInfo own{};
+    EXPECT_EQ(PCCASTtoBCIInfo(pInfo, &own), 1);
+    for (BCIInfo *pGone : {&own, &own, static_cast<BCIInfo *>(nullptr)}) {
+        ELIMINATEBCIInfo(pGone);
+    }
     ELIMINATECASTInfo(&pInfo);
 }
 
