@@ -25,10 +25,12 @@ TEST_F(FileCastTest, FormatChoosesTheDriver) {
     for (const unsigned long ulFormat : {0x2021ul, 0x2005ul, 0x2025ul, 0x2010ul, 0x2016ul}) {
         const bool bASF = ulFormat == 0x2010 || ulFormat == 0x2016;
         const std::string caster = bASF ? "asf" : "ts";
-        script::storedFile("/a", {{script::now(), {0x47, 1}}, {script::now() + 2, {0x47, 2}}});
+        script::storedFile("/a", {{script::now() + 1, {0x47, 1}}, {script::now() + 3, {0x47, 2}}});
         script::forget();
-        const unsigned long ulSecond = 40 + script::now() - kStart;
         engine.handOver(request(ulFormat));
+        playing(2); // the first packet is not due yet
+        const unsigned long ulSecond = 40 + script::now() - kStart;
+        script::advance(1);
         playing(6);
         EXPECT_EQ(engine.block.eState, ENGINE_RUNNING);
         script::advance(2);
@@ -43,7 +45,7 @@ TEST_F(FileCastTest, FormatChoosesTheDriver) {
                                               (bASF ? "\n" : " to \"\033[1;37m224.2.2.2:5000\033[0m\"\n"));
         EXPECT_THAT(script::seen().log,
                     ElementsAre("play: ST=200109090146" + std::to_string(ulSecond) + ",ET=200109090146" +
-                                std::to_string(ulSecond + 2) +
+                                std::to_string(ulSecond + 3) +
                                 ",TYPE=ASF@FILECAST,IEPGID=0x00000001,FILE=\"/a\",SRC=\"0.0.0.0:9100\","
                                 "DST=\"224.2.2.2:5000\"" +
                                 (bASF ? ",NSC=\"/fixdata/bypass.nsc\"\n" : "\n")));
