@@ -50,6 +50,7 @@ struct Announced {
     Bytes sStation = {};
     unsigned int uiWrong = 0; // into the CRC
     unsigned int uiStationWrong = 0;
+    bool bStationCheck = true;
 };
 
 Bytes onAir(const Announced &said) {
@@ -59,6 +60,8 @@ Bytes onAir(const Announced &said) {
     Bytes sStation;
     if (said.uiFormat == BCI_FORMAT_H264) {
         items += item(0x7014, said.sAddress) + item(0x7017, number(said.usPort, 2));
+    } else if (!said.bStationCheck) {
+        items += item(1103, said.sStation);
     } else {
         sStation =
             item(1101, number(crc(said.sStation) ^ said.uiStationWrong, 4)) + item(1103, said.sStation);
@@ -170,6 +173,8 @@ TEST(Tune, WhatDoesNotHoldMovesNothing) {
         {"an unknown format", onAir({.uiFormat = 0x3000})},
         {"a wrong station CRC",
          onAir({.uiFormat = BCI_FORMAT_ASF, .sStation = sampleStation(), .uiStationWrong = 1})},
+        {"a station without its CRC",
+         onAir({.uiFormat = BCI_FORMAT_ASF, .sStation = sampleStation(), .bStationCheck = false})},
         {"a station that is none", onAir({.uiFormat = BCI_FORMAT_ASF, .sStation = "[Address]\r\n"})},
         {"a station that is no group", onAir({.uiFormat = BCI_FORMAT_ASF, .sStation = nscWrite(unicast)})},
         {"a station without a whole header",

@@ -18,17 +18,22 @@ refused 69 "KTNET_MULTICAST_IF: '192.0.2.1' is no address of this machine .* lo 
     env KTNET_MULTICAST_IF=192.0.2.1 "$pccast" serve
 ! grep -q $'\e' ready.log || fail "colours in a file"
 
-# A pipe that is full, and nobody reads it.
+# A pipe that is full, and nobody reads it; an output that takes nothing. Neither is tried again and again.
 mkfifo pipe
 exec 5<>pipe
 head -c 65536 /dev/zero >&5
-"$pccast" serve >pipe 2>&1 5<&- &
-service=$!
-within 10 test -S /tmp/PCMBC.uds
-timeout 10 "$pccast" message unread --repeat 0 >identity || fail "the service does not answer"
-kill -TERM $service
-within 10 test ! -e /proc/$service/fd/1
-wait $service || fail "exit code $?"
+for output in pipe /dev/full; do
+    "$pccast" serve >$output 2>&1 5<&- &
+    service=$!
+    within 10 test -S /tmp/PCMBC.uds
+    before=$(spent)
+    timeout 10 "$pccast" message unread --repeat 0 >identity || fail "the service does not answer"
+    sleep 0.5
+    [ $(($(spent) - before)) -lt 30 ] || fail "half a second took $(($(spent) - before)) hundredths"
+    kill -TERM $service
+    within 10 test ! -e /proc/$service/fd/1
+    wait $service || fail "exit code $?"
+done
 exec 5<&-
 
 # Standard descriptors that are closed are not taken by a socket: nothing that is printed goes out.
